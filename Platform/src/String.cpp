@@ -1,0 +1,113 @@
+// String.cpp - UTF-8 strings with UTF-16 views and collation through ICU.
+#include <qx/String.h>
+
+#include <unicode/coll.h>
+#include <unicode/locid.h>
+#include <unicode/ucol.h>
+#include <unicode/ustring.h>
+
+#include <memory>
+
+namespace qx {
+
+namespace {
+
+std::string utf16ToUTF8(const char16_t* units, std::size_t count) {
+    std::string out;
+    if (count == 0) return out;
+    out.resize(count * 3);
+    int32_t written = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    u_strToUTF8WithSub(out.data(), static_cast<int32_t>(out.size()), &written,
+                       reinterpret_cast<const UChar*>(units), static_cast<int32_t>(count), 0xFFFD,
+                       nullptr, &status);
+    if (U_FAILURE(status)) return {};
+    out.resize(static_cast<std::size_t>(written));
+    return out;
+}
+
+// A collator per thread: ICU collators are cheap to compare with but their
+// creation is not, and per-thread instances need no locking.
+icu::Collator* standardCollator() {
+    thread_local std::unique_ptr<icu::Collator> collator = [] {
+        UErrorCode status = U_ZERO_ERROR;
+        std::unique_ptr<icu::Collator> c(icu::Collator::createInstance(icu::Locale::getDefault(), status));
+        if (U_FAILURE(status) || !c) {
+            status = U_ZERO_ERROR;
+            c.reset(icu::Collator::createInstance(icu::Locale::getRoot(), status));
+        }
+        if (c) {
+            status = U_ZERO_ERROR;
+            c->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
+            c->setStrength(icu::Collator::SECONDARY);  // ignore case, keep accents
+        }
+        return c;
+    }();
+    return collator.get();
+}
+
+} // namespace
+
+Ref<String> String::withUTF16(const char16_t* units, std::size_t count) {
+    return std::make_shared<String>(utf16ToUTF8(units, count));
+}
+
+Ref<String> String::withUTF16BigEndian(const unsigned char* bytes, std::size_t count) {
+    std::u16string units(count, u'\0');
+    for (std::size_t i = 0; i < count; ++i)
+        units[i] = static_cast<char16_t>((bytes[2 * i] << 8) | bytes[2 * i + 1]);
+    return withUTF16(units.data(), units.size());
+}
+
+std::u16string String::utf16() const {
+    std::u16string out;
+    if (utf8_.empty()) return out;
+    out.resize(utf8_.size());
+    int32_t written = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    u_strFromUTF8WithSub(reinterpret_cast<UChar*>(out.data()), static_cast<int32_t>(out.size()), &written,
+                         utf8_.data(), static_cast<int32_t>(utf8_.size()), 0xFFFD, nullptr, &status);
+    if (U_FAILURE(status)) return {};
+    out.resize(static_cast<std::size_t>(written));
+    return out;
+}
+
+std::size_t String::length() const {
+    if (isASCII()) return utf8_.size();
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < utf8_.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(utf8_[i]);
+        if ((c & 0xC0) != 0x80) n += (c >= 0xF0) ? 2 : 1;  // 4-byte sequences are surrogate pairs
+    }
+    return n;
+}
+
+bool String::isASCII() const {
+    for (char c : utf8_)
+        if (static_cast<unsigned char>(c) >= 0x80) return false;
+    return true;
+}
+
+int String::localizedStandardCompare(const String& other) const {
+    icu::Collator* c = standardCollator();
+    if (!c) return utf8_.compare(other.utf8_) < 0 ? -1 : (utf8_ == other.utf8_ ? 0 : 1);
+    UErrorCode status = U_ZERO_ERROR;
+    const UCollationResult r = c->compareUTF8(utf8_, other.utf8_, status);
+    if (U_FAILURE(status)) return utf8_.compare(other.utf8_);
+    if (r == UCOL_EQUAL) {
+        // Equal under collation (e.g. differing only in case): fall back to the
+        // bytes so that the order is total and stable.
+        const int raw = utf8_.compare(other.utf8_);
+        return raw < 0 ? -1 : (raw > 0 ? 1 : 0);
+    }
+    return r == UCOL_LESS ? -1 : 1;
+}
+
+bool String::isEqual(const Object& other) const {
+    const auto* s = dynamic_cast<const String*>(&other);
+    return s && s->utf8_ == utf8_;
+}
+
+Ref<Object> String::copy() const { return Object::copy(); }
+
+} // namespace qx

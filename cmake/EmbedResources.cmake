@@ -1,0 +1,23 @@
+# Writes a C++ unit that holds every file under RESOURCE_DIR as bytes, with a
+# table named SYMBOL (qx::EmbeddedResource[]) and SYMBOL##Count.
+# Usage: cmake -DRESOURCE_DIR=... -DOUTPUT=... -DSYMBOL=... -P EmbedResources.cmake
+file(GLOB_RECURSE files RELATIVE "${RESOURCE_DIR}" "${RESOURCE_DIR}/*")
+list(SORT files)
+set(body "// Generated at build time from Resources/; do not edit.\n#include <qx/EmbeddedResource.h>\n\nnamespace {\n")
+set(table "")
+set(i 0)
+foreach(f IN LISTS files)
+  file(READ "${RESOURCE_DIR}/${f}" hex HEX)
+  string(LENGTH "${hex}" hexlen)
+  math(EXPR size "${hexlen} / 2")
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
+  string(REGEX REPLACE "(0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,0x..,)" "\\1\n" bytes "${bytes}")
+  string(APPEND body "const unsigned char r${i}[] = {\n${bytes}0x00};\n")
+  string(APPEND table "    {\"${f}\", r${i}, ${size}},\n")
+  math(EXPR i "${i} + 1")
+endforeach()
+string(APPEND body "} // namespace\n\nextern const qx::EmbeddedResource ${SYMBOL}[] = {\n${table}    {nullptr, nullptr, 0}};\n")
+string(APPEND body "extern const std::size_t ${SYMBOL}Count = ${i};\n")
+file(WRITE "${OUTPUT}.tmp" "${body}")
+file(COPY_FILE "${OUTPUT}.tmp" "${OUTPUT}" ONLY_IF_DIFFERENT)
+file(REMOVE "${OUTPUT}.tmp")

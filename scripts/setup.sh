@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs everything the build, the tests, the fuzzers and the benchmarks use.
+# Idempotent: packages already present are left alone, so it is cheap to rerun.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config
+  clang libclang-rt-dev            # fuzzing (libFuzzer) and the sanitizer runtimes
+  libicu-dev                       # collation, case mapping, locale-aware formatting
+  libcurl4-openssl-dev             # URL parsing, HTTP
+  libgtest-dev libgmock-dev googletest
+  libbenchmark-dev
+  libcli11-dev                     # qx's argument parsing
+  libplist-utils python3           # peers for the property-list benchmark and the interop tests
+  hyperfine
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo=""
+  [ "$(id -u)" -ne 0 ] && sudo="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
