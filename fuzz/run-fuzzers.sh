@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Builds the fuzz targets with clang and runs each for a while on a corpus
+# seeded from the test fixtures.
+#   fuzz/run-fuzzers.sh [SECONDS_PER_TARGET] [TARGET...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-600}; shift || true
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DQX_BUILD_FUZZ=ON -DQX_BUILD_TESTS=OFF -DQX_BUILD_TOOLS=OFF > /dev/null
+ninja -C build-fuzz
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=($(cd build-fuzz/fuzz && ls *Fuzzer))
+for t in "${targets[@]}"; do
+  corpus=fuzz/corpus-$t
+  mkdir -p "$corpus"
+  if [ -d "fuzz/seeds/$t" ]; then cp -n fuzz/seeds/$t/* "$corpus"/ 2>/dev/null || true; fi
+  case $t in
+    BinaryPropertyList*) find tests/fixtures -name '*.plist' -o -name '*.bplist' | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
+  esac
+  echo "== $t for ${seconds}s =="
+  "build-fuzz/fuzz/$t" "$corpus" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix=fuzz/ 2>&1 | tail -15
+done
