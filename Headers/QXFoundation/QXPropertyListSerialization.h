@@ -7,6 +7,7 @@
 
 #include <qx/Data.h>
 #include <qx/Error.h>
+#include <qx/Number.h>
 
 #include <cstdint>
 
@@ -17,6 +18,22 @@ inline constexpr QXPropertyListFormat QXPropertyListXMLFormat_v1_0 = 100;
 inline constexpr QXPropertyListFormat QXPropertyListBinaryFormat_v1_0 = 200;
 
 class QXBinaryPlistTrailer;
+
+/// Limits that keep decoding of untrusted binary files bounded.
+///
+/// Containers may nest at most this deep (the root is level 0); deeper files
+/// are refused, and the writer refuses the same depth, so whatever the reader
+/// returns can be written back. 512 levels is far beyond real documents and
+/// keeps the recursion well inside a secondary thread's stack.
+inline constexpr unsigned QXBinaryPlistMaxNestingDepth = 512;
+/// Objects a file may share by reference (one object referenced from several
+/// containers) expand when decoded. Decoding counts every object it produces,
+/// and refuses a file once that count passes this many per byte of input
+/// (plus a fixed allowance for small files): a file with no sharing produces
+/// at most one object per reference byte, so honest files stay far below,
+/// while a chain of doubly referenced containers cannot expand exponentially.
+inline constexpr std::uint64_t QXBinaryPlistMaxObjectsPerInputByte = 4;
+inline constexpr std::uint64_t QXBinaryPlistObjectAllowance = 1u << 16;
 
 class QXPropertyListSerialization {
 public:
@@ -45,4 +62,68 @@ public:
     /// Reads the binary form (the header is not looked at).
     static qx::Ref<qx::Object> binaryPropertyListWithData(const qx::Ref<qx::Data>& data,
                                                           qx::Ref<qx::Error>* error = nullptr);
+
+    // --- Binary writer helpers ----------------------------------------------
+    // Each appends to a growing buffer and reports success; buffers are passed
+    // by reference because they are never nothing.
+
+    /// The number of values in plist as the writer counts them to choose the
+    /// reference width: a dictionary is 1 plus the counts of its values (keys
+    /// are not counted), an array 1 plus the counts of its elements, anything
+    /// else 1.
+    static std::uint64_t countPlists(const qx::Ref<qx::Object>& plist);
+
+    /// Writes plist (and, depth first, everything it holds) to data, appending
+    /// one offset-table entry of ptrSize bytes per object to ptrTable. objCount
+    /// is the next free object number; *objNum (when given) receives plist's.
+    /// Values of kinds the format has no encoding for (sets, null, foreign
+    /// objects) take a number and an offset entry but write no bytes.
+    static bool addPlist(const qx::Ref<qx::Object>& plist, qx::Data& data, qx::Data& ptrTable, std::uint8_t ptrSize,
+                         std::uint64_t& objCount, std::uint64_t* objNum, qx::Ref<qx::Error>* error = nullptr);
+
+    /// A count header: marker + count for counts below 15, else marker + 0x0F
+    /// followed by the count as an integer object.
+    static bool addVariableLength(std::uint64_t count, qx::Data& data, std::uint8_t marker,
+                                  qx::Ref<qx::Error>* error = nullptr);
+
+    /// An integer object: marker 0x10-0x13 and the value in 1, 2, 4 or 8 bytes.
+    static bool addInteger(std::uint64_t value, qx::Data& data, qx::Ref<qx::Error>* error = nullptr);
+    /// The low intSize bytes of value, most significant first (zeros above the
+    /// eighth byte). Never fails.
+    static bool addInteger(std::uint64_t value, qx::Data& data, std::uint8_t intSize,
+                           qx::Ref<qx::Error>* error = nullptr);
+
+    /// The 8 bytes of value, big-endian (no marker).
+    static bool addDouble(double value, qx::Data& data, qx::Ref<qx::Error>* error = nullptr);
+
+    // --- Binary reader helpers ----------------------------------------------
+    // A position is a byte index into data that the helper advances past what
+    // it consumed.
+
+    /// Reads an integer object's marker at position and then 2^(marker & 0x0F)
+    /// bytes (widths of 256 and more wrap to 0 and read nothing). A position at
+    /// or past the end yields 0 without advancing.
+    static std::uint64_t intFromData(const qx::Data& data, std::uint64_t& position);
+    /// Reads size bytes big-endian into 64 bits (of longer runs only the low 8
+    /// bytes survive). Yields 0 without advancing when size is 0 or the bytes
+    /// run past the end.
+    static std::uint64_t intFromData(const qx::Data& data, std::uint64_t& position, std::uint64_t size);
+
+    /// A real of width 8 (double) or 4 (kept single precision), big-endian.
+    static qx::Ref<qx::Number> floatNumberFromData(const qx::Data& data, std::uint64_t& position, std::uint64_t size,
+                                                   qx::Ref<qx::Error>* error = nullptr);
+
+    /// The payload of a data (0x4n), ASCII string (0x5n) or UTF-16 string
+    /// (0x6n) object whose marker initialByte was read just before position:
+    /// count bytes, or 2 x count for UTF-16.
+    static qx::Ref<qx::Data> dataFromData(const qx::Data& data, std::uint64_t& position, std::uint8_t initialByte,
+                                          qx::Ref<qx::Error>* error = nullptr);
+
+    /// Decodes object number (and everything it references) of a file whose
+    /// trailer has been read. Returns nothing without an error for the
+    /// markers that mean "no value" (0x00, 0x0F, unknown markers) and for an
+    /// ASCII string with non-ASCII bytes; any other failure sets 3840.
+    static qx::Ref<qx::Object> plistElementWithNumber(std::uint64_t number, const qx::Data& data,
+                                                      const QXBinaryPlistTrailer& trailer,
+                                                      qx::Ref<qx::Error>* error = nullptr);
 };

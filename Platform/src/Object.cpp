@@ -6,7 +6,9 @@ namespace qx {
 std::string Object::description() const {
     char buf[64];
     std::snprintf(buf, sizeof buf, "%p", static_cast<const void*>(this));
-    return "<" + className() + ": " + buf + ">";
+    std::string out = "<";
+    out.append(className()).append(": ").append(buf).append(">");
+    return out;
 }
 
 Ref<Object> Object::copy() const {

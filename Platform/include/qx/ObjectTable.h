@@ -29,8 +29,16 @@ public:
     static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
 private:
+    // Most tables are small (property-list dictionaries hold a handful of
+    // keys); a linear scan beats hashing there and saves a node per entry.
+    // The hash index is built once a table grows past this size.
+    static constexpr std::size_t kIndexThreshold = 12;
+    void buildIndex();
+
     struct KeyHash {
-        std::size_t operator()(const Object* k) const { return k->hash(); }
+        // The key's hash mixed with a per-process secret, so that keys read
+        // from untrusted data cannot be chosen to share one bucket.
+        std::size_t operator()(const Object* k) const;
     };
     struct KeyEq {
         bool operator()(const Object* a, const Object* b) const { return a->isEqual(*b); }

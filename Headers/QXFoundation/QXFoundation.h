@@ -1,0 +1,11 @@
+// QXFoundation.h - the library's public headers.
+#pragma once
+
+#include <QXFoundation/QXBinaryPlistRecord.h>
+#include <QXFoundation/QXBinaryPlistTrailer.h>
+#include <QXFoundation/QXError.h>
+#include <QXFoundation/QXErrorReporter.h>
+#include <QXFoundation/QXFoundationNSErrorAdditions.h>
+#include <QXFoundation/QXPropertyListSerialization.h>
+#include <QXFoundation/QXSystemVersion.h>
+#include <QXFoundation/QXUIDPropertyList.h>

@@ -1,0 +1,61 @@
+// QXBinaryPlistInternal.h - helpers shared by the binary property-list units.
+//
+// Private to Sources/: the error every binary property-list failure carries,
+// and the big-endian reads of the format.
+#pragma once
+
+#include <qx/Dictionary.h>
+#include <qx/Error.h>
+#include <qx/Number.h>
+
+#include <cstdint>
+
+namespace QXBinaryPlistInternal {
+
+/// The code of every property-list read or write failure in NSCocoaErrorDomain.
+inline constexpr std::int64_t kPropertyListErrorCode = 3840;
+
+/// The error of a failed property-list read or write: NSCocoaErrorDomain 3840,
+/// marked as made by this library, with no text (the log line gives the reason).
+// TODO(QXGenerateError): build this with QXGenerateError(NSCocoaErrorDomain,
+// 3840, nil, nil, nil, nil) once that lands; until then the user info is the
+// one key it would set.
+inline qx::Ref<qx::Error> makeError(const char* domain = qx::NSCocoaErrorDomain,
+                                    std::int64_t code = kPropertyListErrorCode) {
+    auto userInfo = qx::Dictionary::create();
+    userInfo->setObject(qx::Number::withBool(true), "QXErrorKey");
+    return qx::Error::create(domain, code, std::move(userInfo));
+}
+
+/// Stores the property-list error in *error when the caller gave a place.
+inline void setError(qx::Ref<qx::Error>* error, const char* domain = qx::NSCocoaErrorDomain,
+                     std::int64_t code = kPropertyListErrorCode) {
+    if (error) *error = makeError(domain, code);
+}
+
+/// width bytes at p, big-endian, into 64 bits; of runs longer than 8 bytes
+/// only the low 8 bytes survive, as if each byte were shifted in.
+inline std::uint64_t readBigEndian(const std::uint8_t* p, std::uint64_t width) {
+    switch (width) {
+    case 1: return p[0];
+    case 2: return (std::uint64_t{p[0]} << 8) | p[1];
+    case 4:
+        return (std::uint64_t{p[0]} << 24) | (std::uint64_t{p[1]} << 16) | (std::uint64_t{p[2]} << 8) | p[3];
+    case 8: {
+        std::uint64_t v = 0;
+        for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
+        return v;
+    }
+    default: {
+        if (width > 8) {
+            p += width - 8;
+            width = 8;
+        }
+        std::uint64_t v = 0;
+        for (std::uint64_t i = 0; i < width; ++i) v = (v << 8) | p[i];
+        return v;
+    }
+    }
+}
+
+} // namespace QXBinaryPlistInternal

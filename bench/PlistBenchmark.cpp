@@ -1,0 +1,118 @@
+// PlistBenchmark.cpp - binary property-list read and write, in process.
+//
+//   qx_plist_bench [--plist=FILE] [Google Benchmark flags]
+//
+// FILE defaults to $QX_BENCH_PLIST; without either, the generator's default
+// list (seed 1, a million objects) is built in memory.
+#include "PlistGenerator.h"
+
+#include <QXFoundation/QXPropertyListSerialization.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Input {
+    qx::Ref<qx::Data> bytes;
+    std::uint64_t objects = 0;
+};
+
+Input& input() {
+    static Input in;
+    return in;
+}
+
+std::uint64_t objectsInTrailer(const qx::Data& data) {
+    if (data.length() < 32) return 0;
+    std::uint64_t v = 0;
+    for (std::size_t i = data.length() - 24; i < data.length() - 16; ++i) v = (v << 8) | data.bytes()[i];
+    return v;
+}
+
+bool load(const std::string& path) {
+    Input& in = input();
+    if (path.empty()) {
+        const auto generated = qxbench::generatePlist(1, 1'000'000);
+        in.bytes = QXPropertyListSerialization::dataWithPropertyList(generated.root, QXPropertyListBinaryFormat_v1_0);
+    } else {
+        std::ifstream file(path, std::ios::binary);
+        std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        if (!file.eof() && !file) return false;
+        in.bytes = std::make_shared<qx::Data>(std::move(bytes));
+    }
+    in.objects = in.bytes ? objectsInTrailer(*in.bytes) : 0;
+    return in.objects > 0;
+}
+
+void report(benchmark::State& state) {
+    const auto iterations = static_cast<double>(state.iterations());
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                            static_cast<std::int64_t>(input().bytes->length()));
+    state.counters["objects/s"] =
+        benchmark::Counter(iterations * static_cast<double>(input().objects), benchmark::Counter::kIsRate);
+}
+
+// Decoding, including releasing the decoded tree (a reader's caller pays for both).
+void BM_BinaryRead(benchmark::State& state) {
+    QXPropertyListFormat format = 0;
+    for (auto _ : state) {
+        auto plist = QXPropertyListSerialization::propertyListWithData(input().bytes, &format);
+        if (!plist) {
+            state.SkipWithError("the library cannot read the benchmark file");
+            return;
+        }
+        benchmark::DoNotOptimize(plist.get());
+    }
+    report(state);
+}
+
+void BM_BinaryWrite(benchmark::State& state) {
+    QXPropertyListFormat format = 0;
+    const auto plist = QXPropertyListSerialization::propertyListWithData(input().bytes, &format);
+    if (!plist) {
+        state.SkipWithError("the library cannot read the benchmark file");
+        return;
+    }
+    for (auto _ : state) {
+        auto data = QXPropertyListSerialization::dataWithPropertyList(plist, QXPropertyListBinaryFormat_v1_0);
+        if (!data) {
+            state.SkipWithError("the library cannot write the benchmark value");
+            return;
+        }
+        benchmark::DoNotOptimize(data->bytes());
+    }
+    report(state);
+}
+
+BENCHMARK(BM_BinaryRead)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BinaryWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string path;
+    if (const char* env = std::getenv("QX_BENCH_PLIST")) path = env;
+    std::vector<char*> rest;
+    for (int i = 0; i < argc; ++i) {
+        if (std::strncmp(argv[i], "--plist=", 8) == 0) path = argv[i] + 8;
+        else rest.push_back(argv[i]);
+    }
+    int restCount = static_cast<int>(rest.size());
+    benchmark::Initialize(&restCount, rest.data());
+    if (benchmark::ReportUnrecognizedArguments(restCount, rest.data())) return 1;
+    if (!load(path)) {
+        std::cerr << "qx_plist_bench: cannot load " << (path.empty() ? "the generated list" : path) << "\n";
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

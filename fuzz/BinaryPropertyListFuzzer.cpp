@@ -1,0 +1,58 @@
+// BinaryPropertyListFuzzer.cpp - libFuzzer target for the binary property-list reader and writer.
+//
+// Reads the input as a binary property list; whatever reads is written back
+// and must read again. Writing can fail cleanly only for values the writer has
+// no encoding for (non-string keys, over-long UIDs); the re-read can fail only
+// where the writer's own rules leave a value behind (sets and other kinds
+// without bytes, references cut to the chosen width). Every failure must carry
+// NSCocoaErrorDomain 3840.
+#include <QXFoundation/QXPropertyListSerialization.h>
+
+#include <qx/Log.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+void requireCleanError(const qx::Ref<qx::Error>& error) {
+    if (error && (error->domain() != qx::NSCocoaErrorDomain || error->code() != 3840)) std::abort();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+    // Malformed input logs freely; keep it out of syslog.
+    static const qx::LogSink previous = qx::setLogSink([](const std::string&) {});
+    (void)previous;
+
+    auto data = qx::Data::withBytes(bytes, size);
+    qx::Ref<qx::Error> error;
+    auto plist = QXPropertyListSerialization::binaryPropertyListWithData(data, &error);
+    requireCleanError(error);
+
+    // The general entry point sniffs first; it must agree on what it reads.
+    QXPropertyListFormat format = 0;
+    qx::Ref<qx::Error> generalError;
+    auto general = QXPropertyListSerialization::propertyListWithData(data, &format, &generalError);
+    requireCleanError(generalError);
+    if (general && format != QXPropertyListBinaryFormat_v1_0) std::abort();
+    if (!plist) return 0;
+
+    qx::Ref<qx::Error> writeError;
+    auto written = QXPropertyListSerialization::binaryDataWithPropertyList(plist, &writeError);
+    requireCleanError(writeError);
+    if (!written) return 0;
+
+    qx::Ref<qx::Error> rereadError;
+    auto reread = QXPropertyListSerialization::binaryPropertyListWithData(written, &rereadError);
+    requireCleanError(rereadError);
+    // What the writer's output reads back as is written again, or refused cleanly.
+    if (reread) {
+        qx::Ref<qx::Error> againError;
+        QXPropertyListSerialization::binaryDataWithPropertyList(reread, &againError);
+        requireCleanError(againError);
+    }
+    return 0;
+}

@@ -1,0 +1,33 @@
+// JsonValue.h - a small JSON reader for test expectations.
+//
+// Enough JSON for the fixtures' expected values: objects keep their member
+// order, and numbers keep their text so that integers wider than 64 bits and
+// reals are compared exactly.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct JsonValue {
+    enum class Kind { Null, Bool, Number, String, Array, Object };
+
+    Kind kind = Kind::Null;
+    bool boolean = false;
+    std::string text;  // a string's UTF-8, or a number's literal text
+    std::vector<JsonValue> items;
+    std::vector<std::pair<std::string, JsonValue>> members;
+
+    /// Parses a whole document; nothing when it is not valid JSON.
+    static std::optional<JsonValue> parse(std::string_view json);
+
+    bool isInteger() const;  // a number without fraction or exponent
+    /// An integer's value modulo 2^64 (two's complement for negatives).
+    std::uint64_t low64() const;
+    double real() const;
+    /// The member named key, or null.
+    const JsonValue* member(std::string_view key) const;
+};

@@ -1,0 +1,323 @@
+// LocalizationTests.cpp - strings files, bundles, the library bundle and QXFLocalizedString.
+#include <gtest/gtest.h>
+
+#include "QXFoundationPrivate.h"
+
+#include <qx/Bundle.h>
+#include <qx/StringsFile.h>
+
+#include <unicode/locid.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+using namespace qx;
+namespace fs = std::filesystem;
+
+extern const qx::EmbeddedResource QXFoundationEmbeddedResources[];
+extern const std::size_t QXFoundationEmbeddedResourcesCount;
+
+namespace {
+
+std::string value(const Ref<Dictionary>& d, const std::string& key) {
+    auto s = d->get<String>(key);
+    return s ? s->utf8() : "<missing>";
+}
+
+std::string utf16Bytes(const std::u16string& text, bool bigEndian, bool bom) {
+    std::string out;
+    auto put = [&](char16_t c) {
+        const char hi = static_cast<char>(c >> 8), lo = static_cast<char>(c & 0xFF);
+        out += bigEndian ? hi : lo;
+        out += bigEndian ? lo : hi;
+    };
+    if (bom) put(0xFEFF);
+    for (char16_t c : text) put(c);
+    return out;
+}
+
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "qxloc-XXXXXX").string();
+        path_ = ::mkdtemp(pattern.data());
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    const fs::path& path() const { return path_; }
+    void write(const std::string& relative, const std::string& bytes) const {
+        fs::create_directories((path_ / relative).parent_path());
+        std::ofstream(path_ / relative, std::ios::binary) << bytes;
+    }
+
+private:
+    fs::path path_;
+};
+
+// Sets ICU's default locale for one test and puts the old one back.
+class ScopedLocale {
+public:
+    explicit ScopedLocale(const char* name) : saved_(icu::Locale::getDefault()) { set(icu::Locale(name)); }
+    ~ScopedLocale() { set(saved_); }
+
+private:
+    static void set(const icu::Locale& locale) {
+        UErrorCode status = U_ZERO_ERROR;
+        icu::Locale::setDefault(locale, status);
+    }
+    icu::Locale saved_;
+};
+
+// Points the library bundle at an override directory and makes it again
+// afterwards from the environment as it was.
+class ScopedLibraryResources {
+public:
+    explicit ScopedLibraryResources(const fs::path& dir) {
+        if (const char* old = std::getenv("QXFOUNDATION_RESOURCES")) saved_ = old;
+        ::setenv("QXFOUNDATION_RESOURCES", dir.c_str(), 1);
+        QXFoundationInitializer();
+    }
+    ~ScopedLibraryResources() {
+        if (saved_) ::setenv("QXFOUNDATION_RESOURCES", saved_->c_str(), 1);
+        else ::unsetenv("QXFOUNDATION_RESOURCES");
+        QXFoundationInitializer();
+    }
+
+private:
+    std::optional<std::string> saved_;
+};
+
+} // namespace
+
+// --- Strings files ---------------------------------------------------------
+
+TEST(LocalizationStringsFile, EntriesCommentsAndEscapes) {
+    const std::string text =
+        "/* header\n   comment */\n"
+        "\"plain\" = \"Plain text\";\n"
+        "// line comment = \"nope\";\n"
+        "\"escapes\" = \"q\\\" b\\\\ n\\n t\\t r\\r o\\101 u\\U00e9\";\n"
+        "\"pair\" = \"\\UD83D\\UDE00\";\n"
+        "unquoted_key.1 = bare-value;\n"
+        "\"lone\";\n"
+        "'single' = 'quotes';\n"
+        "\"%lu objects\"=\"%lu objects\";/* trailing */\"dup\" = \"first\"; \"dup\" = \"second\";\n"
+        "\"utf8\" = \"Größe “quoted”\";\n";
+    auto d = dictionaryFromStringsFileData(text);
+    EXPECT_EQ(value(d, "plain"), "Plain text");
+    EXPECT_EQ(value(d, "escapes"), "q\" b\\ n\n t\t r\r oA u\u00e9");
+    EXPECT_EQ(value(d, "pair"), "\U0001F600");
+    EXPECT_EQ(value(d, "unquoted_key.1"), "bare-value");
+    EXPECT_EQ(value(d, "lone"), "lone");
+    EXPECT_EQ(value(d, "single"), "quotes");
+    EXPECT_EQ(value(d, "%lu objects"), "%lu objects");
+    EXPECT_EQ(value(d, "dup"), "second");
+    EXPECT_EQ(value(d, "utf8"), "Größe “quoted”");
+    EXPECT_EQ(value(d, "line comment"), "<missing>");
+    EXPECT_EQ(d->count(), 9u);
+}
+
+TEST(LocalizationStringsFile, MalformedEntriesAreSkipped) {
+    const std::string text =
+        "\"good1\" = \"a\";\n"
+        "\"noequals\" \"b\";\n"
+        "= \"nokey\";\n"
+        "\"novalue\" = ;\n"
+        "\"good2\" = \"c\"\n"  // missing ';' is forgiven
+        "\"good3\" = \"d\";\n"
+        "\"unterminated\" = \"e;\n";
+    auto d = dictionaryFromStringsFileData(text);
+    EXPECT_EQ(value(d, "good1"), "a");
+    EXPECT_EQ(value(d, "good2"), "c");
+    EXPECT_EQ(value(d, "good3"), "d");
+    EXPECT_EQ(d->count(), 3u);
+}
+
+TEST(LocalizationStringsFile, EncodingsAreDetected) {
+    const std::u16string text = u"\"k\" = \"Gr\u00f6\u00dfe \U0001F600\";";
+    for (bool bigEndian : {false, true})
+        for (bool bom : {true, false}) {
+            auto d = dictionaryFromStringsFileData(utf16Bytes(text, bigEndian, bom));
+            EXPECT_EQ(value(d, "k"), "Größe \U0001F600") << "big endian " << bigEndian << ", mark " << bom;
+        }
+    EXPECT_EQ(value(dictionaryFromStringsFileData("\xEF\xBB\xBF\"k\" = \"v\";"), "k"), "v");
+    // Bytes that are not UTF-8 do not stop the reader.
+    EXPECT_EQ(value(dictionaryFromStringsFileData("\"k\" = \"a\xFF" "b\"; \"n\" = \"m\";"), "n"), "m");
+}
+
+TEST(LocalizationStringsFile, EveryTruncationAndDamageIsSurvived) {
+    std::ifstream in(std::string(QX_SOURCE_DIR) + "/Resources/en.lproj/Localizable.strings", std::ios::binary);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    const std::string file = buffer.str();
+    ASSERT_FALSE(file.empty());
+    const auto full = dictionaryFromStringsFileData(file)->count();
+    for (std::size_t n = 0; n < file.size(); ++n) {
+        // A cut can only lose entries, never invent them.
+        EXPECT_LE(dictionaryFromStringsFileData(std::string_view(file).substr(0, n))->count(), full) << n;
+    }
+    std::string damaged = file;
+    for (std::size_t i = 0; i < damaged.size(); i += 7) damaged[i] = "\"\\;=/*\0"[i % 7];
+    dictionaryFromStringsFileData(damaged);
+    dictionaryFromStringsFileData(std::string(1, '\\'));
+    dictionaryFromStringsFileData("\"a\" = \"\\");
+    dictionaryFromStringsFileData("/* never closed");
+}
+
+// --- Bundles ----------------------------------------------------------------
+
+TEST(LocalizationBundle, OverrideDirectoryWinsAndPathsFollowTheLocalisation) {
+    static const unsigned char kEmbeddedEn[] = "\"k\" = \"embedded en\"; \"only\" = \"embedded\";";
+    static const unsigned char kEntities[] = "<!ENTITY amp \"&#38;\">";
+    const EmbeddedResource table[] = {{"en.lproj/Localizable.strings", kEmbeddedEn, sizeof kEmbeddedEn - 1},
+                                      {"Entities.txt", kEntities, sizeof kEntities - 1},
+                                      {nullptr, nullptr, 0}};
+    TempDir dir;
+    dir.write("en.lproj/Localizable.strings", "\"k\" = \"override en\";");
+    dir.write("sub/de.lproj/x.bin", "wrong place");
+    dir.write("de.lproj/sub/x.bin", "right place");
+
+    auto bundle = Bundle::withEmbeddedResources(table, 2, dir.path().string());
+    ASSERT_TRUE(bundle);
+    EXPECT_EQ(bundle->resourceData("Localizable", "strings", {}, "en")->view(), "\"k\" = \"override en\";");
+    EXPECT_EQ(bundle->resourceData("Entities", "txt")->view(), "<!ENTITY amp \"&#38;\">");
+    EXPECT_EQ(bundle->resourceData("Entities.txt", "")->view(), "<!ENTITY amp \"&#38;\">");
+    EXPECT_EQ(bundle->resourceData("x", "bin", "sub", "de")->view(), "right place");
+    EXPECT_FALSE(bundle->resourceData("Localizable", "strings", {}, "fr"));
+    EXPECT_FALSE(bundle->resourceData("missing", "txt"));
+
+    // Without the directory the compiled-in copy is used; with nothing at all
+    // there is no bundle.
+    auto embeddedOnly = Bundle::withEmbeddedResources(table, 2, "/nonexistent/qx");
+    ASSERT_TRUE(embeddedOnly);
+    EXPECT_EQ(embeddedOnly->overrideDirectory(), "");
+    EXPECT_EQ(embeddedOnly->resourceData("Localizable", "strings", {}, "en")->view(), reinterpret_cast<const char*>(kEmbeddedEn));
+    EXPECT_FALSE(Bundle::withEmbeddedResources(nullptr, 0, "/nonexistent/qx"));
+    EXPECT_TRUE(Bundle::withEmbeddedResources(nullptr, 0, dir.path().string()));
+}
+
+TEST(LocalizationBundle, StringsComeFromPreferredLanguageThenBaseOnly) {
+    TempDir dir;
+    dir.write("de_CH.lproj/Localizable.strings", "\"regional\" = \"Grüezi\";");
+    dir.write("de.lproj/Localizable.strings", "\"regional\" = \"Hallo\"; \"german\" = \"Deutsch\";");
+    dir.write("Base.lproj/Localizable.strings", "\"base\" = \"Base text\"; \"german\" = \"not this\";");
+    dir.write("en.lproj/Localizable.strings", "\"english\" = \"English\";");
+    dir.write("de.lproj/Other.strings", "\"t\" = \"other table\";");
+    auto bundle = Bundle::withEmbeddedResources(nullptr, 0, dir.path().string());
+    ASSERT_TRUE(bundle);
+
+    {
+        ScopedLocale locale("de_CH");
+        EXPECT_EQ(bundle->localizedStringForKey("regional", "x")->utf8(), "Grüezi");
+        EXPECT_EQ(bundle->localizedStringForKey("german", "x")->utf8(), "Deutsch");
+        EXPECT_EQ(bundle->localizedStringForKey("base", "x")->utf8(), "Base text");
+        EXPECT_EQ(bundle->localizedStringForKey("t", "x", "Other")->utf8(), "other table");
+        // No English fall-back in the bundle itself.
+        EXPECT_EQ(bundle->localizedStringForKey("english", "NOT_FOUND")->utf8(), "NOT_FOUND");
+        EXPECT_EQ(bundle->localizedStringForKey("english", "")->utf8(), "english");
+    }
+    {
+        ScopedLocale locale("de_DE");  // the locale is read at each lookup
+        EXPECT_EQ(bundle->localizedStringForKey("regional", "x")->utf8(), "Hallo");
+    }
+}
+
+// --- The library bundle and QXFLocalizedString -------------------------------
+
+TEST(LocalizationLibrary, EnglishTableIsCompiledInAndComplete) {
+    auto bundle = QXFoundationBundle();
+    ASSERT_TRUE(bundle);
+    auto data = bundle->resourceData("Localizable", "strings", {}, "en");
+    ASSERT_TRUE(data);
+    std::ifstream in(std::string(QX_SOURCE_DIR) + "/Resources/en.lproj/Localizable.strings", std::ios::binary);
+    std::stringstream file;
+    file << in.rdbuf();
+    EXPECT_EQ(data->view(), file.str());
+
+    // Every entry line of the file is read, and every text keeps its key's
+    // format conversions (a text used as a format must take the same values).
+    auto table = dictionaryFromStringsFileData(data->view());
+    std::size_t entryLines = 0;
+    std::istringstream lines(file.str());
+    for (std::string line; std::getline(lines, line);)
+        if (line.size() > 8 && line.front() == '"' && line.find("\" = \"") != std::string::npos &&
+            line.ends_with("\";"))
+            ++entryLines;
+    EXPECT_EQ(table->count(), entryLines);
+    // The printf conversions of a text, e.g. {"%lu", "%@"}.
+    auto conversions = [](const std::string& s) {
+        std::vector<std::string> out;
+        for (std::size_t i = s.find('%'); i != std::string::npos; i = s.find('%', i)) {
+            std::size_t j = i + 1;
+            while (j < s.size() && std::string_view("-+ #0123456789.lzh").find(s[j]) != std::string_view::npos) ++j;
+            if (j < s.size()) out.push_back(s.substr(i, j - i + 1));
+            i = j + 1;
+        }
+        return out;
+    };
+    for (const auto& [key, text] : *table) {
+        const auto& k = dyn_cast<String>(key)->utf8();
+        const auto& v = dyn_cast<String>(text)->utf8();
+        EXPECT_FALSE(v.empty()) << k;
+        if (k != "ALREADY_EXISTS") {
+            EXPECT_EQ(conversions(k), conversions(v)) << k;
+        }
+    }
+    EXPECT_EQ(conversions(value(table, "ALREADY_EXISTS")), std::vector<std::string>{"%@"});
+}
+
+TEST(LocalizationLibrary, TranslationThenEnglishThenKey) {
+    TempDir dir;
+    dir.write("de.lproj/Localizable.strings",
+              "/* German */\n\"Yes\" = \"Ja\";\n\"NEW_OBJECT\" = \"Neues Objekt\";\n");
+    ScopedLocale locale("de_DE");
+    ScopedLibraryResources resources(dir.path());
+
+    EXPECT_EQ(QXFLocalizedString("Yes")->utf8(), "Ja");
+    EXPECT_EQ(QXFLocalizedString("NEW_OBJECT")->utf8(), "Neues Objekt");
+    // Missing from the translation: the compiled-in English text.
+    EXPECT_EQ(QXFLocalizedString("No")->utf8(), "No");
+    EXPECT_EQ(QXFLocalizedString("INVALID_KEY")->utf8(), "The key is not valid.");
+    // Missing everywhere: the key.
+    EXPECT_EQ(QXFLocalizedString("No such key %@")->utf8(), "No such key %@");
+    EXPECT_EQ(QXFLocalizedString("")->utf8(), "");
+
+    // From several threads at once the answers are the same.
+    std::vector<std::thread> threads;
+    std::vector<std::string> answers(4);
+    for (std::size_t i = 0; i < answers.size(); ++i)
+        threads.emplace_back([&answers, i] { answers[i] = QXFLocalizedString(i % 2 ? "Yes" : "bytes")->utf8(); });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(answers, (std::vector<std::string>{"bytes", "Ja", "bytes", "Ja"}));
+}
+
+TEST(LocalizationLibrary, OverriddenEnglishTableIsTheFallBack) {
+    TempDir dir;
+    dir.write("en.lproj/Localizable.strings", "\"KiB\" = \"kibibytes\";");
+    ScopedLocale locale("fr_FR");  // no French table anywhere
+    ScopedLibraryResources resources(dir.path());
+    EXPECT_EQ(QXFLocalizedString("KiB")->utf8(), "kibibytes");
+    EXPECT_EQ(QXFLocalizedString("MiB")->utf8(), "MiB");  // not in the override: the key
+}
+
+TEST(LocalizationLibrary, UnloadDropsTheBundle) {
+    ASSERT_TRUE(QXFoundationBundle());
+    CFFoundationUninitializer();
+    EXPECT_FALSE(QXFoundationBundle());
+    EXPECT_EQ(QXFLocalizedString("KiB")->utf8(), "KiB");
+    QXFoundationInitializer();
+    EXPECT_TRUE(QXFoundationBundle());
+}
+
+TEST(LocalizationLibraryDeathTest, MissingBundleStopsTheProcess) {
+    EXPECT_DEATH(QXFoundationInitializerWithResources(nullptr, 0, "/nonexistent/qx-resources"),
+                 "Assertion failure in QXFoundationInitializer\\(\\), Sources/QXFoundationPrivate:27"
+                 "(.|\n)*qxfBundle != nil");
+}

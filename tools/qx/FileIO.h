@@ -1,0 +1,57 @@
+// FileIO.h - whole-file input and all-or-nothing output for qx commands.
+//
+// Failures are reported like the library's: a null or false result and an
+// error (NSPOSIXErrorDomain, errno) through the optional out-parameter.
+#pragma once
+
+#include <qx/Data.h>
+#include <qx/Error.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace qxtool {
+
+/// Reads all of path into memory; "-" reads standard input to its end.
+qx::Ref<qx::Data> readInput(const std::string& path, qx::Ref<qx::Error>* error = nullptr);
+
+/// A command's output destination.
+///
+/// A regular file, or a path that does not exist yet, is written through a
+/// temporary file beside it; commit() renames that into place, so OUTPUT is
+/// either its old self or complete new content, never a partial write. An
+/// object destroyed without commit() removes its temporary file. Anything that
+/// is not a regular file ("-" for standard output, a pipe, a terminal,
+/// /dev/null) is written straight through and is never replaced. A symbolic
+/// link is followed: its target is replaced and the link kept.
+///
+/// The temporary file is not synced before the rename: the guarantee is
+/// against a failed run of this program, not against losing power.
+class OutputFile {
+public:
+    /// Opens path for writing, or returns null and the reason.
+    static std::unique_ptr<OutputFile> open(const std::string& path, qx::Ref<qx::Error>* error = nullptr);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// Appends bytes; false and the reason when the system refuses.
+    bool write(const void* bytes, std::size_t length, qx::Ref<qx::Error>* error = nullptr);
+    /// Makes the written bytes the output; after a failure nothing was replaced.
+    bool commit(qx::Ref<qx::Error>* error = nullptr);
+
+private:
+    OutputFile(int fd, bool ownsDescriptor, std::string temporaryPath, std::string targetPath);
+
+    int fd_;                     // -1 once closed
+    bool ownsDescriptor_;        // false for standard output
+    std::string temporaryPath_;  // empty when writing straight through
+    std::string targetPath_;     // what the temporary file becomes on commit
+};
+
+/// Writes bytes to path as one all-or-nothing OutputFile.
+bool writeOutput(const std::string& path, const void* bytes, std::size_t length,
+                 qx::Ref<qx::Error>* error = nullptr);
+
+} // namespace qxtool

@@ -1,0 +1,16 @@
+// PlistCommand.h - `qx plist`: print and convert property lists.
+//
+//   qx plist print INPUT
+//   qx plist convert --format binary|xml|text INPUT -o OUTPUT
+//
+// "-" is standard input or standard output. Any format the library reads is
+// accepted as input; the output format is whatever the library can write.
+#pragma once
+
+#include "Command.h"
+
+namespace qxtool {
+
+void addPlistCommand(CLI::App& app, Action& selected);
+
+} // namespace qxtool
