@@ -4,6 +4,7 @@
 // and the big-endian reads of the format.
 #pragma once
 
+#include <QXFoundation/QXError.h>
 #include <qx/Dictionary.h>
 #include <qx/Error.h>
 #include <qx/Number.h>
@@ -15,16 +16,11 @@ namespace QXBinaryPlistInternal {
 /// The code of every property-list read or write failure in NSCocoaErrorDomain.
 inline constexpr std::int64_t kPropertyListErrorCode = 3840;
 
-/// The error of a failed property-list read or write: NSCocoaErrorDomain 3840,
-/// marked as made by this library, with no text (the log line gives the reason).
-// TODO(QXGenerateError): build this with QXGenerateError(NSCocoaErrorDomain,
-// 3840, nil, nil, nil, nil) once that lands; until then the user info is the
-// one key it would set.
+/// The error of a failed property-list read or write: NSCocoaErrorDomain 3840
+/// with no text (the log line gives the reason).
 inline qx::Ref<qx::Error> makeError(const char* domain = qx::NSCocoaErrorDomain,
                                     std::int64_t code = kPropertyListErrorCode) {
-    auto userInfo = qx::Dictionary::create();
-    userInfo->setObject(qx::Number::withBool(true), "QXErrorKey");
-    return qx::Error::create(domain, code, std::move(userInfo));
+    return QXGenerateError(domain, code);
 }
 
 /// Stores the property-list error in *error when the caller gave a place.

@@ -7,10 +7,11 @@
 // count whose references would run past the end of the data, files whose
 // shared references would expand beyond QXBinaryPlistMaxObjectsPerInputByte
 // decoded objects per input byte, and keys whose hashes collide by
-// construction in numbers that would make building the tables quadratic. Immutable leaves (strings, numbers, dates)
-// are decoded once per object number and shared, so a file that references
-// one string a million times costs one decode; containers, data and UIDs are
-// editable and are decoded afresh for every reference.
+// construction in numbers that would make building the tables quadratic.
+// Immutable leaves (strings, numbers, dates) referenced more than once are
+// shared after their second decode, so a file that references one string a
+// million times costs two decodes; containers, data and UIDs are editable and
+// are decoded afresh for every reference.
 #include <QXFoundation/QXPropertyListSerialization.h>
 
 #include <QXFoundation/QXBinaryPlistTrailer.h>
@@ -34,8 +35,11 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
+#include <stdexcept>
 #include <string_view>
 #include <typeinfo>
+#include <unordered_map>
 
 using namespace QXBinaryPlistInternal;
 
@@ -222,13 +226,13 @@ private:
 
 // --- Reader ------------------------------------------------------------------
 
-// Marks an object number whose container is being decoded, to catch cycles.
-class InProgressMarker final : public qx::Object {};
-
-const qx::Ref<qx::Object>& inProgressMarker() {
-    static const qx::Ref<qx::Object> marker = std::make_shared<InProgressMarker>();
-    return marker;
-}
+// What the reader knows of each object number.
+enum ObjectState : std::uint8_t {
+    kUnseen,      // not decoded yet (or a container decoded before)
+    kSeenOnce,    // a leaf decoded once
+    kInProgress,  // a container on the decoding path: a reference to it is a cycle
+    kCached,      // a leaf referenced again, now shared from the cache
+};
 
 class BinaryReader {
 public:
@@ -241,8 +245,8 @@ public:
                       : length_ * perByte + QXBinaryPlistObjectAllowance;
         budgetLimit_ = budget_;
         // A trailer with objects holds one table entry per object inside the
-        // data, so this is bounded by a small multiple of the data's length.
-        memo_.resize(static_cast<std::size_t>(objectCount_));
+        // data, so this is bounded by the data's length.
+        states_.resize(static_cast<std::size_t>(objectCount_), kUnseen);
     }
 
     qx::Ref<qx::Object> decode(std::uint64_t number, unsigned depth, qx::Ref<qx::Error>* error);
@@ -285,9 +289,11 @@ private:
     const QXBinaryPlistTrailer& trailer_;
     const std::uint64_t objectCount_;
     const std::uint8_t refSize_;
-    // Per object number: the shared decoded leaf, the in-progress marker while
-    // its container is on the decoding path, or nothing.
-    std::vector<qx::Ref<qx::Object>> memo_;
+    // Immutable leaves (strings, numbers, dates) referenced more than once are
+    // decoded twice at most and then shared; one state byte per object keeps
+    // files without sharing from paying for a cache slot per object.
+    std::vector<std::uint8_t> states_;
+    std::unordered_map<std::uint64_t, qx::Ref<qx::Object>> cache_;
     std::vector<qx::Ref<qx::Object>> keyStack_;  // keys of the dictionaries being decoded
     std::uint64_t budget_;       // objects that may still be produced
     std::uint64_t budgetLimit_;  // objects the whole file may produce
@@ -309,12 +315,9 @@ qx::Ref<qx::Object> BinaryReader::decode(std::uint64_t number, unsigned depth, q
     --budget_;
 
     if (number < objectCount_) {
-        const qx::Ref<qx::Object>& known = memo_[number];
-        if (known) {
-            if (known == inProgressMarker())
-                return refuse(error, "reference cycle through object %lu", static_cast<unsigned long>(number));
-            return known;
-        }
+        if (states_[number] == kInProgress)
+            return refuse(error, "reference cycle through object %lu", static_cast<unsigned long>(number));
+        if (states_[number] == kCached) return cache_.find(number)->second;
     } else if (isStandardWidth(trailer_.sizeOfOffsetTableEntries())) {
         // (With a width the table cannot have, the lookup below logs instead.)
         return refuse(error, "object reference %lu out of range (%lu objects)", static_cast<unsigned long>(number),
@@ -380,9 +383,7 @@ qx::Ref<qx::Object> BinaryReader::decode(std::uint64_t number, unsigned depth, q
         // than 8 bytes only the low 8 survive.
         std::vector<std::uint8_t> bytes;
         appendBigEndian(bytes, readBigEndian(bytes_ + position, width), width);
-        auto uid = QXUIDPropertyList::initWithData(nullptr);
-        uid->setData(std::make_shared<qx::Data>(std::move(bytes)));
-        return uid;
+        return QXUIDPropertyList::initWithData(std::make_shared<qx::Data>(std::move(bytes)));
     }
     case 0xA: return decodeArray(number, position, marker, depth, error);
     case 0xC: return decodeSet(number, position, marker, depth, error);
@@ -395,7 +396,12 @@ qx::Ref<qx::Object> BinaryReader::decode(std::uint64_t number, unsigned depth, q
         QXLog("masked is 0x%x is == to 0xd0: %u", static_cast<unsigned>(marker & 0xF0), 0u);
         return nullptr;
     }
-    memo_[number] = leaf;
+    if (states_[number] == kUnseen) {
+        states_[number] = kSeenOnce;
+    } else {
+        states_[number] = kCached;
+        cache_.emplace(number, leaf);
+    }
     return leaf;
 }
 
@@ -425,7 +431,7 @@ bool BinaryReader::beginContainer(std::uint64_t number, unsigned depth, qx::Ref<
         refuse(error, "property list nests deeper than %u levels", QXBinaryPlistMaxNestingDepth);
         return false;
     }
-    memo_[number] = inProgressMarker();
+    states_[number] = kInProgress;
     return true;
 }
 
@@ -482,14 +488,14 @@ qx::Ref<qx::Object> BinaryReader::decodeArray(std::uint64_t number, std::uint64_
     for (std::uint64_t i = 0; i < count; ++i) {
         auto element = decode(readRef(position), depth + 1, nullptr);
         if (!element) {
-            memo_[number] = nullptr;
+            states_[number] = kUnseen;
             if (!aborted_) QXLog("property list was nil!");
             setError(error);
             return nullptr;
         }
         array->addObject(std::move(element));
     }
-    memo_[number] = nullptr;
+    states_[number] = kUnseen;
     return array;
 }
 
@@ -505,13 +511,13 @@ qx::Ref<qx::Object> BinaryReader::decodeSet(std::uint64_t number, std::uint64_t 
         const std::uint64_t budgetBefore = budget_;
         auto element = decode(readRef(position), depth + 1, nullptr);
         if (!element || !chargeKey(*element, budgetBefore - budget_, weakKeys, nullptr)) {
-            memo_[number] = nullptr;
+            states_[number] = kUnseen;
             setError(error);
             return nullptr;
         }
         set->addObject(std::move(element));
     }
-    memo_[number] = nullptr;
+    states_[number] = kUnseen;
     return set;
 }
 
@@ -526,7 +532,7 @@ qx::Ref<qx::Object> BinaryReader::decodeDictionary(std::uint64_t number, std::ui
     const std::size_t keysAt = keyStack_.size();
     auto fail = [&] {
         keyStack_.resize(keysAt);
-        memo_[number] = nullptr;
+        states_[number] = kUnseen;
         setError(error);
         return nullptr;
     };
@@ -552,7 +558,7 @@ qx::Ref<qx::Object> BinaryReader::decodeDictionary(std::uint64_t number, std::ui
         dictionary->setObject(std::move(value), std::move(keyStack_[keysAt + i]));
     }
     keyStack_.resize(keysAt);
-    memo_[number] = nullptr;
+    states_[number] = kUnseen;
     return dictionary;
 }
 
@@ -598,18 +604,11 @@ void takeCensus(const qx::Object* plist, unsigned depth, KindCache& kinds, Censu
 
 class BinaryWriter {
 public:
-    BinaryWriter(std::vector<std::uint8_t>& out, std::uint8_t refSize, std::uint64_t& objectCount)
-        : out_(out), refSize_(refSize), objectCount_(objectCount) {}
+    BinaryWriter(std::vector<std::uint8_t>& out, std::vector<std::uint8_t>& table, std::uint8_t refSize,
+                 std::uint64_t& objectCount)
+        : out_(out), table_(table), refSize_(refSize), objectCount_(objectCount) {}
 
     bool write(const qx::Object* plist, std::uint64_t* number, unsigned depth, qx::Ref<qx::Error>* error);
-
-    /// Appends the offsets of the objects written so far to table, each cut to
-    /// the reference width.
-    void appendOffsetTable(std::vector<std::uint8_t>& table) const {
-        table.reserve(table.size() + offsets_.size() * refSize_);
-        for (std::uint64_t offset : offsets_) appendBigEndian(table, offset, refSize_);
-    }
-    void reserve(std::uint64_t objects) { offsets_.reserve(static_cast<std::size_t>(objects)); }
 
 private:
     bool writeArray(const qx::Array& array, unsigned depth, qx::Ref<qx::Error>* error);
@@ -617,15 +616,25 @@ private:
                          qx::Ref<qx::Error>* error);
     void writeString(const qx::String& string);
 
+    // Appends the object's offset to the table, cut to the reference width.
+    void recordOffset(std::uint64_t offset) {
+        if (refSize_ == 2) {
+            table_.push_back(static_cast<std::uint8_t>(offset >> 8));
+            table_.push_back(static_cast<std::uint8_t>(offset));
+        } else {
+            appendBigEndian(table_, offset, refSize_);
+        }
+    }
+
     std::vector<std::uint8_t>& out_;
-    std::vector<std::uint64_t> offsets_;  // file offset of each object, by number
+    std::vector<std::uint8_t>& table_;
     const std::uint8_t refSize_;
     std::uint64_t& objectCount_;
     KindCache kinds_;
 };
 
 bool BinaryWriter::write(const qx::Object* plist, std::uint64_t* number, unsigned depth, qx::Ref<qx::Error>* error) {
-    offsets_.push_back(out_.size());
+    recordOffset(out_.size());
     const std::uint64_t mine = objectCount_++;
     if (number) *number = mine;
     if (!plist) return true;
@@ -855,8 +864,22 @@ qx::Ref<qx::Data> QXPropertyListSerialization::dataWithPropertyList(const qx::Re
     }
 }
 
-qx::Ref<qx::Data> QXPropertyListSerialization::binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
-                                                                          qx::Ref<qx::Error>* error) {
+namespace {
+
+// Allocation failure (a value too large for memory) is a failed read or write
+// like any other; no exception leaves the library.
+template <class Body> auto failingOnExhaustion(qx::Ref<qx::Error>* error, Body body) -> decltype(body()) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+    } catch (const std::length_error&) {
+    }
+    QXLog("property list too large for memory");
+    setError(error);
+    return nullptr;
+}
+
+qx::Ref<qx::Data> writeBinary(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error) {
     // One width serves both object references and file offsets, chosen from
     // the value count alone (keys are not counted): a file that outgrows it is
     // written with references and offsets cut to their low bytes. Readers of
@@ -869,14 +892,13 @@ qx::Ref<qx::Data> QXPropertyListSerialization::binaryDataWithPropertyList(const 
 
     auto out = qx::Data::create();
     std::vector<std::uint8_t>& bytes = out->vector();
-    bytes.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(census.bytes + 64, std::uint64_t{1} << 34)));
+    bytes.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(census.bytes + 64, std::uint64_t{1} << 30)));
     bytes.insert(bytes.end(), kBinaryMagic.begin(), kBinaryMagic.end());
-    std::uint64_t objectCount = 0;
-    BinaryWriter writer(bytes, refSize, objectCount);
-    writer.reserve(std::min<std::uint64_t>(census.objects, std::uint64_t{1} << 30));
-    if (!writer.write(plist.get(), nullptr, 0, error)) return nullptr;
     std::vector<std::uint8_t> table;
-    writer.appendOffsetTable(table);
+    table.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(census.objects, std::uint64_t{1} << 30) * refSize));
+    std::uint64_t objectCount = 0;
+    BinaryWriter writer(bytes, table, refSize, objectCount);
+    if (!writer.write(plist.get(), nullptr, 0, error)) return nullptr;
     if (table.size() != objectCount * refSize) {
         QXLog("Incorrect table size");
         setError(error);
@@ -893,13 +915,20 @@ qx::Ref<qx::Data> QXPropertyListSerialization::binaryDataWithPropertyList(const 
     return out;
 }
 
+} // namespace
+
+qx::Ref<qx::Data> QXPropertyListSerialization::binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                                          qx::Ref<qx::Error>* error) {
+    return failingOnExhaustion(error, [&] { return writeBinary(plist, error); });
+}
+
 qx::Ref<qx::Object> QXPropertyListSerialization::binaryPropertyListWithData(const qx::Ref<qx::Data>& data,
                                                                             qx::Ref<qx::Error>* error) {
     if (!data) {
         setError(error);
         return nullptr;
     }
-    auto trailer = QXBinaryPlistTrailer::trailerWithData(*data, error);
+    auto trailer = failingOnExhaustion(error, [&] { return QXBinaryPlistTrailer::trailerWithData(*data, error); });
     if (!trailer) return nullptr;
     return plistElementWithNumber(trailer->numberOfTopLevelObject(), *data, *trailer, error);
 }
@@ -916,10 +945,8 @@ std::uint64_t QXPropertyListSerialization::countPlists(const qx::Ref<qx::Object>
 bool QXPropertyListSerialization::addPlist(const qx::Ref<qx::Object>& plist, qx::Data& data, qx::Data& ptrTable,
                                            std::uint8_t ptrSize, std::uint64_t& objCount, std::uint64_t* objNum,
                                            qx::Ref<qx::Error>* error) {
-    BinaryWriter writer(data.vector(), ptrSize, objCount);
-    const bool written = writer.write(plist.get(), objNum, 0, error);
-    writer.appendOffsetTable(ptrTable.vector());
-    return written;
+    BinaryWriter writer(data.vector(), ptrTable.vector(), ptrSize, objCount);
+    return writer.write(plist.get(), objNum, 0, error);
 }
 
 bool QXPropertyListSerialization::addVariableLength(std::uint64_t count, qx::Data& data, std::uint8_t marker,
@@ -971,6 +998,8 @@ qx::Ref<qx::Data> QXPropertyListSerialization::dataFromData(const qx::Data& data
 qx::Ref<qx::Object> QXPropertyListSerialization::plistElementWithNumber(std::uint64_t number, const qx::Data& data,
                                                                         const QXBinaryPlistTrailer& trailer,
                                                                         qx::Ref<qx::Error>* error) {
-    BinaryReader reader(data, trailer);
-    return reader.decode(number, 0, error);
+    return failingOnExhaustion(error, [&] {
+        BinaryReader reader(data, trailer);
+        return reader.decode(number, 0, error);
+    });
 }

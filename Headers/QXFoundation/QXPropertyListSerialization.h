@@ -21,9 +21,9 @@ class QXBinaryPlistTrailer;
 
 /// Limits that keep decoding of untrusted binary files bounded.
 ///
-/// Containers may nest at most this deep (the root is level 0); deeper files
-/// are refused, and the writer refuses the same depth, so whatever the reader
-/// returns can be written back. 512 levels is far beyond real documents and
+/// At most this many containers may enclose one another (the root counts);
+/// deeper files are refused, and the writer refuses the same depth, so
+/// whatever the reader returns can be written back. 512 levels is far beyond real documents and
 /// keeps the recursion well inside a secondary thread's stack.
 inline constexpr unsigned QXBinaryPlistMaxNestingDepth = 512;
 /// Objects a file may share by reference (one object referenced from several
