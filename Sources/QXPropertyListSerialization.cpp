@@ -845,6 +845,13 @@ qx::Ref<qx::Object> QXPropertyListSerialization::propertyListWithData(const qx::
             if (format) *format = recognised;
             return plist;
         }
+        if (recognised == QXPropertyListXMLFormat_v1_0) {
+            // Say why, so that a user does not take a good XML file for a damaged one.
+            if (error)
+                *error = QXGenerateError(qx::NSCocoaErrorDomain, kPropertyListErrorCode, nullptr, nullptr, nullptr,
+                                         "XML property lists cannot be read yet.");
+            return nullptr;
+        }
     }
     return readWithFallback(data, format, error);
 }
@@ -858,7 +865,10 @@ qx::Ref<qx::Data> QXPropertyListSerialization::dataWithPropertyList(const qx::Re
     case QXPropertyListXMLFormat_v1_0:
         // The text and XML writers are units of their own that have not landed yet.
         QXLog("Writing property list format %lu is not supported yet", static_cast<unsigned long>(format));
-        setError(error);
+        if (error)
+            *error = QXGenerateError(qx::NSCocoaErrorDomain, kPropertyListErrorCode, nullptr, nullptr, nullptr,
+                                     "Property lists cannot be written in the %s format yet.",
+                                     format == QXPropertyListXMLFormat_v1_0 ? "XML" : "text");
         return nullptr;
     default: setError(error, qx::NSPOSIXErrorDomain, EINVAL); return nullptr;
     }
