@@ -5,6 +5,8 @@
 // standard output, standard error and what was (or was not) written.
 #include <gtest/gtest.h>
 
+#include "JsonValue.h"
+
 #include <QXFoundation/QXPropertyListSerialization.h>
 #include <QXFoundation/QXUIDPropertyList.h>
 
@@ -25,7 +27,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <variant>
 #include <vector>
 
 #include <fcntl.h>
@@ -41,144 +42,6 @@ namespace fs = std::filesystem;
 namespace {
 
 // --- The fixture index -------------------------------------------------------
-
-// Just enough JSON for tests/fixtures/plist/index.json.
-struct Json {
-    using Array = std::vector<Json>;
-    using Object = std::vector<std::pair<std::string, Json>>;
-    std::variant<std::nullptr_t, bool, double, std::string, Array, Object> value;
-
-    const Json* find(const std::string& key) const {
-        if (const auto* o = std::get_if<Object>(&value))
-            for (const auto& [k, v] : *o)
-                if (k == key) return &v;
-        return nullptr;
-    }
-    std::string string(const std::string& key) const {
-        const Json* v = find(key);
-        const auto* s = v ? std::get_if<std::string>(&v->value) : nullptr;
-        return s ? *s : std::string();
-    }
-};
-
-class JsonParser {
-public:
-    explicit JsonParser(std::string text) : s_(std::move(text)) {}
-
-    Json parse() {
-        Json v = value();
-        skip();
-        if (i_ != s_.size()) fail("trailing text");
-        return v;
-    }
-
-private:
-    [[noreturn]] void fail(const char* what) {
-        throw std::runtime_error(std::string("index.json: ") + what + " at " + std::to_string(i_));
-    }
-    void skip() {
-        while (i_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[i_]))) ++i_;
-    }
-    bool eat(char c) {
-        skip();
-        if (i_ < s_.size() && s_[i_] == c) { ++i_; return true; }
-        return false;
-    }
-    void expect(char c) {
-        if (!eat(c)) fail("unexpected character");
-    }
-    Json value() {
-        skip();
-        if (i_ >= s_.size()) fail("unexpected end");
-        const char c = s_[i_];
-        if (c == '{') {
-            ++i_;
-            Json::Object o;
-            if (eat('}')) return {o};
-            do {
-                skip();
-                std::string key = string();
-                expect(':');
-                o.emplace_back(std::move(key), value());
-            } while (eat(','));
-            expect('}');
-            return {o};
-        }
-        if (c == '[') {
-            ++i_;
-            Json::Array a;
-            if (eat(']')) return {a};
-            do a.push_back(value());
-            while (eat(','));
-            expect(']');
-            return {a};
-        }
-        if (c == '"') return {string()};
-        if (s_.compare(i_, 4, "true") == 0) { i_ += 4; return {true}; }
-        if (s_.compare(i_, 5, "false") == 0) { i_ += 5; return {false}; }
-        if (s_.compare(i_, 4, "null") == 0) { i_ += 4; return {nullptr}; }
-        std::size_t used = 0;
-        const double d = std::stod(s_.substr(i_, 40), &used);
-        i_ += used;
-        return {d};
-    }
-    void appendUTF8(std::string& out, std::uint32_t cp) {
-        if (cp < 0x80) out += static_cast<char>(cp);
-        else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        }
-    }
-    std::uint32_t hex4() {
-        if (i_ + 4 > s_.size()) fail("short \\u escape");
-        const auto v = static_cast<std::uint32_t>(std::stoul(s_.substr(i_, 4), nullptr, 16));
-        i_ += 4;
-        return v;
-    }
-    std::string string() {
-        if (s_[i_] != '"') fail("expected a string");
-        ++i_;
-        std::string out;
-        while (i_ < s_.size() && s_[i_] != '"') {
-            char c = s_[i_++];
-            if (c != '\\') { out += c; continue; }
-            if (i_ >= s_.size()) fail("unexpected end");
-            c = s_[i_++];
-            switch (c) {
-            case 'n': out += '\n'; break;
-            case 't': out += '\t'; break;
-            case 'r': out += '\r'; break;
-            case 'b': out += '\b'; break;
-            case 'f': out += '\f'; break;
-            case 'u': {
-                std::uint32_t cp = hex4();
-                if (cp >= 0xD800 && cp < 0xDC00 && s_.compare(i_, 2, "\\u") == 0) {
-                    i_ += 2;
-                    cp = 0x10000 + ((cp - 0xD800) << 10) + (hex4() - 0xDC00);
-                }
-                appendUTF8(out, cp);
-                break;
-            }
-            default: out += c;
-            }
-        }
-        if (i_ >= s_.size()) fail("unterminated string");
-        ++i_;
-        return out;
-    }
-
-    std::string s_;
-    std::size_t i_ = 0;
-};
 
 std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -238,17 +101,17 @@ Expect expectationFor(const Fixture& f) {
 const std::vector<Fixture>& binaryFixtures() {
     static const std::vector<Fixture> fixtures = [] {
         std::vector<Fixture> out;
-        const Json index = JsonParser(readFile(fs::path(QX_PLIST_TESTDATA_DIR) / "index.json")).parse();
-        const Json* files = index.find("files");
+        const auto index = JsonValue::parse(readFile(fs::path(QX_PLIST_TESTDATA_DIR) / "index.json"));
+        const JsonValue* files = index ? index->member("files") : nullptr;
         if (!files) throw std::runtime_error("index.json has no files");
-        for (const Json& entry : std::get<Json::Array>(files->value)) {
-            if (entry.string("format") != "binary") continue;
+        for (const JsonValue& entry : files->items) {
+            const JsonValue* format = entry.member("format");
+            if (!format || format->text != "binary") continue;
             Fixture f;
-            f.file = entry.string("file");
-            f.status = entry.string("status");
-            if (const Json* issues = entry.find("strict_reader_issues"))
-                for (const Json& issue : std::get<Json::Array>(issues->value))
-                    f.issues.push_back(std::get<std::string>(issue.value));
+            f.file = entry.member("file")->text;
+            f.status = entry.member("status")->text;
+            if (const JsonValue* issues = entry.member("strict_reader_issues"))
+                for (const JsonValue& issue : issues->items) f.issues.push_back(issue.text);
             f.expect = expectationFor(f);
             out.push_back(std::move(f));
         }
