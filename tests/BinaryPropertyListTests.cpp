@@ -17,16 +17,16 @@
 #include <qx/Set.h>
 #include <qx/String.h>
 
-#include <bit>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <sstream>
 
 using namespace qx;
 using Bytes = std::vector<std::uint8_t>;
+using Log = std::vector<std::string>;
 using PLS = QXPropertyListSerialization;
 
 namespace {
@@ -50,13 +50,13 @@ void appendBE(Bytes& out, std::uint64_t v, int width) {
 
 // Assembles a binary file from object encodings (references inside them are
 // the caller's), with a trailer whose fields can be overridden.
-struct FileSpec {
+struct FileLayout {
     std::vector<Bytes> objects;
     int refSize = 1;
     int offsetSize = 1;
     std::uint64_t root = 0;
 };
-Bytes assemble(const FileSpec& f) {
+Bytes assemble(const FileLayout& f) {
     Bytes out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
     std::vector<std::uint64_t> offsets;
     for (const auto& o : f.objects) {
@@ -77,7 +77,7 @@ Bytes assemble(const FileSpec& f) {
 struct ReadResult {
     Ref<Object> value;
     Ref<Error> error;
-    std::vector<std::string> log;
+    Log log;
     bool failedWith3840() const {
         return !value && error && error->domain() == NSCocoaErrorDomain && error->code() == 3840;
     }
@@ -100,142 +100,83 @@ Ref<Data> write(const Ref<Object>& plist) {
     return data;
 }
 
-// Structural equality with kinds kept apart (a boolean is not the integer 1)
-// and UIDs compared by their bytes; reals compare by value, so a single-
-// precision number equals its widened double.
-bool sameValue(const Object* a, const Object* b) {
-    if (!a || !b) return a == b;
-    if (auto* ua = dynamic_cast<const QXUIDPropertyList*>(a)) {
-        auto* ub = dynamic_cast<const QXUIDPropertyList*>(b);
-        return ub && isEqual(ua->data(), ub->data());
-    }
-    if (auto* na = dynamic_cast<const Number*>(a)) {
-        auto* nb = dynamic_cast<const Number*>(b);
-        if (!nb || na->isBoolean() != nb->isBoolean() || na->isReal() != nb->isReal()) return false;
-        if (na->isReal() && std::isnan(na->doubleValue())) return std::isnan(nb->doubleValue());
-        return na->isEqual(*nb);
-    }
-    if (auto* aa = dynamic_cast<const Array*>(a)) {
-        auto* ab = dynamic_cast<const Array*>(b);
-        if (!ab || aa->count() != ab->count()) return false;
-        for (std::size_t i = 0; i < aa->count(); ++i)
-            if (!sameValue((*aa)[i].get(), (*ab)[i].get())) return false;
-        return true;
-    }
-    if (auto* da = dynamic_cast<const Dictionary*>(a)) {
-        auto* db = dynamic_cast<const Dictionary*>(b);
-        if (!db || da->count() != db->count()) return false;
-        for (const auto& [k, v] : *da)
-            if (!sameValue(v.get(), db->objectForKey(*k).get())) return false;
-        return true;
-    }
-    return a->isEqual(*b);
-}
-
 // --- Comparing with the fixtures' expected JSON -----------------------------------
 
-std::optional<Bytes> base64(const std::string& s) {
+Bytes base64(const std::string& s) {
+    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     Bytes out;
     std::uint32_t acc = 0;
     int bits = 0;
     for (char c : s) {
-        int v;
-        if (c >= 'A' && c <= 'Z') v = c - 'A';
-        else if (c >= 'a' && c <= 'z') v = c - 'a' + 26;
-        else if (c >= '0' && c <= '9') v = c - '0' + 52;
-        else if (c == '+') v = 62;
-        else if (c == '/') v = 63;
-        else if (c == '=' || c == '\n') continue;
-        else return std::nullopt;
+        const auto v = alphabet.find(c);
+        if (v == std::string::npos) continue;  // padding and line ends
         acc = (acc << 6) | static_cast<std::uint32_t>(v);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            out.push_back(static_cast<std::uint8_t>(acc >> bits));
-        }
+        if ((bits += 6) >= 8) out.push_back(static_cast<std::uint8_t>(acc >> (bits -= 8)));
     }
     return out;
 }
 
 // "YYYY-MM-DDTHH:MM:SS[.ffffff]Z" as seconds since 2001-01-01 UTC.
 double secondsSince2001(const std::string& iso) {
-    int y, mo, d, h, mi;
-    double s;
-    std::sscanf(iso.c_str(), "%d-%d-%dT%d:%d:%lfZ", &y, &mo, &d, &h, &mi, &s);
-    // Days from the civil date (proleptic Gregorian).
-    y -= mo <= 2;
-    const int era = (y >= 0 ? y : y - 399) / 400;
-    const int yoe = y - era * 400;
-    const int doy = (153 * (mo + (mo > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    const double days = era * 146097.0 + doe - 719468.0;  // since 1970-01-01
-    return days * 86400.0 + h * 3600.0 + mi * 60.0 + s - Date::kTimeIntervalSince1970;
+    std::tm t{};
+    double s = 0;
+    std::sscanf(iso.c_str(), "%d-%d-%dT%d:%d:%lfZ", &t.tm_year, &t.tm_mon, &t.tm_mday, &t.tm_hour, &t.tm_min, &s);
+    t.tm_year -= 1900;
+    t.tm_mon -= 1;
+    return static_cast<double>(::timegm(&t)) + s - Date::kTimeIntervalSince1970;
 }
 
 // Empty when actual is the value plistlib decoded; else where they differ.
 std::string mismatch(const Object* actual, const JsonValue& expected, const std::string& path) {
     const auto fail = [&](const std::string& what) { return path + ": " + what + ", got " + describe(actual); };
+    const auto ok = [&](bool good, const std::string& what) { return good ? "" : fail(what); };
     using K = JsonValue::Kind;
+    auto n = dynamic_cast<const Number*>(actual);
     if (expected.kind == K::Object && expected.members.size() == 1) {
         const auto& [tag, v] = expected.members[0];
         if (tag == "$data") {
             auto d = dynamic_cast<const Data*>(actual);
-            return d && d->vector() == base64(v.text) ? "" : fail("data");
+            return ok(d && d->vector() == base64(v.text), "data");
         }
         if (tag == "$date") {
             auto d = dynamic_cast<const Date*>(actual);
-            return d && std::abs(d->timeIntervalSinceReferenceDate() - secondsSince2001(v.text)) < 1e-6 ? ""
-                                                                                                       : fail(v.text);
+            return ok(d && std::abs(d->timeIntervalSinceReferenceDate() - secondsSince2001(v.text)) < 1e-6, v.text);
         }
         if (tag == "$real") {
-            auto n = dynamic_cast<const Number*>(actual);
-            if (!n || !n->isReal()) return fail("real");
-            const double x = n->doubleValue();
-            const bool ok = v.text == "nan" ? std::isnan(x) : x == (v.text == "inf" ? INFINITY : -INFINITY);
-            return ok ? "" : fail(v.text);
+            const double x = n && n->isReal() ? n->doubleValue() : 0;
+            return ok(n && n->isReal() && (v.text == "nan" ? std::isnan(x) : x == (v.text == "inf" ? INFINITY : -INFINITY)),
+                      v.text);
         }
-        if (tag == "CF$UID" && dynamic_cast<const QXUIDPropertyList*>(actual)) {
-            auto u = dynamic_cast<const QXUIDPropertyList*>(actual);
-            return static_cast<std::uint64_t>(u->int64Value()) == v.low64() ? "" : fail("UID " + v.text);
-        }
+        if (auto u = dynamic_cast<const QXUIDPropertyList*>(actual); u && tag == "CF$UID")
+            return ok(static_cast<std::uint64_t>(u->int64Value()) == v.low64(), "UID " + v.text);
     }
     switch (expected.kind) {
     case K::Null: return fail("null");
-    case K::Bool: {
-        auto n = dynamic_cast<const Number*>(actual);
-        return n && n->isBoolean() && n->boolValue() == expected.boolean ? "" : fail("boolean");
-    }
-    case K::Number: {
-        auto n = dynamic_cast<const Number*>(actual);
+    case K::Bool: return ok(n && n->isBoolean() && n->boolValue() == expected.boolean, "boolean");
+    case K::Number:
         if (!n || n->isBoolean()) return fail("number " + expected.text);
         // Integers wider than 64 bits keep their low 8 bytes.
-        if (expected.isInteger())
-            return !n->isReal() && n->uint64Value() == expected.low64() ? "" : fail(expected.text);
+        if (expected.isInteger()) return ok(!n->isReal() && n->uint64Value() == expected.low64(), expected.text);
         // A 4-byte real stays single precision.
-        if (n->kind() == Number::Kind::Float)
-            return n->floatValue() == static_cast<float>(expected.real()) ? "" : fail(expected.text);
-        return n->isReal() && n->doubleValue() == expected.real() ? "" : fail(expected.text);
-    }
+        if (n->kind() == Number::Kind::Float) return ok(n->floatValue() == static_cast<float>(expected.real()), expected.text);
+        return ok(n->isReal() && n->doubleValue() == expected.real(), expected.text);
     case K::String: {
         auto s = dynamic_cast<const String*>(actual);
-        return s && s->utf8() == expected.text ? "" : fail("\"" + expected.text + "\"");
+        return ok(s && s->utf8() == expected.text, "\"" + expected.text + "\"");
     }
     case K::Array: {
         auto a = dynamic_cast<const Array*>(actual);
         if (!a || a->count() != expected.items.size()) return fail("array of " + std::to_string(expected.items.size()));
-        for (std::size_t i = 0; i < a->count(); ++i) {
-            auto m = mismatch((*a)[i].get(), expected.items[i], path + "[" + std::to_string(i) + "]");
-            if (!m.empty()) return m;
-        }
+        for (std::size_t i = 0; i < a->count(); ++i)
+            if (auto m = mismatch((*a)[i].get(), expected.items[i], path + "[" + std::to_string(i) + "]"); !m.empty())
+                return m;
         return "";
     }
     case K::Object: {
         auto d = dynamic_cast<const Dictionary*>(actual);
         if (!d || d->count() != expected.members.size()) return fail("dictionary");
-        for (const auto& [k, v] : expected.members) {
-            auto m = mismatch(d->objectForKey(k).get(), v, path + "." + k);
-            if (!m.empty()) return m;
-        }
+        for (const auto& [k, v] : expected.members)
+            if (auto m = mismatch(d->objectForKey(k).get(), v, path + "." + k); !m.empty()) return m;
         return "";
     }
     }
@@ -246,9 +187,7 @@ struct FixtureEntry {
     std::string file, status, expected;
     std::vector<std::string> issues;
     bool hasIssue(std::string_view text) const {
-        for (const auto& i : issues)
-            if (i.find(text) != std::string::npos) return true;
-        return false;
+        return std::any_of(issues.begin(), issues.end(), [&](const auto& i) { return i.find(text) != std::string::npos; });
     }
 };
 
@@ -270,28 +209,24 @@ const std::vector<FixtureEntry>& binaryFixtures() {
     return entries;
 }
 
-// Files plistlib reads that this reader must refuse, and why.
-bool refusedByThisReader(const FixtureEntry& e) {
-    // Offset-table entries only come in widths 1, 2, 4 and 8.
-    if (e.hasIssue("offset-table entry width")) return true;
-    // A string count written after the integer marker 0x14: that marker means
-    // 16 bytes of count, whose low 8 are text, far past the end of the file.
-    return e.file == "biplist/fuzz_ascii_string_too_long.plist";
-}
-
 // --- Fixtures -----------------------------------------------------------------------
 
-TEST(BinaryPropertyListFixtures, GoodFilesMatchWhatPlistlibDecoded) {
+TEST(BinaryPropertyListFixtures, GoodFilesMatchWhatPlistlibDecodedAndRoundTrip) {
     int checked = 0;
     for (const auto& e : binaryFixtures()) {
         if (e.status != "good") continue;
         SCOPED_TRACE(e.file);
         auto r = readPlist(fixture(e.file));
-        if (refusedByThisReader(e)) {
+        // Offset-table entries only come in widths 1, 2, 4 and 8.
+        if (e.hasIssue("offset-table entry width")) {
             EXPECT_TRUE(r.failedWith3840());
-            if (e.hasIssue("offset-table entry width")) {
-                EXPECT_EQ(r.log, std::vector<std::string>{"Bad offset size"});
-            }
+            EXPECT_EQ(r.log, Log{"Bad offset size"});
+            continue;
+        }
+        // A string count written after the integer marker 0x14: that marker means
+        // 16 bytes of count, whose low 8 are text, far past the end of the file.
+        if (e.file == "biplist/fuzz_ascii_string_too_long.plist") {
+            EXPECT_TRUE(r.failedWith3840());
             continue;
         }
         auto expected = JsonValue::parse(readFile(QX_PLIST_TESTDATA_DIR "/" + e.expected));
@@ -299,23 +234,16 @@ TEST(BinaryPropertyListFixtures, GoodFilesMatchWhatPlistlibDecoded) {
         ASSERT_TRUE(r.value) << (r.log.empty() ? "" : r.log.back());
         EXPECT_EQ(mismatch(r.value.get(), *expected, "root"), "");
         EXPECT_TRUE(r.log.empty());
+        // Through the writer and back the value is the same, and the writer's
+        // own output is a fixed point.
+        const auto written = write(r.value);
+        auto again = readPlist(written);
+        ASSERT_TRUE(again.value);
+        EXPECT_EQ(mismatch(again.value.get(), *expected, "written"), "");
+        EXPECT_EQ(bytesOf(write(again.value)), bytesOf(written));
         ++checked;
     }
     EXPECT_GE(checked, 40);
-}
-
-TEST(BinaryPropertyListFixtures, GoodFilesRoundTripThroughTheWriter) {
-    for (const auto& e : binaryFixtures()) {
-        if (e.status != "good" || refusedByThisReader(e)) continue;
-        SCOPED_TRACE(e.file);
-        auto first = readPlist(fixture(e.file)).value;
-        ASSERT_TRUE(first);
-        auto again = readPlist(write(first));
-        ASSERT_TRUE(again.value);
-        EXPECT_TRUE(sameValue(first.get(), again.value.get()));
-        // The writer's own output reads back as the same bytes when written again.
-        EXPECT_EQ(bytesOf(write(again.value)), bytesOf(write(first)));
-    }
 }
 
 TEST(BinaryPropertyListFixtures, MalformedFilesFailCleanly) {
@@ -326,10 +254,9 @@ TEST(BinaryPropertyListFixtures, MalformedFilesFailCleanly) {
         auto r = readPlist(fixture(e.file));
         EXPECT_TRUE(r.clean());
         // Whatever the hardening is for must be refused, never read.
-        if (e.hasIssue(">= number of objects") || e.hasIssue("reference cycle") ||
-            e.hasIssue("length runs past") || e.hasIssue("offset-table entry width") || e.hasIssue("shorter than")) {
-            EXPECT_TRUE(r.failedWith3840());
-        }
+        for (const char* issue : {">= number of objects", "reference cycle", "length runs past",
+                                  "offset-table entry width", "shorter than"})
+            EXPECT_TRUE(!e.hasIssue(issue) || r.failedWith3840()) << issue;
         refused += !r.value;
     }
     EXPECT_GE(refused, 60);
@@ -347,46 +274,27 @@ TEST(BinaryPropertyListFixtures, SomeFilesPlistlibRefusesAreReadable) {
     auto small = dyn_cast<Dictionary>(readPlist(fixture("biplist/small_date.plist")).value);
     ASSERT_TRUE(small);
     EXPECT_EQ(small->get<Date>("MyDate")->timeIntervalSinceReferenceDate(), -63114076800.0);
-    // Non-ASCII bytes in an ASCII string: nothing, and without an error at the root.
-    auto r = readPlist(fixture("cpython/invalid-29-invalid-ascii.bplist"));
-    EXPECT_FALSE(r.value);
-    EXPECT_FALSE(r.error);
 }
 
 // --- Writer ----------------------------------------------------------------------------
 
-TEST(BinaryPropertyListWriter, EmptyArrayIsFortyThreeBytes) {
-    Bytes expected = {'b', 'p', 'l', 'i', 's', 't', '0', '0', 0xA0, 0x00, 0x08, 0, 0, 0, 0, 0, 0, 2, 2};
-    appendBE(expected, 1, 8);
-    appendBE(expected, 0, 8);
-    appendBE(expected, 9, 8);
-    EXPECT_EQ(bytesOf(write(Array::create())), expected);
-}
-
-TEST(BinaryPropertyListWriter, DictionaryNumbersKeysBeforeValuesInSortedOrder) {
+TEST(BinaryPropertyListWriter, WholeFilesUseTwoByteWidthsAndNumberKeysBeforeValuesInSortedOrder) {
     auto d = Dictionary::create();
     d->setObject(Number::withInt64(1), "b");
     d->setObject(str("x"), "a");
-    Bytes expected = {'b', 'p', 'l', 'i', 's', 't', '0', '0',
-                      0xD2, 0, 1, 0, 2, 0, 3, 0, 4,  // dictionary 0: keys 1, 2; values 3, 4
-                      0x51, 'a', 0x51, 'b', 0x51, 'x', 0x10, 0x01};
-    const Bytes offsets = {0, 8, 0, 17, 0, 19, 0, 21, 0, 23};
-    expected.insert(expected.end(), offsets.begin(), offsets.end());
-    expected.insert(expected.end(), {0, 0, 0, 0, 0, 0, 2, 2});
-    appendBE(expected, 5, 8);
-    appendBE(expected, 0, 8);
-    appendBE(expected, 25, 8);
-    EXPECT_EQ(bytesOf(write(d)), expected);
-}
+    // Dictionary 0: keys 1, 2; values 3, 4.
+    const Bytes dict = assemble({{{0xD2, 0, 1, 0, 2, 0, 3, 0, 4}, {0x51, 'a'}, {0x51, 'b'}, {0x51, 'x'}, {0x10, 0x01}}, 2, 2});
+    EXPECT_EQ(bytesOf(write(d)), dict);
+    EXPECT_EQ(bytesOf(write(Array::create())), assemble({{{0xA0}}, 2, 2}));
+    EXPECT_EQ(write(Array::create())->length(), 43u);
 
-TEST(BinaryPropertyListWriter, KeysSortIgnoringCaseWithNumbersByValue) {
-    auto d = Dictionary::create();
-    for (const char* k : {"item10", "Item2", "item1", "B", "a"}) d->setObject(Number::withBool(true), k);
-    auto back = dyn_cast<Dictionary>(readPlist(write(d)).value);
+    auto keys = Dictionary::create();
+    for (const char* k : {"item10", "Item2", "item1", "B", "a"}) keys->setObject(Number::withBool(true), k);
+    auto back = dyn_cast<Dictionary>(readPlist(write(keys)).value);
     ASSERT_TRUE(back);
     std::vector<std::string> order;
     for (const auto& [k, v] : *back) order.push_back(k->description());
-    EXPECT_EQ(order, (std::vector<std::string>{"a", "B", "item1", "Item2", "item10"}));
+    EXPECT_EQ(order, (std::vector<std::string>{"a", "B", "item1", "Item2", "item10"}));  // case ignored, numbers by value
 }
 
 TEST(BinaryPropertyListWriter, LeafEncodings) {
@@ -396,57 +304,57 @@ TEST(BinaryPropertyListWriter, LeafEncodings) {
         EXPECT_TRUE(PLS::addPlist(v, out, table, 2, count, nullptr));
         return out.vector();
     };
-    EXPECT_EQ(encoded(Number::withInt64(255)), (Bytes{0x10, 0xFF}));
-    EXPECT_EQ(encoded(Number::withInt64(256)), (Bytes{0x11, 0x01, 0x00}));
-    EXPECT_EQ(encoded(Number::withInt64(0xFFFFFFFF)), (Bytes{0x12, 0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_EQ(encoded(Number::withInt64(-1)), (Bytes{0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_EQ(encoded(Number::withBool(true)), Bytes{0x09});
-    EXPECT_EQ(encoded(Number::withBool(false)), Bytes{0x08});
-    EXPECT_EQ(encoded(str("abc")), (Bytes{0x53, 'a', 'b', 'c'}));
-    EXPECT_EQ(encoded(str("\xC3\xA9t\xF0\x9F\x98\x80")), (Bytes{0x64, 0x00, 0xE9, 0x00, 't', 0xD8, 0x3D, 0xDE, 0x00}));
-    // A single-precision number is widened and written as 8 bytes.
-    EXPECT_EQ(encoded(Number::withFloat(0.1f)), (Bytes{0x23, 0x3F, 0xB9, 0x99, 0x99, 0xA0, 0, 0, 0}));
-    EXPECT_EQ(encoded(Date::withTimeIntervalSinceReferenceDate(1.0)), (Bytes{0x33, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(encoded(Data::withString("hi")), (Bytes{0x42, 'h', 'i'}));
-    EXPECT_EQ(encoded(QXUIDPropertyList::initWithInt64Value(5)), (Bytes{0x87, 0, 0, 0, 0, 0, 0, 0, 5}));
-    // Counts of 15 and more follow the marker as an integer object.
-    const auto head = [&](const Ref<Object>& v) {
-        const Bytes b = encoded(v);
-        return Bytes(b.begin(), b.begin() + 3);
+    const auto falses = [](int n) {
+        auto a = Array::create();
+        for (int i = 0; i < n; ++i) a->addObject(Number::withBool(false));
+        return a;
     };
-    auto fourteen = Array::create(), fifteen = Array::create();
-    for (int i = 0; i < 14; ++i) fourteen->addObject(Number::withBool(false));
-    for (int i = 0; i < 15; ++i) fifteen->addObject(Number::withBool(false));
-    EXPECT_EQ(head(fourteen)[0], 0xAE);
-    EXPECT_EQ(head(fifteen), (Bytes{0xAF, 0x10, 0x0F}));
-    EXPECT_EQ(head(str(std::string(15, 'x'))), (Bytes{0x5F, 0x10, 0x0F}));
+    const std::vector<std::pair<Ref<Object>, Bytes>> cases = {
+        {Number::withInt64(255), {0x10, 0xFF}},
+        {Number::withInt64(256), {0x11, 0x01, 0x00}},
+        {Number::withInt64(0xFFFFFFFF), {0x12, 0xFF, 0xFF, 0xFF, 0xFF}},
+        {Number::withInt64(-1), {0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+        {Number::withBool(true), {0x09}},
+        {Number::withBool(false), {0x08}},
+        {str("abc"), {0x53, 'a', 'b', 'c'}},
+        {str("\xC3\xA9t\xF0\x9F\x98\x80"), {0x64, 0x00, 0xE9, 0x00, 't', 0xD8, 0x3D, 0xDE, 0x00}},
+        // A single-precision number is widened and written as 8 bytes.
+        {Number::withFloat(0.1f), {0x23, 0x3F, 0xB9, 0x99, 0x99, 0xA0, 0, 0, 0}},
+        {Date::withTimeIntervalSinceReferenceDate(1.0), {0x33, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0}},
+        {Data::withString("hi"), {0x42, 'h', 'i'}},
+        {QXUIDPropertyList::initWithInt64Value(5), {0x87, 0, 0, 0, 0, 0, 0, 0, 5}},
+        // Counts of 15 and more follow the marker as an integer object.
+        {falses(1), {0xA1, 0, 1}},
+        {falses(15), {0xAF, 0x10, 0x0F}},
+        {str(std::string(15, 'x')), {0x5F, 0x10, 0x0F}},
+    };
+    for (const auto& [value, bytes] : cases) {
+        SCOPED_TRACE(value->description());
+        const Bytes all = encoded(value);
+        EXPECT_EQ(Bytes(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(std::min(all.size(), bytes.size()))), bytes);
+    }
+    EXPECT_EQ(encoded(falses(14))[0], 0xAE);
 }
 
 TEST(BinaryPropertyListWriter, KindsWithoutAnEncodingTakeANumberButNoBytes) {
     // The set's offset entry points at the string written after it.
-    auto withSet = Array::create();
-    withSet->addObject(Set::create());
-    withSet->addObject(str("x"));
-    auto back = dyn_cast<Array>(readPlist(write(withSet)).value);
+    const auto array = [](std::vector<Ref<Object>> items) { return std::make_shared<Array>(std::move(items)); };
+    auto back = dyn_cast<Array>(readPlist(write(array({Set::create(), str("x")}))).value);
     ASSERT_TRUE(back);
-    ASSERT_EQ(back->count(), 2u);
-    EXPECT_TRUE(sameValue((*back)[0].get(), str("x").get()));
-    EXPECT_TRUE(sameValue((*back)[1].get(), str("x").get()));
+    EXPECT_EQ(back->description(), "(\n    x,\n    x\n)");
     // With nothing after it, the entry points into the offset table.
-    auto lastIsNull = Array::create();
-    lastIsNull->addObject(str("x"));
-    lastIsNull->addObject(Null::null());
-    auto r = readPlist(write(lastIsNull));
+    auto r = readPlist(write(array({str("x"), Null::null()})));
     EXPECT_TRUE(r.failedWith3840());
     EXPECT_TRUE(std::find(r.log.begin(), r.log.end(), "property list was nil!") != r.log.end());
 }
 
 TEST(BinaryPropertyListWriter, ReferenceWidthComesFromTheValueCountAlone) {
     const auto widths = [](const Ref<Data>& d) { return std::make_pair(d->bytes()[d->length() - 26], d->bytes()[d->length() - 25]); };
+    const auto two = std::make_pair(std::uint8_t{2}, std::uint8_t{2});
     auto array = Array::create();
     for (int i = 0; i < 65533; ++i) array->addObject(Number::withBool(true));
     EXPECT_EQ(PLS::countPlists(array), 65534u);
-    EXPECT_EQ(widths(write(array)), std::make_pair(std::uint8_t{2}, std::uint8_t{2}));
+    EXPECT_EQ(widths(write(array)), two);
     array->addObject(Number::withBool(true));
     EXPECT_EQ(widths(write(array)), std::make_pair(std::uint8_t{4}, std::uint8_t{4}));
     // Keys are not counted: 40000 entries are 80001 objects in 2-byte references,
@@ -455,36 +363,30 @@ TEST(BinaryPropertyListWriter, ReferenceWidthComesFromTheValueCountAlone) {
     for (int i = 0; i < 40000; ++i) dict->setObject(Number::withBool(true), "k" + std::to_string(i));
     EXPECT_EQ(PLS::countPlists(dict), 40001u);
     auto data = write(dict);
-    EXPECT_EQ(widths(data), std::make_pair(std::uint8_t{2}, std::uint8_t{2}));
+    EXPECT_EQ(widths(data), two);
     auto trailer = QXBinaryPlistTrailer::trailerWithData(*data);
     ASSERT_TRUE(trailer);
     EXPECT_EQ(trailer->numberOfObjects(), 80001u);
-    EXPECT_FALSE(sameValue(readPlist(data).value.get(), dict.get()));
+    auto back = readPlist(data).value;
+    EXPECT_FALSE(back && back->isEqual(*dict));
 }
 
-TEST(BinaryPropertyListWriter, RefusedValues) {
-    struct Case {
-        Ref<Object> value;
-        std::string log;
-    };
+TEST(BinaryPropertyListWriter, RefusedValuesAndFormats) {
     auto nonStringKey = Dictionary::create();
     nonStringKey->setObject(str("v"), Number::withInt64(1));
-    auto longUID = QXUIDPropertyList::initWithData(Data::withString(std::string(17, 'u')));
     auto inner = Array::create();
-    inner->addObject(longUID);
-    for (const auto& c : {Case{nonStringKey, "can't have a non-string key!"},
-                          Case{QXUIDPropertyList::initWithData(Data::create()), "invalid UID length"},
-                          Case{inner, "invalid UID length"}}) {
+    inner->addObject(QXUIDPropertyList::initWithData(Data::withString(std::string(17, 'u'))));
+    for (const auto& [value, log] : {std::pair<Ref<Object>, std::string>{nonStringKey, "can't have a non-string key!"},
+                                     {QXUIDPropertyList::initWithData(Data::create()), "invalid UID length"},
+                                     {inner, "invalid UID length"}}) {
         ScopedLogCapture logs;
         Ref<Error> error;
-        EXPECT_FALSE(PLS::binaryDataWithPropertyList(c.value, &error));
+        EXPECT_FALSE(PLS::binaryDataWithPropertyList(value, &error));
         ASSERT_TRUE(error);
         EXPECT_EQ(error->code(), 3840);
-        EXPECT_EQ(logs.lines(), std::vector<std::string>{c.log});
+        EXPECT_EQ(logs.lines(), Log{log});
     }
-}
 
-TEST(BinaryPropertyListWriter, FormatSelection) {
     ScopedLogCapture logs;
     Ref<Error> error;
     EXPECT_FALSE(PLS::dataWithPropertyList(Array::create(), 7, &error));
@@ -514,80 +416,63 @@ TEST(BinaryPropertyListTrailer, LengthTests) {
     EXPECT_TRUE(r.failedWith3840());
     EXPECT_TRUE(r.log.empty());
 
-    // A table that does not fit; then one whose end wraps around 64 bits.
-    Bytes file = assemble({{{0x09}}});
-    file[file.size() - 1] = 0xF0;
-    r = readPlist(file);
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"Data insufficient size: length is 42, but 241 needed"});
-    file = assemble({{{0x09}}});
-    file[file.size() - 32 + 6] = 2;
-    std::memset(&file[file.size() - 24], 0x80, 1);  // 2^63 objects of 2 bytes
-    r = readPlist(file);
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"Data insufficient size: length is 42, but 18446744073709551615 needed"});
-}
-
-TEST(BinaryPropertyListTrailer, OffsetWidthThree) {
-    auto r = readPlist(assemble({{{0x09}}, 1, 3}));
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"Bad offset size"});
-    // With no objects the width passes, and the root lookup trips over it.
-    Bytes empty = assemble({{}, 1, 3});
-    r = readPlist(empty);
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"Weird offset size! But hopefully it shouldn't get here"});
+    // A table that does not fit; one whose end wraps around 64 bits (2^63
+    // objects of 2 bytes); an offset width of 3, which with no objects passes
+    // and trips the root lookup instead.
+    Bytes tooFar = assemble({{{0x09}}}), wraps = tooFar;
+    tooFar.back() = 0xF0;
+    wraps[wraps.size() - 26] = 2;
+    wraps[wraps.size() - 24] = 0x80;
+    for (const auto& [file, log] : std::vector<std::pair<Bytes, std::string>>{
+             {tooFar, "Data insufficient size: length is 42, but 241 needed"},
+             {wraps, "Data insufficient size: length is 42, but 18446744073709551615 needed"},
+             {assemble({{{0x09}}, 1, 3}), "Bad offset size"},
+             {assemble({{}, 1, 3}), "Weird offset size! But hopefully it shouldn't get here"}}) {
+        r = readPlist(file);
+        EXPECT_TRUE(r.failedWith3840());
+        EXPECT_EQ(r.log, Log{log});
+    }
 }
 
 TEST(BinaryPropertyListTrailer, FieldsAndOffsets) {
-    auto data = dataOf(assemble({{{0xA1, 0x01}, {0x09}}, 1, 2, 1}));
-    auto t = QXBinaryPlistTrailer::initWithData(*data);
+    auto t = QXBinaryPlistTrailer::initWithData(*dataOf(assemble({{{0xA1, 0x01}, {0x09}}, 1, 2, 1})));
     ASSERT_TRUE(t);
-    EXPECT_EQ(t->numberOfObjects(), 2u);
-    EXPECT_EQ(t->numberOfTopLevelObject(), 1u);
-    EXPECT_EQ(t->sizeOfOffsets(), 1u);
-    EXPECT_EQ(t->offsetOfObjectWithNumber(0), 8u);
-    EXPECT_EQ(t->offsetOfObjectWithNumber(1), 10u);
-    EXPECT_EQ(t->offsetOfObjectWithNumber(2), UINT64_MAX);
+    EXPECT_EQ(std::vector<std::uint64_t>({t->numberOfObjects(), t->numberOfTopLevelObject(), t->sizeOfOffsets()}),
+              std::vector<std::uint64_t>({2, 1, 1}));
+    EXPECT_EQ(std::vector<std::uint64_t>({t->offsetOfObjectWithNumber(0), t->offsetOfObjectWithNumber(1),
+                                          t->offsetOfObjectWithNumber(2)}),
+              std::vector<std::uint64_t>({8, 10, UINT64_MAX}));
 }
 
 // --- Reader -------------------------------------------------------------------------
 
-TEST(BinaryPropertyListReader, Integers) {
+TEST(BinaryPropertyListReader, IntegersAndReals) {
     const auto value = [](Bytes object) { return dyn_cast<Number>(readPlist(assemble({{object}})).value); };
-    EXPECT_EQ(value({0x12, 0xFF, 0xFF, 0xFF, 0xFF})->int64Value(), 4294967295);
-    EXPECT_EQ(value({0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF})->int64Value(), -1);
-    // Of a 16-byte integer only the low 8 bytes survive.
-    Bytes wide = {0x14, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0x01, 0x02};
-    EXPECT_EQ(value(wide)->int64Value(), 0x0102);
-    // Widths of 256 bytes and more read as 0, and so do truncated integers.
-    EXPECT_EQ(value({0x18, 0x01})->int64Value(), 0);
+    const std::vector<std::pair<Bytes, std::int64_t>> integers = {
+        {{0x12, 0xFF, 0xFF, 0xFF, 0xFF}, 4294967295},
+        {{0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, -1},
+        // Of a 16-byte integer only the low 8 bytes survive.
+        {{0x14, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0x01, 0x02}, 0x0102},
+        // Widths of 256 bytes and more read as 0.
+        {{0x18, 0x01}, 0},
+    };
+    for (const auto& [bytes, expected] : integers) {
+        auto n = value(bytes);
+        ASSERT_TRUE(n) << int(bytes[0]);
+        EXPECT_EQ(n->int64Value(), expected) << int(bytes[0]);
+    }
     Data truncated(Bytes{0x13, 0x01, 0x02});
     std::uint64_t at = 0;
     EXPECT_EQ(PLS::intFromData(truncated, at), 0u);
 
-    Data bytes(Bytes{0x11, 0x01, 0x02, 0x1F});
-    std::uint64_t pos = 0;
-    EXPECT_EQ(PLS::intFromData(bytes, pos), 0x0102u);
-    EXPECT_EQ(pos, 3u);
-    EXPECT_EQ(PLS::intFromData(bytes, pos), 0u);  // width 2^15 wraps to 0
-    pos = 4;
-    EXPECT_EQ(PLS::intFromData(bytes, pos), 0u);
-    EXPECT_EQ(pos, 4u);
-    pos = 2;
-    EXPECT_EQ(PLS::intFromData(bytes, pos, 3), 0u);
-    EXPECT_EQ(pos, 2u);
-}
-
-TEST(BinaryPropertyListReader, Reals) {
-    auto single = dyn_cast<Number>(readPlist(assemble({{{0x22, 0x3D, 0xCC, 0xCC, 0xCD}}})).value);
+    auto single = value({0x22, 0x3D, 0xCC, 0xCC, 0xCD});
     ASSERT_TRUE(single);
     EXPECT_EQ(single->kind(), Number::Kind::Float);
     EXPECT_EQ(single->floatValue(), 0.1f);
     for (std::uint8_t marker : {0x20, 0x21, 0x24}) {
         auto r = readPlist(assemble({{{marker, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}}));
         EXPECT_TRUE(r.failedWith3840());
-        EXPECT_EQ(r.log, std::vector<std::string>{format("invalid size %d for float", 1 << (marker & 15))});
+        EXPECT_EQ(r.log, Log{format("invalid size %d for float", 1 << (marker & 15))});
     }
     Data shortData(Bytes{0x3F, 0xF0, 0});
     std::uint64_t pos = 0;
@@ -603,23 +488,18 @@ TEST(BinaryPropertyListReader, Reals) {
 
 TEST(BinaryPropertyListReader, StringsDataAndUIDs) {
     const auto value = [](Bytes object) { return readPlist(assemble({{object}})); };
-    EXPECT_EQ(value({0x62, 0x00, 0xE9, 0xD8, 0x3D})
-                  .value->description(), "\xC3\xA9\xEF\xBF\xBD");  // an unpaired surrogate becomes U+FFFD
+    // An unpaired surrogate becomes U+FFFD.
+    EXPECT_EQ(value({0x62, 0x00, 0xE9, 0xD8, 0x3D}).value->description(), "\xC3\xA9\xEF\xBF\xBD");
     // The bounds test counts UTF-16 units against bytes: 30 units pass it with
     // 33 bytes left, and the string is still refused.
-    auto r = value({0x6F, 0x10, 30});
-    EXPECT_TRUE(r.failedWith3840());
-    Data d(Bytes{0x63, 0, 'a', 0, 'b', 0, 'c'});
-    std::uint64_t pos = 1;
-    EXPECT_EQ(PLS::dataFromData(d, pos, 0x63)->length(), 6u);
-    EXPECT_EQ(pos, 7u);
+    EXPECT_TRUE(value({0x6F, 0x10, 30}).failedWith3840());
     Data cut(Bytes{0x63, 0, 'a', 0});
-    pos = 1;
+    std::uint64_t pos = 1;
     Ref<Error> error;
     EXPECT_FALSE(PLS::dataFromData(cut, pos, 0x63, &error));
     EXPECT_EQ(error->code(), 3840);
     // Non-ASCII in an ASCII string is nothing, without an error.
-    r = value({0x51, 0xE9});
+    auto r = value({0x51, 0xE9});
     EXPECT_FALSE(r.value);
     EXPECT_FALSE(r.error);
     // A data count past the end.
@@ -649,27 +529,24 @@ TEST(BinaryPropertyListReader, MarkersWithoutAValue) {
         auto r = readPlist(assemble({{{marker, 0, 0, 0, 0, 0, 0, 0, 0}}}));
         EXPECT_FALSE(r.value);
         EXPECT_FALSE(r.error);
-        EXPECT_EQ(r.log, (std::vector<std::string>{format("unknown element code 0x%x", marker),
-                                                    format("masked is 0x%x is == to 0xd0: 0", marker & 0xF0)}));
+        EXPECT_EQ(r.log, (Log{format("unknown element code 0x%x", marker),
+                              format("masked is 0x%x is == to 0xd0: 0", marker & 0xF0)}));
     }
 }
 
 TEST(BinaryPropertyListReader, ContainersReportTheMissingPart) {
     // An array, a set and a dictionary whose element is the marker 0x00.
-    auto r = readPlist(assemble({{{0xA1, 0x01}, {0x00}}}));
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"property list was nil!"});
-    r = readPlist(assemble({{{0xC1, 0x01}, {0x00}}}));
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_TRUE(r.log.empty());
-    r = readPlist(assemble({{{0xD1, 0x01, 0x02}, {0x00}, {0x09}}}));
-    EXPECT_EQ(r.log, std::vector<std::string>{"key was nil!"});
-    r = readPlist(assemble({{{0xD1, 0x01, 0x02}, {0x51, 'k'}, {0x00}}}));
-    EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"value was nil for key k!"});
+    for (const auto& [objects, log] : std::vector<std::pair<std::vector<Bytes>, Log>>{
+             {{{0xA1, 0x01}, {0x00}}, {"property list was nil!"}},
+             {{{0xC1, 0x01}, {0x00}}, {}},
+             {{{0xD1, 0x01, 0x02}, {0x00}, {0x09}}, {"key was nil!"}},
+             {{{0xD1, 0x01, 0x02}, {0x51, 'k'}, {0x00}}, {"value was nil for key k!"}}}) {
+        auto r = readPlist(assemble({objects}));
+        EXPECT_TRUE(r.failedWith3840()) << int(objects[0][0]);
+        EXPECT_EQ(r.log, log);
+    }
     // Keys need not be strings; a repeated container is a new object each time.
-    r = readPlist(assemble({{{0xA2, 0x01, 0x01}, {0xD1, 0x02, 0x03}, {0x09}, {0xA0}}}));
-    auto a = dyn_cast<Array>(r.value);
+    auto a = dyn_cast<Array>(readPlist(assemble({{{0xA2, 0x01, 0x01}, {0xD1, 0x02, 0x03}, {0x09}, {0xA0}}})).value);
     ASSERT_TRUE(a);
     EXPECT_NE((*a)[0].get(), (*a)[1].get());
     EXPECT_TRUE(dyn_cast<Dictionary>((*a)[0])->objectForKey(*Number::withBool(true)));
@@ -677,21 +554,29 @@ TEST(BinaryPropertyListReader, ContainersReportTheMissingPart) {
 
 // --- Hostile files -----------------------------------------------------------------
 
-TEST(BinaryPropertyListHardening, ReferencesOutOfRangeAndCycles) {
-    for (const FileSpec& f : {FileSpec{{{0xA1, 0x05}, {0x09}}},        // past the object count
-                              FileSpec{{{0xA1, 0x00}}},                // an array holding itself
-                              FileSpec{{{0xA1, 0x01}, {0xD1, 0x02, 0x00}, {0x51, 'k'}}},  // through a dictionary
-                              FileSpec{{{0x09}}, 1, 1, 1},             // root past the count
-                              FileSpec{{{0xA2, 0x01, 0x01}, {0x09}}, 0}}) {  // width-0 references read object 0
-        auto r = readPlist(assemble(f));
-        EXPECT_TRUE(r.failedWith3840());
-        EXPECT_EQ(r.log.size(), 1u);
+TEST(BinaryPropertyListHardening, ReferencesOutOfRangeCyclesAndCountsLargerThanTheData) {
+    const std::vector<FileLayout> files = {
+        {{{0xA1, 0x05}, {0x09}}},                                   // past the object count
+        {{{0xA1, 0x00}}},                                           // an array holding itself
+        {{{0xA1, 0x01}, {0xD1, 0x02, 0x00}, {0x51, 'k'}}},          // through a dictionary
+        {{{0x09}}, 1, 1, 1},                                        // root past the count
+        {{{0xA2, 0x01, 0x01}, {0x09}}, 0},                          // width-0 references read object 0
+        {{{0xAF, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0}, {0x09}}},        // 2^62 elements
+        {{{0xDF, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, {0x09}}},
+        {{{0xCF, 0x11, 0x01, 0x00, 0x01}, {0x09}}},
+        // References of width 0 take no bytes; the object budget stops the loop.
+        {{{0xA1, 0x01}, {0xAF, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0}}, 0, 1, 1},
+    };
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        auto r = readPlist(assemble(files[i]));
+        EXPECT_TRUE(r.failedWith3840()) << i;
+        EXPECT_TRUE(i >= 5 || r.log.size() == 1u) << i;  // the reference cases say why, once
     }
 }
 
 TEST(BinaryPropertyListHardening, NestingDepthIsBounded) {
     const auto nested = [](unsigned depth) {
-        FileSpec f{{}, 2, 4};
+        FileLayout f{{}, 2, 4};
         for (unsigned i = 0; i + 1 < depth; ++i)
             f.objects.push_back({0xA1, static_cast<std::uint8_t>((i + 1) >> 8), static_cast<std::uint8_t>(i + 1)});
         f.objects.push_back({0xA0});
@@ -702,7 +587,7 @@ TEST(BinaryPropertyListHardening, NestingDepthIsBounded) {
     EXPECT_TRUE(write(deepest.value));
     auto r = readPlist(nested(QXBinaryPlistMaxNestingDepth + 1));
     EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"property list nests deeper than 512 levels"});
+    EXPECT_EQ(r.log, Log{"property list nests deeper than 512 levels"});
     auto tooDeep = Array::create();
     for (unsigned i = 0; i < QXBinaryPlistMaxNestingDepth; ++i) {
         auto outer = Array::create();
@@ -712,38 +597,20 @@ TEST(BinaryPropertyListHardening, NestingDepthIsBounded) {
     EXPECT_FALSE(PLS::binaryDataWithPropertyList(tooDeep));
 }
 
-TEST(BinaryPropertyListHardening, CountsLargerThanTheData) {
-    for (const Bytes& container : {Bytes{0xAF, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0},
-                                   Bytes{0xDF, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
-                                   Bytes{0xCF, 0x11, 0x01, 0x00, 0x01}}) {
-        auto r = readPlist(assemble({{container, {0x09}}}));
-        EXPECT_TRUE(r.failedWith3840());
-    }
-    // References of width 0 take no bytes; the object budget stops the loop.
-    auto r = readPlist(assemble({{{0xA1, 0x01}, {0xAF, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0}}, 0, 1, 1}));
-    EXPECT_TRUE(r.failedWith3840());
-}
-
 TEST(BinaryPropertyListHardening, SharedReferencesCannotExpandExponentially) {
     // Object i is an array holding object i+1 twice; the last is a string.
     const auto chain = [](unsigned levels) {
-        FileSpec f{{}, 1};
+        FileLayout f{{}, 1};
         for (unsigned i = 0; i < levels; ++i)
             f.objects.push_back({0xA2, static_cast<std::uint8_t>(i + 1), static_cast<std::uint8_t>(i + 1)});
         f.objects.push_back({0x51, 'x'});
         return assemble(f);
     };
     // Ten levels are 2^10 leaves from a small file and well within bounds.
-    std::function<std::size_t(const Object*)> leaves = [&](const Object* o) -> std::size_t {
-        auto a = dynamic_cast<const Array*>(o);
-        if (!a) return 1;
-        std::size_t n = 0;
-        for (const auto& e : *a) n += leaves(e.get());
-        return n;
-    };
     auto small = readPlist(chain(10));
     ASSERT_TRUE(small.value);
-    EXPECT_EQ(leaves(small.value.get()), 1024u);
+    const std::string text = small.value->description();
+    EXPECT_EQ(std::count(text.begin(), text.end(), 'x'), 1024);
     // Sixty levels would be 2^60; decoding gives up after a bounded number of objects.
     auto r = readPlist(chain(60));
     EXPECT_TRUE(r.failedWith3840());
@@ -754,7 +621,7 @@ TEST(BinaryPropertyListHardening, KeysWhoseHashesCollideAreBounded) {
     // Arrays hash by their count: n one-element arrays as keys would make
     // building the dictionary compare each key with every earlier one.
     const auto arrayKeys = [](unsigned n) {
-        FileSpec f{{}, 2, 4};
+        FileLayout f{{}, 2, 4};
         Bytes root = {0xDF, 0x11};
         appendBE(root, n, 2);
         for (unsigned i = 0; i < n; ++i) appendBE(root, 1 + i, 2);
@@ -774,7 +641,7 @@ TEST(BinaryPropertyListHardening, KeysWhoseHashesCollideAreBounded) {
     EXPECT_EQ(few->count(), 3u);
     auto r = readPlist(arrayKeys(5000));
     EXPECT_TRUE(r.failedWith3840());
-    EXPECT_EQ(r.log, std::vector<std::string>{"property list has too many containers or data objects as keys"});
+    EXPECT_EQ(r.log, Log{"property list has too many containers or data objects as keys"});
 }
 
 TEST(BinaryPropertyListHardening, TruncationAtEveryLengthIsClean) {
@@ -825,35 +692,36 @@ TEST(BinaryPropertyListHardening, RandomDamageToFixturesIsClean) {
 // --- Format detection ---------------------------------------------------------------
 
 TEST(BinaryPropertyListDetection, Sniffing) {
-    const auto detect = [](const std::string& s) {
-        QXPropertyListFormat f = 0;
-        return PLS::isPropertyList(Data::withString(s), &f) ? f : 0;
+    const std::string tag = "<plist version=\"1.0\">", head = "<?xml version=\"1.0\"?>";
+    const std::vector<std::pair<std::string, QXPropertyListFormat>> cases = {
+        {"bplist", 0},
+        {"bplist00", 0},  // too short to hold anything
+        {"bplist00\x08", 200},
+        {"<?xml", 0},
+        // The XML tag must lie within the first 300 bytes.
+        {head + std::string(300 - head.size() - tag.size(), ' ') + tag, 100},
+        {head + std::string(301 - head.size() - tag.size(), ' ') + tag, 0},
+        {"<?xml bplist00 " + std::string(40, ' '), 0},
+        // Without a declaration, leading white space and line ends are skipped.
+        {" \n\t\r" + tag + "<dict/></plist>", 100},
+        {"\xC2\xA0" + tag + "<dict/></plist>", 100},
+        // Only the first thirty bytes are looked at, and only when they are UTF-8.
+        {std::string(9, ' ') + tag, 100},
+        {std::string(10, ' ') + tag, 0},
+        {tag + std::string(7, 'x') + "\xC3\xA9", 100},
+        {tag + std::string(8, 'x') + "\xC3\xA9", 0},  // a character cut at byte 30
     };
-    const std::string tag = "<plist version=\"1.0\">";
-    EXPECT_EQ(detect("bplist"), 0u);
-    EXPECT_EQ(detect("bplist00"), 0u);  // too short to hold anything
-    EXPECT_EQ(detect("bplist00\x08"), 200u);
-    EXPECT_EQ(detect("<?xml"), 0u);
-    // The XML tag must lie within the first 300 bytes.
-    const std::string head = "<?xml version=\"1.0\"?>";
-    EXPECT_EQ(detect(head + std::string(300 - head.size() - tag.size(), ' ') + tag), 100u);
-    EXPECT_EQ(detect(head + std::string(301 - head.size() - tag.size(), ' ') + tag), 0u);
-    EXPECT_EQ(detect("<?xml bplist00 " + std::string(40, ' ')), 0u);
-    // Without a declaration, leading white space and line ends are skipped.
-    EXPECT_EQ(detect(" \n\t\r" + tag + "<dict/></plist>"), 100u);
-    EXPECT_EQ(detect("\xC2\xA0" + tag + "<dict/></plist>"), 100u);
-    // Only the first thirty bytes are looked at, and only when they are UTF-8.
-    EXPECT_EQ(detect(std::string(9, ' ') + tag), 100u);
-    EXPECT_EQ(detect(std::string(10, ' ') + tag), 0u);
-    EXPECT_EQ(detect(tag + std::string(7, 'x') + "\xC3\xA9"), 100u);
-    EXPECT_EQ(detect(tag + std::string(8, 'x') + "\xC3\xA9"), 0u);  // a character cut at byte 30
+    for (const auto& [input, expected] : cases) {
+        QXPropertyListFormat f = 0;
+        EXPECT_EQ(PLS::isPropertyList(Data::withString(input), &f) ? f : 0, expected) << input;
+    }
 }
 
 TEST(BinaryPropertyListDetection, GeneralReader) {
     QXPropertyListFormat format = 0;
     Ref<Error> error;
     auto value = PLS::propertyListWithData(write(str("s")), &format, &error);
-    EXPECT_TRUE(sameValue(value.get(), str("s").get()));
+    EXPECT_TRUE(value && value->isEqual(*str("s")));
     EXPECT_EQ(format, 200u);
     EXPECT_FALSE(error);
     // XML is recognised but has no reader yet; unknown data has no fallback here.
@@ -863,7 +731,7 @@ TEST(BinaryPropertyListDetection, GeneralReader) {
                                            &format, &error));
     EXPECT_EQ(error->code(), 3840);
     EXPECT_EQ(format, 0u);
-    EXPECT_EQ(logs.lines(), std::vector<std::string>{"XML property lists are not supported yet"});
+    EXPECT_EQ(logs.lines(), Log{"XML property lists are not supported yet"});
     error.reset();
     EXPECT_FALSE(PLS::propertyListWithData(Data::withString("not a property list at all"), &format, &error));
     EXPECT_EQ(error->code(), 3840);
@@ -872,12 +740,10 @@ TEST(BinaryPropertyListDetection, GeneralReader) {
 
 // --- UID and record ------------------------------------------------------------------
 
-TEST(BinaryPropertyListUID, ValueAndIdentity) {
+TEST(BinaryPropertyListUID, ValueIdentityAndCopies) {
     EXPECT_EQ(QXUIDPropertyList::initWithData(Data::withString("\x01\x02"))->int64Value(), 0x0102);
     EXPECT_EQ(QXUIDPropertyList::initWithData(Data::withString("\x01\x02\x03"))->int64Value(), 0);
     auto uid = QXUIDPropertyList::initWithInt64Value(-2);
-    EXPECT_EQ(uid->data()->length(), 8u);
-    EXPECT_EQ(uid->int64Value(), -2);
     EXPECT_EQ(uid->description(), "<ffffffff fffffffe>");
     auto bytes = Data::withString("\x05");
     uid->setData(bytes);
@@ -885,18 +751,13 @@ TEST(BinaryPropertyListUID, ValueAndIdentity) {
     EXPECT_EQ(uid->int64Value(), 5);
     auto copy = dyn_cast<QXUIDPropertyList>(uid->copy());
     ASSERT_TRUE(copy);
-    EXPECT_NE(copy.get(), uid.get());
     EXPECT_EQ(copy->int64Value(), 5);
-    EXPECT_FALSE(copy->isEqual(*uid));
-    EXPECT_TRUE(uid->isEqual(*uid));
-}
+    EXPECT_FALSE(copy->isEqual(*uid));  // equal only to itself
 
-TEST(BinaryPropertyListUID, RecordCopiesItsValue) {
     auto list = Array::create();
     auto record = QXBinaryPlistRecord::recordWithPropertyList(list, 42);
     list->addObject(str("later"));
     EXPECT_EQ(dyn_cast<Array>(record->propertyList())->count(), 0u);
-    EXPECT_EQ(record->offset(), 42u);
 }
 
 } // namespace

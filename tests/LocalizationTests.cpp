@@ -12,15 +12,13 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
 
 using namespace qx;
 namespace fs = std::filesystem;
-
-extern const qx::EmbeddedResource QXFoundationEmbeddedResources[];
-extern const std::size_t QXFoundationEmbeddedResourcesCount;
 
 namespace {
 
@@ -41,38 +39,38 @@ std::string utf16Bytes(const std::u16string& text, bool bigEndian, bool bom) {
     return out;
 }
 
-class TempDir {
-public:
+std::string englishTableFile() {
+    std::ifstream in(std::string(QX_SOURCE_DIR) + "/Resources/en.lproj/Localizable.strings", std::ios::binary);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return buffer.str();
+}
+
+struct TempDir {
+    fs::path path;
     TempDir() {
         std::string pattern = (fs::temp_directory_path() / "qxloc-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
+        path = ::mkdtemp(pattern.data());
     }
     ~TempDir() {
         std::error_code ec;
-        fs::remove_all(path_, ec);
+        fs::remove_all(path, ec);
     }
-    const fs::path& path() const { return path_; }
     void write(const std::string& relative, const std::string& bytes) const {
-        fs::create_directories((path_ / relative).parent_path());
-        std::ofstream(path_ / relative, std::ios::binary) << bytes;
+        fs::create_directories((path / relative).parent_path());
+        std::ofstream(path / relative, std::ios::binary) << bytes;
     }
-
-private:
-    fs::path path_;
 };
 
 // Sets ICU's default locale for one test and puts the old one back.
-class ScopedLocale {
-public:
-    explicit ScopedLocale(const char* name) : saved_(icu::Locale::getDefault()) { set(icu::Locale(name)); }
-    ~ScopedLocale() { set(saved_); }
-
-private:
+struct ScopedLocale {
+    icu::Locale saved = icu::Locale::getDefault();
+    explicit ScopedLocale(const char* name) { set(icu::Locale(name)); }
+    ~ScopedLocale() { set(saved); }
     static void set(const icu::Locale& locale) {
         UErrorCode status = U_ZERO_ERROR;
         icu::Locale::setDefault(locale, status);
     }
-    icu::Locale saved_;
 };
 
 // Points the library bundle at an override directory and makes it again
@@ -98,7 +96,7 @@ private:
 
 // --- Strings files ---------------------------------------------------------
 
-TEST(LocalizationStringsFile, EntriesCommentsAndEscapes) {
+TEST(LocalizationStringsFile, EntriesCommentsEscapesAndMalformedEntries) {
     const std::string text =
         "/* header\n   comment */\n"
         "\"plain\" = \"Plain text\";\n"
@@ -109,35 +107,25 @@ TEST(LocalizationStringsFile, EntriesCommentsAndEscapes) {
         "\"lone\";\n"
         "'single' = 'quotes';\n"
         "\"%lu objects\"=\"%lu objects\";/* trailing */\"dup\" = \"first\"; \"dup\" = \"second\";\n"
-        "\"utf8\" = \"Größe “quoted”\";\n";
-    auto d = dictionaryFromStringsFileData(text);
-    EXPECT_EQ(value(d, "plain"), "Plain text");
-    EXPECT_EQ(value(d, "escapes"), "q\" b\\ n\n t\t r\r oA u\u00e9");
-    EXPECT_EQ(value(d, "pair"), "\U0001F600");
-    EXPECT_EQ(value(d, "unquoted_key.1"), "bare-value");
-    EXPECT_EQ(value(d, "lone"), "lone");
-    EXPECT_EQ(value(d, "single"), "quotes");
-    EXPECT_EQ(value(d, "%lu objects"), "%lu objects");
-    EXPECT_EQ(value(d, "dup"), "second");
-    EXPECT_EQ(value(d, "utf8"), "Größe “quoted”");
-    EXPECT_EQ(value(d, "line comment"), "<missing>");
-    EXPECT_EQ(d->count(), 9u);
-}
-
-TEST(LocalizationStringsFile, MalformedEntriesAreSkipped) {
-    const std::string text =
-        "\"good1\" = \"a\";\n"
+        "\"utf8\" = \"Größe “quoted”\";\n"
+        // Malformed entries are skipped; a missing ';' is forgiven.
         "\"noequals\" \"b\";\n"
         "= \"nokey\";\n"
         "\"novalue\" = ;\n"
-        "\"good2\" = \"c\"\n"  // missing ';' is forgiven
+        "\"good2\" = \"c\"\n"
         "\"good3\" = \"d\";\n"
         "\"unterminated\" = \"e;\n";
     auto d = dictionaryFromStringsFileData(text);
-    EXPECT_EQ(value(d, "good1"), "a");
-    EXPECT_EQ(value(d, "good2"), "c");
-    EXPECT_EQ(value(d, "good3"), "d");
-    EXPECT_EQ(d->count(), 3u);
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"plain", "Plain text"},      {"escapes", "q\" b\\ n\n t\t r\r oA u\u00e9"},
+        {"pair", "\U0001F600"},       {"unquoted_key.1", "bare-value"},
+        {"lone", "lone"},             {"single", "quotes"},
+        {"%lu objects", "%lu objects"}, {"dup", "second"},
+        {"utf8", "Größe “quoted”"},   {"good2", "c"},
+        {"good3", "d"},
+    };
+    for (const auto& [key, text] : expected) EXPECT_EQ(value(d, key), text) << key;
+    EXPECT_EQ(d->count(), expected.size());
 }
 
 TEST(LocalizationStringsFile, EncodingsAreDetected) {
@@ -153,10 +141,7 @@ TEST(LocalizationStringsFile, EncodingsAreDetected) {
 }
 
 TEST(LocalizationStringsFile, EveryTruncationAndDamageIsSurvived) {
-    std::ifstream in(std::string(QX_SOURCE_DIR) + "/Resources/en.lproj/Localizable.strings", std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    const std::string file = buffer.str();
+    const std::string file = englishTableFile();
     ASSERT_FALSE(file.empty());
     const auto full = dictionaryFromStringsFileData(file)->count();
     for (std::size_t n = 0; n < file.size(); ++n) {
@@ -184,7 +169,7 @@ TEST(LocalizationBundle, OverrideDirectoryWinsAndPathsFollowTheLocalisation) {
     dir.write("sub/de.lproj/x.bin", "wrong place");
     dir.write("de.lproj/sub/x.bin", "right place");
 
-    auto bundle = Bundle::withEmbeddedResources(table, 2, dir.path().string());
+    auto bundle = Bundle::withEmbeddedResources(table, 2, dir.path.string());
     ASSERT_TRUE(bundle);
     EXPECT_EQ(bundle->resourceData("Localizable", "strings", {}, "en")->view(), "\"k\" = \"override en\";");
     EXPECT_EQ(bundle->resourceData("Entities", "txt")->view(), "<!ENTITY amp \"&#38;\">");
@@ -200,7 +185,7 @@ TEST(LocalizationBundle, OverrideDirectoryWinsAndPathsFollowTheLocalisation) {
     EXPECT_EQ(embeddedOnly->overrideDirectory(), "");
     EXPECT_EQ(embeddedOnly->resourceData("Localizable", "strings", {}, "en")->view(), reinterpret_cast<const char*>(kEmbeddedEn));
     EXPECT_FALSE(Bundle::withEmbeddedResources(nullptr, 0, "/nonexistent/qx"));
-    EXPECT_TRUE(Bundle::withEmbeddedResources(nullptr, 0, dir.path().string()));
+    EXPECT_TRUE(Bundle::withEmbeddedResources(nullptr, 0, dir.path.string()));
 }
 
 TEST(LocalizationBundle, StringsComeFromPreferredLanguageThenBaseOnly) {
@@ -210,7 +195,7 @@ TEST(LocalizationBundle, StringsComeFromPreferredLanguageThenBaseOnly) {
     dir.write("Base.lproj/Localizable.strings", "\"base\" = \"Base text\"; \"german\" = \"not this\";");
     dir.write("en.lproj/Localizable.strings", "\"english\" = \"English\";");
     dir.write("de.lproj/Other.strings", "\"t\" = \"other table\";");
-    auto bundle = Bundle::withEmbeddedResources(nullptr, 0, dir.path().string());
+    auto bundle = Bundle::withEmbeddedResources(nullptr, 0, dir.path.string());
     ASSERT_TRUE(bundle);
 
     {
@@ -236,41 +221,29 @@ TEST(LocalizationLibrary, EnglishTableIsCompiledInAndComplete) {
     ASSERT_TRUE(bundle);
     auto data = bundle->resourceData("Localizable", "strings", {}, "en");
     ASSERT_TRUE(data);
-    std::ifstream in(std::string(QX_SOURCE_DIR) + "/Resources/en.lproj/Localizable.strings", std::ios::binary);
-    std::stringstream file;
-    file << in.rdbuf();
-    EXPECT_EQ(data->view(), file.str());
+    const std::string file = englishTableFile();
+    EXPECT_EQ(data->view(), file);
 
     // Every entry line of the file is read, and every text keeps its key's
     // format conversions (a text used as a format must take the same values).
     auto table = dictionaryFromStringsFileData(data->view());
-    std::size_t entryLines = 0;
-    std::istringstream lines(file.str());
-    for (std::string line; std::getline(lines, line);)
-        if (line.size() > 8 && line.front() == '"' && line.find("\" = \"") != std::string::npos &&
-            line.ends_with("\";"))
-            ++entryLines;
-    EXPECT_EQ(table->count(), entryLines);
+    const std::regex entry("^\"[^\n]*\" = \"[^\n]*\";$", std::regex::multiline);
+    EXPECT_EQ(table->count(), static_cast<std::size_t>(std::distance(
+                                  std::sregex_iterator(file.begin(), file.end(), entry), std::sregex_iterator())));
     // The printf conversions of a text, e.g. {"%lu", "%@"}.
-    auto conversions = [](const std::string& s) {
+    const auto conversions = [](const std::string& s) {
+        static const std::regex conversion("%[-+ #0-9.lzh]*[^-+ #0-9.lzh]");
         std::vector<std::string> out;
-        for (std::size_t i = s.find('%'); i != std::string::npos; i = s.find('%', i)) {
-            std::size_t j = i + 1;
-            while (j < s.size() && std::string_view("-+ #0123456789.lzh").find(s[j]) != std::string_view::npos) ++j;
-            if (j < s.size()) out.push_back(s.substr(i, j - i + 1));
-            i = j + 1;
-        }
+        for (auto i = std::sregex_iterator(s.begin(), s.end(), conversion); i != std::sregex_iterator(); ++i)
+            out.push_back(i->str());
         return out;
     };
     for (const auto& [key, text] : *table) {
         const auto& k = dyn_cast<String>(key)->utf8();
         const auto& v = dyn_cast<String>(text)->utf8();
         EXPECT_FALSE(v.empty()) << k;
-        if (k != "ALREADY_EXISTS") {
-            EXPECT_EQ(conversions(k), conversions(v)) << k;
-        }
+        EXPECT_EQ(conversions(k == "ALREADY_EXISTS" ? "%@" : k), conversions(v)) << k;
     }
-    EXPECT_EQ(conversions(value(table, "ALREADY_EXISTS")), std::vector<std::string>{"%@"});
 }
 
 TEST(LocalizationLibrary, TranslationThenEnglishThenKey) {
@@ -278,7 +251,7 @@ TEST(LocalizationLibrary, TranslationThenEnglishThenKey) {
     dir.write("de.lproj/Localizable.strings",
               "/* German */\n\"Yes\" = \"Ja\";\n\"NEW_OBJECT\" = \"Neues Objekt\";\n");
     ScopedLocale locale("de_DE");
-    ScopedLibraryResources resources(dir.path());
+    ScopedLibraryResources resources(dir.path);
 
     EXPECT_EQ(QXFLocalizedString("Yes")->utf8(), "Ja");
     EXPECT_EQ(QXFLocalizedString("NEW_OBJECT")->utf8(), "Neues Objekt");
@@ -302,7 +275,7 @@ TEST(LocalizationLibrary, OverriddenEnglishTableIsTheFallBack) {
     TempDir dir;
     dir.write("en.lproj/Localizable.strings", "\"KiB\" = \"kibibytes\";");
     ScopedLocale locale("fr_FR");  // no French table anywhere
-    ScopedLibraryResources resources(dir.path());
+    ScopedLibraryResources resources(dir.path);
     EXPECT_EQ(QXFLocalizedString("KiB")->utf8(), "kibibytes");
     EXPECT_EQ(QXFLocalizedString("MiB")->utf8(), "MiB");  // not in the override: the key
 }

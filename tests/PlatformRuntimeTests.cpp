@@ -12,6 +12,7 @@
 
 using namespace qx;
 using namespace std::chrono_literals;
+using Strings = std::vector<std::string>;
 
 namespace {
 
@@ -30,6 +31,11 @@ template <class Pred> void runMainUntil(Pred done) {
     ASSERT_TRUE(done()) << "the main run loop never got the work";
 }
 
+// Runs body on a new thread, with that thread's own run loop.
+template <class Body> void onOwnLoop(Body body) {
+    std::thread([body] { body(RunLoop::current(), RunLoop::Clock::now() - 1s); }).join();
+}
+
 } // namespace
 
 // --- Notification centre --------------------------------------------------
@@ -37,37 +43,41 @@ template <class Pred> void runMainUntil(Pred done) {
 TEST(PlatformNotificationCenter, MatchesByNameAndSender) {
     auto center = freshCenter();
     auto a = newObject();
-    auto b = newObject();
     int nameAny = 0, nameA = 0, anyAny = 0, otherName = 0;
     center->addObserver("N", nullptr, [&](const auto&) { ++nameAny; });
     center->addObserver("N", a, [&](const auto&) { ++nameA; });
     center->addObserver("", nullptr, [&](const auto&) { ++anyAny; });
     center->addObserver("M", nullptr, [&](const auto&) { ++otherName; });
-
     center->post("N", a);
-    center->post("N", b);
+    center->post("N", newObject());
     center->post("N");
     center->post("X", a);
-    EXPECT_EQ(nameAny, 3);
-    EXPECT_EQ(nameA, 1);
-    EXPECT_EQ(anyAny, 4);
-    EXPECT_EQ(otherName, 0);
+    EXPECT_EQ(std::vector<int>({nameAny, nameA, anyAny, otherName}), std::vector<int>({3, 1, 4, 0}));
 }
 
-TEST(PlatformNotificationCenter, PassesNotificationAndHoldsSenderWeakly) {
+TEST(PlatformNotificationCenter, DeliversOnThePostingThreadAndHoldsTheSenderWeakly) {
     auto center = freshCenter();
     auto sender = newObject();
     WeakRef<Object> weak = sender;
     int calls = 0;
     Ref<Notification> seen;
+    std::thread::id observedOn;
     center->addObserver("N", sender, [&](const Ref<Notification>& n) {
         ++calls;
         seen = n;
+        observedOn = std::this_thread::get_id();
     });
     auto info = Dictionary::create();
     info->setObject(Number::withInt32(7), "k");
-    center->post("N", sender, info);
-    ASSERT_EQ(calls, 1);
+    std::thread::id posterId;
+    int callsWhenPostReturned = 0;
+    std::thread([&] {
+        posterId = std::this_thread::get_id();
+        center->post("N", sender, info);
+        callsWhenPostReturned = calls;
+    }).join();
+    EXPECT_EQ(callsWhenPostReturned, 1);
+    EXPECT_EQ(observedOn, posterId);
     EXPECT_EQ(seen->name(), "N");
     EXPECT_EQ(seen->object(), sender);
     EXPECT_EQ(seen->userInfo(), info);
@@ -81,29 +91,9 @@ TEST(PlatformNotificationCenter, PassesNotificationAndHoldsSenderWeakly) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST(PlatformNotificationCenter, DeliversOnPostingThreadBeforePostReturns) {
-    auto center = freshCenter();
-    std::thread::id observedOn;
-    bool delivered = false;
-    center->addObserver("N", nullptr, [&](const auto&) {
-        observedOn = std::this_thread::get_id();
-        delivered = true;
-    });
-    std::thread::id posterId;
-    bool deliveredWhenPostReturned = false;
-    std::thread poster([&] {
-        posterId = std::this_thread::get_id();
-        center->post("N");
-        deliveredWhenPostReturned = delivered;
-    });
-    poster.join();
-    EXPECT_TRUE(deliveredWhenPostReturned);
-    EXPECT_EQ(observedOn, posterId);
-}
-
 TEST(PlatformNotificationCenter, CallbacksMayAddAndRemoveObservers) {
     auto center = freshCenter();
-    std::vector<std::string> log;
+    Strings log;
     NotificationCenter::ObserverToken second = 0, self = 0;
     bool added = false;
     center->addObserver("N", nullptr, [&](const auto&) {
@@ -121,10 +111,10 @@ TEST(PlatformNotificationCenter, CallbacksMayAddAndRemoveObservers) {
         center->post("Nested");  // re-entrant posting is allowed
     });
     center->post("N");
-    EXPECT_EQ(log, (std::vector<std::string>{"first", "self"}));  // "late" joined after this post began
+    EXPECT_EQ(log, (Strings{"first", "self"}));  // "late" joined after this post began
     log.clear();
     center->post("N");
-    EXPECT_EQ(log, (std::vector<std::string>{"first", "late"}));
+    EXPECT_EQ(log, (Strings{"first", "late"}));
     center->removeObserver(self);  // already gone
     center->removeObserver(0);
 }
@@ -149,7 +139,7 @@ TEST(PlatformNotificationCenter, ConcurrentPostsAddsAndRemoves) {
         });
     }
     for (auto& t : threads) t.join();
-    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(counts[t], kRounds);
+    EXPECT_EQ(counts, std::vector<int>(kThreads, kRounds));
     EXPECT_EQ(stray.load(), kThreads * kRounds);
 }
 
@@ -158,17 +148,10 @@ TEST(PlatformNotificationCenter, ConcurrentPostsAddsAndRemoves) {
 TEST(PlatformRunLoop, OneLoopPerThreadAndMainIsTheFirstThread) {
     EXPECT_TRUE(RunLoop::isMainThread());
     EXPECT_EQ(RunLoop::current(), RunLoop::main());
-    EXPECT_EQ(RunLoop::current(), RunLoop::current());
     Ref<RunLoop> a1, a2, b;
     bool aIsMain = true;
-    std::thread ta([&] {
-        a1 = RunLoop::current();
-        a2 = RunLoop::current();
-        aIsMain = RunLoop::isMainThread();
-    });
-    ta.join();
-    std::thread tb([&] { b = RunLoop::current(); });
-    tb.join();
+    std::thread([&] { a1 = RunLoop::current(); a2 = RunLoop::current(); aIsMain = RunLoop::isMainThread(); }).join();
+    std::thread([&] { b = RunLoop::current(); }).join();
     EXPECT_FALSE(aIsMain);
     EXPECT_EQ(a1, a2);
     EXPECT_NE(a1, b);
@@ -176,92 +159,69 @@ TEST(PlatformRunLoop, OneLoopPerThreadAndMainIsTheFirstThread) {
 }
 
 TEST(PlatformRunLoop, RunsOnlyWorkOfTheModeInQueueOrder) {
-    std::thread([] {
-        auto loop = RunLoop::current();
-        std::vector<std::string> ran;
+    onOwnLoop([](Ref<RunLoop> loop, auto past) {
+        Strings ran;
         loop->performBlock("A", [&] {
             ran.push_back("A1");
             loop->performBlock("A", [&] { ran.push_back("A3"); });  // waits for the next run
         });
         loop->performBlock("B", [&] { ran.push_back("B1"); });
-        loop->performBlock(std::vector<std::string>{"A", "B"}, [&] { ran.push_back("AB"); });
+        loop->performBlock(Strings{"A", "B"}, [&] { ran.push_back("AB"); });
         loop->performBlock("A", [&] { ran.push_back("A2"); });
-
-        const auto past = RunLoop::Clock::now() - 1s;
         EXPECT_EQ(loop->runMode("B", past), RunLoop::RunResult::Handled);
-        EXPECT_EQ(ran, (std::vector<std::string>{"B1", "AB"}));
+        EXPECT_EQ(ran, (Strings{"B1", "AB"}));
         EXPECT_EQ(loop->runMode("A", past), RunLoop::RunResult::Handled);
-        EXPECT_EQ(ran, (std::vector<std::string>{"B1", "AB", "A1", "A2"}));
+        EXPECT_EQ(ran, (Strings{"B1", "AB", "A1", "A2"}));
         EXPECT_EQ(loop->runMode("A", past), RunLoop::RunResult::Handled);
         EXPECT_EQ(ran.back(), "A3");
         // Each block ran once: nothing is left in either mode.
         EXPECT_EQ(loop->runMode("A", past), RunLoop::RunResult::TimedOut);
         EXPECT_EQ(loop->runMode("B", past), RunLoop::RunResult::TimedOut);
-    }).join();
-}
 
-TEST(PlatformRunLoop, CommonModesAreResolvedWhenTheLoopRuns) {
-    std::thread([] {
-        auto loop = RunLoop::current();
-        const auto past = RunLoop::Clock::now() - 1s;
-        int ran = 0;
-        loop->performBlock(RunLoop::CommonModes, [&] { ++ran; });
+        // Common modes are resolved when the loop runs, not when work is queued.
+        int common = 0;
+        loop->performBlock(RunLoop::CommonModes, [&] { ++common; });
         EXPECT_EQ(loop->runMode("Private", past), RunLoop::RunResult::TimedOut);
         loop->addCommonMode("Private");
-        EXPECT_TRUE(loop->commonModes().count("Private"));
-        EXPECT_TRUE(loop->commonModes().count(RunLoop::DefaultMode));
+        EXPECT_TRUE(loop->commonModes().count("Private") && loop->commonModes().count(RunLoop::DefaultMode));
         EXPECT_EQ(loop->runMode("Private", past), RunLoop::RunResult::Handled);
-        EXPECT_EQ(ran, 1);
-        loop->performBlock(RunLoop::CommonModes, [&] { ++ran; });
+        loop->performBlock(RunLoop::CommonModes, [&] { ++common; });
         EXPECT_EQ(loop->runMode(RunLoop::DefaultMode, past), RunLoop::RunResult::Handled);
-        EXPECT_EQ(ran, 2);
-    }).join();
+        EXPECT_EQ(common, 2);
+    });
 }
 
-TEST(PlatformRunLoop, WaitsUntilWorkArrivesFromAnotherThread) {
-    std::thread([] {
-        auto loop = RunLoop::current();
+TEST(PlatformRunLoop, WaitsEndWithWorkDeadlineWakeUpOrStop) {
+    onOwnLoop([](Ref<RunLoop> loop, auto) {
+        // No deadline: only the producer's block can end this wait.
         std::atomic<bool> ran{false};
         std::thread producer([&] { loop->performBlock("M", [&] { ran = true; }); });
-        // No deadline: only the producer's block can end this wait.
         EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Handled);
         EXPECT_TRUE(ran.load());
         producer.join();
-    }).join();
-}
 
-TEST(PlatformRunLoop, DeadlinePassesWhenOnlyOtherModesHaveWork) {
-    std::thread([] {
-        auto loop = RunLoop::current();
+        // Work in another mode does not end the wait early.
         loop->performBlock("Other", [] {});
         const auto start = RunLoop::Clock::now();
         EXPECT_EQ(loop->runMode("M", 50ms), RunLoop::RunResult::TimedOut);
         EXPECT_GE(RunLoop::Clock::now() - start, 50ms);
         EXPECT_EQ(loop->runMode("Other", 0s), RunLoop::RunResult::Handled);
-    }).join();
-}
 
-TEST(PlatformRunLoop, WakeUpAndStopEndAWaitWithoutWork) {
-    std::thread([] {
-        auto loop = RunLoop::current();
-        // Called before the run: the next run returns at once, and only once.
+        // A wake-up before the run ends the next run at once, and only once.
         loop->wakeUp();
         EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Finished);
         EXPECT_EQ(loop->runMode("M", 0s), RunLoop::RunResult::TimedOut);
-
         std::thread waker([loop] { loop->wakeUp(); });
         EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Finished);
         waker.join();
-
         std::thread stopper([loop] { loop->stop(); });
         EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Stopped);
         stopper.join();
-    }).join();
+    });
 }
 
 TEST(PlatformRunLoop, ThrowingBlockKeepsTheRestQueued) {
-    std::thread([] {
-        auto loop = RunLoop::current();
+    onOwnLoop([](Ref<RunLoop> loop, auto) {
         int after = 0;
         loop->performBlock("M", [] { throw std::runtime_error("boom"); });
         loop->performBlock("M", [&] { ++after; });
@@ -269,13 +229,12 @@ TEST(PlatformRunLoop, ThrowingBlockKeepsTheRestQueued) {
         EXPECT_EQ(after, 0);
         EXPECT_EQ(loop->runMode("M", 0s), RunLoop::RunResult::Handled);
         EXPECT_EQ(after, 1);
-    }).join();
+    });
 }
 
 // --- Main-thread dispatch --------------------------------------------------
 
 TEST(PlatformDispatch, SyncMainRunsDirectlyOnTheMainThread) {
-    ASSERT_TRUE(RunLoop::isMainThread());
     bool ran = false;
     dispatchSyncMain([&] {
         ran = true;
@@ -284,9 +243,9 @@ TEST(PlatformDispatch, SyncMainRunsDirectlyOnTheMainThread) {
     EXPECT_TRUE(ran);
 }
 
-TEST(PlatformDispatch, SyncMainFromAnotherThreadWaitsForTheMainLoop) {
-    std::atomic<bool> blockRan{false}, callerResumed{false}, resumedBeforeBlock{false};
-    std::atomic<bool> ranOnMain{false};
+TEST(PlatformDispatch, SyncMainFromAnotherThreadWaitsForTheMainLoopAndRethrows) {
+    std::atomic<bool> blockRan{false}, callerResumed{false}, resumedBeforeBlock{false}, ranOnMain{false}, done{false};
+    std::string caught;
     std::thread caller([&] {
         dispatchSyncMain([&] {
             ranOnMain = RunLoop::isMainThread();
@@ -294,40 +253,26 @@ TEST(PlatformDispatch, SyncMainFromAnotherThreadWaitsForTheMainLoop) {
             blockRan = true;
         });
         callerResumed = true;
-    });
-    runMainUntil([&] { return blockRan.load(); });
-    caller.join();
-    EXPECT_TRUE(ranOnMain.load());
-    EXPECT_FALSE(resumedBeforeBlock.load());
-    EXPECT_TRUE(callerResumed.load());
-}
-
-TEST(PlatformDispatch, SyncMainRethrowsToTheCaller) {
-    std::atomic<bool> done{false};
-    bool caught = false;
-    std::thread caller([&] {
         try {
             dispatchSyncMain([] { throw std::runtime_error("main failed"); });
         } catch (const std::runtime_error& e) {
-            caught = std::string(e.what()) == "main failed";
+            caught = e.what();
         }
         done = true;
         RunLoop::main()->wakeUp();
     });
     runMainUntil([&] { return done.load(); });
     caller.join();
-    EXPECT_TRUE(caught);
+    EXPECT_TRUE(blockRan.load() && ranOnMain.load());
+    EXPECT_FALSE(resumedBeforeBlock.load());
+    EXPECT_EQ(caught, "main failed");
 }
 
 TEST(PlatformDispatch, AsyncMainReturnsAtOnceAndRunsInOrderOnMain) {
     std::vector<int> order;
-    std::atomic<bool> queued{false};
-    std::thread caller([&] {
+    std::thread([&] {
         for (int i = 0; i < 3; ++i) dispatchAsyncMain([&order, i] { order.push_back(i); });
-        queued = true;
-    });
-    caller.join();  // the caller never waited for the main loop
-    EXPECT_TRUE(queued.load());
+    }).join();  // the caller never waited for the main loop
     EXPECT_TRUE(order.empty());
     runMainUntil([&] { return order.size() == 3; });
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));

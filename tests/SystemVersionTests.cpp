@@ -45,35 +45,33 @@ using SystemVersionFileDeathTest = SystemVersionFile;
 
 } // namespace
 
-TEST_F(SystemVersionFile, TwoPartVersion) {
-    use("good-SystemVersion-10.9.plist");
-    const auto v = systemVersion();
-    EXPECT_EQ(v.major, 10);
-    EXPECT_EQ(v.minor, 9);
-    EXPECT_EQ(v.patch, 0);
-    EXPECT_EQ(QXGetSystemVersionString()->utf8(), "10.9");
-
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(10, 9, 0));
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(10, 8, 99));
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(9, 99, 99));
-    EXPECT_FALSE(QXSystemVersionIsAtLeast(10, 9, 1));
-    EXPECT_FALSE(QXSystemVersionIsAtLeast(10, 10, 0));
-    EXPECT_FALSE(QXSystemVersionIsAtLeast(11, 0, 0));
-}
-
-TEST_F(SystemVersionFile, ThreePartVersionAndPartialOutputs) {
-    use("good-SystemVersion-10.8.5.plist");
-    std::int64_t minor = -1;
-    QXGetSystemVersion(nullptr, &minor, nullptr);
-    EXPECT_EQ(minor, 8);
-    std::int64_t patch = -1;
-    QXGetSystemVersion(nullptr, nullptr, &patch);
-    EXPECT_EQ(patch, 5);
-    QXGetSystemVersion(nullptr, nullptr, nullptr);
-    EXPECT_EQ(QXGetSystemVersionString()->utf8(), "10.8.5");
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(10, 8, 5));
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(10, 8, 4));
-    EXPECT_FALSE(QXSystemVersionIsAtLeast(10, 8, 6));
+TEST_F(SystemVersionFile, TwoAndThreePartVersions) {
+    struct Case {
+        const char* file;
+        std::int64_t major, minor, patch;
+        const char* text;
+    };
+    for (const Case& c : {Case{"good-SystemVersion-10.9.plist", 10, 9, 0, "10.9"},
+                          Case{"good-SystemVersion-10.8.5.plist", 10, 8, 5, "10.8.5"}}) {
+        SCOPED_TRACE(c.file);
+        use(c.file);
+        // Each output may be left out.
+        std::int64_t minor = -1, patch = -1;
+        QXGetSystemVersion(nullptr, &minor, nullptr);
+        QXGetSystemVersion(nullptr, nullptr, &patch);
+        QXGetSystemVersion(nullptr, nullptr, nullptr);
+        EXPECT_EQ(minor, c.minor);
+        EXPECT_EQ(patch, c.patch);
+        const auto v = systemVersion();
+        EXPECT_EQ(std::vector<std::int64_t>({v.major, v.minor, v.patch}), std::vector<std::int64_t>({c.major, c.minor, c.patch}));
+        EXPECT_EQ(QXGetSystemVersionString()->utf8(), c.text);
+        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch));
+        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major, c.minor - 1, 99));
+        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major - 1, 99, 99));
+        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch + 1));
+        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major, c.minor + 1, 0));
+        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major + 1, 0, 0));
+    }
 }
 
 TEST_F(SystemVersionFile, ReadOnceUntilReset) {
@@ -91,12 +89,9 @@ TEST_F(SystemVersionFile, ReadOnceUntilReset) {
     EXPECT_EQ(systemVersion().patch, 5);
 }
 
-TEST_F(SystemVersionFileDeathTest, FewerThanTwoPartsStopsTheProcess) {
+TEST_F(SystemVersionFileDeathTest, FewerThanTwoPartsOrAnUnreadableFileStopsTheProcess) {
     use("bad-SystemVersion-one-part.plist");
     EXPECT_DEATH(systemVersion(), "Sources/QXSystemVersion:21(.|\n)*versions.count >= 2");
-}
-
-TEST_F(SystemVersionFileDeathTest, MissingOrUnreadableFileStopsTheProcess) {
     use("no-such-file.plist");
     EXPECT_DEATH(QXGetSystemVersionString(), "versions.count >= 2");
     // Not a property list at all (a strings file).
@@ -116,10 +111,7 @@ TEST(SystemVersionKernel, AnswersFromTheRunningSystem) {
     EXPECT_EQ(QXGetSystemVersionString()->utf8(), std::string(u.sysname) + " " + u.release);
 
     EXPECT_TRUE(QXSystemVersionIsAtLeast(v.major, v.minor, v.patch));
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(v.major - 1, v.minor + 100, 0));
     EXPECT_FALSE(QXSystemVersionIsAtLeast(v.major, v.minor, v.patch + 1));
-    EXPECT_FALSE(QXSystemVersionIsAtLeast(v.major, v.minor + 1, 0));
-    EXPECT_FALSE(QXSystemVersionIsAtLeast(v.major + 1, 0, 0));
 }
 
 TEST(SystemVersionKernel, ReleaseStringsParse) {
@@ -128,9 +120,8 @@ TEST(SystemVersionKernel, ReleaseStringsParse) {
         return std::to_string(v.majorVersion) + "." + std::to_string(v.minorVersion) + "." +
                std::to_string(v.patchVersion);
     };
-    EXPECT_EQ(parse("6.1.0-18-amd64"), "6.1.0");
-    EXPECT_EQ(parse("6.8"), "6.8.0");
-    EXPECT_EQ(parse("3.10rc1.5"), "3.10.0");
-    EXPECT_EQ(parse("rolling"), "0.0.0");
-    EXPECT_EQ(parse("99999999999999999999999.1"), "9223372036854775807.1.0");
+    for (const auto& [release, expected] : std::vector<std::pair<const char*, const char*>>{
+             {"6.1.0-18-amd64", "6.1.0"}, {"6.8", "6.8.0"}, {"3.10rc1.5", "3.10.0"}, {"rolling", "0.0.0"},
+             {"99999999999999999999999.1", "9223372036854775807.1.0"}})
+        EXPECT_EQ(parse(release), expected) << release;
 }
