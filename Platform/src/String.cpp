@@ -14,7 +14,8 @@ namespace {
 
 std::string utf16ToUTF8(const char16_t* units, std::size_t count) {
     std::string out;
-    if (count == 0) return out;
+    // ICU counts in 32-bit lengths; longer text than that is not decoded.
+    if (count == 0 || count > static_cast<std::size_t>(INT32_MAX / 3)) return out;
     out.resize(count * 3);
     int32_t written = 0;
     UErrorCode status = U_ZERO_ERROR;
@@ -65,7 +66,9 @@ Ref<String> String::withUTF16BigEndian(const unsigned char* bytes, std::size_t c
 
 std::u16string String::utf16() const {
     std::u16string out;
-    if (utf8_.empty()) return out;
+    // ICU counts in 32-bit lengths; text beyond that reads as empty rather
+    // than being cut somewhere in the middle.
+    if (utf8_.empty() || utf8_.size() > static_cast<std::size_t>(INT32_MAX / 2)) return out;
     out.resize(utf8_.size());
     int32_t written = 0;
     UErrorCode status = U_ZERO_ERROR;

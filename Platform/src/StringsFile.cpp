@@ -1,7 +1,6 @@
 // StringsFile.cpp - the tolerant strings-file reader.
 #include <qx/StringsFile.h>
 
-#include <unicode/ustring.h>
 
 #include <climits>
 #include <cstdint>
@@ -21,20 +20,7 @@ std::u16string fromUTF16(std::string_view bytes, bool bigEndian) {
     return out;
 }
 
-std::u16string fromUTF8(std::string_view bytes) {
-    std::u16string out;
-    // Localisation tables are small; anything beyond what ICU can count is
-    // not one, and reads as empty rather than failing somewhere later.
-    if (bytes.empty() || bytes.size() > static_cast<std::size_t>(INT32_MAX / 2)) return out;
-    out.resize(bytes.size());
-    int32_t written = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    u_strFromUTF8WithSub(reinterpret_cast<UChar*>(out.data()), static_cast<int32_t>(out.size()), &written,
-                         bytes.data(), static_cast<int32_t>(bytes.size()), 0xFFFD, nullptr, &status);
-    if (U_FAILURE(status)) return {};
-    out.resize(static_cast<std::size_t>(written));
-    return out;
-}
+std::u16string fromUTF8(std::string_view bytes) { return String(std::string(bytes)).utf16(); }
 
 bool isSpace(char16_t c) {
     return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r' || c == u'\f' || c == u'\v' || c == 0xFEFF ||
