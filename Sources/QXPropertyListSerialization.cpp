@@ -280,6 +280,14 @@ private:
     qx::Ref<qx::Object> decodeDictionary(std::uint64_t number, std::uint64_t position, std::uint8_t marker,
                                          unsigned depth, qx::Ref<qx::Error>* error);
     bool beginContainer(std::uint64_t number, unsigned depth, qx::Ref<qx::Error>* error);
+    /// Reads a container's count (from the marker or the integer after it),
+    /// checks it against the bytes left and enters the container; false on failure.
+    bool openContainer(std::uint64_t number, std::uint64_t& position, std::uint8_t marker, unsigned refsPerEntry,
+                       unsigned depth, std::uint64_t& count, qx::Ref<qx::Error>* error) {
+        count = marker & 0x0F;
+        if (count == 0x0F) count = readInteger(bytes_, length_, position);
+        return checkCount(count, position, refsPerEntry, number, error) && beginContainer(number, depth, error);
+    }
     qx::Ref<qx::Object> stringWithUTF16BigEndian(const std::uint8_t* bytes, std::uint64_t count);
     bool chargeKey(const qx::Object& key, std::uint64_t keyObjects, std::uint64_t& weakKeys,
                    qx::Ref<qx::Error>* error);
@@ -479,9 +487,8 @@ bool BinaryReader::chargeKey(const qx::Object& key, std::uint64_t keyObjects, st
 
 qx::Ref<qx::Object> BinaryReader::decodeArray(std::uint64_t number, std::uint64_t position, std::uint8_t marker,
                                               unsigned depth, qx::Ref<qx::Error>* error) {
-    std::uint64_t count = marker & 0x0F;
-    if (count == 0x0F) count = readInteger(bytes_, length_, position);
-    if (!checkCount(count, position, 1, number, error) || !beginContainer(number, depth, error)) return nullptr;
+    std::uint64_t count = 0;
+    if (!openContainer(number, position, marker, 1, depth, count, error)) return nullptr;
 
     auto array = std::make_shared<qx::Array>();
     array->reserve(static_cast<std::size_t>(count));
@@ -501,9 +508,8 @@ qx::Ref<qx::Object> BinaryReader::decodeArray(std::uint64_t number, std::uint64_
 
 qx::Ref<qx::Object> BinaryReader::decodeSet(std::uint64_t number, std::uint64_t position, std::uint8_t marker,
                                             unsigned depth, qx::Ref<qx::Error>* error) {
-    std::uint64_t count = marker & 0x0F;
-    if (count == 0x0F) count = readInteger(bytes_, length_, position);
-    if (!checkCount(count, position, 1, number, error) || !beginContainer(number, depth, error)) return nullptr;
+    std::uint64_t count = 0;
+    if (!openContainer(number, position, marker, 1, depth, count, error)) return nullptr;
 
     auto set = std::make_shared<qx::Set>();
     std::uint64_t weakKeys = 0;
@@ -523,9 +529,8 @@ qx::Ref<qx::Object> BinaryReader::decodeSet(std::uint64_t number, std::uint64_t 
 
 qx::Ref<qx::Object> BinaryReader::decodeDictionary(std::uint64_t number, std::uint64_t position, std::uint8_t marker,
                                                    unsigned depth, qx::Ref<qx::Error>* error) {
-    std::uint64_t count = marker & 0x0F;
-    if (count == 0x0F) count = readInteger(bytes_, length_, position);
-    if (!checkCount(count, position, 2, number, error) || !beginContainer(number, depth, error)) return nullptr;
+    std::uint64_t count = 0;
+    if (!openContainer(number, position, marker, 2, depth, count, error)) return nullptr;
 
     // Keys wait on a stack shared by all dictionaries being decoded: nested
     // dictionaries push above this one's keys and pop back before it goes on.
