@@ -8,6 +8,12 @@ packages=(
   clang libclang-rt-dev            # fuzzing (libFuzzer) and the sanitizer runtimes
   libicu-dev                       # collation, case mapping, locale-aware formatting
   libcurl4-openssl-dev             # URL parsing, HTTP
+  zlib1g-dev libbz2-dev liblzma-dev # deflate, gzip, bzip2, xz
+  nettle-dev                       # MD2, MD5, SHA digests
+  libxml2-dev                      # XML property lists
+  w3c-sgml-lib                     # the HTML entity sets Resources/Entities.txt is made from
+  libcpp-httplib-dev libssl-dev libbrotli-dev  # the tests' in-process HTTP server (its .pc needs both)
+  curl                             # peer for the HTTP benchmark
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   libcli11-dev                     # qx's argument parsing

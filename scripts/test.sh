@@ -4,7 +4,7 @@
 # CMake project and a pkg-config user link against.
 #
 #   QX_SANITIZE   space-separated sanitizer sets, one build each
-#                 (default "address,undefined"; add "thread" for TSan; "none" skips)
+#                 (default "address,undefined thread": ASan+UBSan, then TSan; "none" skips)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,7 +21,7 @@ echo "== Unit tests =="
 configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ctest --test-dir build --output-on-failure -j"$jobs"
 
-for set in ${QX_SANITIZE:-address,undefined}; do
+for set in ${QX_SANITIZE:-address,undefined thread}; do
   [ "$set" = none ] && continue
   dir="build-san-${set//,/-}"
   echo "== Unit tests with -fsanitize=$set =="
