@@ -1,0 +1,67 @@
+// Order, exclusion, sync re-entry and drain of serial queues under real threads.
+#include <qx/SerialQueue.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+#include <vector>
+
+using namespace qx;
+
+TEST(SerialQueue, BlocksFromManyThreadsRunOneAtATimeInQueueOrderPerProducer) {
+    auto queue = SerialQueue::create("test.order");
+    std::vector<std::vector<int>> seen(4);
+    std::atomic<int> inside{0};
+    bool overlapped = false;
+    std::vector<std::thread> producers;
+    for (int p = 0; p < 4; ++p)
+        producers.emplace_back([&, p] {
+            for (int i = 0; i < 500; ++i)
+                queue->async([&, p, i] {
+                    if (inside.fetch_add(1) != 0) overlapped = true;
+                    seen[p].push_back(i);
+                    inside.fetch_sub(1);
+                });
+        });
+    for (auto& t : producers) t.join();
+    queue->drain();
+    EXPECT_FALSE(overlapped);
+    for (const auto& s : seen) {
+        ASSERT_EQ(s.size(), 500u);
+        for (int i = 0; i < 500; ++i) EXPECT_EQ(s[i], i);
+    }
+}
+
+TEST(SerialQueue, SyncWaitsForEarlierBlocksAndReentersWithoutDeadlock) {
+    auto queue = SerialQueue::create("test.sync");
+    std::vector<int> order;
+    queue->async([&] { order.push_back(1); });
+    queue->sync([&] {
+        EXPECT_TRUE(queue->isCurrent());
+        order.push_back(2);
+        queue->sync([&] { order.push_back(3); });  // runs inline
+    });
+    EXPECT_FALSE(queue->isCurrent());
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(SerialQueue, DestructionWaitsForQueuedWorkAndMayHappenInsideABlock) {
+    std::atomic<int> ran{0};
+    {
+        auto queue = SerialQueue::create("test.drop");
+        for (int i = 0; i < 100; ++i) queue->async([&] { ran.fetch_add(1); });
+    }
+    EXPECT_EQ(ran.load(), 100);
+
+    // A block that holds the last reference drops the queue on its own
+    // worker; the block queued after it must still run.
+    std::promise<void> second;
+    {
+        auto queue = SerialQueue::create("test.self");
+        queue->async([queue] {});
+        queue->async([&second] { second.set_value(); });
+    }
+    second.get_future().wait();
+}
