@@ -1,0 +1,205 @@
+// FileHandleTests.cpp - file handles over real files and pipes.
+#include <qx/FileHandle.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <thread>
+#include <unistd.h>
+
+using namespace qx;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct TempDir {
+    fs::path path;
+    TempDir() {
+        char pattern[] = "/tmp/qx-filehandle-XXXXXX";
+        path = ::mkdtemp(pattern);
+    }
+    ~TempDir() { fs::remove_all(path); }
+    std::string file(const std::string& name, const std::string& contents) const {
+        const auto p = (path / name).string();
+        FILE* f = std::fopen(p.c_str(), "wb");
+        std::fwrite(contents.data(), 1, contents.size(), f);
+        std::fclose(f);
+        return p;
+    }
+};
+
+struct Pipe {
+    int fds[2] = {-1, -1};
+    Pipe() { EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
+    ~Pipe() {
+        closeWriter();
+        if (fds[0] >= 0) ::close(fds[0]);
+    }
+    void write(const std::string& s) const { ASSERT_EQ(::write(fds[1], s.data(), s.size()), static_cast<ssize_t>(s.size())); }
+    void closeWriter() {
+        if (fds[1] >= 0) ::close(fds[1]);
+        fds[1] = -1;
+    }
+};
+
+std::string text(const Ref<Data>& d) { return std::string(d->view()); }
+
+} // namespace
+
+TEST(FileHandle, ReadsWritesAndPositionsAFile) {
+    TempDir dir;
+    auto h = FileHandle::fileHandleForUpdatingAtPath(dir.file("a", "0123456789"));
+    ASSERT_TRUE(h);
+    EXPECT_EQ(text(h->readDataOfLength(4)), "0123");
+    EXPECT_EQ(h->offsetInFile(), 4u);
+    EXPECT_EQ(text(h->availableData()), "456789");  // the rest of a regular file
+    EXPECT_EQ(text(h->readDataOfLength(5)), "");    // at the end
+    h->seekToFileOffset(8);
+    h->writeData(*Data::withString("ABCD"));
+    EXPECT_EQ(h->seekToEndOfFile(), 12u);
+    h->truncateFileAtOffset(3);
+    EXPECT_EQ(h->offsetInFile(), 3u);
+    h->synchronizeFile();
+    h->seekToFileOffset(0);
+    EXPECT_EQ(text(h->readDataToEndOfFile()), "012");
+    h->closeFile();
+    EXPECT_EQ(h->fileDescriptor(), -1);
+    h->closeFile();  // twice is harmless
+}
+
+TEST(FileHandle, FailuresThrowTheNamedExceptionWithTheSystemText) {
+    TempDir dir;
+    const auto path = dir.file("ro", "data");
+    Pipe pipe;
+    struct Case {
+        const char* what;
+        std::function<void()> run;
+        const char* reason;
+    };
+    const std::vector<Case> cases = {
+        {"read after close", [&] { auto h = FileHandle::fileHandleForReadingAtPath(path); h->closeFile(); h->readDataOfLength(1); }, "readDataOfLength:]: Bad file descriptor"},
+        {"write to a read-only handle", [&] { FileHandle::fileHandleForReadingAtPath(path)->writeData(*Data::withString("x")); }, "writeData:]: Bad file descriptor"},
+        {"bad descriptor", [&] { FileHandle::initWithFileDescriptor(1 << 20)->availableData(); }, "availableData]: Bad file descriptor"},
+        {"offset of a pipe", [&] { FileHandle::initWithFileDescriptor(pipe.fds[0])->offsetInFile(); }, "offsetInFile]: Illegal seek"},
+        {"truncate a pipe", [&] { FileHandle::initWithFileDescriptor(pipe.fds[1])->truncateFileAtOffset(0); }, "truncateFileAtOffset:]: Invalid argument"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        try {
+            c.run();
+            ADD_FAILURE() << "no exception";
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.name(), Exception::FileHandleOperationException);
+            EXPECT_NE(e.description().find(c.reason), std::string::npos) << e.description();
+        }
+    }
+}
+
+TEST(FileHandle, WritingToAClosedPipeThrowsInsteadOfEndingTheProcess) {
+    Pipe pipe;
+    ::close(pipe.fds[0]);
+    pipe.fds[0] = -1;
+    auto h = FileHandle::initWithFileDescriptor(pipe.fds[1]);
+    EXPECT_THROW(h->writeData(*Data::withString("lost")), Exception);
+}
+
+TEST(FileHandle, OpeningFailuresExplainThemselves) {
+    TempDir dir;
+    const auto missing = URL::fileURLWithPath((dir.path / "missing").string());
+    Ref<Error> error;
+    EXPECT_FALSE(FileHandle::fileHandleForReadingFromURL(missing, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), 260);
+    EXPECT_EQ(error->underlyingError()->code(), ENOENT);
+    EXPECT_FALSE(FileHandle::fileHandleForWritingToURL(missing, &error));
+    EXPECT_EQ(error->code(), 4);
+    EXPECT_FALSE(FileHandle::fileHandleForReadingAtPath(missing->path()));
+}
+
+TEST(FileHandle, DescriptorsAreClosedWithTheHandleOnlyWhenAsked) {
+    for (bool closeOnDealloc : {false, true}) {
+        const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        FileHandle::initWithFileDescriptor(fd, closeOnDealloc).reset();
+        EXPECT_EQ(::fcntl(fd, F_GETFD) < 0, closeOnDealloc);
+        if (!closeOnDealloc) ::close(fd);
+    }
+}
+
+TEST(FileHandle, PipeReadsWaitForTheWholeLengthOrTheEnd) {
+    Pipe pipe;
+    auto h = FileHandle::initWithFileDescriptor(pipe.fds[0]);
+    std::thread writer([&] {
+        pipe.write("abc");
+        pipe.write("defgh");
+        pipe.closeWriter();
+    });
+    EXPECT_EQ(text(h->readDataOfLength(6)), "abcdef");  // spans both writes
+    EXPECT_EQ(text(h->readDataOfLength(100)), "gh");    // cut short by the end
+    EXPECT_EQ(text(h->availableData()), "");
+    writer.join();
+}
+
+TEST(FileHandle, ReadabilityHandlerSeesEveryByteAndMayClearItself) {
+    Pipe pipe;
+    auto h = FileHandle::initWithFileDescriptor(pipe.fds[0]);
+    std::mutex mutex;
+    std::condition_variable ended;
+    std::string received;
+    bool atEnd = false;
+    std::thread::id handlerThread;
+    h->setReadabilityHandler([&](FileHandle& handle) {
+        auto data = handle.availableData();
+        std::lock_guard<std::mutex> lock(mutex);
+        handlerThread = std::this_thread::get_id();
+        if (data->length() == 0) {
+            atEnd = true;
+            handle.setReadabilityHandler(nullptr);
+            ended.notify_all();
+        }
+        received += text(data);
+    });
+    std::string expected;
+    for (int i = 0; i < 200; ++i) {
+        const std::string piece = std::to_string(i) + ",";
+        pipe.write(piece);
+        expected += piece;
+    }
+    pipe.closeWriter();
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(ended.wait_for(lock, 30s, [&] { return atEnd; }));
+    EXPECT_EQ(received, expected);
+    EXPECT_NE(handlerThread, std::this_thread::get_id());
+    EXPECT_FALSE(h->readabilityHandler());
+}
+
+TEST(FileHandle, AHandlerThatLeavesTheDataIsCalledAgainAfterAReadOrNewData) {
+    Pipe pipe;
+    auto h = FileHandle::initWithFileDescriptor(pipe.fds[0]);
+    std::mutex mutex;
+    std::condition_variable called;
+    int calls = 0;
+    h->setReadabilityHandler([&](FileHandle&) {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++calls;
+        called.notify_all();
+    });
+    auto waitFor = [&](int n) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return called.wait_for(lock, 30s, [&] { return calls >= n; });
+    };
+    pipe.write("xy");
+    ASSERT_TRUE(waitFor(1));
+    EXPECT_EQ(text(h->readDataOfLength(1)), "x");  // a read re-arms; "y" is still there
+    ASSERT_TRUE(waitFor(2));
+    EXPECT_EQ(text(h->readDataOfLength(1)), "y");
+    pipe.write("z");  // new data wakes it even without a read
+    ASSERT_TRUE(waitFor(3));
+    h->setReadabilityHandler(nullptr);  // stops and waits for the watcher
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_GE(calls, 3);
+}
