@@ -159,19 +159,14 @@ qx::Ref<qx::Data> readURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::Error>* error
 }
 
 // Decodes a file's bytes in the encoding detected from them; nothing when no
-// encoding can be trusted. A UTF-8 byte-order mark is not part of the text.
+// encoding can be trusted. A byte-order mark is not part of the text.
 qx::Ref<qx::String> decodeDetected(const qx::Data& data, qx::StringEncoding* encoding) {
     const qx::StringEncoding detected = qx::detectEncoding(data.bytes(), data.length());
     if (!detected) return nullptr;
-    const std::uint8_t* bytes = data.bytes();
-    std::size_t length = data.length();
-    if (detected == qx::NSUTF8StringEncoding && length >= 3 && bytes[0] == 0xEF && bytes[1] == 0xBB &&
-        bytes[2] == 0xBF) {
-        bytes += 3;
-        length -= 3;
-    }
-    auto text = qx::stringWithBytes(bytes, length, detected);
-    if (text) *encoding = detected;
+    auto text = qx::stringWithBytes(data.bytes(), data.length(), detected);
+    if (!text) return nullptr;
+    if (text->utf8().starts_with("\xEF\xBB\xBF")) text = qx::str(std::string_view(text->utf8()).substr(3));
+    *encoding = detected;
     return text;
 }
 
