@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdint>
 #include <limits>
@@ -126,14 +127,31 @@ int runHexdump(const HexdumpOptions& options) {
     return kExitSuccess;
 }
 
+// Accepts a byte count in decimal or with "0x" in hexadecimal, and leaves it
+// in decimal for the conversion; anything else (a sign, a fraction, more than
+// 64 bits) is an argument error.
+std::string normalizeByteCount(std::string& text) {
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char* first = text.data() + (hex ? 2 : 0);
+    const char* last = text.data() + text.size();
+    std::uint64_t value = 0;
+    const auto result = std::from_chars(first, last, value, hex ? 16 : 10);
+    if (first == last || result.ec != std::errc() || result.ptr != last)
+        return "expected a byte count (decimal, or hexadecimal after 0x) up to 2^64-1";
+    text = std::to_string(value);
+    return {};
+}
+
 } // namespace
 
 void addHexdumpCommand(CLI::App& app, Action& selected) {
     auto options = std::make_shared<HexdumpOptions>();
     auto* hexdump = app.add_subcommand("hexdump", "Show a file's bytes as hexadecimal and text");
     hexdump->add_option("FILE", options->input, "File to show (\"-\": standard input)")->required();
-    hexdump->add_option("--offset", options->offset, "First byte to show (default 0)")->type_name("N");
-    hexdump->add_option("--length", options->length, "Number of bytes to show (default: to the end)")->type_name("N");
+    hexdump->add_option("--offset", options->offset, "First byte to show (default 0)")->type_name("N")->transform(CLI::Validator(normalizeByteCount, "N"));
+    hexdump->add_option("--length", options->length, "Number of bytes to show (default: to the end)")
+        ->type_name("N")
+        ->transform(CLI::Validator(normalizeByteCount, "N"));
     hexdump->callback([&selected, options] {
         selected = [options] {
             try {
