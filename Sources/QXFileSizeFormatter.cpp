@@ -132,7 +132,7 @@ bool QXFileSizeFormatter::getObjectValue(qx::Ref<qx::Object>* object, const qx::
     double value = 0;
     std::size_t i = 0;
     if (!string || !scanDouble(string->utf8(), &i, &value)) {
-        if (errorDescription) *errorDescription = describeFailure("INVALID_FILE_SIZE", string);
+        if (errorDescription) *errorDescription = describeFailure("“%@” is not a file size.", string);
         return false;
     }
     const std::string_view text = string->utf8();
@@ -149,7 +149,7 @@ bool QXFileSizeFormatter::getObjectValue(qx::Ref<qx::Object>* object, const qx::
     const double size = std::round(value * unitFactor(unit));
     // 2^63 itself is out of range; everything below it converts exactly.
     if (!(size >= -0x1p63 && size < 0x1p63)) {
-        if (errorDescription) *errorDescription = describeFailure("FILE_SIZE_TOO_LARGE", string);
+        if (errorDescription) *errorDescription = describeFailure("The file size “%@” is too large.", string);
         return false;
     }
     if (object) *object = qx::Number::withInt64(static_cast<std::int64_t>(size));

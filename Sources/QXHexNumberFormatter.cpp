@@ -61,7 +61,7 @@ bool QXHexNumberFormatter::getObjectValue(qx::Ref<qx::Object>* object, const qx:
     }
     if (!number) {
         if (errorDescription)
-            *errorDescription = qx::str(qx::format(QXFLocalizedString("INVALID_HEX_NUMBER")->utf8().c_str(),
+            *errorDescription = qx::str(qx::format(QXFLocalizedString("“%@” is not a hexadecimal number.")->utf8().c_str(),
                                                    string ? string : qx::str("")));
         return false;
     }
