@@ -41,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     (void)SA::parseVersionStringAndReturnMajorVersion(text, &major, &minor, &bugfix);
     require(SA::stringByEscapingRegexCharacters(text)->utf8().size() >= size);
 
-    for (unsigned char c : SA::stringByEncodingForHTML(text)->utf8())
+    const auto html = SA::stringByEncodingForHTML(text);
+    for (unsigned char c : html->utf8())
         require(c >= 0x20 ? c < 0x7F : (c == '\r' || c == '\n'));
 
     if (auto pascal = SA::pascalString(text)) {

@@ -237,6 +237,8 @@ TEST(StringAdditions, TextFilesFallBackOnTheDefaultEncoding) {
         {"empty.txt", "", "", qx::NSUTF8StringEncoding},
         // Too short for any guess: Mac OS Roman decodes whatever bytes there are.
         {"roman.txt", "\x80\xff", "\u00c4\u02c7", qx::NSMacOSRomanStringEncoding},
+        // A byte-order mark before bytes that do not decode is no answer either.
+        {"odd16.txt", std::string("\xff\xfeh\0i", 5), std::string("\u02c7\u02dbh\0i", 7), qx::NSMacOSRomanStringEncoding},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

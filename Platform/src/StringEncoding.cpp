@@ -185,12 +185,15 @@ StringEncoding detectEncoding(const void* bytes, std::size_t length) {
     const auto* b = static_cast<const unsigned char*>(bytes);
     if (length == 0) return NSUTF8StringEncoding;
     if (!b) return 0;
-    // Byte-order marks decide (UTF-32 before UTF-16: FF FE 00 00 starts both).
-    if (length >= 4 && b[0] == 0x00 && b[1] == 0x00 && b[2] == 0xFE && b[3] == 0xFF) return NSUTF32BigEndianStringEncoding;
-    if (length >= 4 && b[0] == 0xFF && b[1] == 0xFE && b[2] == 0x00 && b[3] == 0x00) return NSUTF32LittleEndianStringEncoding;
-    if (length >= 3 && b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) return NSUTF8StringEncoding;
-    if (length >= 2 && b[0] == 0xFE && b[1] == 0xFF) return NSUTF16BigEndianStringEncoding;
-    if (length >= 2 && b[0] == 0xFF && b[1] == 0xFE) return NSUTF16LittleEndianStringEncoding;
+    // A byte-order mark decides (UTF-32 before UTF-16: FF FE 00 00 starts
+    // both), as long as the rest decodes; a damaged file is no answer.
+    StringEncoding marked = 0;
+    if (length >= 4 && b[0] == 0x00 && b[1] == 0x00 && b[2] == 0xFE && b[3] == 0xFF) marked = NSUTF32BigEndianStringEncoding;
+    else if (length >= 4 && b[0] == 0xFF && b[1] == 0xFE && b[2] == 0x00 && b[3] == 0x00) marked = NSUTF32LittleEndianStringEncoding;
+    else if (length >= 3 && b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) marked = NSUTF8StringEncoding;
+    else if (length >= 2 && b[0] == 0xFE && b[1] == 0xFF) marked = NSUTF16BigEndianStringEncoding;
+    else if (length >= 2 && b[0] == 0xFF && b[1] == 0xFE) marked = NSUTF16LittleEndianStringEncoding;
+    if (marked) return stringWithBytes(b, length, marked) ? marked : 0;
     if (isValidUTF8(b, length)) return NSUTF8StringEncoding;
 
     // A detector's guess is statistical: only a confident one is taken, and

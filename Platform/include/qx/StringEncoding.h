@@ -65,8 +65,9 @@ Ref<String> stringWithBytes(const void* bytes, std::size_t length, StringEncodin
 Ref<Data> dataUsingEncoding(const String& text, StringEncoding encoding, bool allowLossyConversion = false);
 
 /// Guesses the encoding of a file's bytes: a byte-order mark, else valid
-/// UTF-8, else a charset detector's confident answer that also decodes.
-/// 0 when there is no trustworthy answer. Empty input is UTF-8.
+/// UTF-8, else a charset detector's confident answer; the answer always
+/// decodes all the bytes. 0 when there is no trustworthy answer (also for a
+/// byte-order mark followed by bytes that do not decode). Empty input is UTF-8.
 StringEncoding detectEncoding(const void* bytes, std::size_t length);
 
 } // namespace qx
