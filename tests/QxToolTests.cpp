@@ -312,3 +312,68 @@ TEST_F(QxTool, ArgumentErrorsExitWithStatusTwo) {
 }
 
 } // namespace
+
+// --- Hex dumps -----------------------------------------------------------------------
+
+TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRange) {
+    std::string bytes;
+    for (int i = 0; i < 40; ++i) bytes += static_cast<char>((i * 7 + 30) & 0x7F);
+    bytes[1] = '\x80';  // Mac OS Roman "Ä"
+    bytes[2] = '\xCA';  // no-break space: shown as "."
+    const fs::path input = dir_ / "bytes.bin";
+    writeFile(input, bytes);
+    // Each line built independently: offset, 16 hexadecimal bytes padded to
+    // full width, then the text column.
+    const auto expected = [&](std::size_t offset, std::size_t length) {
+        std::string out;
+        for (std::size_t line = offset; line < offset + length; line += 16) {
+            char head[32];
+            std::snprintf(head, sizeof head, "%08zx  ", line);
+            std::string hex, text;
+            for (std::size_t i = line; i < std::min(line + 16, offset + length); ++i) {
+                char h[4];
+                std::snprintf(h, sizeof h, "%02X ", static_cast<unsigned char>(bytes[i]));
+                hex += h;
+                const unsigned char b = static_cast<unsigned char>(bytes[i]);
+                text += b == 0x80 ? std::string("\u00c4") : (b >= 32 && b < 127) ? std::string(1, char(b)) : std::string(".");
+            }
+            hex.resize(48, ' ');
+            out += head + hex + " " + text + "\n";
+        }
+        return out;
+    };
+    struct Case {
+        std::vector<std::string> args;
+        std::size_t offset, length;
+    };
+    const std::vector<Case> cases = {
+        {{}, 0, 40}, {{"--offset", "5"}, 5, 35}, {{"--offset", "3", "--length", "20"}, 3, 20},
+        {{"--length", "1000"}, 0, 40}, {{"--offset", "40"}, 40, 0}, {{"--length", "0"}, 0, 0},
+        {{"--offset", "0x10", "--length", "0X3"}, 16, 3},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args{"hexdump", input.string()};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        QxRun run = qx(args);
+        EXPECT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_EQ(run.out, expected(c.offset, c.length)) << c.offset << "+" << c.length;
+        EXPECT_TRUE(run.err.empty()) << run.err;
+        // Standard input (not seekable when it is a pipe) gives the same lines.
+        args[1] = "-";
+        QxRun piped = qx(args, input.string());
+        EXPECT_EQ(piped.out, run.out);
+    }
+}
+
+TEST_F(QxTool, HexdumpFailuresNameTheInput) {
+    const fs::path input = dir_ / "small.bin";
+    writeFile(input, "abc");
+    expectOneLineFailure(qx({"hexdump", input.string(), "--offset", "4"}), input.string());
+    expectOneLineFailure(qx({"hexdump", (dir_ / "missing").string()}), (dir_ / "missing").string());
+    expectOneLineFailure(qx({"hexdump", dir_.string()}), dir_.string());
+    expectOneLineFailure(qx({"hexdump", "-", "--offset", "4"}, input.string()), "(standard input)");
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"hexdump"}, {"hexdump", input.string(), "--offset", "-1"}, {"hexdump", input.string(), "--length", "x"},
+             {"hexdump", input.string(), "--length", "18446744073709551616"}, {"hexdump", input.string(), "--offset", "0x"}})
+        EXPECT_EQ(qx(args).exitStatus, 2);
+}

@@ -5,7 +5,11 @@
 #include <QXFoundation/QXBinaryPlistTrailer.h>
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXErrorReporter.h>
+#include <QXFoundation/QXFileSizeFormatter.h>
 #include <QXFoundation/QXFoundationNSErrorAdditions.h>
+#include <QXFoundation/QXHexFormatter.h>
+#include <QXFoundation/QXHexNumberFormatter.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
+#include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>

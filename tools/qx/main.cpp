@@ -5,6 +5,7 @@
 // registration function in kCommands.
 #include "Command.h"
 #include "Diagnostics.h"
+#include "HexdumpCommand.h"
 #include "PlistCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -15,6 +16,7 @@ namespace {
 
 constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addPlistCommand,
+    qxtool::addHexdumpCommand,
 };
 
 } // namespace

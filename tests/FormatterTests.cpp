@@ -1,0 +1,191 @@
+// FormatterTests.cpp - QXFileSizeFormatter, QXHexNumberFormatter, QXHexFormatter.
+#include <gtest/gtest.h>
+
+#include "ScopedLocale.h"
+
+#include <QXFoundation/QXFileSizeFormatter.h>
+#include <QXFoundation/QXHexFormatter.h>
+#include <QXFoundation/QXHexNumberFormatter.h>
+
+#include <qx/Number.h>
+
+#include <optional>
+#include <random>
+#include <vector>
+
+using qx::str;
+
+namespace {
+
+// The value a formatter reads from text, as an int64, or nothing on failure
+// (when it must also say why and leave the result alone).
+std::optional<std::int64_t> readInt(const qx::Formatter& formatter, const std::string& text) {
+    qx::Ref<qx::Object> value = str("untouched");
+    qx::Ref<qx::String> why;
+    if (!formatter.getObjectValue(&value, str(text), &why)) {
+        EXPECT_TRUE(why && !why->empty()) << text;
+        EXPECT_EQ(value->description(), "untouched") << text;
+        return std::nullopt;
+    }
+    auto number = qx::dyn_cast<qx::Number>(value);
+    EXPECT_TRUE(number) << text;
+    return number ? std::optional<std::int64_t>(number->int64Value()) : std::nullopt;
+}
+
+std::string bytesOf(const qx::Ref<qx::Data>& data) { return data ? std::string(data->view()) : "<nothing>"; }
+
+} // namespace
+
+// --- File sizes ------------------------------------------------------------------
+
+TEST(FileSizeFormatter, ReadsUnitsOfBothFamilies) {
+    ScopedLocale scoped("en_US");
+    const auto f = QXFileSizeFormatter::create();
+    const std::vector<std::pair<std::string, std::optional<std::int64_t>>> cases = {
+        {"2 MB", 2000000},         {"2 MiB", 2097152},      {"2 megabytes", 2000000}, {"2 bananas", 2},
+        {"MB", std::nullopt},      {"", std::nullopt},      {".", std::nullopt},       {"1.5 KiB", 1536},
+        {"1.5 kb", 1500},          {"3ko", 3000},           {"1 KIBIBYTE", 1024},     {"  \n2\tGiB", 2147483648},
+        {"1.0e3 bytes", 1000},     {"0.5", 1},              {"-1 KiB", -1024},        {".5 kib", 512},
+        {"7 tb", 7000000000000},   {"1 Pio", 1LL << 50},    {"4 exbibytes", 1LL << 62}, {"1 YB", std::nullopt},
+        {"9 eib", std::nullopt},   {"1e400", std::nullopt}, {"1,5 KiB", 1},  // "," is not English
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(readInt(*f, text), expected) << text;
+}
+
+TEST(FileSizeFormatter, ShowsAndReadsBackInEnglishAndGerman) {
+    const auto f = QXFileSizeFormatter::create();
+    for (const char* locale : {"en_US", "de_DE"}) {
+        ScopedLocale scoped(locale);
+        const bool german = std::string(locale) == "de_DE";
+        EXPECT_EQ(f->stringForObjectValue(qx::Number::withInt32(1536))->utf8(), german ? "1,5 KiB" : "1.5 KiB");
+        EXPECT_EQ(readInt(*f, "1,5 KiB"), german ? 1536 : 1) << locale;
+        EXPECT_EQ(readInt(*f, "1.5 KiB"), 1536) << locale;
+        // What it writes reads back to within the one decimal shown.
+        for (std::uint64_t size : {0ull, 1023ull, 1536ull, 123456789ull, 5368709120ull}) {
+            const auto text = f->stringForObjectValue(qx::Number::withUInt64(size));
+            const auto back = readInt(*f, text->utf8());
+            ASSERT_TRUE(back) << text->utf8();
+            const double unit = size < 1024 ? 1 : size < (1u << 20) ? 1024.0 : size < (1u << 30) ? 1048576.0 : 1073741824.0;
+            EXPECT_LE(std::abs(static_cast<double>(*back) - static_cast<double>(size)), unit * 0.05 + 0.5)
+                << locale << " " << text->utf8();
+        }
+    }
+    EXPECT_FALSE(f->stringForObjectValue(str("12")));
+    EXPECT_FALSE(f->stringForObjectValue(nullptr));
+    qx::Ref<qx::Object> value;
+    EXPECT_FALSE(f->getObjectValue(&value, nullptr));
+}
+
+// --- Hexadecimal numbers ------------------------------------------------------
+
+TEST(HexNumberFormatter, ShowsEachStoredWidth) {
+    const auto f = QXHexNumberFormatter::create();
+    const std::vector<std::pair<qx::Ref<qx::Number>, std::string>> cases = {
+        {qx::Number::withInt16(255), "0xff"},
+        {qx::Number::withInt16(-1), "0xffff"},
+        {qx::Number::withInt8(-1), "0xff"},
+        {qx::Number::withUInt8(10), "0xa"},
+        {qx::Number::withBool(true), "0x1"},
+        {qx::Number::withInt32(-1), "0xffffffff"},
+        {qx::Number::withUInt32(0xDEADBEEF), "0xdeadbeef"},
+        {qx::Number::withInt64(-1), "0xffffffffffffffff"},
+        {qx::Number::withUInt64(0x123456789), "0x123456789"},
+        {qx::Number::withDouble(255.9), "0xff"},
+        {qx::Number::withDouble(8589934593.0), "0x1"},  // wrapped to 32 bits
+        {qx::Number::withFloat(-1.0f), "0xffffffff"},
+        {qx::Number::withDouble(std::nan("")), "0x0"},
+    };
+    for (const auto& [number, text] : cases) EXPECT_EQ(f->stringForObjectValue(number)->utf8(), text) << number->description();
+    EXPECT_FALSE(f->stringForObjectValue(str("0xff")));
+}
+
+TEST(HexNumberFormatter, ReadsPrefixesAndSaturates) {
+    const auto f = QXHexNumberFormatter::create();
+    const std::vector<std::pair<std::string, std::optional<std::int64_t>>> cases = {
+        {"$FF", 255},          {"0xff", 255},         {"ff", 255},           {"<0a 0b>", 0x0a0b},
+        {"0x", std::nullopt},  {"$", std::nullopt},   {"xyz", std::nullopt}, {"", std::nullopt},
+        {"0x0x1", std::nullopt}, {"0X1", std::nullopt}, {"< >", std::nullopt}, {"ffffffffff", 0xffffffff},
+        {"0x 1", 1},          {"\u00e9", std::nullopt},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(readInt(*f, text), expected) << text;
+    qx::Ref<qx::Object> value;
+    ASSERT_TRUE(f->getObjectValue(&value, str("$10")));
+    EXPECT_EQ(qx::dyn_cast<qx::Number>(value)->kind(), qx::Number::Kind::UInt32);
+}
+
+// --- Hexadecimal dumps ----------------------------------------------------------
+
+TEST(HexFormatter, LegalTextBytesAreExactlyTheDocumentedRanges) {
+    const auto f = QXHexFormatter::formatter();
+    for (unsigned b = 0; b < 256; ++b) {
+        const bool excluded = b < 32 || b == 127 || b == 161 || b == 202 || b == 255;
+        EXPECT_EQ(f->isAsciiCharLegal(static_cast<std::uint8_t>(b)), !excluded) << b;
+    }
+}
+
+TEST(HexFormatter, DumpsBytesWithTheirTextColumn) {
+    const auto f = QXHexFormatter::formatter();
+    qx::Ref<qx::String> text;
+    EXPECT_EQ(f->hexStringForData(qx::Data::withString(std::string("A\0", 2)), &text)->utf8(), "41 00 ");
+    EXPECT_EQ(text->utf8(), "A.");
+    EXPECT_EQ(f->hexStringForData(qx::Data::withString("\x80\xa1\xca\xff\xa5\x7f\x1f "), &text)->utf8(),
+              "80 A1 CA FF A5 7F 1F 20 ");
+    EXPECT_EQ(text->utf8(), "\u00c4...\u2022.. ");
+    EXPECT_EQ(f->hexStringForData(nullptr, &text)->utf8(), "");
+    EXPECT_EQ(text->utf8(), "");
+    EXPECT_EQ(f->hexStringForData(qx::Data::create())->utf8(), "");
+}
+
+TEST(HexFormatter, ReadsHexTextIntoBytes) {
+    const auto f = QXHexFormatter::formatter();
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"ABC", "\xab\x0c"}, {"<0a 0b>", "\x0a\x0b"}, {"G1", "<nothing>"}, {"", ""},
+        {"de\nad\tbe\u3000ef", "\xde\xad\xbe\xef"}, {"0x12", "<nothing>"}, {"F", "\x0f"}, {"<>", ""},
+    };
+    for (const auto& [hex, bytes] : cases) EXPECT_EQ(bytesOf(f->dataFromHexString(qx::String(hex))), bytes) << hex;
+
+    // Any bytes survive a dump and a read.
+    std::mt19937 random(7);
+    for (int round = 0; round < 20; ++round) {
+        std::string bytes(static_cast<std::size_t>(random() % 300), '\0');
+        for (char& b : bytes) b = static_cast<char>(random());
+        const auto dump = f->hexStringForData(qx::Data::withString(bytes));
+        EXPECT_EQ(bytesOf(f->dataFromHexString(*dump)), bytes);
+        qx::Ref<qx::Object> value;
+        ASSERT_TRUE(f->getObjectValue(&value, dump));
+        EXPECT_EQ(bytesOf(qx::dyn_cast<qx::Data>(value)), bytes);
+    }
+}
+
+TEST(HexFormatter, ObjectValuesAndEditing) {
+    const auto f = QXHexFormatter::formatter();
+    const std::vector<std::pair<qx::Ref<qx::Object>, std::string>> shown = {
+        {qx::Data::withString("\x01\xfe"), "01 FE "},
+        {str("<0a0b>"), "0A 0B "},
+        {str("ab c"), "AB 0C "},
+        {str("hello"), "68 65 6C 6C 6F "},       // not hexadecimal: its Mac OS Roman bytes
+        {str("ab\ncd"), "61 62 0A 63 64 "},       // a line break makes it text
+        {str("\u00e9\u65e5"), "8E 3F "},          // no Mac OS Roman form: "?"
+    };
+    for (const auto& [object, text] : shown) EXPECT_EQ(f->stringForObjectValue(object)->utf8(), text) << object->description();
+    EXPECT_FALSE(f->stringForObjectValue(qx::Number::withInt32(1)));
+
+    qx::Ref<qx::Object> value;
+    EXPECT_TRUE(f->getObjectValue(&value, str("zz")));
+    EXPECT_EQ(bytesOf(qx::dyn_cast<qx::Data>(value)), "");
+
+    qx::Range selection{1, 0};
+    for (const auto& [text, valid] : std::vector<std::pair<std::string, bool>>{
+             {"<ab cd>\n", true}, {"", true}, {"abx", false}, {"\u00e9", false}}) {
+        auto partial = str(text);
+        EXPECT_EQ(f->isPartialStringValid(&partial, &selection, str(""), {0, 0}), valid) << text;
+    }
+
+    auto attributes = qx::Dictionary::create();
+    attributes->setObject(str("Menlo"), "font");
+    auto attributed = f->attributedStringForObjectValue(qx::Data::withString("A"), attributes);
+    ASSERT_TRUE(attributed);
+    EXPECT_EQ(attributed->string()->utf8(), "41 ");
+    EXPECT_TRUE(attributed->attributes()->isEqual(*attributes));
+    EXPECT_FALSE(f->attributedStringForObjectValue(qx::Number::withInt32(1), attributes));
+}

@@ -1,0 +1,336 @@
+// StringAdditionsTests.cpp - QXStringAdditions and the text encodings under it.
+#include <gtest/gtest.h>
+
+#include "QXFoundationPrivate.h"
+#include "ScopedLocale.h"
+
+#include <QXFoundation/QXStringAdditions.h>
+
+#include <qx/StringEncoding.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <regex>
+#include <set>
+#include <vector>
+
+#include <unistd.h>
+
+namespace SA = QXStringAdditions;
+namespace fs = std::filesystem;
+using qx::str;
+
+namespace {
+
+struct TempDir {
+    fs::path path;
+    TempDir() {
+        std::string pattern = (fs::temp_directory_path() / "qxstr-XXXXXX").string();
+        path = ::mkdtemp(pattern.data());
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+    }
+    fs::path write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(path / name, std::ios::binary) << bytes;
+        return path / name;
+    }
+};
+
+// Makes the library bundle from an override directory alone (no compiled-in
+// resources) and restores the normal bundle afterwards.
+struct ScopedBundleWithoutResources {
+    explicit ScopedBundleWithoutResources(const fs::path& dir) {
+        QXFoundationInitializerWithResources(nullptr, 0, dir.c_str());
+    }
+    ~ScopedBundleWithoutResources() { QXFoundationInitializer(); }
+};
+
+} // namespace
+
+TEST(StringAdditions, HexValueKeepsItsCapitalLetterQuirk) {
+    const std::vector<std::pair<std::string, std::uint64_t>> cases = {
+        {"0x1f", 31},   {"ff", 255},     {"FF", 0},       {"A0", 160},    {"  12  ", 18},
+        {"1g2", 0},     {"", 0},         {"0x", 0},       {"zz0x10zz", 16}, {"Ab", 171},
+        {"aB", 160},    {"CAFE", 0xA00}, {"\u00e912\u00e9", 18},          {"0x0x1", 0},
+        {"ffffffffffffffff", UINT64_MAX}, {"10000000000000001", 1},  // wraps: only 16 digits count
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(SA::unsignedLongLongHexValue(qx::String(text)), expected) << text;
+}
+
+TEST(StringAdditions, DecimalValueScansLikeTheScanner) {
+    const std::vector<std::pair<std::string, std::uint64_t>> cases = {
+        {"42", 42}, {" \n\t 12abc", 12}, {"+7", 7}, {"-1", UINT64_MAX}, {"abc", 0}, {"", 0}, {"- 1", 0},
+        {"9223372036854775807", INT64_MAX}, {"99999999999999999999", INT64_MAX},
+        {"-9223372036854775808", 0x8000000000000000u}, {"-99999999999999999999", 0x8000000000000000u},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(SA::unsignedLongLongValue(qx::String(text)), expected) << text;
+}
+
+TEST(StringAdditions, PascalStringsAndFourCharCodes) {
+    const std::string long300(300, 'x');
+    auto p = SA::pascalString(qx::String(long300));
+    ASSERT_TRUE(p);
+    ASSERT_EQ(p->length(), 301u);
+    EXPECT_EQ(p->bytes()[0], 255);
+    EXPECT_EQ(std::string(p->view().substr(1)), long300);
+    EXPECT_EQ(SA::stringWithPascalString(p->bytes())->utf8(), std::string(255, 'x'));
+    EXPECT_FALSE(SA::stringWithPascalString(nullptr));
+    EXPECT_EQ(SA::pascalString(qx::String(""))->length(), 1u);
+    EXPECT_FALSE(SA::pascalString(qx::String("\u65e5\u672c")));  // no Mac OS Roman form
+
+    EXPECT_EQ(SA::stringWithFourCharCode(0)->utf8(), "");
+    EXPECT_EQ(SA::stringWithFourCharCode(0x54455854)->utf8(), "TEXT");
+    EXPECT_EQ(SA::fourCharCode(qx::String("TEXT")), 0x54455854u);
+    EXPECT_EQ(SA::fourCharCode(qx::String("TEXTS")), 0x54455854u);
+    EXPECT_EQ(SA::fourCharCode(qx::String("TEX")), 0u);
+    EXPECT_EQ(SA::fourCharCode(qx::String("\U0001F600\U0001F600")), 0u);  // four UTF-16 units, no Mac OS Roman
+    EXPECT_EQ(SA::stringWithFourCharCode(0x41000042)->utf8(), std::string("A\0\0B", 4));
+}
+
+TEST(StringAdditions, MacOSRomanRoundTripsEveryHighByte) {
+    // A few fixed points of the table, then every byte both ways.
+    EXPECT_EQ(SA::stringWithFourCharCode(0x80A5DBF0)->utf8(), "\u00c4\u2022\u20ac\uf8ff");
+    std::set<std::string> seen;
+    for (unsigned b = 0x80; b <= 0xFF; ++b) {
+        SCOPED_TRACE(b);
+        const std::uint32_t code = (b << 24) | 0x616263;  // b, "abc"
+        auto text = SA::stringWithFourCharCode(code);
+        ASSERT_EQ(text->length(), 4u);
+        EXPECT_FALSE(text->isASCII());
+        seen.insert(text->utf8());
+        EXPECT_EQ(SA::fourCharCode(*text), code);
+        const unsigned char pascal[] = {2, static_cast<unsigned char>(b), 'z'};
+        auto p = SA::pascalString(*SA::stringWithPascalString(pascal));
+        ASSERT_TRUE(p);
+        EXPECT_EQ(std::string(p->view()), std::string(reinterpret_cast<const char*>(pascal), 3));
+    }
+    EXPECT_EQ(seen.size(), 128u) << "two bytes decoded to the same character";
+}
+
+TEST(StringAdditions, CStringBuffers) {
+    EXPECT_EQ(SA::initWithCString("ab\0cd", 5, qx::NSUTF8StringEncoding)->utf8(), "ab");
+    EXPECT_EQ(SA::initWithCString("abcd", 3, qx::NSUTF8StringEncoding)->utf8(), "abc");
+    EXPECT_EQ(SA::initWithCString("abcd", 0, qx::NSUTF8StringEncoding)->utf8(), "");
+    EXPECT_EQ(SA::initWithCString(nullptr, 4, qx::NSUTF8StringEncoding)->utf8(), "");
+    EXPECT_EQ(SA::initWithCString("a\xff", 2, qx::NSUTF8StringEncoding)->utf8(), "");  // does not decode
+    EXPECT_EQ(SA::initWithCString("caf\xe9", 4, qx::NSISOLatin1StringEncoding)->utf8(), "caf\u00e9");
+    EXPECT_EQ(SA::initWithCString("caf\x8e", 4, qx::NSMacOSRomanStringEncoding)->utf8(), "caf\u00e9");
+    EXPECT_EQ(SA::initWithCString("abc", 3, 0xDEAD)->utf8(), "");  // unknown encoding
+    const std::string utf16("h\0i\0", 4);
+    // The first zero byte ends the buffer whatever the encoding: one byte of UTF-16 decodes to nothing.
+    EXPECT_EQ(SA::initWithCString(utf16.data(), 4, qx::NSUTF16LittleEndianStringEncoding)->utf8(), "");
+    EXPECT_EQ(SA::initWithCStringData(qx::Data::withString(std::string("xy\0z", 4)), qx::NSASCIIStringEncoding)->utf8(), "xy");
+    EXPECT_EQ(SA::initWithCStringData(nullptr, qx::NSASCIIStringEncoding)->utf8(), "");
+}
+
+TEST(StringAdditions, RegexEscapingMatchesLiterally) {
+    EXPECT_EQ(SA::stringByEscapingRegexCharacters(qx::String("a.b\\c"))->utf8(), "a\\.b\\\\c");
+    const std::string all = "*?+[](){}^$|./\\x";
+    EXPECT_EQ(SA::stringByEscapingRegexCharacters(qx::String(all))->utf8(),
+              "\\*\\?\\+\\[\\]\\(\\)\\{\\}\\^\\$\\|\\.\\/\\\\x");
+    for (const std::string& text : {all, std::string("price: $5.00 (approx.)"), std::string("C:\\dir\\*.txt")}) {
+        const std::regex re(SA::stringByEscapingRegexCharacters(qx::String(text))->utf8());
+        EXPECT_TRUE(std::regex_match(text, re)) << text;
+        EXPECT_FALSE(std::regex_match(text + "!", re)) << text;
+    }
+}
+
+TEST(StringAdditions, URLStrings) {
+    const std::vector<std::pair<std::string, bool>> cases = {
+        {"abc:def", true}, {"a1:", true}, {"http://x", true}, {"\u00e9t\u00e9:x", true}, {"\u0661:x", true},
+        {"abc", false},    {":x", false}, {"a b:c", false},   {"", false},               {"a-b:c", false},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(SA::isURLString(qx::String(text)), expected) << text;
+}
+
+TEST(StringAdditions, VersionStrings) {
+    struct Case {
+        std::string text;
+        bool result;
+        std::int64_t major, minor, bugfix;  // -7: left untouched
+    };
+    const std::vector<Case> cases = {
+        {"10.6", true, 10, 6, -7},     {"10.", true, 10, -7, -7},      {"10", false, -7, -7, -7},
+        {"10.6.8", true, 10, 6, 8},    {"10.6.8.2", true, 10, 6, 8},   {"1.x.3b", true, 1, 0, 3},
+        {".5", true, 0, 5, -7},        {"2..4", true, 2, -7, 4},       {"", false, -7, -7, -7},
+    };
+    for (const auto& c : cases) {
+        std::int64_t major = -7, minor = -7, bugfix = -7;
+        EXPECT_EQ(SA::parseVersionStringAndReturnMajorVersion(qx::String(c.text), &major, &minor, &bugfix), c.result)
+            << c.text;
+        EXPECT_EQ(major, c.major) << c.text;
+        EXPECT_EQ(minor, c.minor) << c.text;
+        EXPECT_EQ(bugfix, c.bugfix) << c.text;
+    }
+    EXPECT_TRUE(SA::parseVersionStringAndReturnMajorVersion(qx::String("1.2.3"), nullptr, nullptr, nullptr));
+}
+
+TEST(StringAdditions, UniqueIDsAreUpperCaseUUIDs) {
+    const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
+    std::set<std::string> ids;
+    for (int i = 0; i < 100; ++i) {
+        const std::string id = SA::uniqueID()->utf8();
+        EXPECT_TRUE(std::regex_match(id, form)) << id;
+        ids.insert(id);
+    }
+    EXPECT_EQ(ids.size(), 100u);
+}
+
+TEST(StringAdditions, HTMLEncodingWithTheLibraryTable) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"a<b&c", "a&lt;b&amp;c"},
+        {"@ = ?", "&#64; &#61; &#63;"},
+        {"caf\u00e9 \u20ac \u00a0", "caf&eacute; &euro; &nbsp;"},
+        {"tab\there", "tab&#9;here"},
+        {"\U0001F600", "&#55357;&#56832;"},
+        {"Safe: !\"#$%'()*+,-./:;[\\]^_`{|}~\r\n", "Safe: !\"#$%'()*+,-./:;[\\]^_`{|}~\r\n"},
+        {"\u03b1\u2264\u03c9", "&alpha;&le;&omega;"},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(SA::stringByEncodingForHTML(qx::String(text))->utf8(), expected) << text;
+}
+
+TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
+    TempDir dir;
+    {
+        ScopedBundleWithoutResources bundle(dir.path);
+        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b&c"))->utf8(), "a&#60;b&#38;c");
+        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("\u00e9"))->utf8(), "&#233;");
+
+        // A table that is not ASCII text is not read.
+        dir.write("Entities.txt", "<!ENTITY lt CDATA \"&#60;\" -- \xc3\xa9 -->");
+        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("<"))->utf8(), "&#60;");
+
+        // Once readable it is used at the next call: parameter entities and
+        // other kinds are skipped, a later declaration replaces an earlier one.
+        dir.write("Entities.txt",
+                  "<!-- <!ENTITY % HTMLlat1 PUBLIC \"-//W3C//ENTITIES Latin 1//EN//HTML\"> -->\n"
+                  "<!ENTITY lt CDATA \"&#60;\" -- less-than -->\n"
+                  "<!ENTITY\tcommat   CDATA \"&#64;\">\n"
+                  "<!ENTITY old CDATA \"&#233;\">\n<!ENTITY eacute CDATA \"&#233;\">\n"
+                  "<!ENTITY sys SYSTEM \"&#38;\">\n"
+                  "<!ENTITY bad CDATA \"&#x26;\">\n"
+                  "<!ENTITY huge CDATA \"&#128512;\">\n");
+        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b@c&\u00e9"))->utf8(), "a&lt;b&commat;c&#38;&eacute;");
+    }
+    // The library's own table again after the bundle is restored.
+    EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("@&"))->utf8(), "&#64;&amp;");
+}
+
+TEST(StringAdditions, TextFilesFallBackOnTheDefaultEncoding) {
+    TempDir dir;
+    struct Case {
+        std::string name, bytes, text;
+        qx::StringEncoding encoding;
+    };
+    const std::string german = "Gr\u00fc\u00dfe aus K\u00f6ln! Die Stra\u00dfen sind sch\u00f6n und die B\u00e4ume gr\u00fcn.";
+    const auto germanLatin1 = qx::dataUsingEncoding(qx::String(german), qx::NSISOLatin1StringEncoding);
+    ASSERT_TRUE(germanLatin1);
+    const std::vector<Case> cases = {
+        {"utf8.txt", "caf\xc3\xa9\n", "caf\u00e9\n", qx::NSUTF8StringEncoding},
+        {"bom8.txt", "\xef\xbb\xbfhi", "hi", qx::NSUTF8StringEncoding},
+        {"utf16le.txt", std::string("\xff\xfeh\0i\0", 6), "hi", qx::NSUTF16LittleEndianStringEncoding},
+        {"utf16be.txt", std::string("\xfe\xff\0h\0i", 6), "hi", qx::NSUTF16BigEndianStringEncoding},
+        {"empty.txt", "", "", qx::NSUTF8StringEncoding},
+        // Too short for any guess: Mac OS Roman decodes whatever bytes there are.
+        {"roman.txt", "\x80\xff", "\u00c4\u02c7", qx::NSMacOSRomanStringEncoding},
+        // A byte-order mark before bytes that do not decode is no answer either.
+        {"odd16.txt", std::string("\xff\xfeh\0i", 5), std::string("\u02c7\u02dbh\0i", 7), qx::NSMacOSRomanStringEncoding},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        qx::StringEncoding used = 0;
+        qx::Ref<qx::Error> error;
+        auto text = SA::initWithContentsOfFileFallingBackOnDefaultEncodingIfNecessary(
+            dir.write(c.name, c.bytes).string(), &used, &error);
+        ASSERT_TRUE(text) << qx::describe(error.get());
+        EXPECT_EQ(text->utf8(), c.text);
+        EXPECT_EQ(used, c.encoding);
+        EXPECT_FALSE(error);
+    }
+    // Latin-1 prose is recognised by its letters, whichever single-byte
+    // encoding the detector names for it.
+    qx::StringEncoding used = 0;
+    auto text = SA::stringWithContentsOfURLFallingBackOnDefaultEncodingIfNecessary(
+        qx::URL::fileURLWithPath(dir.write("latin1.txt", std::string(germanLatin1->view())).string()), &used);
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->utf8(), german);
+    EXPECT_TRUE(used == qx::NSISOLatin1StringEncoding || used == qx::NSWindowsCP1252StringEncoding) << used;
+}
+
+TEST(StringAdditions, UnreadableTextFilesReportTheReadingError) {
+    TempDir dir;
+    struct Case {
+        qx::Ref<qx::URL> url;
+        std::int64_t code;
+        std::optional<int> posix;
+    };
+    const std::vector<Case> cases = {
+        {qx::URL::fileURLWithPath((dir.path / "missing.txt").string()), 260, ENOENT},
+        {qx::URL::fileURLWithPath(dir.path.string()), 256, EISDIR},
+        {qx::URL::URLWithString("http://127.0.0.1/x.txt"), 262, std::nullopt},
+        {nullptr, 262, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.url ? c.url->absoluteString() : "(no URL)");
+        qx::StringEncoding used = 99;
+        qx::Ref<qx::Error> error;
+        EXPECT_FALSE(SA::stringWithContentsOfURLFallingBackOnDefaultEncodingIfNecessary(c.url, &used, &error));
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
+        EXPECT_EQ(error->code(), c.code);
+        EXPECT_EQ(used, 99u);
+        if (c.posix) {
+            ASSERT_TRUE(error->underlyingError());
+            EXPECT_EQ(error->underlyingError()->code(), *c.posix);
+        }
+    }
+}
+
+// --- Locale-sensitive operations ----------------------------------------------
+
+TEST(StringAdditionsLocale, NumericCaseInsensitiveCompareFollowsTheLocale) {
+    struct Case {
+        const char *a, *b;
+        int order;
+    };
+    // The same in English and German: numbers by value, case ignored, accents not.
+    const std::vector<Case> common = {
+        {"file9", "file10", -1}, {"File10", "file9", 1}, {"ABC", "abc", 0}, {"a", "B", -1},
+        {"x2y10", "x2y9", 1},    {"\u00e4", "a", 1},     {"\u00c4pfel", "Zebra", -1}, {"", "a", -1},
+    };
+    for (const char* locale : {"en_US", "de_DE"}) {
+        ScopedLocale scoped(locale);
+        for (const auto& c : common)
+            EXPECT_EQ(SA::localizedCaseInsensitiveNumericCompare(qx::String(c.a), qx::String(c.b)), c.order)
+                << locale << ": " << c.a << " vs " << c.b;
+    }
+    // Swedish sorts "ä" after "z"; the comparison takes the locale in force at the call.
+    ScopedLocale swedish("sv_SE");
+    EXPECT_EQ(SA::localizedCaseInsensitiveNumericCompare(qx::String("\u00c4pfel"), qx::String("Zebra")), 1);
+}
+
+TEST(StringAdditionsLocale, FileSizesUseTheLocaleDecimalSeparator) {
+    const std::vector<std::tuple<std::uint64_t, std::string, std::string>> cases = {
+        {0, "0 bytes", "0 bytes"},
+        {1023, "1023 bytes", "1023 bytes"},
+        {1024, "1.0 KiB", "1,0 KiB"},
+        {1536, "1.5 KiB", "1,5 KiB"},
+        {1048575, "1024.0 KiB", "1024,0 KiB"},
+        {1048576, "1.0 MiB", "1,0 MiB"},
+        {1073741823, "1024.0 MiB", "1024,0 MiB"},
+        {5368709120, "5.0 GiB", "5,0 GiB"},
+        {UINT64_MAX, "17179869184.0 GiB", "17179869184,0 GiB"},
+    };
+    for (const auto& [size, english, german] : cases) {
+        {
+            ScopedLocale scoped("en_US");
+            EXPECT_EQ(SA::formattedStringWithFileSize(size)->utf8(), english);
+        }
+        ScopedLocale scoped("de_DE");
+        EXPECT_EQ(SA::formattedStringWithFileSize(size)->utf8(), german);
+    }
+}
