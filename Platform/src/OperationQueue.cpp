@@ -15,11 +15,15 @@ namespace {
 // that a queue fed in bursts does not make a thread per operation.
 constexpr auto workerKeepAlive = std::chrono::seconds(2);
 thread_local OperationQueueState* currentState = nullptr;
+thread_local const Operation* currentOperation = nullptr;  // started by this worker
 } // namespace
 
 std::size_t OperationQueueState::capacity() const {
     if (maxConcurrent >= 0) return static_cast<std::size_t>(maxConcurrent);
-    return std::max(1u, std::thread::hardware_concurrency());
+    // Asked once: the system answers by reading a file, far too slow for
+    // every operation start.
+    static const std::size_t hardware = std::max(1u, std::thread::hardware_concurrency());
+    return hardware;
 }
 
 void OperationQueueState::bump() {
@@ -27,7 +31,7 @@ void OperationQueueState::bump() {
     changed.notify_all();
 }
 
-void OperationQueueState::pump() {
+void OperationQueueState::pump(bool freeingWorker) {
     if (suspended) return;
     while (executing.size() < capacity()) {
         auto it = std::find_if(pending.begin(), pending.end(), [](const Ref<Operation>& op) { return op->isReady(); });
@@ -37,9 +41,12 @@ void OperationQueueState::pump() {
         pending.erase(it);
     }
     if (handoff.empty()) return;
-    // Idle workers take what they can; new ones are made for the rest.
-    std::size_t spawn = handoff.size() > static_cast<std::size_t>(idleWorkers)
-                            ? handoff.size() - static_cast<std::size_t>(idleWorkers) : 0;
+    // Every worker not inside an operation will look at the handoff before
+    // it idles or ends (and so will the caller, when it is a worker whose
+    // operation just finished); new workers are made only for the rest, so
+    // a stream of small operations reuses the same threads.
+    const std::size_t coming = static_cast<std::size_t>(workers - busyWorkers + (freeingWorker ? 1 : 0));
+    std::size_t spawn = handoff.size() > coming ? handoff.size() - coming : 0;
     for (std::size_t i = 0; i < spawn; ++i) {
         try {
             std::thread(work, shared_from_this()).detach();
@@ -59,12 +66,16 @@ void OperationQueueState::work(std::shared_ptr<OperationQueueState> state) {
         if (!state->handoff.empty()) {
             Ref<Operation> op = std::move(state->handoff.front());
             state->handoff.pop_front();
+            ++state->busyWorkers;
             lock.unlock();
             currentState = state.get();
+            currentOperation = op.get();
             op->start();
+            currentOperation = nullptr;
             currentState = nullptr;
             op.reset();  // the last reference may go here, outside the lock
             lock.lock();
+            --state->busyWorkers;
             continue;
         }
         ++state->idleWorkers;
@@ -92,7 +103,7 @@ void OperationQueueState::operationFinished(const Operation* op) {
         pending.erase(p);
     }
     bump();
-    pump();
+    pump(currentState == this && currentOperation == op);
 }
 
 void OperationQueueState::readinessChanged() {

@@ -27,12 +27,14 @@ struct OperationQueueState : std::enable_shared_from_this<OperationQueueState> {
     int maxConcurrent = OperationQueue::DefaultMaxConcurrentOperationCount;
     int workers = 0;      // worker threads alive
     int idleWorkers = 0;  // of those, waiting for a handoff
+    int busyWorkers = 0;  // of those, inside an operation's start()
     bool suspended = false;
     std::string name;
     WeakRef<OperationQueue> owner;
 
     // With mutex held: start what may start, on idle or new workers.
-    void pump();
+    // freeingWorker: the caller is a worker about to come back for more.
+    void pump(bool freeingWorker = false);
     // Called by an operation when it has finished.
     void operationFinished(const Operation* op);
     // Locks and pumps: a dependency of a pending operation finished.

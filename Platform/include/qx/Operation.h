@@ -57,7 +57,8 @@ public:
     void removeDependency(const Ref<Operation>& op);
     std::vector<Ref<Operation>> dependencies() const;
 
-    /// Runs once after the operation has finished, on the finishing thread.
+    /// Runs once after the operation has finished, on the finishing thread
+    /// (for a queued synchronous operation, its worker): keep it short.
     void setCompletionBlock(Block block);
 
     /// Blocks until the operation has finished. Must not be called from the
