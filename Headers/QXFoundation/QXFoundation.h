@@ -13,3 +13,7 @@
 #include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>
+#include <QXFoundation/QXChecksum.h>
+#include <QXFoundation/QXExplode.h>
+#include <QXFoundation/QXPBZXDecode.h>
+#include <QXFoundation/QXUnshrink.h>
