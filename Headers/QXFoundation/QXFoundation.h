@@ -13,4 +13,8 @@
 #include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>
+#include <QXFoundation/QXChecksum.h>
+#include <QXFoundation/QXExplode.h>
+#include <QXFoundation/QXPBZXDecode.h>
 #include <QXFoundation/QXThread.h>
+#include <QXFoundation/QXUnshrink.h>
