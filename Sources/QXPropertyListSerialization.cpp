@@ -829,9 +829,17 @@ qx::Ref<qx::Object> readWithFallback(const qx::Ref<qx::Data>& data, QXPropertyLi
         ++i;
     const std::u16string_view opening = std::u16string_view(head).substr(i);
     if (opening.starts_with(u"<?xml") || opening.starts_with(u"<!") || opening.starts_with(u"<plist")) {
-        auto plist = QXPropertyListSerialization::XMLPropertyListWithData(data, error);
-        if (plist && format) *format = QXPropertyListXMLFormat_v1_0;
-        return plist;
+        qx::Ref<qx::Error> xmlError;
+        auto plist = QXPropertyListSerialization::XMLPropertyListWithData(data, &xmlError);
+        if (plist) {
+            if (format) *format = QXPropertyListXMLFormat_v1_0;
+            return plist;
+        }
+        // Element text that does not parse fails the document without an
+        // error of its own; the caller still learns that the data was refused.
+        if (!xmlError) QXLog("XML property list holds text that is not a value of its element");
+        if (error) *error = xmlError ? xmlError : makeError();
+        return nullptr;
     }
     qx::OldStyleParseFailure failure;
     auto plist = qx::propertyListFromOldStyleData(bytes, &failure);

@@ -321,7 +321,12 @@ xmlNodePtr XMLWriter::element(const qx::Object* value, unsigned depth, qx::Ref<q
     if (auto u = dynamic_cast<const QXUIDPropertyList*>(value)) return uid(*u, depth, error);
     if (auto n = dynamic_cast<const qx::Number*>(value)) {
         if (n->isBoolean()) return leaf(n->boolValue() ? "true" : "false", {});
-        if (n->isReal()) return leaf("real", n->description());
+        if (n->isReal()) {
+            // The reader takes digits alone for an integer; a real keeps its point.
+            std::string text = n->description();
+            if (text.find_first_not_of("-0123456789") == std::string::npos) text += ".0";
+            return leaf("real", text);
+        }
         char buf[32];
         std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(n->int64Value()));
         return leaf("integer", buf);
