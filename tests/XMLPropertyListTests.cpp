@@ -148,8 +148,9 @@ TEST(XMLPropertyListFixtures, GoodFilesMatchPlistlibAndSurviveEveryFormat) {
         EXPECT_EQ(mismatch(value.get(), expected, "root"), "");
         // Through binary and XML and back, the value stays (binary files past
         // 64 KiB with few objects cut their offsets to two bytes by design).
-        if (PLS::binaryDataWithPropertyList(value)->length() < 0x10000)
+        if (PLS::binaryDataWithPropertyList(value)->length() < 0x10000) {
             EXPECT_EQ(mismatch(roundTrip(value, 200).get(), expected, "binary"), "");
+        }
         auto viaXML = roundTrip(value, 100);
         EXPECT_EQ(mismatch(viaXML.get(), expected, "xml"), "");
         // The writer's own output is a fixed point.
