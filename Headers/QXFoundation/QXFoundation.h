@@ -13,3 +13,5 @@
 #include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>
+#include <QXFoundation/QXRingBuffer.h>
+#include <QXFoundation/QXSlidingWindow.h>
