@@ -15,3 +15,4 @@
 #include <QXFoundation/QXUIDPropertyList.h>
 #include <QXFoundation/QXRingBuffer.h>
 #include <QXFoundation/QXSlidingWindow.h>
+#include <QXFoundation/QXThread.h>
