@@ -16,3 +16,6 @@
 #include <QXFoundation/QXRingBuffer.h>
 #include <QXFoundation/QXSlidingWindow.h>
 #include <QXFoundation/QXThread.h>
+#include <QXFoundation/QXFileHandleInputStream.h>
+#include <QXFoundation/QXFileHandleOutputStream.h>
+#include <QXFoundation/QXInputStream.h>
