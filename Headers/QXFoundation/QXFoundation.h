@@ -18,3 +18,8 @@
 #include <QXFoundation/QXPBZXDecode.h>
 #include <QXFoundation/QXThread.h>
 #include <QXFoundation/QXUnshrink.h>
+#include <QXFoundation/QXRingBuffer.h>
+#include <QXFoundation/QXSlidingWindow.h>
+#include <QXFoundation/QXFileHandleInputStream.h>
+#include <QXFoundation/QXFileHandleOutputStream.h>
+#include <QXFoundation/QXInputStream.h>
