@@ -15,3 +15,4 @@
 #include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>
+#include <QXFoundation/QXThread.h>

@@ -50,7 +50,92 @@ bool RunLoop::matches(const Entry& entry, const std::string& mode) const {
 }
 
 bool RunLoop::hasWorkFor(const std::string& mode) const {
-    return std::any_of(queue_.begin(), queue_.end(), [&](const Entry& e) { return matches(e, mode); });
+    if (std::any_of(queue_.begin(), queue_.end(), [&](const Entry& e) { return matches(e, mode); })) return true;
+    auto anySignalled = [&](const std::string& key) {
+        auto it = sources_.find(key);
+        if (it == sources_.end()) return false;
+        return std::any_of(it->second.begin(), it->second.end(),
+                           [](const Ref<RunLoopSource>& s) { return s->isSignalled() && s->isValid(); });
+    };
+    return anySignalled(mode) || (mode != CommonModes && commonModes_.count(mode) && anySignalled(CommonModes));
+}
+
+std::vector<Ref<RunLoopSource>> RunLoop::signalledSourcesFor(const std::string& mode) const {
+    std::vector<Ref<RunLoopSource>> result;
+    auto collect = [&](const std::string& key) {
+        auto it = sources_.find(key);
+        if (it == sources_.end()) return;
+        for (const auto& s : it->second)
+            if (s->isSignalled() && std::find(result.begin(), result.end(), s) == result.end()) result.push_back(s);
+    };
+    collect(mode);
+    if (mode != CommonModes && commonModes_.count(mode)) collect(CommonModes);
+    return result;
+}
+
+void RunLoop::addSource(const Ref<RunLoopSource>& source, const std::string& mode) {
+    if (!source || !source->isValid()) return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto& list = sources_[mode];
+        if (std::find(list.begin(), list.end(), source) != list.end()) return;
+        list.push_back(source);
+    }
+    auto self = std::static_pointer_cast<RunLoop>(weak_from_this().lock());
+    if (!self || !source->attach(self)) {
+        // Invalidated meanwhile (or a loop not held by a Ref, which no
+        // signal could reach): take it out again.
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto& list = sources_[mode];
+        std::erase(list, source);
+        return;
+    }
+    // It may have been signalled before it was added.
+    if (source->isSignalled()) wakeCondition_.notify_all();
+}
+
+void RunLoop::removeSource(const Ref<RunLoopSource>& source, const std::string& mode) {
+    if (!source) return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = sources_.find(mode);
+        if (it == sources_.end() || std::erase(it->second, source) == 0) return;
+        if (it->second.empty()) sources_.erase(it);
+    }
+    source->detach(this);
+}
+
+bool RunLoop::containsSource(const Ref<RunLoopSource>& source, const std::string& mode) const {
+    if (!source) return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto holds = [&](const std::string& key) {
+        auto it = sources_.find(key);
+        return it != sources_.end() && std::find(it->second.begin(), it->second.end(), source) != it->second.end();
+    };
+    return holds(mode) || (mode != CommonModes && commonModes_.count(mode) && holds(CommonModes));
+}
+
+void RunLoop::sourceSignalled() {
+    // Taking the mutex orders this wake after a runMode that is between its
+    // check for work and its wait: that runMode then sees the signal.
+    { std::lock_guard<std::mutex> lock(mutex_); }
+    wakeCondition_.notify_all();
+}
+
+void RunLoop::purgeSource(const RunLoopSource* source) {
+    std::vector<Ref<RunLoopSource>> dropped;  // released after the lock
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = sources_.begin(); it != sources_.end();) {
+        for (auto s = it->second.begin(); s != it->second.end();) {
+            if (s->get() == source) {
+                dropped.push_back(std::move(*s));
+                s = it->second.erase(s);
+            } else {
+                ++s;
+            }
+        }
+        it = it->second.empty() ? sources_.erase(it) : std::next(it);
+    }
 }
 
 void RunLoop::performBlock(const std::vector<std::string>& modes, Block block) {
@@ -63,46 +148,59 @@ void RunLoop::performBlock(const std::vector<std::string>& modes, Block block) {
 }
 
 RunLoop::RunResult RunLoop::runMode(const std::string& mode, Clock::time_point deadline) {
-    std::vector<Entry> ready;
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!hasWorkFor(mode)) {
-            if (stopPending_) {
-                stopPending_ = false;
-                return RunResult::Stopped;
+    for (;;) {
+        std::vector<Entry> ready;
+        std::vector<Ref<RunLoopSource>> signalled;
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            while (!hasWorkFor(mode)) {
+                if (stopPending_) {
+                    stopPending_ = false;
+                    return RunResult::Stopped;
+                }
+                if (wakePending_) {
+                    wakePending_ = false;
+                    return RunResult::Finished;
+                }
+                if (deadline == distantFuture()) {
+                    wakeCondition_.wait(lock);
+                } else {
+                    if (Clock::now() >= deadline) return RunResult::TimedOut;
+                    wakeCondition_.wait_until(lock, deadline);
+                }
             }
-            if (wakePending_) {
-                wakePending_ = false;
-                return RunResult::Finished;
+            for (auto it = queue_.begin(); it != queue_.end();) {
+                if (matches(*it, mode)) {
+                    ready.push_back(std::move(*it));
+                    it = queue_.erase(it);
+                } else {
+                    ++it;
+                }
             }
-            if (deadline == distantFuture()) {
-                wakeCondition_.wait(lock);
-            } else {
-                if (Clock::now() >= deadline) return RunResult::TimedOut;
-                wakeCondition_.wait_until(lock, deadline);
+            signalled = signalledSourcesFor(mode);
+        }
+        bool handled = !ready.empty();
+        for (std::size_t i = 0; i < ready.size(); ++i) {
+            try {
+                ready[i].block();
+            } catch (...) {
+                // The blocks after the one that threw keep their turn.
+                std::lock_guard<std::mutex> lock(mutex_);
+                queue_.insert(queue_.begin(), std::make_move_iterator(ready.begin() + static_cast<std::ptrdiff_t>(i) + 1),
+                              std::make_move_iterator(ready.end()));
+                throw;
             }
         }
-        for (auto it = queue_.begin(); it != queue_.end();) {
-            if (matches(*it, mode)) {
-                ready.push_back(std::move(*it));
-                it = queue_.erase(it);
-            } else {
-                ++it;
-            }
+        // A source's mark is cleared just before its callback, so one that
+        // throws leaves the others signalled for the next pass.
+        for (const auto& source : signalled) {
+            if (!source->take()) continue;  // handled by another loop, or invalidated
+            handled = true;
+            source->perform();
         }
+        if (handled) return RunResult::Handled;
+        // Every source we saw was taken by another loop first: wait again.
     }
-    for (std::size_t i = 0; i < ready.size(); ++i) {
-        try {
-            ready[i].block();
-        } catch (...) {
-            // The blocks after the one that threw keep their turn.
-            std::lock_guard<std::mutex> lock(mutex_);
-            queue_.insert(queue_.begin(), std::make_move_iterator(ready.begin() + static_cast<std::ptrdiff_t>(i) + 1),
-                          std::make_move_iterator(ready.end()));
-            throw;
-        }
-    }
-    return RunResult::Handled;
 }
 
 void RunLoop::wakeUp() {
@@ -150,9 +248,15 @@ void dispatchSyncMain(const std::function<void()>& block) {
         }
         completion->condition.notify_one();
     });
-    std::unique_lock<std::mutex> lock(completion->mutex);
-    completion->condition.wait(lock, [&] { return completion->done; });
-    if (completion->exception) std::rethrow_exception(completion->exception);
+    std::exception_ptr exception;
+    {
+        std::unique_lock<std::mutex> lock(completion->mutex);
+        completion->condition.wait(lock, [&] { return completion->done; });
+        exception = std::move(completion->exception);
+    }
+    // Rethrown from a local: the shared completion may be released on the
+    // main thread (with the block's closure) while this thread unwinds.
+    if (exception) std::rethrow_exception(exception);
 }
 
 void dispatchAsyncMain(std::function<void()> block) {

@@ -10,14 +10,19 @@
 // The main run loop belongs to the process's first thread (gettid() ==
 // getpid()); it exists before that thread first asks for it, so other threads
 // can queue work on it at any time.
+//
+// Sources (RunLoopSource) are added per mode as well; a signalled source is
+// handled by the next runMode in one of its modes, after the queued blocks.
 #pragma once
 
 #include <qx/Object.h>
+#include <qx/RunLoopSource.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -38,7 +43,7 @@ public:
         Finished = 1,  // woken by wakeUp() with nothing to handle
         Stopped = 2,   // stop() was called
         TimedOut = 3,  // the deadline passed with nothing to handle
-        Handled = 4,   // queued work ran
+        Handled = 4,   // queued blocks or signalled sources ran
     };
 
     /// The calling thread's run loop.
@@ -57,12 +62,22 @@ public:
     void performBlock(const std::vector<std::string>& modes, Block block);
     void performBlock(const std::string& mode, Block block) { performBlock(std::vector<std::string>{mode}, std::move(block)); }
 
+    /// Adds source to this loop for mode (or the common modes). Adding it
+    /// twice for one mode is harmless; an invalidated source is not added.
+    /// The loop keeps the source alive until it is removed or invalidated.
+    void addSource(const Ref<RunLoopSource>& source, const std::string& mode);
+    void removeSource(const Ref<RunLoopSource>& source, const std::string& mode);
+    /// True when the source would be handled while the loop runs mode: added
+    /// for it, or for CommonModes and mode is one of the common modes.
+    bool containsSource(const Ref<RunLoopSource>& source, const std::string& mode) const;
+
     /// Runs the loop once in mode: waits (without spinning) until work for the
-    /// mode is queued, the deadline passes, or stop() / wakeUp() is called;
-    /// then runs every block that was queued for the mode at that moment, in
-    /// the order queued, and returns. Blocks queued while those run wait for
-    /// the next call. Must be called on the loop's own thread; may be nested
-    /// inside a block.
+    /// mode is queued or a source of the mode is signalled, the deadline
+    /// passes, or stop() / wakeUp() is called; then runs every block that was
+    /// queued for the mode at that moment, in the order queued, then performs
+    /// each signalled source of the mode once, and returns. Work queued or
+    /// signalled while those run waits for the next call. Must be called on
+    /// the loop's own thread; may be nested inside a block or a source.
     RunResult runMode(const std::string& mode, Clock::time_point deadline);
     RunResult runMode(const std::string& mode, std::chrono::duration<double> timeout) {
         return runMode(mode, deadlineAfter(timeout));
@@ -79,6 +94,8 @@ public:
     RunLoop() = default;
 
 private:
+    friend class RunLoopSource;
+
     struct Entry {
         std::vector<std::string> modes;
         Block block;
@@ -87,10 +104,16 @@ private:
     static Clock::time_point deadlineAfter(std::chrono::duration<double> timeout);
     bool matches(const Entry& entry, const std::string& mode) const;  // with mutex_ held
     bool hasWorkFor(const std::string& mode) const;                    // with mutex_ held
+    std::vector<Ref<RunLoopSource>> signalledSourcesFor(const std::string& mode) const;  // with mutex_ held
+    // For RunLoopSource: wake a waiting runMode after a signal, and drop a
+    // source that was invalidated, from every mode.
+    void sourceSignalled();
+    void purgeSource(const RunLoopSource* source);
 
     mutable std::mutex mutex_;
     std::condition_variable wakeCondition_;
     std::deque<Entry> queue_;
+    std::map<std::string, std::vector<Ref<RunLoopSource>>> sources_;  // by mode, in order added
     std::set<std::string> commonModes_{DefaultMode};
     bool wakePending_ = false;
     bool stopPending_ = false;

@@ -1,0 +1,193 @@
+// Run-loop sources: mode isolation, wake-ups from other threads, coalescing,
+// removal and invalidation, and one handling per signal across loops.
+#include <qx/RunLoop.h>
+#include <qx/RunLoopSource.h>
+#include <qx/Semaphore.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+#include <vector>
+
+using namespace qx;
+using namespace std::chrono_literals;
+using Result = RunLoop::RunResult;
+
+namespace {
+
+// Runs body on a fresh thread, with that thread's own run loop.
+template <class F> void onOwnLoop(F body) {
+    std::thread([&] { body(RunLoop::current()); }).join();
+}
+
+const auto past = [] { return RunLoop::Clock::now() - 1s; };
+
+} // namespace
+
+TEST(RunLoopSource, FiresOnlyInTheModesItWasAddedFor) {
+    onOwnLoop([](Ref<RunLoop> loop) {
+        int fired = 0;
+        auto source = RunLoopSource::create([&] { ++fired; });
+        loop->addSource(source, "A");
+        EXPECT_TRUE(loop->containsSource(source, "A"));
+        EXPECT_FALSE(loop->containsSource(source, "B"));
+
+        source->signal();
+        EXPECT_EQ(loop->runMode("B", past()), Result::TimedOut);
+        EXPECT_EQ(fired, 0);
+        EXPECT_TRUE(source->isSignalled());
+        EXPECT_EQ(loop->runMode("A", past()), Result::Handled);
+        EXPECT_EQ(fired, 1);
+        EXPECT_FALSE(source->isSignalled());
+        EXPECT_EQ(loop->runMode("A", past()), Result::TimedOut);
+
+        // The common modes are looked up when the loop runs.
+        auto common = RunLoopSource::create([&] { fired += 10; });
+        loop->addSource(common, RunLoop::CommonModes);
+        common->signal();
+        EXPECT_FALSE(loop->containsSource(common, "Late"));
+        EXPECT_EQ(loop->runMode("Late", past()), Result::TimedOut);
+        loop->addCommonMode("Late");
+        EXPECT_TRUE(loop->containsSource(common, "Late"));
+        EXPECT_EQ(loop->runMode("Late", past()), Result::Handled);
+        EXPECT_EQ(fired, 11);
+    });
+}
+
+TEST(RunLoopSource, SignalsCoalesceAndASignalDuringThePerformCountsAgain) {
+    onOwnLoop([](Ref<RunLoop> loop) {
+        int fired = 0;
+        Ref<RunLoopSource> source;
+        source = RunLoopSource::create([&] {
+            if (++fired == 2) source->signal();  // re-marked for the next pass, not this one
+        });
+        loop->addSource(source, "M");
+        loop->addSource(source, "M");  // harmless twice
+        for (int i = 0; i < 5; ++i) source->signal();
+        EXPECT_EQ(loop->runMode("M", past()), Result::Handled);
+        EXPECT_EQ(fired, 1);
+        EXPECT_EQ(loop->runMode("M", past()), Result::TimedOut);
+
+        source->signal();
+        EXPECT_EQ(loop->runMode("M", past()), Result::Handled);
+        EXPECT_EQ(fired, 2);
+        EXPECT_EQ(loop->runMode("M", past()), Result::Handled);
+        EXPECT_EQ(fired, 3);
+        EXPECT_EQ(loop->runMode("M", past()), Result::TimedOut);
+        source->invalidate();  // breaks the source -> closure -> source cycle
+    });
+}
+
+TEST(RunLoopSource, BlocksRunBeforeSourcesInOnePass) {
+    onOwnLoop([](Ref<RunLoop> loop) {
+        std::vector<int> order;
+        auto source = RunLoopSource::create([&] { order.push_back(2); });
+        loop->addSource(source, "M");
+        source->signal();
+        loop->performBlock("M", [&] { order.push_back(1); });
+        EXPECT_EQ(loop->runMode("M", past()), Result::Handled);
+        EXPECT_EQ(order, (std::vector<int>{1, 2}));
+    });
+}
+
+TEST(RunLoopSource, RemovalAndInvalidationStopDelivery) {
+    onOwnLoop([](Ref<RunLoop> loop) {
+        int fired = 0;
+        auto source = RunLoopSource::create([&] { ++fired; });
+        loop->addSource(source, "A");
+        loop->addSource(source, "B");
+        loop->removeSource(source, "A");
+        EXPECT_FALSE(loop->containsSource(source, "A"));
+        source->signal();
+        EXPECT_EQ(loop->runMode("A", past()), Result::TimedOut);
+        EXPECT_EQ(loop->runMode("B", past()), Result::Handled);
+        EXPECT_EQ(fired, 1);
+
+        // A pending signal dies with the source.
+        std::promise<Ref<RunLoop>> otherLoop;
+        std::promise<void> release;
+        std::thread other([&] {
+            otherLoop.set_value(RunLoop::current());
+            release.get_future().wait();
+        });
+        auto second = otherLoop.get_future().get();
+        second->addSource(source, "B");
+        source->signal();
+        source->invalidate();
+        EXPECT_FALSE(source->isValid());
+        EXPECT_FALSE(loop->containsSource(source, "B"));
+        EXPECT_FALSE(second->containsSource(source, "B"));
+        EXPECT_EQ(loop->runMode("B", past()), Result::TimedOut);
+        loop->addSource(source, "B");  // an invalid source is not taken
+        EXPECT_FALSE(loop->containsSource(source, "B"));
+        source->signal();
+        EXPECT_EQ(loop->runMode("B", past()), Result::TimedOut);
+        EXPECT_EQ(fired, 1);
+        release.set_value();
+        other.join();
+    });
+}
+
+TEST(RunLoopSource, ASignalFromAnotherThreadWakesAWaitingLoop) {
+    // Ping-pong: each round the loop waits with no useful deadline and must
+    // be woken by the other thread's signal; a lost wake-up hangs the round
+    // until the generous deadline and shows as TimedOut.
+    onOwnLoop([](Ref<RunLoop> loop) {
+        constexpr int rounds = 2000;
+        auto pong = Semaphore::create();
+        int fired = 0;
+        auto source = RunLoopSource::create([&] {
+            ++fired;
+            pong->signal();
+        });
+        loop->addSource(source, "M");
+        std::thread signaller([&] {
+            for (int i = 0; i < rounds; ++i) {
+                source->signal();
+                pong->wait();
+            }
+        });
+        int handled = 0;
+        while (fired < rounds) {
+            if (loop->runMode("M", 60s) != Result::Handled) break;
+            ++handled;
+        }
+        signaller.join();
+        EXPECT_EQ(fired, rounds);
+        EXPECT_EQ(handled, rounds);
+    });
+}
+
+TEST(RunLoopSource, EachSignalIsHandledByExactlyOneOfSeveralLoops) {
+    constexpr int signals = 1000;
+    std::atomic<int> fired{0};
+    std::atomic<bool> done{false};
+    auto handledOne = Semaphore::create();
+    auto source = RunLoopSource::create([&] {
+        fired.fetch_add(1);
+        handledOne->signal();
+    });
+    auto ready = Semaphore::create();
+    std::vector<std::thread> runners;
+    std::vector<Ref<RunLoop>> loops(3);
+    for (int i = 0; i < 3; ++i)
+        runners.emplace_back([&, i] {
+            loops[static_cast<std::size_t>(i)] = RunLoop::current();
+            loops[static_cast<std::size_t>(i)]->addSource(source, RunLoop::DefaultMode);
+            ready->signal();
+            while (!done.load()) loops[static_cast<std::size_t>(i)]->runMode(RunLoop::DefaultMode, RunLoop::distantFuture());
+        });
+    for (int i = 0; i < 3; ++i) ready->wait();
+    for (int i = 0; i < signals; ++i) {
+        source->signal();
+        handledOne->wait();
+    }
+    done.store(true);
+    for (const auto& loop : loops) loop->wakeUp();
+    for (auto& t : runners) t.join();
+    EXPECT_EQ(fired.load(), signals);
+    source->invalidate();
+}
