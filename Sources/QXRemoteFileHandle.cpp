@@ -8,6 +8,7 @@
 
 #include <qx/Format.h>
 #include <qx/SerialQueue.h>
+#include <qx/Thread.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,8 +20,6 @@
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
-#include <system_error>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -77,14 +76,11 @@ int readWholeFork(int fd, std::vector<std::uint8_t>& value) {
     }
 }
 
-// Runs work on a new detached thread; false when no thread can be had.
-bool startThread(std::function<void()> work) {
-    try {
-        std::thread(std::move(work)).detach();
-        return true;
-    } catch (const std::system_error&) {
-        return false;
-    }
+// Runs work on a new thread of its own; false when no thread can be had.
+bool startThread(const char* name, std::function<void()> work) {
+    auto thread = qx::Thread::create(std::move(work));
+    thread->setName(name);
+    return thread->start();
 }
 
 bool isHTTPScheme(const std::string& scheme) {
@@ -181,7 +177,7 @@ Ref<QXRemoteFileHandle> QXRemoteFileHandle::initForReadingFromURL(const Ref<qx::
     handle->setURL(url);
     handle->setIsReadable(true);
     handle->setIsWritable(false);
-    handle->sizeSemaphore_ = std::make_unique<std::binary_semaphore>(1);
+    handle->sizeSemaphore_ = qx::Semaphore::create(1);
     handle->calculateFileSize();
     handle->setCloseWhenDone(true);
     return handle;
@@ -280,14 +276,14 @@ std::uint64_t QXRemoteFileHandle::offsetInFile() const {
 
 std::uint64_t QXRemoteFileHandle::fileSize() {
     if (!sizeSemaphore_) return privateSize();
-    sizeSemaphore_->acquire();
+    sizeSemaphore_->wait();
     const std::uint64_t size = privateSize();
-    sizeSemaphore_->release();
+    sizeSemaphore_->signal();
     return size;
 }
 
 void QXRemoteFileHandle::calculateFileSize() {
-    if (sizeSemaphore_) sizeSemaphore_->acquire();
+    if (sizeSemaphore_) sizeSemaphore_->wait();
     if (fileHandle_) {
         try {
             const std::uint64_t offset = fileHandle_->offsetInFile();
@@ -296,7 +292,7 @@ void QXRemoteFileHandle::calculateFileSize() {
         } catch (const std::exception&) {
             setPrivateSize(0);
         }
-        if (sizeSemaphore_) sizeSemaphore_->release();
+        if (sizeSemaphore_) sizeSemaphore_->signal();
         return;
     }
     auto request = qx::HTTPRequest::requestWithURL(url_);
@@ -313,7 +309,7 @@ void QXRemoteFileHandle::calculateFileSize() {
         } else {
             handle->setSizeWithURLResponse(response);
         }
-        if (handle->sizeSemaphore_) handle->sizeSemaphore_->release();
+        if (handle->sizeSemaphore_) handle->sizeSemaphore_->signal();
     });
     task->resume();
 }
@@ -418,24 +414,24 @@ Ref<Data> QXRemoteFileHandle::readHTTPSynchronously(std::uint64_t offset, std::u
     struct Result {
         Ref<Data> buffer = Data::create();
         Ref<Error> error;
-        std::binary_semaphore finished{0};
+        Ref<qx::Semaphore> finished = qx::Semaphore::create(0);
     };
     auto result = std::make_shared<Result>();
     DataHandler handler = [result](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done, const Ref<Error>& failure) {
         if (failure) {
             result->error = failure;
-            result->finished.release();
+            result->finished->signal();
             return false;
         }
         if (chunk) result->buffer->append(*chunk);
-        if (done) result->finished.release();
+        if (done) result->finished->signal();
         return true;
     };
     if (toEnd)
         readDataToEndOfFileWithMaxBufferSize(ToEndOfFile, std::move(handler));
     else
         readDataAtOffset(offset, length, ToEndOfFile, std::move(handler));
-    result->finished.acquire();
+    result->finished->wait();
     if (result->error) {
         if (error) *error = result->error;
         return nullptr;
@@ -527,7 +523,7 @@ void QXRemoteFileHandle::readRsrcFork(std::uint64_t length, std::uint64_t maxBuf
             if (done) return;
         }
     };
-    if (!startThread(work) && handler) handler(handle, nullptr, true, posixError(EAGAIN));
+    if (!startThread("qx.rfh.fork", work) && handler) handler(handle, nullptr, true, posixError(EAGAIN));
 }
 
 void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler) {
@@ -578,7 +574,7 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
             if (failed || done) break;
         }
     };
-    if (!startThread(work) && handler) handler(handle, nullptr, true, posixError(EAGAIN));
+    if (!startThread("qx.rfh.reader", work) && handler) handler(handle, nullptr, true, posixError(EAGAIN));
 }
 
 // ---- Writing, seeking, closing ----
@@ -633,7 +629,7 @@ void QXRemoteFileHandle::writeDataCompletionHandler(const Ref<Data>& data, Write
         const bool written = handle->writeData(data, &error);
         if (completion) completion(handle, written ? nullptr : error);
     };
-    if (!startThread(work) && completion) completion(handle, posixError(EAGAIN));
+    if (!startThread("qx.rfh.write", work) && completion) completion(handle, posixError(EAGAIN));
 }
 
 bool QXRemoteFileHandle::seekToFileOffset(std::uint64_t offset, Ref<Error>* error) {

@@ -37,6 +37,7 @@
 #include <qx/Error.h>
 #include <qx/FileHandle.h>
 #include <qx/HTTPClient.h>
+#include <qx/Semaphore.h>
 #include <qx/URL.h>
 
 #include <atomic>
@@ -44,7 +45,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <semaphore>
 #include <string>
 
 /// "QXRemoteFileHandleErrorDomain"; exported for callers, used by no failure path.
@@ -118,6 +118,10 @@ public:
     /// The size once known (read it through fileSize while it may be unknown).
     std::uint64_t privateSize() const { return privateSize_.load(); }
     void setPrivateSize(std::uint64_t value) { privateSize_.store(value); }
+    /// Held (count 1 taken) while the size is being found; nothing for
+    /// handles that never look their size up.
+    const qx::Ref<qx::Semaphore>& sizeSemaphore() const { return sizeSemaphore_; }
+    void setSizeSemaphore(qx::Ref<qx::Semaphore> semaphore) { sizeSemaphore_ = std::move(semaphore); }
 
     // ---- Position and size ----
 
@@ -209,8 +213,7 @@ private:
     std::atomic<std::uint64_t> privateOffset_{0};
     qx::Ref<qx::URL> url_;
     std::atomic<std::uint64_t> privateSize_{0};
-    // Taken while the size is being found (held across the HEAD request).
-    std::unique_ptr<std::binary_semaphore> sizeSemaphore_;
+    qx::Ref<qx::Semaphore> sizeSemaphore_;
     // The client of the HEAD request; dropping the handle cancels it.
     qx::Ref<qx::HTTPClient> sizeSession_;
 };
