@@ -394,10 +394,6 @@ Ref<Data> QXRemoteFileHandle::readDataToEndOfFileAndReturnError(Ref<Error>* erro
         return readDataOfLength(offset < length ? length - offset : 0, error);
     }
     if (fileHandle_) {
-        if (!isReadable()) {
-            if (error) *error = posixError(EINVAL);
-            return nullptr;
-        }
         try {
             return fileHandle_->readDataToEndOfFile();
         } catch (const std::exception& e) {
