@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <future>
 #include <mutex>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -236,6 +237,30 @@ TEST(RemoteFileHandleLocal, SynchronousReadsWritesAndFaults) {
     auto check = Handle::initForReadingFromURL(fileURL(path));
     const auto written = check->readDataInRange(10, 5);
     EXPECT_EQ(written->view(), "HELLO");
+}
+
+TEST(RemoteFileHandleLocal, WriteWithCompletionRunsInTheBackground) {
+    TempDir dir;
+    const auto path = dir.file("a", {});
+    auto run = [](const Ref<Handle>& h, const Ref<Data>& data) {
+        auto result = std::make_shared<std::promise<std::pair<Ref<Error>, std::thread::id>>>();
+        auto future = result->get_future();
+        h->writeDataCompletionHandler(data, [result](const Ref<Handle>&, const Ref<Error>& error) {
+            result->set_value({error, std::this_thread::get_id()});
+        });
+        EXPECT_EQ(future.wait_for(60s), std::future_status::ready);
+        return future.get();
+    };
+    auto w = Handle::initForWritingToURL(fileURL(path));
+    const auto [error, thread] = run(w, Data::withString("written"));
+    EXPECT_FALSE(error);
+    EXPECT_NE(thread, std::this_thread::get_id());
+    auto r = Handle::initForReadingFromURL(fileURL(path));
+    EXPECT_EQ(r->fileSize(), 7u);
+    EXPECT_EQ(r->readDataToEndOfFileAndReturnError()->view(), "written");
+    const auto [refused, unused] = run(r, Data::withString("x"));
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code(), EINVAL);
 }
 
 TEST(RemoteFileHandleLocal, ChunkedReadDeliversInOrderOnOneQueueWithOneDone) {
