@@ -44,7 +44,7 @@ struct TempDir {
     std::string file(const std::string& name, const std::vector<std::uint8_t>& contents) const {
         const auto p = (path / name).string();
         FILE* f = std::fopen(p.c_str(), "wb");
-        std::fwrite(contents.data(), 1, contents.size(), f);
+        if (!contents.empty()) std::fwrite(contents.data(), 1, contents.size(), f);
         std::fclose(f);
         return p;
     }
