@@ -81,6 +81,12 @@ HttpTestServer::HttpTestServer(std::vector<std::uint8_t> content, std::size_t tr
         res.status = 200;
         whole(res);
     });
+    server.Get(RangesNonePath, [whole](const httplib::Request& req, httplib::Response& res) {
+        const_cast<httplib::Request&>(req).ranges.clear();
+        res.status = 200;
+        res.set_header("Accept-Ranges", "none");
+        whole(res);
+    });
     server.Get(ChunkedPath, [&s](const httplib::Request& req, httplib::Response& res) {
         const_cast<httplib::Request&>(req).ranges.clear();
         res.set_chunked_content_provider("application/octet-stream", [&s](std::size_t offset, httplib::DataSink& sink) {

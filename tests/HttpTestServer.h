@@ -7,6 +7,9 @@
 //
 //   /ranges      the resource, "Accept-Ranges: bytes", Range honoured (206)
 //   /no-ranges   the resource, no "Accept-Ranges", Range ignored (always 200)
+//   /ranges-none the resource, "Accept-Ranges: none", Range ignored (200);
+//                (/no-ranges still answers a HEAD with the server library's
+//                own "Accept-Ranges: bytes")
 //   /chunked     the resource in chunks, no length announced
 //   /truncated   announces the whole length, sends truncateAfter bytes, then
 //                drops the connection
@@ -28,6 +31,7 @@ class HttpTestServer {
 public:
     static constexpr const char* RangesPath = "/ranges";
     static constexpr const char* NoRangesPath = "/no-ranges";
+    static constexpr const char* RangesNonePath = "/ranges-none";
     static constexpr const char* ChunkedPath = "/chunked";
     static constexpr const char* TruncatedPath = "/truncated";
     static constexpr const char* RedirectPath = "/redirect";

@@ -10,6 +10,8 @@
 #include <QXFoundation/QXHexFormatter.h>
 #include <QXFoundation/QXHexNumberFormatter.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
+#include <QXFoundation/QXRemoteFileHandle.h>
+#include <QXFoundation/QXRemoteFileHandleConnectionDelegate.h>
 #include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>
