@@ -20,7 +20,7 @@ public:
 
     void insert(std::size_t index, const std::string& item) {
         record();
-        undo_->registerUndoWithTarget<List>(self(), [index](List& l) { l.remove(index); });
+        undo_->registerUndoWithTarget(self(), [index](List& l) { l.remove(index); });
         items.insert(items.begin() + static_cast<std::ptrdiff_t>(index), item);
     }
     void remove(std::size_t index) {

@@ -57,7 +57,10 @@ void OperationQueueState::pump(bool freeingWorker) {
             if (workers == 0 && idleWorkers == 0) break;
         }
     }
-    workAvailable.notify_all();
+    // One idle worker per operation: waking them all for a single one
+    // costs a context switch each on a busy machine.
+    const std::size_t wake = std::min(handoff.size(), static_cast<std::size_t>(idleWorkers));
+    for (std::size_t i = 0; i < wake; ++i) workAvailable.notify_one();
 }
 
 void OperationQueueState::work(std::shared_ptr<OperationQueueState> state) {

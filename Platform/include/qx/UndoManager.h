@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace qx {
@@ -32,7 +33,9 @@ public:
     /// removeAllActionsWithTarget). Ignored while registration is disabled.
     void registerUndo(const void* target, Action inverse);
     /// Registers handler to be called with target, if target still exists.
-    template <class T> void registerUndoWithTarget(const Ref<T>& target, std::function<void(T&)> handler) {
+    /// (T comes from target alone, so handler may be any callable.)
+    template <class T>
+    void registerUndoWithTarget(const Ref<T>& target, std::type_identity_t<std::function<void(T&)>> handler) {
         if (!target || !handler) return;
         registerUndo(target.get(), [weak = WeakRef<T>(target), handler = std::move(handler)] {
             if (auto strong = weak.lock()) handler(*strong);
