@@ -30,6 +30,7 @@ for t in "${targets[@]}"; do
                '1.5 KiB' '2 megabytes' '$FF' 'TEXT' '\x80\xa5\xdb\xf0' 'a.b\\c*?'; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
+    Explode*|Unshrink*|PBZXDecode*) python3 fuzz/make-codec-seeds.py "$t" "$corpus" ;;
   esac
   echo "== $t for ${seconds}s =="
   "build-fuzz/fuzz/$t" "$corpus" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix=fuzz/ 2>&1 | tail -15
