@@ -20,6 +20,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include <unistd.h>
+
 using namespace qx;
 using namespace plisttest;
 using PLS = QXPropertyListSerialization;
@@ -314,4 +316,30 @@ TEST(TextPropertyListDisplay, TypedTextBecomesTheValueItReads) {
         ScopedLocale german("de_DE");
         EXPECT_EQ(dyn_cast<Number>(item("1.234,5"))->doubleValue(), 1234.5);
     }
+}
+
+// --- The tool ---------------------------------------------------------------------------------
+
+TEST(TextPropertyListTool, ConvertsThroughEveryFormatAndPrintsAny) {
+    const std::string dir = ::testing::TempDir() + "qx-text-tool-" + std::to_string(::getpid());
+    ASSERT_EQ(std::system(("mkdir -p " + dir).c_str()), 0);
+    const std::string qx = QX_QX_BINARY;
+    const std::string input = QX_PLIST_TESTDATA_DIR "/dd-plist/test1-binary.plist";
+    const auto run = [&](const std::string& args) { return std::system((qx + " " + args + " 2>/dev/null").c_str()); };
+    ASSERT_EQ(run("plist convert --format xml " + input + " -o " + dir + "/a.xml"), 0);
+    ASSERT_EQ(run("plist convert --format text " + dir + "/a.xml -o " + dir + "/a.txt"), 0);
+    ASSERT_EQ(run("plist convert --format binary " + dir + "/a.txt -o " + dir + "/a.bplist"), 0);
+    ASSERT_EQ(run("plist print " + dir + "/a.xml >" + dir + "/print-xml.txt"), 0);
+    ASSERT_EQ(run("plist print " + dir + "/a.txt >" + dir + "/print-text.txt"), 0);
+    // The text form keeps every value as text: what it reads is what the writer gave it.
+    auto original = PLS::propertyListWithData(fixture("dd-plist/test1-binary.plist"), nullptr, nullptr);
+    auto fromText = PLS::propertyListWithData(Data::withString(readFile(dir + "/a.bplist")), nullptr, nullptr);
+    ASSERT_TRUE(original && fromText);
+    EXPECT_TRUE(fromText->isEqual(*asText(original)));
+    auto fromXML = PLS::propertyListWithData(Data::withString(readFile(dir + "/a.xml")), nullptr, nullptr);
+    ASSERT_TRUE(fromXML);
+    EXPECT_TRUE(fromXML->isEqual(*original));
+    EXPECT_EQ(readFile(dir + "/print-xml.txt"), fromXML->description() + "\n");
+    EXPECT_EQ(readFile(dir + "/print-text.txt"), fromText->description() + "\n");
+    std::system(("rm -rf " + dir).c_str());
 }
