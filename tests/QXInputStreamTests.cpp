@@ -217,6 +217,16 @@ TEST(QXInputStream, SynchronousReadsAndTheirFailures) {
     EXPECT_EQ(text(data->readDataSynchronouslyOfLength(100)), "");  // at the end: empty, no error
     data->close();  // at the end: does nothing
 
+    auto missing = QXInputStream::initWithFileAtPath("/nonexistent/qx-input-stream");
+    ASSERT_TRUE(missing);  // the platform stream finds out at the open
+    missing->open();
+    EXPECT_EQ(missing->streamStatus(), qx::StreamStatus::Error);
+    error.reset();
+    EXPECT_FALSE(missing->readDataSynchronouslyOfLength(1, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), ENOENT);
+
     TempDir dir;
     const auto path = dir.file("w", "data");
     auto failing = QXInputStream::initWithFileHandle(qx::FileHandle::fileHandleForWritingAtPath(path), true);
@@ -336,4 +346,21 @@ TEST(QXInputStream, SubclassesTransformBytesUnderTheBaseLimit) {
     EXPECT_EQ(got, "HELLO");
     EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
     EXPECT_TRUE(stream->QXInputStream_isFinished());
+}
+
+TEST(QXInputStream, LentBuffersCountAgainstTheLimit) {
+    auto stream = QXInputStream::initWithInputStream(qx::InputStream::inputStreamWithData(qx::Data::withString("abcdefgh")), 3);
+    stream->setSendsReadDataNotifications(true);
+    NotificationLog read(kQXInputStreamReadDataNotification, stream);
+    stream->open();
+    const std::uint8_t* bytes = nullptr;
+    std::uint64_t length = 0;
+    ASSERT_TRUE(stream->getBuffer(&bytes, &length));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes), length), "abc");  // clipped to the limit
+    EXPECT_EQ(stream->QXInputStream_bytesLeft(), 0u);
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
+    length = 99;
+    EXPECT_FALSE(stream->getBuffer(&bytes, &length));
+    EXPECT_EQ(length, 99u);  // untouched when declined
+    EXPECT_EQ(read.data, std::vector<std::string>{"abc"});
 }
