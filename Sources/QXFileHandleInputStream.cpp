@@ -15,6 +15,10 @@ namespace {
 constexpr std::uint64_t kMaxRead = std::numeric_limits<std::int64_t>::max();
 // Enough to tell "more data" from "the end" without buffering much.
 constexpr std::uint64_t kReadAhead = 1024;
+
+qx::Ref<qx::Error> faultError(const qx::Exception& exception) {
+    return QXGenerateError(qx::NSCocoaErrorDomain, 256, nullptr, nullptr, nullptr, "%@", qx::String::create(exception.description()));
+}
 } // namespace
 
 QXFileHandleInputStream::QXFileHandleInputStream(qx::Ref<qx::FileHandle> fileHandle, bool closeFileWhenStreamClosed)
@@ -81,9 +85,7 @@ qx::Ref<qx::Data> QXFileHandleInputStream::readDataFromFileHandleWithLength(std:
     try {
         return fileHandle_->readDataOfLength(length);
     } catch (const qx::Exception& exception) {
-        if (error)
-            *error = QXGenerateError(qx::NSCocoaErrorDomain, 256, nullptr, nullptr, nullptr, "%@",
-                                     qx::String::create(exception.description()));
+        if (error) *error = faultError(exception);
         return nullptr;
     }
 }
@@ -107,21 +109,20 @@ std::int64_t QXFileHandleInputStream::read(std::uint8_t* buffer, std::uint64_t m
     willReadAgain_.store(!buffer_ || buffer_->length() == 0);
     bool readFromHandle = false;
     if (length > 0) {
+        // Straight into the caller's memory: the same blocking read as
+        // readDataFromFileHandleWithLength, without a copy through a data.
         readFromHandle = true;
-        qx::Ref<qx::Error> error;
-        auto data = readDataFromFileHandleWithLength(length, &error);
-        if (!data) {
-            errorOccurred(error);
+        std::uint64_t n = 0;
+        try {
+            n = fileHandle_->readBytesOfLength(buffer, length);
+        } catch (const qx::Exception& exception) {
+            errorOccurred(faultError(exception));
             return -1;
         }
-        if (data->length() == 0) {
+        if (n == 0)
             endEncountered();
-        } else {
-            const std::uint64_t n = std::min<std::uint64_t>(data->length(), length);
-            std::memcpy(buffer, data->bytes(), n);
-            if (data->length() > n) buffer_ = data->subdata(n, data->length() - n);
+        else
             count += n;
-        }
     }
     if (willReadAgain_.load()) {
         willReadAgain_.store(false);

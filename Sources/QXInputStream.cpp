@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 
 const char* const kQXInputStreamReadDataNotification = "com.tovarik.QXFoundation.QXInputStream.ReadDataNotification";
 const char* const kQXInputStreamReachedEndNotification = "com.tovarik.QXFoundation.QXInputStream.ReachedEndNotification";
@@ -285,7 +286,8 @@ qx::Ref<qx::Data> QXInputStream::availableData() {
 qx::Ref<qx::Data> QXInputStream::availableDataWithMaxLength(std::uint64_t maxLength) {
     const auto size = static_cast<std::size_t>(std::min(maxLength, kMaxDataPerRead));
     // Not zero-filled: pages a short read never touches are never backed.
-    std::unique_ptr<std::uint8_t[]> scratch(new std::uint8_t[size ? size : 1]);
+    std::unique_ptr<std::uint8_t[]> scratch(new (std::nothrow) std::uint8_t[size ? size : 1]);
+    if (!scratch) return nullptr;
     const std::int64_t n = read(scratch.get(), size);
     if (n < 0) return nullptr;
     return qx::Data::withBytes(scratch.get(), static_cast<std::size_t>(n));
