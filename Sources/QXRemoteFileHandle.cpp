@@ -35,6 +35,8 @@ namespace {
 // Linux keeps resource forks in the user namespace of extended attributes.
 constexpr const char* kRsrcForkAttribute = "user.com.apple.ResourceFork";
 constexpr std::uint64_t kMaxReadBuffer = 0x100000;
+// Chunks kept for reuse: enough for the read-ahead of a 32 MiB limit.
+constexpr std::size_t kMaxSpareChunks = 34;
 constexpr const char* kCallbackQueueName = "com.tovarik.QXRemoteFileHandle.callback";
 constexpr const char* kConnectionQueueName = "com.tovarik.QXRemoteFileHandle.connection";
 
@@ -105,6 +107,7 @@ struct QXRemoteFileHandle::LocalReader {
     std::uint64_t nextTicket = 0;       // guarded by mutex
     std::uint64_t cancelledBelow = 0;   // deliveries with a smaller ticket are dropped; guarded by mutex
     std::atomic<bool> stopped{false};
+    std::vector<Ref<Data>> spare;       // chunks whose storage is free again; guarded by mutex
 
     // Drops every delivery queued so far that has not started.
     void cancelAllOperations() {
@@ -132,6 +135,24 @@ struct QXRemoteFileHandle::LocalReader {
             }
             reader->countChanged.notify_all();
         });
+    }
+
+    // A chunk whose storage can be read into: one the handler let go of, or a new one.
+    Ref<Data> spareChunk() {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (spare.empty()) return Data::create();
+        Ref<Data> chunk = std::move(spare.back());
+        spare.pop_back();
+        return chunk;
+    }
+
+    // Takes a delivered chunk back when nobody else holds it any more. Its
+    // storage then serves a later read, which spares the allocator a trip per
+    // chunk (with freshly mapped pages to fault in) on long reads.
+    void recycle(Ref<Data> chunk, std::uint64_t bufferSize) {
+        if (!chunk || chunk.use_count() != 1 || chunk->vector().capacity() < bufferSize) return;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (spare.size() < kMaxSpareChunks) spare.push_back(std::move(chunk));
     }
 
     // Waits for the next change of the count when one more buffer would take
@@ -528,15 +549,15 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
     auto work = [handle, reader, length, maxBufferSize, handler] {
         const int fd = handle->fileHandle_->fileDescriptor();
         const std::uint64_t bufferSize = std::min(maxBufferSize, kMaxReadBuffer);
-        std::vector<std::uint8_t> buffer(static_cast<std::size_t>(bufferSize));
         auto deliver = [&](Ref<Data> chunk, bool done, Ref<Error> error) {
             if (!handler) return;
-            LocalReader::addOperation(reader, [reader, handle, handler, chunk = std::move(chunk), done, error = std::move(error)] {
+            LocalReader::addOperation(reader, [reader, handle, handler, bufferSize, chunk = std::move(chunk), done, error = std::move(error)]() mutable {
                 if (reader->stopped.load()) return;
                 if (!handler(handle, chunk, done, error)) {
                     reader->stopped.store(true);
                     reader->cancelAllOperations();
                 }
+                reader->recycle(std::move(chunk), bufferSize);
             });
         };
         // A read of nothing still ends with its one done call.
@@ -546,23 +567,27 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
         while (remaining > 0 && !reader->stopped.load()) {
             reader->waitForRoom(bufferSize, maxBufferSize);
             const std::size_t want = static_cast<std::size_t>(std::min(bufferSize, remaining));
+            // Read straight into the chunk handed out: its storage is the
+            // read buffer, reused once the handler has let go of it.
+            Ref<Data> chunk = reader->spareChunk();
+            chunk->setLength(want);
             ssize_t n;
-            do n = ::read(fd, buffer.data(), want);
+            do n = ::read(fd, chunk->mutableBytes(), want);
             while (n < 0 && errno == EINTR);
-            Ref<Data> chunk;
             Ref<Error> error;
             if (n == 0) {
-                chunk = Data::create();
+                chunk->setLength(0);
                 done = true;
             } else if (n < 0) {
                 const int errnum = errno;
                 reader->cancelAllOperations();
+                chunk = nullptr;
                 error = QXGenerateError(qx::NSPOSIXErrorDomain, errnum, handle->URL());
                 // Deliberately done = false: only this path reports an error without done.
                 failed = true;
             } else {
                 const std::uint64_t count = std::min<std::uint64_t>(static_cast<std::uint64_t>(n), remaining);
-                chunk = Data::withBytes(buffer.data(), static_cast<std::size_t>(count));
+                chunk->setLength(static_cast<std::size_t>(count));
                 remaining -= count;
                 done = remaining == 0;
             }

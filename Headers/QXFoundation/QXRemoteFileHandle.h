@@ -15,9 +15,11 @@
 //  * HTTP: chunks arrive on the HTTP client's delegate queue as the body
 //    streams in; the status code is not examined (a 404 page is delivered as
 //    data). The end is one call with done set: an empty chunk, or no chunk and
-//    the transfer's error (also after a stop, with the cancellation error).
+//    the transfer's error (after a stop: the cancellation error, or the empty
+//    chunk when the whole body had arrived before the stop was seen).
 //  * Resource fork: a thread of its own reads and calls the handler. Its reads
-//    do not advance the offset, so every pass reads the same bytes. A stop is
+//    do not advance the offset, so every pass reads the same bytes; a read is
+//    bounded by what the fork holds past the offset. A stop before the end is
 //    answered by one more call with Cocoa error 3072.
 //  * Local data fork: a reading thread reads through the descriptor (1 MiB at
 //    most per read) and hands chunks, in order and one at a time, to a serial
@@ -25,7 +27,8 @@
 //    stays at most about maxBufferSize ahead of the handler. The end of file
 //    is an empty chunk with done set; a read error is (no chunk, done false,
 //    POSIX error); after a stop nothing more is delivered, not even chunks
-//    already read.
+//    already read. A chunk's storage serves later reads once nobody holds
+//    the chunk any more; a chunk that is kept is never written again.
 //
 // An asynchronous read keeps the handle alive until its last handler call.
 // The handle itself has no lock: use one handle from one thread at a time
