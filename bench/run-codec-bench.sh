@@ -40,7 +40,7 @@ print(f"{sys.argv[2]:8s} qx {mib / r['qx']:8.0f} MiB/s   peer {mib / r['peer']:8
 PY
 done
 
-# The largest real entries that decode: implode by size, shrink among those without orphans.
+# The largest real entries and raw streams that decode (for shrink: those without orphans).
 args=$(python3 - "$root/tests/fixtures/zip" <<'PY'
 import json, os, sys
 root = sys.argv[1]
@@ -54,9 +54,15 @@ for a in m["archives"]:
         if key not in best or e["uncompressed_size"] > best[key][2]:
             best[key] = (e["method"], e["flags"], e["uncompressed_size"], e["data_offset"], e["compressed_size"],
                          os.path.join(root, a["archive"]), e["name"])
+raw = {}
 for r in m["raw_streams"]:
-    if os.path.basename(r["raw"]).startswith("ct_level"):
-        print(r["method"], r["flags"], r["uncompressed_size"], 0, r["compressed_size"], os.path.join(root, r["raw"]), os.path.basename(r["raw"]))
+    if r.get("shrink_stats", {}).get("orphans", 0):
+        continue
+    if r["method"] not in raw or r["uncompressed_size"] > raw[r["method"]][2]:
+        raw[r["method"]] = (r["method"], r["flags"], r["uncompressed_size"], 0, r["compressed_size"],
+                            os.path.join(root, r["raw"]), os.path.basename(r["raw"]))
+for k in sorted(raw):
+    print(*raw[k])
 for k in sorted(best):
     print(*best[k])
 PY
