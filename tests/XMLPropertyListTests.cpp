@@ -115,6 +115,12 @@ std::string xmlDifference(const Object* original, const Object* back, const std:
     return differs(back && original->isEqual(*back));
 }
 
+Ref<Dictionary> dict(std::initializer_list<std::pair<const char*, Ref<Object>>> entries) {
+    auto d = Dictionary::create();
+    for (const auto& [k, v] : entries) d->setObject(v, k);
+    return d;
+}
+
 bool isError(const Ref<Error>& e, const char* domain, std::int64_t code) {
     return e && e->domain() == domain && e->code() == code;
 }
@@ -229,6 +235,37 @@ TEST(XMLPropertyListWriter, DocumentLayoutKeyOrderAndCompactEmptyElements) {
               "    <integer>-3</integer>\n"
               "  </dict>\n"
               "</plist>\n");
+}
+
+TEST(XMLPropertyListWriter, PrintsExactlyWhatTheXMLLibraryPrintsOfTheSameTree) {
+    const auto libraryPrint = [](const Ref<Object>& value) {
+        auto document = PLS::xmlDocumentWithPropertyList(value);
+        auto data = document ? PLS::dataWithXMLDocument(*document) : nullptr;
+        return data ? std::string(data->view()) : std::string("<failed>");
+    };
+    auto tricky = Array::create();
+    for (const char* s : {"a & b < c > d", "cr\r lf\n tab\t", "]]> \"quoted\" 'single'", "\u00e9\u4e2d\U0001F600", " ",
+                          "&amp; stays text"})
+        tricky->addObject(str(s));
+    tricky->addObject(dict({{"", str("empty key")}, {"a<b", Array::create()}}));
+    tricky->addObject(QXUIDPropertyList::initWithInt64Value(3));
+    tricky->addObject(Date::withTimeIntervalSinceReferenceDate(1e9));
+    EXPECT_EQ(xmlText(tricky), libraryPrint(tricky));
+    int compared = 0;
+    for (const auto& format : {"binary", "xml"}) {
+        for (const auto& e : fixtures(format)) {
+            auto value = PLS::propertyListWithData(fixture(e.file), nullptr, nullptr);
+            if (!value) continue;
+            if (!PLS::xmlDocumentWithPropertyList(value)) {
+                // Sets and non-string keys: neither way writes them.
+                EXPECT_FALSE(PLS::xmlDataWithPropertyList(value)) << e.file;
+                continue;
+            }
+            EXPECT_EQ(xmlText(value), libraryPrint(value)) << e.file;
+            ++compared;
+        }
+    }
+    EXPECT_GE(compared, 70);
 }
 
 TEST(XMLPropertyListWriter, EveryKindReadsBackAsItself) {

@@ -177,6 +177,12 @@ public:
     /// archives depend on exactly this reading, so it is not int64Value.
     static QXXMLElement xmlElementWithPropertyList(const qx::Ref<qx::Object>& plist,
                                                    qx::Ref<qx::Error>* error = nullptr);
+    /// The same document as a libxml2 tree (xmlDataWithPropertyList prints
+    /// exactly what dataWithXMLDocument prints of this tree, without building it).
+    static QXXMLDocument xmlDocumentWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                     qx::Ref<qx::Error>* error = nullptr);
+    /// libxml2's pretty printing of a document, in UTF-8.
+    static qx::Ref<qx::Data> dataWithXMLDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error = nullptr);
     /// Reads an XML document (the DOCTYPE is neither required nor checked).
     static qx::Ref<qx::Object> XMLPropertyListWithData(const qx::Ref<qx::Data>& data,
                                                        qx::Ref<qx::Error>* error = nullptr);
