@@ -13,8 +13,6 @@
 
 namespace {
 constexpr std::uint64_t kMaxRead = std::numeric_limits<std::int64_t>::max();
-// Enough to tell "more data" from "the end" without buffering much.
-constexpr std::uint64_t kReadAhead = 1024;
 
 qx::Ref<qx::Error> faultError(const qx::Exception& exception) {
     return QXGenerateError(qx::NSCocoaErrorDomain, 256, nullptr, nullptr, nullptr, "%@", qx::String::create(exception.description()));
@@ -95,18 +93,15 @@ std::int64_t QXFileHandleInputStream::read(std::uint8_t* buffer, std::uint64_t m
     std::uint64_t length = std::min(maxLength, kMaxRead);
     if (length > 0 && !buffer) return -1;
     std::uint64_t count = 0;
-    if (buffer_ && buffer_->length() > 0) {
-        const std::uint64_t m = std::min<std::uint64_t>(buffer_->length(), length);
-        std::memcpy(buffer, buffer_->bytes(), m);
+    if (aheadEnd_ > aheadStart_) {
+        const std::uint64_t m = std::min<std::uint64_t>(aheadEnd_ - aheadStart_, length);
+        std::memcpy(buffer, readAhead_ + aheadStart_, m);
         buffer += m;
         length -= m;
         count = m;
-        if (m == buffer_->length())
-            buffer_.reset();
-        else
-            buffer_ = buffer_->subdata(m, buffer_->length() - m);
+        aheadStart_ += m;
     }
-    willReadAgain_.store(!buffer_ || buffer_->length() == 0);
+    willReadAgain_.store(aheadStart_ == aheadEnd_);
     bool readFromHandle = false;
     if (length > 0) {
         // Straight into the caller's memory: the same blocking read as
@@ -127,16 +122,16 @@ std::int64_t QXFileHandleInputStream::read(std::uint8_t* buffer, std::uint64_t m
     if (willReadAgain_.load()) {
         willReadAgain_.store(false);
         readFromHandle = true;
-        qx::Ref<qx::Error> error;
-        auto data = readDataFromFileHandleWithLength(kReadAhead, &error);
-        if (!data) {
-            errorOccurred(error);
+        std::uint64_t n = 0;
+        try {
+            n = fileHandle_->readBytesOfLength(readAhead_, kReadAhead);
+        } catch (const qx::Exception& exception) {
+            errorOccurred(faultError(exception));
             return -1;
         }
-        if (data->length() == 0)
-            endEncountered();
-        else
-            buffer_ = data;
+        aheadStart_ = 0;
+        aheadEnd_ = static_cast<std::size_t>(n);
+        if (n == 0) endEncountered();
     }
     if (!readFromHandle) notifyDelegateOfEvent(qx::StreamEventHasBytesAvailable);
     return static_cast<std::int64_t>(count);

@@ -115,6 +115,12 @@ TEST(FileHandleInputStream, HandleFaultsBecomeStreamErrors) {
     EXPECT_NE(error->localizedDescription().find("Bad file descriptor"), std::string::npos) << error->localizedDescription();
     ASSERT_TRUE(runUntil([&] { return s.recorder->all() & qx::StreamEventErrorOccurred; }));
     EXPECT_EQ(readInto(*s.stream, got, 4), -1);
+    Ref<qx::Error> direct;
+    EXPECT_FALSE(s.stream->readDataFromFileHandleWithLength(4, &direct));
+    ASSERT_TRUE(direct);
+    EXPECT_EQ(direct->code(), 256);
+    auto readable = QXFileHandleInputStream::initWithFileHandle(qx::FileHandle::fileHandleForReadingAtPath(path), false);
+    EXPECT_EQ(readable->readDataFromFileHandleWithLength(100)->view(), "data");
 }
 
 TEST(FileHandleInputStream, ClosingClosesTheHandleOnlyWhenAsked) {

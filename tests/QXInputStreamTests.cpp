@@ -5,6 +5,7 @@
 #include <QXFoundation/QXInputStream.h>
 
 #include <qx/NotificationCenter.h>
+#include <qx/Thread.h>
 
 #include <gtest/gtest.h>
 
@@ -85,7 +86,43 @@ public:
     }
 };
 
+// Records where the underlying stream's events arrive.
+class WatchedStream : public QXInputStream {
+public:
+    static Ref<WatchedStream> initWithData(const Ref<qx::Data>& data) {
+        auto s = std::make_shared<WatchedStream>(underlyingStreamWithData(data), kUnlimitedLength);
+        s->adoptUnderlyingStream();
+        return s;
+    }
+    WatchedStream(Ref<qx::InputStream> underlying, std::uint64_t limit) : QXInputStream(std::move(underlying), limit) {}
+    void stream(qx::Stream& s, qx::StreamEventMask event) override {
+        // Deliveries to the stream as its own default delegate come here too.
+        if (&s == underlyingStream().get()) {
+            std::lock_guard<std::mutex> lock(mutex);
+            auto thread = qx::Thread::current();
+            threadNames.push_back(thread ? thread->name() : "(not a Thread)");
+        }
+        QXInputStream::stream(s, event);
+    }
+    std::mutex mutex;
+    std::vector<std::string> threadNames;
+};
+
 } // namespace
+
+TEST(QXInputStream, UnderlyingEventsArriveOnTheStreamsOwnNamedThread) {
+    auto stream = WatchedStream::initWithData(qx::Data::withString("payload"));
+    std::vector<qx::StreamEventMask> masks;
+    stream->setEventHandler([&](QXInputStream&, qx::StreamEventMask e) { masks.push_back(e); });
+    stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
+    stream->open();
+    ASSERT_TRUE(runUntil([&] { return !masks.empty(); }));
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "QXInputStream %p", static_cast<void*>(stream.get()));
+    std::lock_guard<std::mutex> lock(stream->mutex);
+    ASSERT_FALSE(stream->threadNames.empty());
+    for (const auto& name : stream->threadNames) EXPECT_EQ(name, expected);
+}
 
 TEST(QXInputStream, LimitEndsTheStreamOnTheReadThatUsesItUp) {
     auto stream = QXInputStream::initWithInputStream(qx::InputStream::inputStreamWithData(qx::Data::withString(digits(100))), 10);

@@ -118,5 +118,10 @@ private:
     const qx::Ref<qx::FileHandle> fileHandle_;
     std::atomic<qx::StreamStatus> status_{qx::StreamStatus::NotOpen};
     qx::Ref<qx::Error> error_;
-    qx::Ref<qx::Data> buffer_;  // read from the handle, not yet handed out (reader's thread only)
+    // Read ahead from the handle, not yet handed out: enough to tell "more
+    // data" from "the end" without buffering much (reader's thread only).
+    static constexpr std::size_t kReadAhead = 1024;
+    std::uint8_t readAhead_[kReadAhead];
+    std::size_t aheadStart_ = 0;  // aheadStart_ <= aheadEnd_ <= kReadAhead
+    std::size_t aheadEnd_ = 0;
 };
