@@ -1,4 +1,5 @@
-// QXPropertyListSerialization.cpp - format detection and the binary "bplist00" reader and writer.
+// QXPropertyListSerialization.cpp - format detection, the fallback reader, and the binary "bplist00"
+// reader and writer.
 //
 // The reader decodes untrusted files. Beyond the checks the format itself
 // implies, it refuses (NSCocoaErrorDomain 3840, one log line saying why):
@@ -23,8 +24,10 @@
 #include <qx/Date.h>
 #include <qx/Dictionary.h>
 #include <qx/Log.h>
+#include <qx/OldStylePropertyList.h>
 #include <qx/Set.h>
 #include <qx/String.h>
+#include <qx/StringsFile.h>
 
 #include <unicode/uchar.h>
 #include <unicode/ustring.h>
@@ -799,18 +802,59 @@ bool beginsWithPlistTag(std::string_view bytes) {
     return true;
 }
 
-// XML property lists are read by a unit of their own that has not landed
-// yet; until it does, XML data is refused here and left to the fallback.
-qx::Ref<qx::Object> readXMLPropertyList(const qx::Ref<qx::Data>&) {
-    QXLog("XML property lists are not supported yet");
-    return nullptr;
-}
-
-// The fallback for data the library's own readers cannot read. This system has
-// no platform property-list reader, so such data is refused.
-qx::Ref<qx::Object> readWithFallback(const qx::Ref<qx::Data>&, QXPropertyListFormat*, qx::Ref<qx::Error>* error) {
-    setError(error);
-    return nullptr;
+// The platform's reader, for data the library's own readers cannot read. It
+// reads what this system's platform would: binary files are left as they
+// failed; text that opens like an XML document (also in UTF-16) goes to the
+// XML reader, whose errors are then the caller's; anything else is read as
+// old-style text, the brace and parenthesis form that format 1 writes.
+qx::Ref<qx::Object> readWithFallback(const qx::Ref<qx::Data>& data, QXPropertyListFormat* format,
+                                     qx::Ref<qx::Error>* error) {
+    if (!data || data->view().starts_with("bplist")) {
+        setError(error);
+        return nullptr;
+    }
+    if (data->length() == 0) {
+        QXLog("cannot read a property list from empty data");
+        if (error)
+            *error = QXGenerateError(qx::NSCocoaErrorDomain, kPropertyListErrorCode, nullptr, nullptr, nullptr,
+                                     "The data is empty.");
+        return nullptr;
+    }
+    const std::string_view bytes = data->view();
+    // The opening, decoded as the text reader decodes: enough for an XML declaration.
+    const std::u16string head = qx::decodeStringsFileText(bytes.substr(0, std::min<std::size_t>(bytes.size(), 256)));
+    std::size_t i = 0;
+    while (i < head.size() && (head[i] == u' ' || head[i] == u'\t' || head[i] == u'\r' || head[i] == u'\n' ||
+                               head[i] == 0xFEFF))
+        ++i;
+    const std::u16string_view opening = std::u16string_view(head).substr(i);
+    if (opening.starts_with(u"<?xml") || opening.starts_with(u"<!") || opening.starts_with(u"<plist")) {
+        qx::Ref<qx::Error> xmlError;
+        auto plist = QXPropertyListSerialization::XMLPropertyListWithData(data, &xmlError);
+        if (plist) {
+            if (format) *format = QXPropertyListXMLFormat_v1_0;
+            return plist;
+        }
+        // Element text that does not parse fails the document without an
+        // error of its own; the caller still learns that the data was refused.
+        if (!xmlError) QXLog("XML property list holds text that is not a value of its element");
+        if (error) *error = xmlError ? xmlError : makeError();
+        return nullptr;
+    }
+    qx::OldStyleParseFailure failure;
+    auto plist = qx::propertyListFromOldStyleData(bytes, &failure);
+    if (!plist) {
+        QXLog("old-style property list: %s at line %lu, column %lu", failure.reason,
+              static_cast<unsigned long>(failure.line), static_cast<unsigned long>(failure.column));
+        if (error)
+            *error = QXGenerateError(qx::NSCocoaErrorDomain, kPropertyListErrorCode, nullptr, nullptr, nullptr,
+                                     "The data is not a property list: %s at line %lu, column %lu.", failure.reason,
+                                     static_cast<unsigned long>(failure.line),
+                                     static_cast<unsigned long>(failure.column));
+        return nullptr;
+    }
+    if (format) *format = QXPropertyListOpenStepFormat;
+    return plist;
 }
 
 } // namespace
@@ -845,17 +889,10 @@ qx::Ref<qx::Object> QXPropertyListSerialization::propertyListWithData(const qx::
     if (isPropertyList(data, &recognised)) {
         qx::Ref<qx::Object> plist = recognised == QXPropertyListBinaryFormat_v1_0
                                         ? binaryPropertyListWithData(data, nullptr)
-                                        : readXMLPropertyList(data);
+                                        : XMLPropertyListWithData(data, nullptr);
         if (plist) {
             if (format) *format = recognised;
             return plist;
-        }
-        if (recognised == QXPropertyListXMLFormat_v1_0) {
-            // Say why, so that a user does not take a good XML file for a damaged one.
-            if (error)
-                *error = QXGenerateError(qx::NSCocoaErrorDomain, kPropertyListErrorCode, nullptr, nullptr, nullptr,
-                                         "XML property lists cannot be read yet.");
-            return nullptr;
         }
     }
     return readWithFallback(data, format, error);
@@ -866,15 +903,8 @@ qx::Ref<qx::Data> QXPropertyListSerialization::dataWithPropertyList(const qx::Re
                                                                     qx::Ref<qx::Error>* error) {
     switch (format) {
     case QXPropertyListBinaryFormat_v1_0: return binaryDataWithPropertyList(plist, error);
-    case QXPropertyListOpenStepFormat:
-    case QXPropertyListXMLFormat_v1_0:
-        // The text and XML writers are units of their own that have not landed yet.
-        QXLog("Writing property list format %lu is not supported yet", static_cast<unsigned long>(format));
-        if (error)
-            *error = QXGenerateError(qx::NSCocoaErrorDomain, kPropertyListErrorCode, nullptr, nullptr, nullptr,
-                                     "Property lists cannot be written in the %s format yet.",
-                                     format == QXPropertyListXMLFormat_v1_0 ? "XML" : "text");
-        return nullptr;
+    case QXPropertyListOpenStepFormat: return oldStylePlistDataWithItem(plist, error);
+    case QXPropertyListXMLFormat_v1_0: return xmlDataWithPropertyList(plist, error);
     default: setError(error, qx::NSPOSIXErrorDomain, EINVAL); return nullptr;
     }
 }

@@ -9,7 +9,6 @@
 #include <qx/Format.h>
 #include <qx/UUID.h>
 
-#include <unicode/coll.h>
 #include <unicode/dcfmtsym.h>
 #include <unicode/locid.h>
 
@@ -66,33 +65,7 @@ std::int64_t integerValue(std::string_view text) {
 
 // --- Collation -----------------------------------------------------------------
 
-// One collator per thread, made again when the default locale changes, so that
-// a comparison always follows the locale in force when it is called.
-icu::Collator* caseInsensitiveNumericCollator() {
-    struct Cache {
-        std::string localeName;
-        std::unique_ptr<icu::Collator> collator;
-    };
-    thread_local Cache cache;
-    icu::Locale locale = icu::Locale::getDefault();
-    if (!cache.collator || cache.localeName != locale.getName()) {
-        cache.localeName = locale.getName();
-        // The C/POSIX locale's collation is code-point order; people sorting
-        // text there still expect the root rules.
-        if (std::string_view(locale.getVariant()) == "POSIX") locale = icu::Locale::getRoot();
-        UErrorCode status = U_ZERO_ERROR;
-        cache.collator.reset(icu::Collator::createInstance(locale, status));
-        if (U_FAILURE(status)) cache.collator.reset();
-        if (cache.collator) {
-            status = U_ZERO_ERROR;
-            cache.collator->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
-            cache.collator->setStrength(icu::Collator::SECONDARY);  // case ignored, accents not
-        }
-    }
-    return cache.collator.get();
-}
-
-// The current locale's decimal separator, cached per thread like the collator.
+// The current locale's decimal separator, cached per thread and remade when the locale changes.
 const std::string& decimalSeparator() {
     struct Cache {
         std::string localeName;
@@ -413,14 +386,7 @@ std::uint64_t unsignedLongLongHexValue(const qx::String& self) {
 }
 
 int localizedCaseInsensitiveNumericCompare(const qx::String& self, const qx::String& other) {
-    icu::Collator* collator = caseInsensitiveNumericCollator();
-    UErrorCode status = U_ZERO_ERROR;
-    if (collator) {
-        const UCollationResult r = collator->compareUTF8(self.utf8(), other.utf8(), status);
-        if (U_SUCCESS(status)) return r == UCOL_LESS ? -1 : (r == UCOL_GREATER ? 1 : 0);
-    }
-    const int raw = self.utf8().compare(other.utf8());
-    return raw < 0 ? -1 : (raw > 0 ? 1 : 0);
+    return self.localizedCaseInsensitiveNumericCompare(other);
 }
 
 bool isURLString(const qx::String& self) {

@@ -16,12 +16,21 @@ for t in "${targets[@]}"; do
   if [ -d "fuzz/seeds/$t" ]; then cp -n fuzz/seeds/$t/* "$corpus"/ 2>/dev/null || true; fi
   case $t in
     BinaryPropertyList*) find tests/fixtures -name '*.plist' -o -name '*.bplist' | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
+    XMLPropertyList*) find tests/fixtures -name '*.plist' -o -name '*.xml' | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
+    OldStylePropertyList*)
+      cp -n Resources/en.lproj/Localizable.strings "$corpus/localizable" 2>/dev/null || true
+      i=0
+      for s in '{a = 1; b = "x y"; c = (1, 2, <0a1b>); }' '(\n    1,\n    2\n)' '"k" = "v";\n/* c */ k2 = v2;' \
+               '{ "\\U00e9\\t" = (); d = {}; }' '<0A 1b 2c>' 'abc' "'single'" '// only a comment'; do
+        printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
+      done ;;
     StringAdditions*)
       i=0
       for s in "0x1f" "  12  " "10.6.8" "abc:def" 'a<b&c @ caf\xc3\xa9' '<0a 0b>' '\xef\xbb\xbfhi' '\xff\xfeh\0i\0' \
                '1.5 KiB' '2 megabytes' '$FF' 'TEXT' '\x80\xa5\xdb\xf0' 'a.b\\c*?'; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
+    Explode*|Unshrink*|PBZXDecode*) python3 fuzz/make-codec-seeds.py "$t" "$corpus" ;;
   esac
   echo "== $t for ${seconds}s =="
   "build-fuzz/fuzz/$t" "$corpus" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix=fuzz/ 2>&1 | tail -15

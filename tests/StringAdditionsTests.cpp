@@ -309,8 +309,12 @@ TEST(StringAdditionsLocale, NumericCaseInsensitiveCompareFollowsTheLocale) {
                 << locale << ": " << c.a << " vs " << c.b;
     }
     // Swedish sorts "ä" after "z"; the comparison takes the locale in force at the call.
+    EXPECT_LT(qx::String("\u00c4pfel").localizedStandardCompare(qx::String("Zebra")), 0);
     ScopedLocale swedish("sv_SE");
     EXPECT_EQ(SA::localizedCaseInsensitiveNumericCompare(qx::String("\u00c4pfel"), qx::String("Zebra")), 1);
+    // The platform's file-name order shares the collator and follows the switch too.
+    EXPECT_GT(qx::String("\u00c4pfel").localizedStandardCompare(qx::String("Zebra")), 0);
+    EXPECT_GT(qx::String("abc").localizedStandardCompare(qx::String("ABC")), 0);  // the tie-break
 }
 
 TEST(StringAdditionsLocale, FileSizesUseTheLocaleDecimalSeparator) {

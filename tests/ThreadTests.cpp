@@ -104,12 +104,18 @@ TEST(QXThread, TheClosuresCapturesAreReleasedOnItsThreadBeforeJoinReturns) {
     std::atomic<bool> released{false};
     std::thread::id releasedOn;
     std::promise<std::thread::id> ranOn;
+    auto gate = Semaphore::create();
     Ref<QXThread> thread;
     {
         auto tracked = std::make_shared<Tracked>(&released, &releasedOn);
-        thread = QXThread::detachNewThreadWithClosure([tracked, &ranOn] { ranOn.set_value(std::this_thread::get_id()); });
+        thread = QXThread::detachNewThreadWithClosure([tracked, gate, &ranOn] {
+            gate->wait();  // the test lets go of its own reference first
+            ranOn.set_value(std::this_thread::get_id());
+        });
         ASSERT_NE(thread, nullptr);
     }
+    EXPECT_FALSE(released.load());
+    gate->signal();
     thread->join();
     EXPECT_TRUE(released.load());
     EXPECT_EQ(releasedOn, ranOn.get_future().get());

@@ -15,4 +15,13 @@
 #include <QXFoundation/QXStringAdditions.h>
 #include <QXFoundation/QXSystemVersion.h>
 #include <QXFoundation/QXUIDPropertyList.h>
+#include <QXFoundation/QXChecksum.h>
+#include <QXFoundation/QXExplode.h>
+#include <QXFoundation/QXPBZXDecode.h>
 #include <QXFoundation/QXThread.h>
+#include <QXFoundation/QXUnshrink.h>
+#include <QXFoundation/QXRingBuffer.h>
+#include <QXFoundation/QXSlidingWindow.h>
+#include <QXFoundation/QXFileHandleInputStream.h>
+#include <QXFoundation/QXFileHandleOutputStream.h>
+#include <QXFoundation/QXInputStream.h>

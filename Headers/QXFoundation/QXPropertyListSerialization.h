@@ -5,11 +5,17 @@
 // fallback reader. All operations are class operations.
 #pragma once
 
+#include <qx/Array.h>
 #include <qx/Data.h>
+#include <qx/DateFormatter.h>
 #include <qx/Error.h>
 #include <qx/Number.h>
+#include <qx/NumberFormatter.h>
+#include <qx/String.h>
+#include <qx/StringEncoding.h>
 
 #include <cstdint>
+#include <memory>
 
 /// Property-list format codes.
 using QXPropertyListFormat = std::uint64_t;
@@ -18,6 +24,27 @@ inline constexpr QXPropertyListFormat QXPropertyListXMLFormat_v1_0 = 100;
 inline constexpr QXPropertyListFormat QXPropertyListBinaryFormat_v1_0 = 200;
 
 class QXBinaryPlistTrailer;
+
+// The XML document library's node and document (libxml2), owned through
+// these handles so that no caller frees them by hand.
+struct _xmlNode;
+struct _xmlDoc;
+struct QXXMLNodeDeleter {
+    void operator()(_xmlNode* node) const;
+};
+struct QXXMLDocumentDeleter {
+    void operator()(_xmlDoc* document) const;
+};
+/// An XML element with its subtree, not linked into any document.
+using QXXMLElement = std::unique_ptr<_xmlNode, QXXMLNodeDeleter>;
+/// A parsed XML document.
+using QXXMLDocument = std::unique_ptr<_xmlDoc, QXXMLDocumentDeleter>;
+
+/// Containers (the root counts) an XML property list may nest, for reading
+/// and writing alike. The XML parser refuses documents whose elements nest
+/// deeper than 256 (the plist element and the innermost value element
+/// included), so the writer refuses what could not be read back.
+inline constexpr unsigned QXXMLPlistMaxNestingDepth = 250;
 
 /// Limits that keep decoding of untrusted binary files bounded.
 ///
@@ -126,4 +153,101 @@ public:
     static qx::Ref<qx::Object> plistElementWithNumber(std::uint64_t number, const qx::Data& data,
                                                       const QXBinaryPlistTrailer& trailer,
                                                       qx::Ref<qx::Error>* error = nullptr);
+
+    // --- XML form ---------------------------------------------------------------
+    // The document: an XML 1.0 declaration (UTF-8), the property-list DOCTYPE,
+    // and a plist element (version "1.0") around the value's element; pretty
+    // printed, empty elements in the compact form. Dates are written and read
+    // in the process's local time zone although the text ends in "Z", so a
+    // date written and read back on one machine keeps its instant. Failures
+    // are NSCocoaErrorDomain 3840 (3841 for a plist version other than "1.0",
+    // 256 for an integer or real element without text), each with a log line;
+    // a document the XML parser refuses fails with the parser's error
+    // (NSXMLParserErrorDomain, the parser's code, its message with line and
+    // column). The parser never reaches the network or external entities,
+    // and entity references expand only within a budget.
+
+    /// The UTF-8 bytes of the whole XML document for plist.
+    static qx::Ref<qx::Data> xmlDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                     qx::Ref<qx::Error>* error = nullptr);
+    /// The element for plist (recursive). A UID becomes the dictionary
+    /// { "CF$UID": n }, where n is read from the UID's bytes as a binary
+    /// integer object (the first byte taken as the size marker) when they are
+    /// at most 8 bytes, and is the bytes as data otherwise; other writers'
+    /// archives depend on exactly this reading, so it is not int64Value.
+    static QXXMLElement xmlElementWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                   qx::Ref<qx::Error>* error = nullptr);
+    /// Reads an XML document (the DOCTYPE is neither required nor checked).
+    static qx::Ref<qx::Object> XMLPropertyListWithData(const qx::Ref<qx::Data>& data,
+                                                       qx::Ref<qx::Error>* error = nullptr);
+    /// The value of a parsed document whose root is a plist element.
+    static qx::Ref<qx::Object> propertyListWithXMLDocument(const _xmlDoc& document,
+                                                           qx::Ref<qx::Error>* error = nullptr);
+    /// The value of one element (recursive). Text in empty "string", "key" and
+    /// "data" elements is the empty text (so empty strings, keys and data read
+    /// back); empty "integer" and "real" elements fail with 256. Number text
+    /// decides the kind: digits alone make an integer (unsigned when above the
+    /// signed range), anything else that parses a real.
+    static qx::Ref<qx::Object> propertyListFromXMLNode(const _xmlNode& node, qx::Ref<qx::Error>* error = nullptr);
+    /// Standard base64 with "=" padding on one line.
+    static qx::Ref<qx::String> base64StringWithData(const qx::Ref<qx::Data>& data,
+                                                    qx::Ref<qx::Error>* error = nullptr);
+    /// Decodes base64, ignoring every character outside its alphabet; nothing
+    /// (without an error) when what is left does not decode.
+    static qx::Ref<qx::Data> dataWithBase64String(const qx::String& string, qx::Ref<qx::Error>* error = nullptr);
+
+    // --- Old-style text form and display texts ------------------------------------
+
+    /// The old-style text of plist: dictionaries in their own enumeration
+    /// order as "key = value;" lines, arrays as "value," lines (no comma
+    /// after the last), each level indented four spaces more, every
+    /// container starting with a line break; leaves as their description,
+    /// escaped and quoted by QXStringAdditions::stringByEscapingSpecialCharacters.
+    static qx::Ref<qx::String> oldStylePlistStringWithItem(const qx::Ref<qx::Object>& item,
+                                                           qx::Ref<qx::Error>* error = nullptr);
+    /// The text above in UTF-8, without the leading line break of a container.
+    static qx::Ref<qx::Data> oldStylePlistDataWithItem(const qx::Ref<qx::Object>& item,
+                                                       qx::Ref<qx::Error>* error = nullptr);
+
+    /// The short text a user sees for a value: strings as they are, booleans
+    /// as the localised "Yes" / "No", numbers and dates in the current
+    /// locale, data as UTF-8 (else Latin-1) text, containers as XML.
+    static qx::Ref<qx::String> stringRepresentationOfPropertyList(const qx::Ref<qx::Object>& plist,
+                                                                  qx::Ref<qx::Error>* error = nullptr);
+    /// The text of items' single element when it has exactly one, else of the whole array.
+    static qx::Ref<qx::String> stringRepresentationOfItems(const qx::Ref<qx::Array>& items,
+                                                           qx::Ref<qx::Error>* error = nullptr);
+    /// A value from typed text: a number when the text holds only digits and
+    /// the locale's decimal, currency decimal and grouping separators; else
+    /// whatever propertyListWithData reads from the text ("(1, 2)", "{a = b;}",
+    /// XML); else the text itself.
+    static qx::Ref<qx::Object> itemWithStringRepresentation(const qx::String& text,
+                                                            qx::Ref<qx::Error>* error = nullptr);
+
+    // Parsers of typed text. None of them fails or writes *error.
+    /// A copy of the text.
+    static qx::Ref<qx::String> stringWithStringValue(const qx::String& text, qx::Ref<qx::Error>* error = nullptr);
+    /// YES or the localised Yes: 1; the localised No: 0; else the number at the
+    /// start of the text with grouping separators removed, a real when the text
+    /// has a decimal separator, else an integer (0 when there is none).
+    static qx::Ref<qx::Number> numberWithStringValue(const qx::String& text, qx::Ref<qx::Error>* error = nullptr);
+    /// False for NO (or the localised NO), the empty text, "0" and text
+    /// beginning "0 "; true for YES and anything else.
+    static qx::Ref<qx::Number> booleanWithStringValue(const qx::String& text, qx::Ref<qx::Error>* error = nullptr);
+    /// The date of the text in the current locale's medium (then short) styles;
+    /// the current date and time when it is none.
+    static qx::Ref<qx::Date> dateWithStringValue(const qx::String& text, qx::Ref<qx::Error>* error = nullptr);
+    /// Hexadecimal text to bytes: an optional "<" or "0x" and ">" are dropped,
+    /// white space removed, other non-hexadecimal characters read as 0, and a
+    /// last single digit d as d0.
+    static qx::Ref<qx::Data> dataWithStringValue(const qx::String& text, qx::Ref<qx::Error>* error = nullptr);
+
+    /// UTF-8.
+    static qx::StringEncoding defaultDataEncoding();
+    /// The shared display formatter for dates: medium date and time styles in
+    /// the current locale and local time zone. Made once, and made again only
+    /// when the current locale or the TZ setting has changed since.
+    static qx::Ref<qx::DateFormatter> dateFormatter();
+    /// The shared number formatter of the current locale, made the same way.
+    static qx::Ref<qx::NumberFormatter> numberFormatter();
 };

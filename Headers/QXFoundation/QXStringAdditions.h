@@ -109,4 +109,20 @@ bool parseVersionStringAndReturnMajorVersion(const qx::String& self, std::int64_
 /// decimal separator ("1.5 KiB", in German "1,5 KiB") and localised units.
 qx::Ref<qx::String> formattedStringWithFileSize(std::uint64_t size);
 
+// --- Property-list text -----------------------------------------------------
+
+/// self as an old-style property-list leaf or key: backslash and double quote
+/// escaped with a backslash, CR, LF and tab as \r \n \t, every other UTF-16
+/// unit outside printable ASCII as \U and four lower-case hexadecimal digits;
+/// then the whole put in double quotes unless it is non-empty and only letters
+/// and digits ("abc123" stays bare, "a b", "1.5" and "" are quoted).
+qx::Ref<qx::String> stringByEscapingSpecialCharacters(const qx::String& self);
+
+/// The old-style property-list text of plist (as format 1 writes it: a
+/// container without its leading line break); nothing, with the writer's
+/// error, when a value cannot be written.
+qx::Ref<qx::String> stringWithPropertyList(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error = nullptr);
+/// The same as stringWithPropertyList.
+qx::Ref<qx::String> initWithPropertyList(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error = nullptr);
+
 } // namespace QXStringAdditions

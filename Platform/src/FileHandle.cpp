@@ -248,6 +248,23 @@ Ref<Data> FileHandle::readDataOfLength(std::uint64_t length) {
     return data;
 }
 
+std::uint64_t FileHandle::readBytesOfLength(void* buffer, std::uint64_t length) {
+    checkOpen("readDataOfLength:");
+    auto* into = static_cast<std::uint8_t*>(buffer);
+    std::uint64_t done = 0;
+    while (done < length) {
+        const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(length - done, SSIZE_MAX));
+        ssize_t n;
+        do n = ::read(fd_, into + done, want);
+        while (n < 0 && errno == EINTR);
+        if (n < 0) raise("readDataOfLength:", errno);
+        if (n == 0) break;
+        done += static_cast<std::uint64_t>(n);
+    }
+    noteRead();
+    return done;
+}
+
 Ref<Data> FileHandle::readDataToEndOfFile() {
     checkOpen("readDataToEndOfFile");
     auto data = Data::create();

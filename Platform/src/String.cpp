@@ -28,27 +28,35 @@ std::string utf16ToUTF8(const char16_t* units, std::size_t count) {
 }
 
 // A collator per thread: ICU collators are cheap to compare with but their
-// creation is not, and per-thread instances need no locking.
+// creation is not, and per-thread instances need no locking. It is made again
+// when the default locale changes, so that a comparison always follows the
+// locale in force when it is called.
 icu::Collator* standardCollator() {
-    thread_local std::unique_ptr<icu::Collator> collator = [] {
-        UErrorCode status = U_ZERO_ERROR;
-        // Under the C/POSIX locale ICU picks en_US_POSIX, whose collation is
-        // plain code-point order; a user comparing names wants the root rules.
-        icu::Locale locale = icu::Locale::getDefault();
-        if (std::string_view(locale.getVariant()) == "POSIX") locale = icu::Locale::getRoot();
-        std::unique_ptr<icu::Collator> c(icu::Collator::createInstance(locale, status));
-        if (U_FAILURE(status) || !c) {
-            status = U_ZERO_ERROR;
-            c.reset(icu::Collator::createInstance(icu::Locale::getRoot(), status));
-        }
-        if (c) {
-            status = U_ZERO_ERROR;
-            c->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
-            c->setStrength(icu::Collator::SECONDARY);  // ignore case, keep accents
-        }
-        return c;
-    }();
-    return collator.get();
+    struct Cache {
+        std::string localeName;
+        std::unique_ptr<icu::Collator> collator;
+    };
+    thread_local Cache cache;
+    icu::Locale locale = icu::Locale::getDefault();
+    if (cache.collator && cache.localeName == locale.getName()) return cache.collator.get();
+    cache.localeName = locale.getName();
+    // Under the C/POSIX locale ICU picks en_US_POSIX, whose collation is
+    // plain code-point order; a user comparing names wants the root rules.
+    if (std::string_view(locale.getVariant()) == "POSIX") locale = icu::Locale::getRoot();
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::Collator> c(icu::Collator::createInstance(locale, status));
+    if (U_FAILURE(status) || !c) {
+        status = U_ZERO_ERROR;
+        c.reset(icu::Collator::createInstance(icu::Locale::getRoot(), status));
+        if (U_FAILURE(status)) c.reset();
+    }
+    if (c) {
+        status = U_ZERO_ERROR;
+        c->setAttribute(UCOL_NUMERIC_COLLATION, UCOL_ON, status);
+        c->setStrength(icu::Collator::SECONDARY);  // ignore case, keep accents
+    }
+    cache.collator = std::move(c);
+    return cache.collator.get();
 }
 
 } // namespace
@@ -95,19 +103,23 @@ bool String::isASCII() const {
     return true;
 }
 
-int String::localizedStandardCompare(const String& other) const {
-    icu::Collator* c = standardCollator();
-    if (!c) return utf8_.compare(other.utf8_) < 0 ? -1 : (utf8_ == other.utf8_ ? 0 : 1);
-    UErrorCode status = U_ZERO_ERROR;
-    const UCollationResult r = c->compareUTF8(utf8_, other.utf8_, status);
-    if (U_FAILURE(status)) return utf8_.compare(other.utf8_);
-    if (r == UCOL_EQUAL) {
-        // Equal under collation (e.g. differing only in case): fall back to the
-        // bytes so that the order is total and stable.
-        const int raw = utf8_.compare(other.utf8_);
-        return raw < 0 ? -1 : (raw > 0 ? 1 : 0);
+int String::localizedCaseInsensitiveNumericCompare(const String& other) const {
+    if (icu::Collator* c = standardCollator()) {
+        UErrorCode status = U_ZERO_ERROR;
+        const UCollationResult r = c->compareUTF8(utf8_, other.utf8_, status);
+        if (U_SUCCESS(status)) return r == UCOL_LESS ? -1 : (r == UCOL_GREATER ? 1 : 0);
     }
-    return r == UCOL_LESS ? -1 : 1;
+    const int raw = utf8_.compare(other.utf8_);
+    return raw < 0 ? -1 : (raw > 0 ? 1 : 0);
+}
+
+int String::localizedStandardCompare(const String& other) const {
+    const int collated = localizedCaseInsensitiveNumericCompare(other);
+    if (collated != 0) return collated;
+    // Equal under collation (e.g. differing only in case): fall back to the
+    // bytes so that the order is total and stable.
+    const int raw = utf8_.compare(other.utf8_);
+    return raw < 0 ? -1 : (raw > 0 ? 1 : 0);
 }
 
 bool String::isEqual(const Object& other) const {

@@ -7,6 +7,8 @@
 #include "Diagnostics.h"
 #include "HexdumpCommand.h"
 #include "PlistCommand.h"
+#include "ChecksumCommand.h"
+#include "ZipCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -17,6 +19,8 @@ namespace {
 constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addPlistCommand,
     qxtool::addHexdumpCommand,
+    qxtool::addChecksumCommand,
+    qxtool::addZipCommand,
 };
 
 } // namespace

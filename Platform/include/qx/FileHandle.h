@@ -63,6 +63,10 @@ public:
     /// Reads until length bytes have arrived or the end is reached (fewer
     /// bytes, possibly none, then); blocks on pipes and sockets meanwhile.
     Ref<Data> readDataOfLength(std::uint64_t length);
+    /// readDataOfLength into the caller's memory: reads until length bytes
+    /// have arrived or the end is reached and returns how many (fewer, possibly
+    /// 0, at the end). Counts as a read of the handle, as readDataOfLength does.
+    std::uint64_t readBytesOfLength(void* buffer, std::uint64_t length);
     /// Reads until the end.
     Ref<Data> readDataToEndOfFile();
     /// For a regular file, the rest of it; otherwise whatever one read returns

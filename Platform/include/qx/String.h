@@ -34,6 +34,9 @@ public:
     /// digit runs compared as numbers (item2 < item10), collated by the current
     /// locale. Returns <0, 0, >0.
     int localizedStandardCompare(const String& other) const;
+    /// The same collation without the tie-break: strings that differ only in
+    /// case compare equal (0). Follows the locale in force at the call.
+    int localizedCaseInsensitiveNumericCompare(const String& other) const;
 
     std::string className() const override { return "String"; }
     std::string description() const override { return utf8_; }

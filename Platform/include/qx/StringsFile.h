@@ -6,7 +6,8 @@
 // UTF-16 unit; surrogate pairs are written as two). Unquoted keys and values
 // are runs of letters, digits and _$+/:.-.
 //
-// The reader is tolerant: it is fed files that anybody can edit, so a
+// The entries are read by the old-style property-list reader (OldStylePropertyList.h)
+// in its tolerant mode. The reader is tolerant: it is fed files that anybody can edit, so a
 // malformed entry is skipped up to the next ';' and reading goes on; it never
 // fails and never reads outside the bytes it is given.
 #pragma once

@@ -1,0 +1,86 @@
+// Observable.cpp - observer lists and the dependency walk.
+#include <qx/Observable.h>
+
+#include <algorithm>
+#include <deque>
+#include <set>
+
+namespace qx {
+
+Observable::Token Observable::addObserver(const std::string& key, Observer observer, bool prior) {
+    if (!observer) return 0;
+    std::lock_guard<std::mutex> lock(mutex_);
+    const Token token = nextToken_++;
+    observers_.push_back({token, key, std::move(observer), prior, std::make_shared<std::atomic<bool>>(true)});
+    return token;
+}
+
+bool Observable::removeObserver(Token token) {
+    std::shared_ptr<std::atomic<bool>> live;
+    Observer dropped;  // released outside the lock
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = std::find_if(observers_.begin(), observers_.end(), [&](const Entry& e) { return e.token == token; });
+        if (it == observers_.end()) return false;
+        live = it->live;
+        dropped = std::move(it->observer);
+        observers_.erase(it);
+    }
+    live->store(false, std::memory_order_release);
+    return true;
+}
+
+void Observable::setKeysAffectingKey(const std::string& key, const std::vector<std::string>& affecting) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& a : affecting) {
+        auto& list = dependents_[a];
+        if (a != key && std::find(list.begin(), list.end(), key) == list.end()) list.push_back(key);
+    }
+}
+
+std::vector<std::string> Observable::keysAnnouncedForChangeOfKey(const std::string& key) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Breadth first: nearest dependents first; each key once, so cycles end.
+    std::vector<std::string> order{key};
+    std::set<std::string> seen{key};
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        auto it = dependents_.find(order[i]);
+        if (it == dependents_.end()) continue;
+        for (const auto& d : it->second)
+            if (seen.insert(d).second) order.push_back(d);
+    }
+    return order;
+}
+
+void Observable::announce(const std::string& key, const Change& change) {
+    const auto keys = keysAnnouncedForChangeOfKey(key);
+    Change derived;
+    derived.isPrior = change.isPrior;
+    for (const auto& k : keys) {
+        std::vector<Entry> targets;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (const auto& e : observers_)
+                if (e.key == k && (!change.isPrior || e.prior)) targets.push_back(e);
+        }
+        for (const auto& e : targets) {
+            // Removed by an earlier observer of this same announcement.
+            if (!e.live->load(std::memory_order_acquire)) continue;
+            e.observer(*this, k, k == key ? change : derived);
+        }
+    }
+}
+
+void Observable::willChangeValueForKey(const std::string& key) { announce(key, Change{ChangeKind::Setting, nullptr, true}); }
+
+void Observable::didChangeValueForKey(const std::string& key) { announce(key, Change{ChangeKind::Setting, nullptr, false}); }
+
+void Observable::willChange(ChangeKind kind, const Ref<IndexSet>& indexes, const std::string& key) {
+    announce(key, Change{kind, indexes, true});
+}
+
+void Observable::didChange(ChangeKind kind, const Ref<IndexSet>& indexes, const std::string& key) {
+    announce(key, Change{kind, indexes, false});
+}
+
+} // namespace qx

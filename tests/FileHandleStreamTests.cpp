@@ -1,0 +1,179 @@
+// FileHandleStreamTests.cpp - input and output streams over files and pipes.
+#include "StreamTestSupport.h"
+
+#include <QXFoundation/QXFileHandleInputStream.h>
+#include <QXFoundation/QXFileHandleOutputStream.h>
+
+#include <qx/Log.h>
+#include <qx/Number.h>
+
+#include <gtest/gtest.h>
+
+using namespace streamtest;
+using qx::Ref;
+
+namespace {
+
+std::int64_t readInto(qx::InputStream& s, std::string& out, std::uint64_t length) {
+    std::string buffer(length, '\0');
+    const auto n = s.read(reinterpret_cast<std::uint8_t*>(buffer.data()), length);
+    if (n > 0) out.append(buffer.data(), static_cast<std::size_t>(n));
+    return n;
+}
+
+struct Opened {
+    Ref<QXFileHandleInputStream> stream;
+    std::shared_ptr<EventRecorder> recorder = std::make_shared<EventRecorder>();
+    explicit Opened(const Ref<qx::FileHandle>& handle, bool closeWhenDone = false, bool withDelegate = true) {
+        stream = QXFileHandleInputStream::initWithFileHandle(handle, closeWhenDone);
+        if (withDelegate) stream->setDelegate(recorder);
+        stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
+        stream->open();
+    }
+    ~Opened() { stream->removeFromRunLoop(qx::RunLoop::current(), kMode); }
+};
+
+} // namespace
+
+TEST(FileHandleInputStream, ReadAheadFindsTheEndWithTheLastBytes) {
+    TempDir dir;
+    Opened s(qx::FileHandle::fileHandleForReadingAtPath(dir.file("ten", "0123456789")));
+    ASSERT_TRUE(runUntil([&] { return s.recorder->all() & qx::StreamEventOpenCompleted; }));
+    std::string got;
+    EXPECT_EQ(readInto(*s.stream, got, 4), 4);
+    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::Open);  // the other 6 wait in the read-ahead
+    EXPECT_EQ(s.stream->propertyForKey(qx::Stream::FileCurrentOffsetKey)->description(), "10");
+    EXPECT_EQ(readInto(*s.stream, got, 100), 6);
+    EXPECT_EQ(got, "0123456789");
+    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::AtEnd);  // found by that same read
+    EXPECT_FALSE(s.stream->hasBytesAvailable());
+    EXPECT_EQ(readInto(*s.stream, got, 100), -1);
+    ASSERT_TRUE(runUntil([&] { return s.recorder->all() & qx::StreamEventEndEncountered; }));
+    drain();
+    EXPECT_EQ(s.recorder->count(qx::StreamEventEndEncountered), 1);
+    // Delivered after the end, readability is left out of every mask.
+    const auto events = s.recorder->snapshot();
+    EXPECT_FALSE(events.back() & qx::StreamEventHasBytesAvailable);
+}
+
+TEST(FileHandleInputStream, ReadThatFillsExactlyReportsTheEndAtOnce) {
+    TempDir dir;
+    Opened s(qx::FileHandle::fileHandleForReadingAtPath(dir.file("five", "abcde")));
+    std::string got;
+    EXPECT_EQ(readInto(*s.stream, got, 5), 5);
+    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::AtEnd);
+    Opened empty(qx::FileHandle::fileHandleForReadingAtPath(dir.file("empty", "")));
+    EXPECT_EQ(readInto(*empty.stream, got, 0), 0);  // reads nothing but still looks ahead
+    EXPECT_EQ(empty.stream->streamStatus(), qx::StreamStatus::AtEnd);
+}
+
+TEST(FileHandleInputStream, PipeDataIsAnnouncedAndDrainingTheBufferAsksForMore) {
+    Pipe pipe;
+    Opened s(qx::FileHandle::initWithFileDescriptor(pipe.reader()));
+    pipe.write("hello, pipe");
+    ASSERT_TRUE(runUntil([&] { return s.recorder->all() & qx::StreamEventHasBytesAvailable; }));
+    // Reads block until they are satisfied or the pipe ends, the read-ahead
+    // too; with the writer gone, it takes what else there is.
+    pipe.closeWriter();
+    std::string got;
+    EXPECT_EQ(readInto(*s.stream, got, 3), 3);
+    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::Open);
+    const auto before = s.recorder->count(qx::StreamEventHasBytesAvailable);
+    EXPECT_EQ(readInto(*s.stream, got, 2), 2);  // from the read-ahead only: asks to be called again
+    ASSERT_TRUE(runUntil([&] { return s.recorder->count(qx::StreamEventHasBytesAvailable) > before; }));
+    EXPECT_EQ(readInto(*s.stream, got, 100), 6);
+    EXPECT_EQ(got, "hello, pipe");
+    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::AtEnd);
+}
+
+TEST(FileHandleInputStream, WithoutADelegateNothingIsQueued) {
+    TempDir dir;
+    Opened s(qx::FileHandle::fileHandleForReadingAtPath(dir.file("f", std::string(3000, 'x'))), false, false);
+    std::string got;
+    EXPECT_EQ(readInto(*s.stream, got, 10), 10);
+    drain();
+    // With a delegate from now on, the next event comes alone: nothing from
+    // the open or the reads before was kept for it.
+    s.stream->setDelegate(s.recorder);
+    EXPECT_EQ(readInto(*s.stream, got, 10), 10);  // drains only the read-ahead
+    ASSERT_TRUE(runUntil([&] { return !s.recorder->snapshot().empty(); }));
+    drain();
+    EXPECT_EQ(s.recorder->all() & ~qx::StreamEventMask{qx::StreamEventHasBytesAvailable}, 0u);
+}
+
+TEST(FileHandleInputStream, HandleFaultsBecomeStreamErrors) {
+    TempDir dir;
+    const auto path = dir.file("w", "data");
+    Opened s(qx::FileHandle::fileHandleForWritingAtPath(path));  // reading it fails
+    std::string got;
+    EXPECT_EQ(readInto(*s.stream, got, 4), -1);
+    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::Error);
+    auto error = s.stream->streamError();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
+    EXPECT_EQ(error->code(), 256);
+    EXPECT_NE(error->localizedDescription().find("Bad file descriptor"), std::string::npos) << error->localizedDescription();
+    ASSERT_TRUE(runUntil([&] { return s.recorder->all() & qx::StreamEventErrorOccurred; }));
+    EXPECT_EQ(readInto(*s.stream, got, 4), -1);
+}
+
+TEST(FileHandleInputStream, ClosingClosesTheHandleOnlyWhenAsked) {
+    Pipe a, b;
+    auto keep = qx::FileHandle::initWithFileDescriptor(::dup(a.reader()), true);
+    auto drop = qx::FileHandle::initWithFileDescriptor(::dup(b.reader()), true);
+    {
+        Opened kept(keep, false), dropped(drop, true);
+        kept.stream->close();
+        dropped.stream->close();
+        dropped.stream->close();  // twice is harmless
+        EXPECT_EQ(kept.stream->streamStatus(), qx::StreamStatus::Closed);
+        EXPECT_FALSE(dropped.stream->qxFileHandleStreamFileIsOpen());
+        std::string got;
+        EXPECT_EQ(readInto(*kept.stream, got, 1), -1);
+    }
+    EXPECT_GE(keep->fileDescriptor(), 0);
+    EXPECT_EQ(drop->fileDescriptor(), -1);
+    auto never = QXFileHandleInputStream::initWithFileHandle(keep, false);
+    std::uint8_t byte;
+    EXPECT_EQ(never->read(&byte, 1), -1);  // never opened
+    const std::uint8_t* bytes = nullptr;
+    std::uint64_t length = 0;
+    EXPECT_FALSE(never->getBuffer(&bytes, &length));
+    EXPECT_FALSE(never->setProperty(qx::Number::withUInt64(0), qx::Stream::FileCurrentOffsetKey));
+}
+
+TEST(FileHandleOutputStream, WritesOnlyWhileOpenAndReportsFaultsToTheDelegate) {
+    Pipe pipe;
+    auto handle = qx::FileHandle::initWithFileDescriptor(::dup(pipe.fds[1]), true);
+    auto out = QXFileHandleOutputStream::initWithFileHandle(handle, true);
+    auto recorder = std::make_shared<EventRecorder>();
+    out->setDelegate(recorder);
+    const std::uint8_t text[] = {'a', 'b', 'c'};
+    EXPECT_EQ(out->write(text, 3), -1);  // never opened: nothing written
+    EXPECT_FALSE(out->hasSpaceAvailable());
+    out->open();
+    EXPECT_TRUE(out->hasSpaceAvailable());
+    EXPECT_EQ(out->write(text, 3), 3);
+    char got[4] = {};
+    EXPECT_EQ(::read(pipe.reader(), got, sizeof got), 3);
+    EXPECT_STREQ(got, "abc");
+    EXPECT_TRUE(recorder->snapshot().empty());  // no events for successful writes
+
+    // A reader that is gone makes the write fault: told at once, on this thread.
+    ::close(pipe.fds[0]);
+    pipe.fds[0] = -1;
+    EXPECT_EQ(out->write(text, 3), -1);
+    ASSERT_EQ(recorder->snapshot(), std::vector<qx::StreamEventMask>{qx::StreamEventErrorOccurred});
+    EXPECT_EQ(recorder->threads[0], std::this_thread::get_id());
+    EXPECT_EQ(out->streamStatus(), qx::StreamStatus::Open);
+    EXPECT_FALSE(out->streamError());
+    const std::uint8_t* bytes = nullptr;
+    EXPECT_FALSE(out->setProperty(nullptr, qx::Stream::FileCurrentOffsetKey));
+
+    qx::ScopedLogCapture log;
+    const std::string line = out->description() + " dealloc";
+    out.reset();
+    EXPECT_TRUE(log.contains(line));
+    EXPECT_EQ(handle->fileDescriptor(), -1);  // closed with the stream
+    (void)bytes;
+}

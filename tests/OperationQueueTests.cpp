@@ -1,0 +1,241 @@
+// Operation queues under real worker threads: concurrency limits, order,
+// cancellation, asynchronous operations, dependencies and count-change waits.
+#include <qx/Operation.h>
+#include <qx/OperationQueue.h>
+#include <qx/Semaphore.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace qx;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Starts its work on a thread of its own and finishes only when released.
+class DetachedWork final : public Operation {
+public:
+    explicit DetachedWork(Ref<Semaphore> release) : release_(std::move(release)) {}
+    bool isAsynchronous() const override { return true; }
+    std::atomic<bool> mainReturned{false};
+    Ref<Semaphore> mainDone = Semaphore::create();
+
+protected:
+    void main() override {
+        auto self = std::static_pointer_cast<DetachedWork>(shared_from_this());
+        std::thread([self] {
+            self->release_->wait();
+            self->finish();
+        }).detach();
+        mainReturned = true;
+        mainDone->signal();
+    }
+
+private:
+    Ref<Semaphore> release_;
+};
+
+void raiseMax(std::atomic<int>& max, int value) {
+    int seen = max.load();
+    while (value > seen && !max.compare_exchange_weak(seen, value)) {
+    }
+}
+
+} // namespace
+
+TEST(OperationQueue, NeverRunsMoreThanTheLimitAndFillsNewPlacesAtOnce) {
+    auto queue = OperationQueue::create("test.limit");
+    queue->setMaxConcurrentOperationCount(3);
+    auto gate = Semaphore::create();
+    auto entered = Semaphore::create();
+    std::atomic<int> inFlight{0}, maxInFlight{0}, started{0};
+    constexpr int total = 40;
+    for (int i = 0; i < total; ++i)
+        queue->addOperationWithBlock([&] {
+            raiseMax(maxInFlight, inFlight.fetch_add(1) + 1);
+            started.fetch_add(1);
+            entered->signal();
+            gate->wait();
+            inFlight.fetch_sub(1);
+        });
+    for (int i = 0; i < 3; ++i) entered->wait();
+    EXPECT_EQ(started.load(), 3);  // the others wait for a place
+    EXPECT_EQ(queue->operationCount(), static_cast<std::size_t>(total));
+
+    queue->setMaxConcurrentOperationCount(5);
+    for (int i = 0; i < 2; ++i) entered->wait();
+    EXPECT_EQ(started.load(), 5);
+
+    for (int i = 0; i < total; ++i) gate->signal();
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(started.load(), total);
+    EXPECT_LE(maxInFlight.load(), 5);
+    EXPECT_EQ(queue->operationCount(), 0u);
+}
+
+TEST(OperationQueue, OneAtATimeKeepsTheOrderAdded) {
+    auto queue = OperationQueue::create("test.serial");
+    queue->setMaxConcurrentOperationCount(1);
+    std::vector<int> order;  // touched by one operation at a time only
+    std::vector<std::thread> producers;
+    std::mutex addLock;      // one producer adds a whole run at a time
+    for (int p = 0; p < 3; ++p)
+        producers.emplace_back([&, p] {
+            std::lock_guard<std::mutex> lock(addLock);
+            for (int i = 0; i < 200; ++i) queue->addOperationWithBlock([&order, p, i] { order.push_back(p * 1000 + i); });
+        });
+    for (auto& t : producers) t.join();
+    queue->waitUntilAllOperationsAreFinished();
+    ASSERT_EQ(order.size(), 600u);
+    // Each producer added its run under the lock, so the runs come whole.
+    for (std::size_t i = 0; i < order.size(); ++i) {
+        EXPECT_EQ(order[i] % 1000, static_cast<int>(i % 200));
+        EXPECT_EQ(order[i] / 1000, order[i - i % 200] / 1000);
+    }
+}
+
+TEST(OperationQueue, CancelledBeforeStartFinishesWithoutRunning) {
+    auto queue = OperationQueue::create("test.cancel");
+    queue->setSuspended(true);
+    std::atomic<int> ran{0};
+    std::vector<Ref<BlockOperation>> ops;
+    for (int i = 0; i < 10; ++i) {
+        ops.push_back(BlockOperation::create([&] { ran.fetch_add(1); }));
+        queue->addOperation(ops.back());
+    }
+    EXPECT_FALSE(queue->addOperation(ops.front()));  // already queued
+    ops[3]->cancel();
+    ops[7]->cancel();
+    EXPECT_TRUE(ops[3]->isReady());
+    EXPECT_EQ(queue->operationCount(), 10u);
+    queue->setSuspended(false);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(ran.load(), 8);
+    for (const auto& op : ops) EXPECT_TRUE(op->isFinished());
+    EXPECT_TRUE(ops[3]->isCancelled());
+    EXPECT_FALSE(ops[4]->isCancelled());
+    EXPECT_FALSE(queue->addOperation(ops.front()));  // finished
+
+    queue->setSuspended(true);
+    for (int i = 0; i < 5; ++i) queue->addOperationWithBlock([&] { ran.fetch_add(1); });
+    queue->cancelAllOperations();
+    queue->setSuspended(false);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(ran.load(), 8);
+}
+
+TEST(OperationQueue, AnAsynchronousOperationHoldsItsPlaceUntilItFinishes) {
+    auto queue = OperationQueue::create("test.async");
+    queue->setMaxConcurrentOperationCount(1);
+    auto release = Semaphore::create();
+    auto first = std::make_shared<DetachedWork>(release);
+    auto second = BlockOperation::create([] {});
+    auto completed = Semaphore::create();
+    first->setCompletionBlock([completed] { completed->signal(); });
+    queue->addOperation(first);
+    queue->addOperation(second);
+    first->mainDone->wait();
+    EXPECT_TRUE(first->isExecuting());
+    EXPECT_FALSE(first->isFinished());
+    EXPECT_FALSE(second->isExecuting() || second->isFinished());
+    EXPECT_EQ(queue->operationCount(), 2u);
+    release->signal();
+    second->waitUntilFinished();
+    EXPECT_TRUE(first->isFinished());
+    completed->wait();  // runs after the operation has finished, so maybe after second
+}
+
+TEST(OperationQueue, DependenciesAcrossQueuesHoldBackTheDependent) {
+    auto upstream = OperationQueue::create("test.up");
+    auto downstream = OperationQueue::create("test.down");
+    upstream->setSuspended(true);
+    std::vector<int> order;
+    std::mutex orderLock;
+    auto record = [&](int v) {
+        std::lock_guard<std::mutex> lock(orderLock);
+        order.push_back(v);
+    };
+    auto a = BlockOperation::create([&] { record(1); });
+    auto b = BlockOperation::create([&] { record(2); });
+    auto c = BlockOperation::create([&] { record(3); });
+    b->addDependency(a);
+    c->addDependency(b);
+    downstream->addOperation(c);
+    downstream->addOperation(b);
+    upstream->addOperation(a);
+    EXPECT_FALSE(b->isReady());
+    auto generation = downstream->operationCountGeneration();
+    EXPECT_EQ(downstream->waitForOperationCountChange(generation, std::chrono::steady_clock::now()), generation);
+    EXPECT_EQ(downstream->operationCount(), 2u);  // nothing could start
+    upstream->setSuspended(false);
+    downstream->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+
+    // A dependency on an operation that is never run stops being one when
+    // the dependent is cancelled.
+    auto orphan = BlockOperation::create([] {});
+    auto waiting = BlockOperation::create([&] { record(4); });
+    waiting->addDependency(orphan);
+    downstream->addOperation(waiting);
+    waiting->cancel();
+    waiting->waitUntilFinished();
+    EXPECT_EQ(order.size(), 3u);
+}
+
+TEST(OperationQueue, CountChangeWaitsMissNoChangeUnderRacingProducers) {
+    auto queue = OperationQueue::create("test.count");
+    queue->setMaxConcurrentOperationCount(2);
+    constexpr int producers = 3, perProducer = 300;
+    std::atomic<int> ran{0};
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p)
+        threads.emplace_back([&] {
+            for (int i = 0; i < perProducer; ++i) queue->addOperationWithBlock([&] { ran.fetch_add(1); });
+        });
+    // The waiter's pattern: read the generation, look, then wait for the
+    // generation to move. Every pass must be ended by a real change; the
+    // last one empties the queue after every block has run. (What the
+    // waiter looks at must change before the count does: a block counts
+    // itself before its operation finishes.)
+    int passes = 0;
+    bool timedOut = false;
+    for (;;) {
+        const auto generation = queue->operationCountGeneration();
+        if (ran.load() == producers * perProducer && queue->operationCount() == 0) break;
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        if (queue->waitForOperationCountChange(generation, deadline) == generation) {
+            timedOut = true;
+            break;
+        }
+        ++passes;
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_FALSE(timedOut);
+    EXPECT_EQ(ran.load(), producers * perProducer);
+    EXPECT_LE(passes, 2 * producers * perProducer);  // one add and one finish per operation at most
+}
+
+TEST(OperationQueue, CurrentQueueIsKnownInsideItsOperationsOnly) {
+    auto queue = OperationQueue::create("test.current");
+    Ref<OperationQueue> seen;
+    queue->addOperationWithBlock([&] { seen = OperationQueue::currentQueue(); });
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(seen, queue);
+    EXPECT_EQ(OperationQueue::currentQueue(), nullptr);
+    EXPECT_EQ(queue->name(), "test.current");
+
+    // Run by hand, an operation finishes on the caller's thread.
+    auto op = BlockOperation::create([] {});
+    op->addExecutionBlock([&] { seen = OperationQueue::currentQueue(); });
+    op->start();
+    EXPECT_TRUE(op->isFinished());
+    EXPECT_EQ(seen, nullptr);
+    bool late = false;
+    op->setCompletionBlock([&] { late = true; });  // already finished: runs at once
+    EXPECT_TRUE(late);
+}

@@ -1,0 +1,366 @@
+// QXInputStreamTests.cpp - the background-serviced stream: delivery, limits, synchronous reads, creation routes.
+#include "HttpTestServer.h"
+#include "StreamTestSupport.h"
+
+#include <QXFoundation/QXInputStream.h>
+
+#include <qx/NotificationCenter.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cctype>
+#include <sys/stat.h>
+
+using namespace streamtest;
+using qx::Ref;
+
+namespace {
+
+std::int64_t readInto(qx::InputStream& s, std::string& out, std::uint64_t length) {
+    std::string buffer(length, '\0');
+    const auto n = s.read(reinterpret_cast<std::uint8_t*>(buffer.data()), length);
+    if (n > 0) out.append(buffer.data(), static_cast<std::size_t>(n));
+    return n;
+}
+
+std::string text(const Ref<qx::Data>& d) { return d ? std::string(d->view()) : "(nothing)"; }
+
+std::string digits(std::size_t n) {
+    std::string s;
+    for (std::size_t i = 0; i < n; ++i) s += static_cast<char>('0' + i % 10);
+    return s;
+}
+
+// Observes one notification name for one stream, recording the posting threads.
+struct NotificationLog {
+    std::mutex mutex;
+    std::vector<std::thread::id> threads;
+    std::vector<std::string> data;
+    qx::NotificationCenter::ObserverToken token;
+    NotificationLog(const char* name, const Ref<qx::Object>& object) {
+        token = qx::NotificationCenter::defaultCenter()->addObserver(name, object, [this](const Ref<qx::Notification>& n) {
+            std::lock_guard<std::mutex> lock(mutex);
+            threads.push_back(std::this_thread::get_id());
+            if (n->userInfo())
+                if (auto d = qx::dyn_cast<qx::Data>(n->userInfo()->objectForKey("Data"))) data.emplace_back(d->view());
+        });
+    }
+    ~NotificationLog() { qx::NotificationCenter::defaultCenter()->removeObserver(token); }
+    std::size_t count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return threads.size();
+    }
+};
+
+// A stream over a pipe's reading end that stays open and quiet until written to.
+struct QuietStream {
+    Pipe pipe;
+    Ref<QXInputStream> stream;
+    std::vector<qx::StreamEventMask> events;
+    QuietStream() {
+        stream = QXInputStream::initWithFileHandle(qx::FileHandle::initWithFileDescriptor(pipe.reader()), false);
+        stream->setEventHandler([this](QXInputStream&, qx::StreamEventMask e) { events.push_back(e); });
+        stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
+        stream->open();
+        EXPECT_TRUE(runUntil([&] { return !events.empty(); }));
+        drain();
+        events.clear();
+    }
+};
+
+// Upper-cases what it reads: a subclass built the way the header describes.
+class UpperCaseStream : public QXInputStream {
+public:
+    static Ref<UpperCaseStream> initWithData(const Ref<qx::Data>& data, std::uint64_t limit) {
+        auto s = std::make_shared<UpperCaseStream>(underlyingStreamWithData(data), limit);
+        s->adoptUnderlyingStream();
+        return s;
+    }
+    UpperCaseStream(Ref<qx::InputStream> underlying, std::uint64_t limit) : QXInputStream(std::move(underlying), limit) {}
+    std::int64_t primitiveRead(std::uint8_t* buffer, std::uint64_t length) override {
+        const auto n = QXInputStream::primitiveRead(buffer, length);
+        for (std::int64_t i = 0; i < n; ++i) buffer[i] = static_cast<std::uint8_t>(std::toupper(buffer[i]));
+        return n;
+    }
+};
+
+} // namespace
+
+TEST(QXInputStream, LimitEndsTheStreamOnTheReadThatUsesItUp) {
+    auto stream = QXInputStream::initWithInputStream(qx::InputStream::inputStreamWithData(qx::Data::withString(digits(100))), 10);
+    stream->setSendsReadDataNotifications(true);
+    NotificationLog ended(kQXInputStreamReachedEndNotification, stream), read(kQXInputStreamReadDataNotification, stream);
+    std::vector<std::thread::id> endRaisedOn;
+    stream->QXInputStream_addPrivateEventHandler([&](QXInputStream&, qx::StreamEventMask) {});
+    stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
+    stream->open();
+    EXPECT_TRUE(stream->QXInputStream_isLimitedLength());
+
+    std::string got;
+    std::thread reader([&] {
+        EXPECT_EQ(readInto(*stream, got, 4), 4);
+        EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::Open);
+        EXPECT_EQ(readInto(*stream, got, 100), 6);  // clipped to what the limit leaves
+        EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
+        EXPECT_TRUE(stream->QXInputStream_isFinished());  // the end was raised here, on the reading thread
+        EXPECT_FALSE(stream->hasBytesAvailable());
+        EXPECT_EQ(readInto(*stream, got, 100), 0);
+    });
+    reader.join();
+    EXPECT_EQ(got, "0123456789");
+    EXPECT_EQ(stream->underlyingStream()->streamStatus(), qx::StreamStatus::Open);
+    ASSERT_TRUE(runUntil([&] { return ended.count() > 0; }));
+    drain();
+    EXPECT_EQ(ended.count(), 1u);
+    EXPECT_EQ(ended.threads[0], std::this_thread::get_id());  // posted on the run loop's thread
+    EXPECT_EQ(read.data, (std::vector<std::string>{"0123", "456789"}));
+
+    // At the end close() leaves the underlying stream open.
+    stream->close();
+    EXPECT_EQ(stream->underlyingStream()->streamStatus(), qx::StreamStatus::Open);
+}
+
+TEST(QXInputStream, EventsArrivingTogetherAreDeliveredOnceInTheFixedOrder) {
+    QuietStream q;
+    auto& stream = *q.stream;
+    std::vector<std::string> order;
+    auto delegate = std::make_shared<EventRecorder>();
+    delegate->then = [&](qx::Stream&, qx::StreamEventMask e) { order.push_back("delegate " + std::to_string(e)); };
+    stream.setDelegate(delegate);
+    stream.setEventHandler([&](QXInputStream&, qx::StreamEventMask e) { order.push_back("event " + std::to_string(e)); });
+    stream.QXInputStream_addPrivateEventHandler([&](QXInputStream&, qx::StreamEventMask) { order.push_back("private event 1"); });
+    stream.QXInputStream_addPrivateEventHandler([&](QXInputStream&, qx::StreamEventMask) { order.push_back("private event 2"); });
+    stream.setReadabilityHandler([&](QXInputStream&) { order.push_back("readable"); });
+    stream.QXInputStream_addPrivateReadabilityHandler([&](QXInputStream&) { order.push_back("private readable"); });
+    NotificationLog ended(kQXInputStreamReachedEndNotification, q.stream), failed(kQXInputStreamErrorOccurredNotification, q.stream);
+    auto endToken = qx::NotificationCenter::defaultCenter()->addObserver(
+        kQXInputStreamReachedEndNotification, q.stream, [&](const Ref<qx::Notification>&) { order.push_back("end"); });
+    auto errorToken = qx::NotificationCenter::defaultCenter()->addObserver(
+        kQXInputStreamErrorOccurredNotification, q.stream, [&](const Ref<qx::Notification>&) { order.push_back("error"); });
+
+    stream.handleEvent(qx::StreamEventHasBytesAvailable);
+    stream.handleEvent(qx::StreamEventHasBytesAvailable);
+    stream.handleEvent(qx::StreamEventEndEncountered | qx::StreamEventErrorOccurred);
+    stream.handleEvent(qx::StreamEventHasBytesAvailable);  // after the end: dropped
+    drain();
+    qx::NotificationCenter::defaultCenter()->removeObserver(endToken);
+    qx::NotificationCenter::defaultCenter()->removeObserver(errorToken);
+    EXPECT_EQ(order, (std::vector<std::string>{"delegate 26", "event 26", "private event 1", "private event 2", "readable",
+                                               "private readable", "end", "error"}));
+    EXPECT_TRUE(q.events.empty());  // the event callback set first was replaced
+}
+
+TEST(QXInputStream, ReadabilityIsDroppedFromAMaskDeliveredAfterTheStreamLeftOpen) {
+    auto stream = QXInputStream::initWithData(qx::Data::withString("abc"));  // never opened
+    std::vector<qx::StreamEventMask> masks;
+    bool readable = false;
+    stream->setEventHandler([&](QXInputStream&, qx::StreamEventMask e) { masks.push_back(e); });
+    stream->setReadabilityHandler([&](QXInputStream&) { readable = true; });
+    stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
+    stream->handleEvent(qx::StreamEventHasBytesAvailable);
+    stream->handleEvent(qx::StreamEventHasBytesAvailable);
+    stream->handleEvent(qx::StreamEventEndEncountered);
+    drain();
+    EXPECT_EQ(masks, std::vector<qx::StreamEventMask>{qx::StreamEventEndEncountered});
+    EXPECT_FALSE(readable);
+}
+
+TEST(QXInputStream, StatusShowingTheEndBecomesAnEventOfItsOwn) {
+    QuietStream q;
+    q.pipe.closeWriter();
+    std::string got;
+    // The read finds the end of the pipe; the read itself raises EndEncountered.
+    EXPECT_EQ(readInto(*q.stream, got, 10), 0);
+    EXPECT_EQ(q.stream->streamStatus(), qx::StreamStatus::AtEnd);
+    ASSERT_TRUE(runUntil([&] {
+        for (auto e : q.events)
+            if (e & qx::StreamEventEndEncountered) return true;
+        return false;
+    }));
+    drain();
+    int ends = 0;
+    for (auto e : q.events) ends += (e & qx::StreamEventEndEncountered) ? 1 : 0;
+    EXPECT_EQ(ends, 1);  // the underlying stream's own end event came after and was dropped
+}
+
+TEST(QXInputStream, DelegateDefaultsToTheStreamItself) {
+    auto stream = QXInputStream::initWithData(qx::Data::withString("xyz"));
+    EXPECT_EQ(stream->delegate().get(), static_cast<qx::StreamDelegate*>(stream.get()));
+    auto recorder = std::make_shared<EventRecorder>();
+    stream->setDelegate(recorder);
+    EXPECT_EQ(stream->delegate(), recorder);
+    stream->setDelegate(nullptr);
+    EXPECT_EQ(stream->delegate().get(), static_cast<qx::StreamDelegate*>(stream.get()));
+    recorder.reset();
+    // Delivering to itself does nothing (and does not loop back into the event path).
+    stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
+    stream->open();
+    std::string got = text(stream->readDataSynchronouslyToEndOfStream());
+    EXPECT_EQ(got, "xyz");
+    drain();
+}
+
+TEST(QXInputStream, SynchronousReadsAndTheirFailures) {
+    Ref<qx::Error> error;
+    auto never = QXInputStream::initWithData(qx::Data::withString("abc"));
+    EXPECT_FALSE(never->readDataSynchronouslyOfLength(3, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), 9);
+    EXPECT_EQ(never->read(nullptr, 0), -1);
+
+    auto data = QXInputStream::initWithData(qx::Data::withString("abcdefgh"));
+    data->open();
+    EXPECT_EQ(text(data->readDataSynchronouslyOfLength(3)), "abc");
+    EXPECT_EQ(text(data->readDataSynchronouslyOfLength(100)), "defgh");
+    EXPECT_EQ(text(data->readDataSynchronouslyOfLength(100)), "");  // at the end: empty, no error
+    data->close();  // at the end: does nothing
+
+    auto missing = QXInputStream::initWithFileAtPath("/nonexistent/qx-input-stream");
+    ASSERT_TRUE(missing);  // the platform stream finds out at the open
+    missing->open();
+    EXPECT_EQ(missing->streamStatus(), qx::StreamStatus::Error);
+    error.reset();
+    EXPECT_FALSE(missing->readDataSynchronouslyOfLength(1, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), ENOENT);
+
+    TempDir dir;
+    const auto path = dir.file("w", "data");
+    auto failing = QXInputStream::initWithFileHandle(qx::FileHandle::fileHandleForWritingAtPath(path), true);
+    failing->open();
+    error.reset();
+    EXPECT_FALSE(failing->readDataSynchronouslyOfLength(4, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
+    EXPECT_EQ(error->code(), 256);
+}
+
+TEST(QXInputStream, SynchronousReadGathersShortReadsUntilTheEnd) {
+    // A FIFO read through the platform file stream returns what is there,
+    // so the synchronous read has to wait for the rest on its run loop.
+    TempDir dir;
+    const auto fifo = (dir.path / "fifo").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const int writer = ::open(fifo.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(writer, 0);
+    auto stream = QXInputStream::initWithFileAtPath(fifo);
+    stream->open();
+    ASSERT_EQ(::write(writer, "abc", 3), 3);
+    std::thread rest([&] {
+        EXPECT_EQ(::write(writer, "de", 2), 2);
+        ::close(writer);
+    });
+    Ref<qx::Error> error;
+    auto got = stream->readDataSynchronouslyOfLength(8, &error);
+    rest.join();
+    EXPECT_EQ(text(got), "abcde");  // the end came after 5 of 8
+    EXPECT_FALSE(error);
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
+}
+
+TEST(QXInputStream, SynchronousReadOfAPipeStopsAtTheLengthAsked) {
+    Pipe pipe;
+    auto stream = QXInputStream::initWithFileHandle(qx::FileHandle::initWithFileDescriptor(pipe.reader()), false);
+    stream->open();
+    std::thread writer([&] {
+        for (int i = 0; i < 8; ++i) pipe.write(digits(1000));
+    });
+    auto first = stream->readDataSynchronouslyOfLength(5000);
+    EXPECT_EQ(first->length(), 5000u);
+    writer.join();
+    pipe.closeWriter();
+    auto rest = stream->readDataSynchronouslyToEndOfStream();
+    ASSERT_TRUE(rest);
+    EXPECT_EQ(text(first) + text(rest), [] {
+        std::string s;
+        for (int i = 0; i < 8; ++i) s += digits(1000);
+        return s;
+    }());
+}
+
+TEST(QXInputStream, AvailableDataWithMaxLengthReadsAtMostOneHundredMebibytes) {
+    TempDir dir;
+    const auto path = (dir.path / "sparse").string();
+    {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_EQ(::ftruncate(::fileno(f), 0x6400000 + 4096), 0);
+        std::fclose(f);
+    }
+    auto stream = QXInputStream::initWithFileAtPath(path);
+    stream->open();
+    auto data = stream->availableDataWithMaxLength(200000000);
+    ASSERT_TRUE(data);
+    EXPECT_EQ(data->length(), 0x6400000u);
+    EXPECT_EQ(stream->availableData()->length(), 4096u);
+}
+
+TEST(QXInputStream, CloseWhileOpenStopsAndClosesTheUnderlyingStream) {
+    Pipe pipe;
+    auto handle = qx::FileHandle::initWithFileDescriptor(::dup(pipe.reader()), true);
+    auto stream = QXInputStream::initWithFileHandle(handle, true);
+    stream->open();
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::Open);
+    stream->close();
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::Closed);
+    EXPECT_EQ(handle->fileDescriptor(), -1);
+    std::uint8_t byte;
+    EXPECT_EQ(stream->read(&byte, 1), -1);
+    stream->open();  // no reopening
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::Closed);
+}
+
+TEST(QXInputStream, URLRoutesSendHeadersAndFollowRedirects) {
+    HttpTestServer server(HttpTestServer::patternBytes(300000));
+    auto headers = qx::Dictionary::create();
+    headers->setObject(qx::String::create("qx-test"), "X-Client");
+    auto stream = QXInputStream::initWithURL(qx::URL::URLWithString(server.url(std::string(HttpTestServer::RedirectPath) + "/2")), headers);
+    ASSERT_TRUE(stream);
+    stream->open();
+    Ref<qx::Error> error;
+    auto body = stream->readDataSynchronouslyToEndOfStream(&error);
+    ASSERT_TRUE(body) << (error ? error->description() : "");
+    EXPECT_EQ(body->vector(), server.content());
+    ASSERT_FALSE(server.requests().empty());
+    for (const auto& request : server.requests()) {
+        EXPECT_EQ(request.method, "GET");
+        EXPECT_EQ(request.header("X-Client"), "qx-test");
+    }
+
+    TempDir dir;
+    auto file = QXInputStream::initWithURL(qx::URL::fileURLWithPath(dir.file("f", "file body")));
+    file->open();
+    EXPECT_EQ(text(file->readDataSynchronouslyToEndOfStream()), "file body");
+    EXPECT_FALSE(QXInputStream::initWithURL(nullptr));
+    EXPECT_FALSE(QXInputStream::initWithData(nullptr));
+    EXPECT_FALSE(QXInputStream::initWithFileHandle(nullptr, false));
+}
+
+TEST(QXInputStream, SubclassesTransformBytesUnderTheBaseLimit) {
+    auto stream = UpperCaseStream::initWithData(qx::Data::withString("hello, world"), 5);
+    stream->open();
+    std::string got;
+    EXPECT_EQ(readInto(*stream, got, 100), 5);
+    EXPECT_EQ(got, "HELLO");
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
+    EXPECT_TRUE(stream->QXInputStream_isFinished());
+}
+
+TEST(QXInputStream, LentBuffersCountAgainstTheLimit) {
+    auto stream = QXInputStream::initWithInputStream(qx::InputStream::inputStreamWithData(qx::Data::withString("abcdefgh")), 3);
+    stream->setSendsReadDataNotifications(true);
+    NotificationLog read(kQXInputStreamReadDataNotification, stream);
+    stream->open();
+    const std::uint8_t* bytes = nullptr;
+    std::uint64_t length = 0;
+    ASSERT_TRUE(stream->getBuffer(&bytes, &length));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes), length), "abc");  // clipped to the limit
+    EXPECT_EQ(stream->QXInputStream_bytesLeft(), 0u);
+    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
+    length = 99;
+    EXPECT_FALSE(stream->getBuffer(&bytes, &length));
+    EXPECT_EQ(length, 99u);  // untouched when declined
+    EXPECT_EQ(read.data, std::vector<std::string>{"abc"});
+}

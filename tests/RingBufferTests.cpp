@@ -1,0 +1,190 @@
+// RingBufferTests.cpp - the byte queue alone and between two real threads.
+#include <QXFoundation/QXRingBuffer.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+using qx::Ref;
+
+namespace {
+
+Ref<QXRingBuffer> ring(std::uint64_t capacity) {
+    auto r = QXRingBuffer::initWithCapacity(capacity);
+    EXPECT_TRUE(r);
+    return r;
+}
+
+std::uint64_t put(QXRingBuffer& r, const std::string& s, bool wait = false) { return r.writeBytes(s.data(), s.size(), wait); }
+
+std::string take(QXRingBuffer& r, std::uint64_t n, bool wait = false) {
+    return std::string(r.readDataOfLength(n, wait)->view());
+}
+
+// The byte at stream position i of a producer/consumer run.
+std::uint8_t patternByte(std::uint64_t i) { return static_cast<std::uint8_t>((i * 2654435761u) >> 13); }
+
+} // namespace
+
+TEST(RingBuffer, WholeCapacityIsUsableAndNonWaitingCallsStopAtTheEdges) {
+    auto r = ring(4);
+    EXPECT_EQ(put(*r, "abcdef"), 4u);  // takes what fits, in one pass
+    EXPECT_EQ(r->bytesAvailable(), 4u);
+    EXPECT_EQ(r->spaceAvailable(), 0u);
+    EXPECT_EQ(put(*r, "x"), 0u);  // full
+    EXPECT_EQ(take(*r, 10), "abcd");
+    EXPECT_EQ(take(*r, 10), "");  // empty
+    EXPECT_EQ(r->bytesWritten(), 4u);
+    EXPECT_EQ(r->bytesRead(), 4u);
+}
+
+TEST(RingBuffer, BytesStayInOrderAcrossTheEndOfStorage) {
+    auto r = ring(5);
+    // Offsets that leave the pointers at every position, including one past
+    // the end, before a copy that has to wrap.
+    std::string expected;
+    std::uint64_t serial = 0;
+    for (int round = 0; round < 40; ++round) {
+        std::string chunk;
+        const std::uint64_t room = r->spaceAvailable();
+        for (std::uint64_t i = 0; i < 1 + round % room; ++i) chunk += static_cast<char>('A' + serial++ % 26);
+        ASSERT_EQ(put(*r, chunk), chunk.size());
+        expected += chunk;
+        const std::uint64_t n = 1 + (round * 7) % r->bytesAvailable();
+        ASSERT_EQ(take(*r, n), expected.substr(0, n)) << "round " << round;
+        expected.erase(0, n);
+        ASSERT_EQ(r->bytesAvailable(), expected.size());
+    }
+    EXPECT_EQ(take(*r, 5), expected);
+    EXPECT_EQ(r->bytesWritten(), r->bytesRead());
+}
+
+TEST(RingBuffer, ClearBufferEmptiesAndResetsTotals) {
+    auto r = ring(8);
+    put(*r, "abcdefg");
+    take(*r, 3);
+    r->clearBuffer();
+    EXPECT_EQ(r->bytesRead(), 0u);
+    EXPECT_EQ(r->bytesWritten(), 0u);
+    EXPECT_EQ(r->bytesAvailable(), 0u);
+    EXPECT_EQ(r->spaceAvailable(), r->size());
+    EXPECT_EQ(put(*r, "12345678"), 8u);  // both pointers restart at 0
+    EXPECT_EQ(take(*r, 8), "12345678");
+}
+
+TEST(RingBuffer, ReadDataIsBoundedByTheCapacity) {
+    auto r = ring(4);
+    put(*r, "wxyz");
+    auto d = r->readDataOfLength(1000, true);  // would block for ever if it asked for 1000
+    EXPECT_EQ(std::string(d->view()), "wxyz");
+    EXPECT_EQ(r->writeData(qx::Data::withString("pq"), false), 2u);
+    EXPECT_EQ(r->writeData(nullptr), 0u);
+    EXPECT_EQ(take(*r, 4), "pq");
+}
+
+TEST(RingBuffer, ZeroLengthAndZeroCapacity) {
+    auto r = ring(0);
+    EXPECT_EQ(r->size(), 0u);
+    EXPECT_EQ(put(*r, "a"), 0u);
+    EXPECT_EQ(take(*r, 1), "");
+    EXPECT_EQ(r->writeBytes("a", 0, true), 0u);  // nothing to wait for
+    char c;
+    EXPECT_EQ(r->readBytes(&c, 0, true), 0u);
+    EXPECT_EQ(r->spaceAvailable(), 0u);
+}
+
+TEST(RingBuffer, ImpossibleCapacityFailsWithAnError) {
+    Ref<qx::Error> error;
+    EXPECT_FALSE(QXRingBuffer::initWithCapacity(~std::uint64_t{0}, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), ENOMEM);
+    EXPECT_FALSE(QXRingBuffer::initWithCapacity(std::uint64_t{1} << 62));  // no out-parameter: just nothing
+    auto big = ring(64u << 20);  // large storage is mapped lazily; its far end must work too
+    std::vector<std::uint8_t> chunk(1 << 20, 0x5a);
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(big->writeBytes(chunk.data(), chunk.size(), false), chunk.size());
+    EXPECT_EQ(big->spaceAvailable(), 0u);
+}
+
+TEST(RingBuffer, WaitingWriteBlocksUntilAReadMakesRoom) {
+    auto r = ring(4);
+    ASSERT_EQ(put(*r, "abcd"), 4u);
+    std::uint64_t written = 0;
+    std::thread writer([&] { written = r->writeBytes("efgh", 4, true); });
+    // The writer can only finish after reads have made room for all 4 bytes;
+    // each waiting read here returns once it has its 2 bytes.
+    std::string got = take(*r, 2, true);
+    got += take(*r, 2, true);
+    got += take(*r, 4, true);
+    writer.join();
+    EXPECT_EQ(written, 4u);
+    EXPECT_EQ(got, "abcdefgh");
+    EXPECT_EQ(r->bytesWritten(), 8u);
+}
+
+TEST(RingBuffer, WaitingReadBlocksUntilAllBytesHaveArrived) {
+    auto r = ring(16);
+    std::string got;
+    std::thread reader([&] { got = take(*r, 12, true); });
+    for (const char* piece : {"hel", "lo, ", "world"}) put(*r, piece, true);
+    reader.join();
+    EXPECT_EQ(got, "hello, world");
+}
+
+// One producer and one consumer with random call sizes, mixing waiting and
+// non-waiting calls on both sides; every byte and the totals are checked.
+class RingBufferTransfer : public ::testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(RingBufferTransfer, EveryByteArrivesInOrder) {
+    const std::uint64_t capacity = GetParam();
+    const std::uint64_t total = 100'000 + capacity * 40;
+    auto r = ring(capacity);
+    std::thread producer([&] {
+        std::mt19937_64 random(capacity);
+        std::vector<std::uint8_t> chunk;
+        std::uint64_t position = 0;
+        while (position < total) {
+            // Waiting calls stay within the capacity (see the header).
+            const bool wait = random() % 3 == 0;
+            const std::uint64_t limit = wait ? capacity : 3 * capacity;
+            const std::uint64_t n = std::min<std::uint64_t>(1 + random() % limit, total - position);
+            chunk.resize(n);
+            for (std::uint64_t i = 0; i < n; ++i) chunk[i] = patternByte(position + i);
+            std::uint64_t sent = r->writeBytes(chunk.data(), n, wait);
+            if (wait) {
+                EXPECT_EQ(sent, n);
+            }
+            if (sent == 0) sent = r->writeBytes(chunk.data(), std::min(n, capacity), true);  // full: wait for room
+            position += sent;
+        }
+    });
+    std::mt19937_64 random(capacity * 31);
+    std::vector<std::uint8_t> buffer(3 * capacity);
+    std::uint64_t position = 0;
+    std::uint64_t mismatches = 0;
+    while (position < total) {
+        const bool wait = random() % 3 == 0;
+        const std::uint64_t limit = wait ? capacity : 3 * capacity;
+        const std::uint64_t n = std::min<std::uint64_t>(1 + random() % limit, total - position);
+        std::uint64_t got = r->readBytes(buffer.data(), n, wait);
+        if (wait) {
+            EXPECT_EQ(got, n);
+        }
+        if (got == 0) got = r->readBytes(buffer.data(), std::min(n, capacity), true);  // empty: wait for data
+        for (std::uint64_t i = 0; i < got; ++i) mismatches += buffer[i] != patternByte(position + i);
+        position += got;
+    }
+    producer.join();
+    EXPECT_EQ(mismatches, 0u);
+    EXPECT_EQ(position, total);
+    EXPECT_EQ(r->bytesWritten(), total);
+    EXPECT_EQ(r->bytesRead(), total);
+    EXPECT_EQ(r->bytesAvailable(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Capacities, RingBufferTransfer, ::testing::Values(1, 7, 4096, 65536));

@@ -1,0 +1,103 @@
+// StreamTestSupport.h - pipes, temporary files and an event-recording delegate for the stream suites.
+#pragma once
+
+#include <qx/RunLoop.h>
+#include <qx/Stream.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace streamtest {
+
+constexpr const char* kMode = "com.tovarik.test.StreamMode";
+
+struct TempDir {
+    std::filesystem::path path;
+    TempDir() {
+        char pattern[] = "/tmp/qx-streams-XXXXXX";
+        path = ::mkdtemp(pattern);
+    }
+    ~TempDir() { std::filesystem::remove_all(path); }
+    std::string file(const std::string& name, const std::string& contents) const {
+        const auto p = (path / name).string();
+        FILE* f = std::fopen(p.c_str(), "wb");
+        std::fwrite(contents.data(), 1, contents.size(), f);
+        std::fclose(f);
+        return p;
+    }
+};
+
+struct Pipe {
+    int fds[2] = {-1, -1};
+    Pipe() { EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
+    ~Pipe() {
+        closeWriter();
+        if (fds[0] >= 0) ::close(fds[0]);
+    }
+    int reader() const { return fds[0]; }
+    void write(const std::string& s) const { EXPECT_EQ(::write(fds[1], s.data(), s.size()), static_cast<ssize_t>(s.size())); }
+    void closeWriter() {
+        if (fds[1] >= 0) ::close(fds[1]);
+        fds[1] = -1;
+    }
+};
+
+// Records every delivered mask with the thread it arrived on.
+struct EventRecorder final : qx::StreamDelegate {
+    mutable std::mutex mutex;
+    std::vector<qx::StreamEventMask> events;
+    std::vector<std::thread::id> threads;
+    std::function<void(qx::Stream&, qx::StreamEventMask)> then;
+
+    void stream(qx::Stream& s, qx::StreamEventMask event) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            events.push_back(event);
+            threads.push_back(std::this_thread::get_id());
+        }
+        if (then) then(s, event);
+    }
+    std::vector<qx::StreamEventMask> snapshot() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return events;
+    }
+    qx::StreamEventMask all() const {
+        qx::StreamEventMask mask = 0;
+        for (auto e : snapshot()) mask |= e;
+        return mask;
+    }
+    int count(qx::StreamEventMask bit) const {
+        int n = 0;
+        for (auto e : snapshot()) n += (e & bit) ? 1 : 0;
+        return n;
+    }
+};
+
+// Runs the calling thread's loop in mode until done() holds. The deadline
+// only keeps a broken build from hanging the suite; nothing is timed.
+inline bool runUntil(const std::function<bool()>& done, const std::string& mode = kMode) {
+    const auto giveUp = qx::RunLoop::Clock::now() + std::chrono::seconds(60);
+    while (!done()) {
+        if (qx::RunLoop::Clock::now() > giveUp) return false;
+        qx::RunLoop::current()->runMode(mode, std::chrono::seconds(5));
+    }
+    return true;
+}
+
+// Handles whatever is already due in mode, without waiting.
+inline void drain(const std::string& mode = kMode) {
+    while (qx::RunLoop::current()->runMode(mode, std::chrono::seconds(0)) == qx::RunLoop::RunResult::Handled) {
+    }
+}
+
+} // namespace streamtest
