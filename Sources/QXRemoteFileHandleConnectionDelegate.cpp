@@ -11,14 +11,24 @@ Ref<QXRemoteFileHandleConnectionDelegate> QXRemoteFileHandleConnectionDelegate::
     return std::make_shared<QXRemoteFileHandleConnectionDelegate>(std::move(handler));
 }
 
-QXRemoteFileHandleConnectionDelegate::DataHandler QXRemoteFileHandleConnectionDelegate::dataHandler() const {
+QXRemoteFileHandleConnectionDelegate::QXRemoteFileHandleConnectionDelegate(DataHandler handler) {
+    setDataHandler(std::move(handler));
+}
+
+std::shared_ptr<const QXRemoteFileHandleConnectionDelegate::DataHandler> QXRemoteFileHandleConnectionDelegate::handler() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return handler_;
 }
 
+QXRemoteFileHandleConnectionDelegate::DataHandler QXRemoteFileHandleConnectionDelegate::dataHandler() const {
+    const auto handler = this->handler();
+    return handler ? *handler : DataHandler();
+}
+
 void QXRemoteFileHandleConnectionDelegate::setDataHandler(DataHandler handler) {
+    auto shared = handler ? std::make_shared<const DataHandler>(std::move(handler)) : nullptr;
     std::lock_guard<std::mutex> lock(mutex_);
-    handler_ = std::move(handler);
+    handler_ = std::move(shared);
 }
 
 void QXRemoteFileHandleConnectionDelegate::setSession(Ref<HTTPClient> session) {
@@ -60,8 +70,8 @@ void QXRemoteFileHandleConnectionDelegate::connectionDidFinishLoading(HTTPTask& 
 
 void QXRemoteFileHandleConnectionDelegate::invokeDataHandlerWithSession(HTTPClient& session, const Ref<Data>& data, bool isDone,
                                                                         const Ref<Error>& error) {
-    const DataHandler handler = dataHandler();
-    if (handler && !handler(data, isDone, error)) {
+    const auto handler = this->handler();
+    if (handler && !(*handler)(data, isDone, error)) {
         setIsStopped(true);
         session.invalidateAndCancel();
     }
@@ -69,8 +79,8 @@ void QXRemoteFileHandleConnectionDelegate::invokeDataHandlerWithSession(HTTPClie
 
 void QXRemoteFileHandleConnectionDelegate::invokeDataHandlerWithConnection(HTTPTask& connection, const Ref<Data>& data, bool isDone,
                                                                            const Ref<Error>& error) {
-    const DataHandler handler = dataHandler();
-    if (handler && !handler(data, isDone, error)) {
+    const auto handler = this->handler();
+    if (handler && !(*handler)(data, isDone, error)) {
         setIsStopped(true);
         connection.cancel();
     }

@@ -67,13 +67,15 @@ public:
 
     std::string className() const override { return "QXRemoteFileHandleConnectionDelegate"; }
 
-    explicit QXRemoteFileHandleConnectionDelegate(DataHandler handler) : handler_(std::move(handler)) {}
+    explicit QXRemoteFileHandleConnectionDelegate(DataHandler handler);
 
 private:
     qx::Ref<qx::HTTPClient> session() const;
+    // Shared so that a call takes it with one count instead of a copy.
+    std::shared_ptr<const DataHandler> handler() const;
 
     mutable std::mutex mutex_;  // guards handler_ and session_
-    DataHandler handler_;
+    std::shared_ptr<const DataHandler> handler_;
     qx::Ref<qx::HTTPClient> session_;
     std::atomic<bool> stopped_{false};
 };
