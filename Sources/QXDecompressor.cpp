@@ -821,6 +821,24 @@ std::uint64_t QXDecompressor::uncompressedSizeOfPBZXFileAtURL(const Ref<qx::URL>
 }
 
 // ---------------------------------------------------------------------------
+// Shared resources
+
+std::int64_t QXDecompressor::maxOperationCount() {
+    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
+    return 2 * static_cast<std::int64_t>(processors);
+}
+
+Ref<qx::OperationQueue> QXDecompressor::operationQueue() {
+    static std::once_flag once;
+    static Ref<qx::OperationQueue> queue;
+    std::call_once(once, [] {
+        queue = qx::OperationQueue::create("com.tovarik.QXFoundation.QXDecompressor");
+        queue->setMaxConcurrentOperationCount(static_cast<int>(maxOperationCount()));
+    });
+    return queue;
+}
+
+// ---------------------------------------------------------------------------
 // Synchronous drivers
 
 Ref<Data> QXDecompressor::decompressedDataFromData(const Ref<Data>& data, QXDecompressionAlgorithm algorithm,

@@ -196,6 +196,9 @@ TEST(DecompressorDetection, MagicTableLimitsAndExtensions) {
     std::vector<std::string> names;
     for (const auto& e : *extensions) names.push_back(qx::dyn_cast<qx::String>(e)->utf8());
     EXPECT_EQ(names, (std::vector<std::string>{"gz", "gzip", "bz", "bz2", "xz"}));
+    auto queue = QXDecompressor::operationQueue();
+    EXPECT_EQ(queue, QXDecompressor::operationQueue());
+    EXPECT_EQ(queue->maxConcurrentOperationCount(), QXDecompressor::maxOperationCount());
 }
 
 TEST(DecompressorDetection, RealPayloadsAreRecognisedFromDataAndFiles) {

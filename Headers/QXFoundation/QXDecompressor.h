@@ -37,6 +37,7 @@
 #include <qx/Error.h>
 #include <qx/FileHandle.h>
 #include <qx/Object.h>
+#include <qx/OperationQueue.h>
 #include <qx/URL.h>
 
 #include <cstdint>
@@ -230,6 +231,15 @@ public:
     /// Writes data to each handle in list order (file-handle faults propagate
     /// as qx::Exception).
     static void writeData(const qx::Ref<qx::Data>& data, const std::vector<qx::Ref<qx::FileHandle>>& handles);
+
+    // ----- Shared resources -----
+
+    /// Twice the number of processors: how many PBZX chunks and asynchronous
+    /// workers may run at once.
+    static std::int64_t maxOperationCount();
+    /// The one process-wide queue for that work, made on first use, allowing
+    /// maxOperationCount operations at a time.
+    static qx::Ref<qx::OperationQueue> operationQueue();
 
 protected:
     QXDecompressor();
