@@ -350,7 +350,13 @@ Ref<Data> QXDecompressor::decompressedDataFromStreamWithInputData(const Ref<Data
     if (!setUp_) {
         if (!setUpWithData(in, error)) return nullptr;
         if (!setUp_) {
-            streamIn_->append(*in);
+            // Detection looks at the first maxMagicLength bytes only; once that
+            // many failed to match, more input can never change the answer, so
+            // unrecognised data is not buffered without bound.
+            const std::size_t held = algorithm_ == QXDecompressionAlgorithmAutomatic
+                                         ? std::min<std::size_t>(in->length(), maxMagicLength())
+                                         : in->length();
+            streamIn_->append(in->bytes(), held);
             return Data::create();
         }
     }

@@ -311,6 +311,17 @@ TEST(DecompressorStreaming, ShortFirstChunksAreHeldUntilTheyDecide) {
     auto xzOut = automatic->decompressedDataFromStreamWithInputData(toData(Bytes(p.xz.begin() + 3, p.xz.end())), true);
     EXPECT_EQ(automatic->algorithm(), QXDecompressionAlgorithmXZ);
     EXPECT_EQ(toBytes(xzOut), p.plain);
+
+    // Unrecognised data never decodes, however much of it comes, and a file of
+    // it goes through the handle driver as nothing.
+    TempDir dir;
+    auto plainURL = dir.write("plain", randomBytes(3000000, 4));
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(plainURL);
+    EXPECT_EQ(QXDecompressor::decompressFileHandle(handle, QXDecompressionAlgorithmAutomatic, 0, 0, nullptr, nullptr,
+                                                   nullptr),
+              0);
+    EXPECT_EQ(QXDecompressor::decompressFileAtURL(plainURL), 0);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"plain"});
 }
 
 TEST(DecompressorStreaming, HeaderlessXZAndPBZXGetTheirMagicBack) {
