@@ -532,8 +532,9 @@ Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Er
 }
 
 std::uint8_t* QXDecompressor::scratch() {
-    if (buffer_.size() != kBufferSize) buffer_.resize(kBufferSize);
-    return buffer_.data();
+    // Left uninitialised: decoders only hand back bytes they wrote.
+    if (!buffer_) buffer_.reset(new std::uint8_t[kBufferSize]);
+    return buffer_.get();
 }
 
 Ref<Error> QXDecompressor::failPBZX(int result) {

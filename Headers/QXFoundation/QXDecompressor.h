@@ -271,5 +271,5 @@ private:
     bool finished_ = false;
     bool cancelled_ = false;
     qx::Ref<qx::Error> cancelError_;   // what PBZX calls fail with after a cancel
-    std::vector<std::uint8_t> buffer_;  // decoders' output room, made on first use
+    std::unique_ptr<std::uint8_t[]> buffer_;  // decoders' output room, made on first use
 };
