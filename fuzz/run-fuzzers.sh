@@ -31,6 +31,11 @@ for t in "${targets[@]}"; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
     Explode*|Unshrink*|PBZXDecode*) python3 fuzz/make-codec-seeds.py "$t" "$corpus" ;;
+    DecompressorFuzzer)
+      i=0
+      for tool in "gzip -c" "bzip2 -c" "xz -c"; do
+        head -c 4000 Sources/QXDecompressor.cpp | $tool > "$corpus/seed-$i" 2>/dev/null || true; i=$((i + 1))
+      done ;;
   esac
   echo "== $t for ${seconds}s =="
   "build-fuzz/fuzz/$t" "$corpus" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix=fuzz/ 2>&1 | tail -15

@@ -25,3 +25,4 @@
 #include <QXFoundation/QXFileHandleInputStream.h>
 #include <QXFoundation/QXFileHandleOutputStream.h>
 #include <QXFoundation/QXInputStream.h>
+#include <QXFoundation/QXDecompressor.h>

@@ -9,6 +9,7 @@
 #include "PlistCommand.h"
 #include "ChecksumCommand.h"
 #include "ZipCommand.h"
+#include "DetectCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,6 +22,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addHexdumpCommand,
     qxtool::addChecksumCommand,
     qxtool::addZipCommand,
+    qxtool::addDetectCommand,
 };
 
 } // namespace

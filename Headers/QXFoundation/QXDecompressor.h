@@ -1,0 +1,275 @@
+// QXDecompressor.h - format detection and decompression of gzip, zlib, raw
+// deflate, bzip2, xz and PBZX payloads and of imploded and shrunk ZIP entries.
+//
+// Everything rests on one streaming object: a QXDecompressor set up for one
+// algorithm and then fed input chunks, each call returning the output that
+// chunk produced. The class operations (detection, the buffer, file and handle
+// drivers) are built on that one call.
+//
+// Streaming contract (decompressedDataFromStreamWithInputData):
+//  * Input may be split anywhere. Set-up is deferred while the input is too
+//    short to decide the format (fewer than 2 bytes for the deflate family, no
+//    known prefix for automatic detection); the bytes are held and processed
+//    with the next chunk, and the call returns an empty buffer.
+//  * Gzip input keeps its last 8 bytes back on every call, so the trailer
+//    (CRC-32 and length) never reaches inflate. This is deliberate: the
+//    streaming path does not verify gzip trailers; the file drivers do, through
+//    zlib's gzip file reader.
+//  * A truncated zlib, gzip or raw deflate stream is not an error here: the
+//    output produced so far is returned. xz is fed with LZMA_FINISH on the final
+//    chunk, so a truncated xz stream is reported.
+//  * xz input that lacks its 6-byte magic gets it put in front, so a caller that
+//    already consumed the header can feed the rest; PBZX input likewise gets
+//    "pbzx" put in front.
+//  * After a call with isFinal true, call again with empty input while
+//    shouldRunAgain is true to collect output still on its way.
+//  * Once a zlib or bzip2 stream has reported its end, further calls return an
+//    empty buffer (trailing bytes are ignored).
+//
+// Algorithm values outside -1..7 are accepted and pass input through.
+//
+// A single streaming object is not safe for concurrent calls; the class
+// operations are thread-safe.
+#pragma once
+
+#include <qx/Array.h>
+#include <qx/Data.h>
+#include <qx/Error.h>
+#include <qx/FileHandle.h>
+#include <qx/Object.h>
+#include <qx/OperationQueue.h>
+#include <qx/URL.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+using QXDecompressionAlgorithm = std::int64_t;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmAutomatic = -1;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmNone = 0;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmDeflateAny = 1;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmRawDeflate = 2;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmZlib = 3;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmGzip = 4;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmBZip2 = 5;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmXZ = 6;
+inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmPBZX = 7;
+
+class QXDecompressor : public qx::Object {
+public:
+    /// Returns true when the work is to stop.
+    using CancelBlock = std::function<bool()>;
+    /// Gets the count of bytes just produced.
+    using ProgressBlock = std::function<void(std::int64_t)>;
+    /// Gets one piece of output.
+    using DataBlock = std::function<void(const qx::Ref<qx::Data>&)>;
+
+    // ----- The streaming object -----
+
+    /// Algorithm 0 (pass-through), nothing set up.
+    static qx::Ref<QXDecompressor> init();
+    /// initForStreamingWithAlgorithm with automatic detection.
+    static qx::Ref<QXDecompressor> initForStreamingAndReturnError(qx::Ref<qx::Error>* error = nullptr);
+    /// Stores the algorithm and sets up with no data (which, for the formats
+    /// that need to see bytes first, defers set-up to the first chunk).
+    /// Nothing with the set-up's error on failure.
+    static qx::Ref<QXDecompressor> initForStreamingWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                                 qx::Ref<qx::Error>* error = nullptr);
+    /// An implode decoder for an entry of the given uncompressed size, with an
+    /// 8 KiB dictionary when largeDictionary (else 4 KiB). Nothing and
+    /// NSCocoaErrorDomain 256 when the decoder can't be made.
+    static qx::Ref<QXDecompressor> initForExplodeStreamingWithUncompressedSize(std::uint64_t uncompressedSize,
+                                                                               bool useLargeDictionary,
+                                                                               bool useLiteralTree,
+                                                                               qx::Ref<qx::Error>* error = nullptr);
+    /// An unshrink decoder for an entry of the given uncompressed size.
+    static qx::Ref<QXDecompressor> initForUnshrinkStreamingWithUncompressedSize(std::uint64_t uncompressedSize,
+                                                                                qx::Ref<qx::Error>* error = nullptr);
+    static qx::Ref<QXDecompressor> streamingDecompressorWithError(qx::Ref<qx::Error>* error = nullptr);
+    static qx::Ref<QXDecompressor> streamingDecompressorWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                                      qx::Ref<qx::Error>* error = nullptr);
+
+    ~QXDecompressor() override;
+    QXDecompressor(const QXDecompressor&) = delete;
+    QXDecompressor& operator=(const QXDecompressor&) = delete;
+
+    /// Creates the decoder for the algorithm, resolving -1 and 1 from the data's
+    /// first bytes. True (and still not set up) when the data is too short to
+    /// decide; true at once when already set up.
+    bool setUpWithData(const qx::Ref<qx::Data>& data, qx::Ref<qx::Error>* error = nullptr);
+
+    /// Feeds one chunk; returns the output it produced (possibly empty), or
+    /// nothing on failure (null input: NSPOSIXErrorDomain 22). shouldRunAgain
+    /// (optional) is set as described in the file comment.
+    qx::Ref<qx::Data> decompressedDataFromStreamWithInputData(const qx::Ref<qx::Data>& input, bool isFinal,
+                                                              bool* shouldRunAgain = nullptr,
+                                                              qx::Ref<qx::Error>* error = nullptr);
+
+    /// cancelWithError with NSCocoaErrorDomain 3072.
+    void cancel();
+    /// Stops the PBZX chunk decoders, handing them the error; later PBZX calls
+    /// then fail with operationError.
+    void cancelWithError(const qx::Ref<qx::Error>& error);
+    /// The first PBZX chunk decoder's error; else NSCocoaErrorDomain 3072 when
+    /// one was cancelled without an error; else nothing.
+    qx::Ref<qx::Error> operationError() const;
+
+    /// The algorithm in use (set-up replaces -1 and 1 by what it detected).
+    QXDecompressionAlgorithm algorithm() const { return algorithm_; }
+    bool isSetUp() const { return setUp_; }
+    /// True once the decoder reported the end of its stream.
+    bool isFinished() const { return finished_; }
+
+    std::string className() const override { return "QXDecompressor"; }
+
+    // ----- Detection -----
+
+    /// "gz", "gzip", "bz", "bz2", "xz", as Strings, in this order.
+    static qx::Ref<qx::Array> supportedFilenameExtensions();
+    /// The longest prefix in the magic table (6, xz's).
+    static std::uint64_t maxMagicLength();
+    /// Tries gzip, bzip2, xz, PBZX, zlib in this order; stores the first hit's
+    /// algorithm (0 when none) through algorithm, if given.
+    static bool isFileCompressedAtURL(const qx::Ref<qx::URL>& url, QXDecompressionAlgorithm* algorithm = nullptr);
+    /// Tries gzip, zlib, bzip2, xz, PBZX in this order (zlib comes earlier than
+    /// for files on purpose); stores the first hit's algorithm, else 0.
+    static bool isDataCompressed(const qx::Ref<qx::Data>& data, QXDecompressionAlgorithm* algorithm = nullptr);
+    static bool isFileGZCompressedAtURL(const qx::Ref<qx::URL>& url);
+    static bool isFileZlibCompressedAtURL(const qx::Ref<qx::URL>& url);
+    static bool isFileBZ2CompressedAtURL(const qx::Ref<qx::URL>& url);
+    static bool isFileXZCompressedAtURL(const qx::Ref<qx::URL>& url);
+    static bool isFilePBZXCompressedAtURL(const qx::Ref<qx::URL>& url);
+    static bool isDataGZCompressed(const qx::Ref<qx::Data>& data);
+    static bool isDataZlibCompressed(const qx::Ref<qx::Data>& data);
+    static bool isDataBZ2Compressed(const qx::Ref<qx::Data>& data);
+    static bool isDataXZCompressed(const qx::Ref<qx::Data>& data);
+    static bool isDataPBZXCompressed(const qx::Ref<qx::Data>& data);
+    /// True when the file's first bytes start with one of the prefixes (Data
+    /// objects); false when it can't be read.
+    static bool doesMagicMatch(const qx::Ref<qx::Array>& magics, const qx::Ref<qx::URL>& url);
+    /// True when some prefix (a Data) is no longer than data and equals its
+    /// first bytes.
+    static bool doesMagic(const qx::Ref<qx::Array>& magics, const qx::Ref<qx::Data>& data);
+    /// The gzip trailer's length field (modulo 2^32); 0 when not gzip or unreadable.
+    static std::uint64_t uncompressedSizeOfGZFileAtURL(const qx::Ref<qx::URL>& url);
+    /// The sum of the PBZX chunk headers' uncompressed sizes; 0 when not PBZX or unreadable.
+    static std::uint64_t uncompressedSizeOfPBZXFileAtURL(const qx::Ref<qx::URL>& url);
+
+    // ----- Synchronous drivers -----
+    // Counts are -1 on failure, buffers nothing; the error is written only then.
+
+    /// The whole buffer in one call (is-final); while the decoder asks to run
+    /// again it is given the same buffer again, which every routine tolerates.
+    static qx::Ref<qx::Data> decompressedDataFromData(const qx::Ref<qx::Data>& data, QXDecompressionAlgorithm algorithm,
+                                                      qx::Ref<qx::Error>* error = nullptr);
+    static qx::Ref<qx::Data> decompressedDataFromData(const qx::Ref<qx::Data>& data,
+                                                      qx::Ref<qx::Error>* error = nullptr);
+
+    /// Bytes offset .. offset+length of the file's decompressed content (length
+    /// 0: to the end). Algorithm -1 is resolved from the file (no hit: pass-through).
+    static qx::Ref<qx::Data> decompressedDataFromFileAtURL(const qx::Ref<qx::URL>& url, std::uint64_t offset,
+                                                           std::uint64_t length, QXDecompressionAlgorithm algorithm,
+                                                           qx::Ref<qx::Error>* error = nullptr);
+    static qx::Ref<qx::Data> decompressedDataFromFileAtURL(const qx::Ref<qx::URL>& url, std::uint64_t offset,
+                                                           std::uint64_t length, qx::Ref<qx::Error>* error = nullptr);
+    static qx::Ref<qx::Data> decompressedDataFromFileAtURL(const qx::Ref<qx::URL>& url,
+                                                           qx::Ref<qx::Error>* error = nullptr);
+    /// As above from the handle's current position.
+    static qx::Ref<qx::Data> decompressedDataFromFileHandle(const qx::Ref<qx::FileHandle>& handle, std::uint64_t offset,
+                                                            std::uint64_t length, QXDecompressionAlgorithm algorithm,
+                                                            qx::Ref<qx::Error>* error = nullptr);
+
+    /// Replaces the file by its decompressed content (algorithm -1), through a
+    /// sibling file. A result of 0 or -1 leaves the source alone.
+    static std::int64_t decompressFileAtURL(const qx::Ref<qx::URL>& url, const CancelBlock& cancelBlock,
+                                            const ProgressBlock& progressBlock, qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t decompressFileAtURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::Error>* error = nullptr);
+
+    /// Decompresses into a new file at destination. The output goes to a
+    /// temporary sibling that replaces the destination only on success, so a
+    /// failure never leaves a partial file behind. (Named by the keyword after
+    /// the URL, since the forms would clash as overloads.)
+    static std::int64_t decompressFileAtURLToURL(const qx::Ref<qx::URL>& url, const qx::Ref<qx::URL>& destination,
+                                                 QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock,
+                                                 const ProgressBlock& progressBlock,
+                                                 qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t decompressFileAtURLToURL(const qx::Ref<qx::URL>& url, const qx::Ref<qx::URL>& destination,
+                                                 const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                                 qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t decompressFileAtURLToURL(const qx::Ref<qx::URL>& url, const qx::Ref<qx::URL>& destination,
+                                                 qx::Ref<qx::Error>* error = nullptr);
+
+    /// Decompresses the file and writes each piece to every handle, in order.
+    static std::int64_t decompressFileAtURLToFileHandleArray(
+        const qx::Ref<qx::URL>& url, const std::vector<qx::Ref<qx::FileHandle>>& handles,
+        QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+        qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t decompressFileAtURLToFileHandle(const qx::Ref<qx::URL>& url,
+                                                        const qx::Ref<qx::FileHandle>& handle,
+                                                        QXDecompressionAlgorithm algorithm,
+                                                        const CancelBlock& cancelBlock,
+                                                        const ProgressBlock& progressBlock,
+                                                        qx::Ref<qx::Error>* error = nullptr);
+
+    /// The generic handle driver: reads the handle from its current position
+    /// 1 MiB at a time; offset and length select decompressed bytes (length 0:
+    /// to the end). Returns the count delivered, or -1: cancelled gives
+    /// NSCocoaErrorDomain 3072, output shorter than offset 256. Algorithm 4
+    /// goes to decompressGZFileHandle.
+    static std::int64_t decompressFileHandle(const qx::Ref<qx::FileHandle>& handle, QXDecompressionAlgorithm algorithm,
+                                             std::uint64_t offset, std::uint64_t length, const DataBlock& dataBlock,
+                                             const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                             qx::Ref<qx::Error>* error = nullptr);
+    /// Gzip through zlib's gzip file reader, which verifies the trailer. The
+    /// offset counts decompressed bytes. Cancelling stops without an error and
+    /// returns the count so far.
+    static std::int64_t decompressGZFileHandle(const qx::Ref<qx::FileHandle>& handle, std::int64_t offset,
+                                               std::uint64_t length, const DataBlock& dataBlock,
+                                               const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                               qx::Ref<qx::Error>* error = nullptr);
+    /// Writes data to each handle in list order (file-handle faults propagate
+    /// as qx::Exception).
+    static void writeData(const qx::Ref<qx::Data>& data, const std::vector<qx::Ref<qx::FileHandle>>& handles);
+
+    // ----- Shared resources -----
+
+    /// Twice the number of processors: how many PBZX chunks and asynchronous
+    /// workers may run at once.
+    static std::int64_t maxOperationCount();
+    /// The one process-wide queue for that work, made on first use, allowing
+    /// maxOperationCount operations at a time.
+    static qx::Ref<qx::OperationQueue> operationQueue();
+
+protected:
+    QXDecompressor();
+
+private:
+    struct Decoders;
+    class PBZXChunk;
+
+    qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> zlibPiece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> bzip2Routine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> bzip2Piece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> xzRoutine(const qx::Ref<qx::Data>& input, bool isFinal, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> pbzxRoutine(const qx::Ref<qx::Data>& input, bool isFinal, bool* shouldRunAgain,
+                                  qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> unshrinkRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Error> failPBZX(int result);
+    std::uint8_t* scratch();
+
+    QXDecompressionAlgorithm algorithm_ = QXDecompressionAlgorithmNone;
+    bool setUp_ = false;
+    bool firstDataRead_ = false;
+    std::unique_ptr<Decoders> decoders_;  // at most one decoder state exists at a time
+    // PBZX only: chunk decoders, oldest first, and the one receiving bytes.
+    std::vector<std::shared_ptr<PBZXChunk>> operations_;
+    std::shared_ptr<PBZXChunk> currentOperation_;
+    qx::Ref<qx::Data> streamIn_;  // input held back between calls
+    bool finished_ = false;
+    bool cancelled_ = false;
+    qx::Ref<qx::Error> cancelError_;   // what PBZX calls fail with after a cancel
+    std::unique_ptr<std::uint8_t[]> buffer_;  // decoders' output room, made on first use
+};

@@ -1,0 +1,1163 @@
+// QXDecompressor.cpp - the streaming decompressor, detection and the synchronous drivers.
+#include <QXFoundation/QXDecompressor.h>
+
+#include <QXFoundation/QXError.h>
+#include <QXFoundation/QXExplode.h>
+#include <QXFoundation/QXPBZXDecode.h>
+#include <QXFoundation/QXUnshrink.h>
+
+#include "QXFoundationPrivate.h"
+
+#include <qx/Exception.h>
+#include <qx/Log.h>
+#include <qx/String.h>
+#include <qx/UUID.h>
+
+#include <bzlib.h>
+#include <fcntl.h>
+#include <lzma.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <mutex>
+#include <thread>
+
+using qx::Data;
+using qx::Error;
+using qx::Ref;
+
+namespace {
+
+constexpr std::size_t kBufferSize = 1048576;
+// The most one zlib or libbz2 call can take (their counts are 32-bit).
+constexpr std::uint64_t kMaxPieceLength = 4294967295ULL;
+
+const std::uint8_t kXZMagic[6] = {0xFD, 0x37, 0x7A, 0x58, 0x5A, 0x00};
+const std::uint8_t kPBZXMagic[4] = {'p', 'b', 'z', 'x'};
+
+struct InflateEnd {
+    void operator()(z_stream* s) const {
+        inflateEnd(s);
+        delete s;
+    }
+};
+struct BZDecompressEnd {
+    void operator()(bz_stream* s) const {
+        BZ2_bzDecompressEnd(s);
+        delete s;
+    }
+};
+struct LzmaEnd {
+    void operator()(lzma_stream* s) const {
+        lzma_end(s);
+        delete s;
+    }
+};
+struct ExplodeEnd {
+    void operator()(QXExplodeStream* s) const { QXExplodeCleanup(s); }
+};
+struct UnshrinkEnd {
+    void operator()(QXUnshrinkStream* s) const { QXUnshrinkCleanup(s); }
+};
+struct PBZXEnd {
+    void operator()(QXPBZXDecodeStream* s) const { QXPBZXDecodeCleanup(s); }
+};
+
+void setError(Ref<Error>* error, Ref<Error> value) {
+    if (error) *error = std::move(value);
+}
+
+Ref<Error> cocoaError(std::int64_t code) { return QXGenerateError(qx::NSCocoaErrorDomain, code); }
+Ref<Error> posixError(std::int64_t code) { return QXGenerateError(qx::NSPOSIXErrorDomain, code); }
+
+// A platform file-handle fault, turned into an error at the library's boundary.
+Ref<Error> exceptionError(const qx::Exception& e, std::int64_t code) {
+    return QXGenerateError(qx::NSCocoaErrorDomain, code, nullptr, nullptr, nullptr, QXFLocalizedString("%@"),
+                           qx::str(e.description()));
+}
+
+Ref<qx::Array> magicArray(std::initializer_list<std::initializer_list<std::uint8_t>> prefixes) {
+    auto array = qx::Array::create();
+    for (const auto& prefix : prefixes) array->addObject(Data::withBytes(prefix.begin(), prefix.size()));
+    return array;
+}
+
+const Ref<qx::Array>& gzipMagic() {
+    static const Ref<qx::Array> magic = magicArray({{0x1F, 0x8B}});
+    return magic;
+}
+const Ref<qx::Array>& zlibMagic() {
+    static const Ref<qx::Array> magic = magicArray({{0x78, 0x9C}, {0x78, 0xDA}, {0x78, 0x01}});
+    return magic;
+}
+const Ref<qx::Array>& bzip2Magic() {
+    static const Ref<qx::Array> magic = magicArray({{0x42, 0x5A, 0x68}});
+    return magic;
+}
+const Ref<qx::Array>& xzMagic() {
+    static const Ref<qx::Array> magic = magicArray({{0xFD, 0x37, 0x7A, 0x58, 0x5A, 0x00}});
+    return magic;
+}
+const Ref<qx::Array>& pbzxMagic() {
+    static const Ref<qx::Array> magic = magicArray({{0x70, 0x62, 0x7A, 0x78}});
+    return magic;
+}
+
+std::uint64_t readBigEndian64(const std::uint8_t* p) {
+    std::uint64_t v = 0;
+    for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
+    return v;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Decoder states and PBZX chunk decoders
+
+struct QXDecompressor::Decoders {
+    std::unique_ptr<bz_stream, BZDecompressEnd> bzip2;
+    std::unique_ptr<z_stream, InflateEnd> zlib;
+    std::unique_ptr<QXExplodeStream, ExplodeEnd> explode;
+    std::unique_ptr<QXUnshrinkStream, UnshrinkEnd> unshrink;
+    std::unique_ptr<lzma_stream, LzmaEnd> lzma;
+    std::unique_ptr<QXPBZXDecodeStream, PBZXEnd> pbzx;
+};
+
+// Decodes one PBZX chunk with a streaming decompressor of its own (automatic
+// detection for a compressed chunk, pass-through for a stored one). It runs on
+// the caller's thread: input is decoded as it is provided and the output waits
+// until consumed.
+class QXDecompressor::PBZXChunk {
+public:
+    static std::shared_ptr<PBZXChunk> create(QXDecompressionAlgorithm algorithm, Ref<Error>* error) {
+        auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, error);
+        if (!decompressor) return nullptr;
+        auto chunk = std::make_shared<PBZXChunk>();
+        chunk->decompressor_ = std::move(decompressor);
+        chunk->compressed_ = algorithm != QXDecompressionAlgorithmNone;
+        return chunk;
+    }
+
+    void provideInputData(const std::uint8_t* bytes, std::size_t length, bool isFinal) {
+        if (cancelled_) {
+            if (!error_) error_ = cocoaError(3072);
+            return;
+        }
+        if (error_ || noMoreInputData_) return;
+        Ref<Data> piece = Data::withBytes(bytes, length);
+        bool again = false;
+        do {
+            Ref<Error> error;
+            auto out = decompressor_->decompressedDataFromStreamWithInputData(piece, isFinal, &again, &error);
+            if (!out) {
+                error_ = error ? error : cocoaError(259);
+                return;
+            }
+            output_->append(*out);
+            piece = Data::create();
+        } while (again);
+        if (isFinal) {
+            // A compressed chunk whose bytes never looked like any known format
+            // decoded nothing at all: that is corrupt data, not an empty chunk.
+            if (compressed_ && !decompressor_->isSetUp()) {
+                error_ = cocoaError(259);
+                return;
+            }
+            noMoreInputData_ = true;
+        }
+    }
+
+    Ref<Data> consumeOutputData() {
+        Ref<Data> out = output_;
+        output_ = Data::create();
+        if (noMoreInputData_) done_ = true;
+        return out;
+    }
+
+    void cancelWithError(const Ref<Error>& error) {
+        error_ = error;
+        cancelled_ = true;
+    }
+    bool isFinished() const { return done_ || error_; }
+    bool isCancelled() const { return cancelled_; }
+    bool hasMoreInputComing() const { return !noMoreInputData_ && !error_; }
+    const Ref<Error>& error() const { return error_; }
+
+private:
+    Ref<QXDecompressor> decompressor_;
+    Ref<Data> output_ = Data::create();
+    Ref<Error> error_;
+    bool compressed_ = false;
+    bool noMoreInputData_ = false;
+    bool done_ = false;
+    bool cancelled_ = false;
+};
+
+// ---------------------------------------------------------------------------
+// The streaming object
+
+QXDecompressor::QXDecompressor() : decoders_(std::make_unique<Decoders>()), streamIn_(Data::create()) {}
+
+QXDecompressor::~QXDecompressor() = default;
+
+Ref<QXDecompressor> QXDecompressor::init() { return Ref<QXDecompressor>(new QXDecompressor()); }
+
+Ref<QXDecompressor> QXDecompressor::initForStreamingAndReturnError(Ref<Error>* error) {
+    return initForStreamingWithAlgorithm(QXDecompressionAlgorithmAutomatic, error);
+}
+
+Ref<QXDecompressor> QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                                  Ref<Error>* error) {
+    auto decompressor = init();
+    decompressor->algorithm_ = algorithm;
+    if (!decompressor->setUpWithData(Data::create(), error)) return nullptr;
+    return decompressor;
+}
+
+Ref<QXDecompressor> QXDecompressor::initForExplodeStreamingWithUncompressedSize(std::uint64_t uncompressedSize,
+                                                                                bool useLargeDictionary,
+                                                                                bool useLiteralTree,
+                                                                                Ref<Error>* error) {
+    auto decompressor = init();
+    decompressor->decoders_->explode.reset(QXExplodeInit(uncompressedSize, useLargeDictionary, useLiteralTree));
+    if (!decompressor->decoders_->explode) {
+        setError(error, cocoaError(256));
+        return nullptr;
+    }
+    decompressor->setUp_ = true;
+    return decompressor;
+}
+
+Ref<QXDecompressor> QXDecompressor::initForUnshrinkStreamingWithUncompressedSize(std::uint64_t uncompressedSize,
+                                                                                 Ref<Error>* error) {
+    auto decompressor = init();
+    decompressor->decoders_->unshrink.reset(QXUnshrinkInit(uncompressedSize));
+    if (!decompressor->decoders_->unshrink) {
+        setError(error, cocoaError(256));
+        return nullptr;
+    }
+    decompressor->setUp_ = true;
+    return decompressor;
+}
+
+Ref<QXDecompressor> QXDecompressor::streamingDecompressorWithError(Ref<Error>* error) {
+    return initForStreamingWithAlgorithm(QXDecompressionAlgorithmAutomatic, error);
+}
+
+Ref<QXDecompressor> QXDecompressor::streamingDecompressorWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                                       Ref<Error>* error) {
+    return initForStreamingWithAlgorithm(algorithm, error);
+}
+
+bool QXDecompressor::setUpWithData(const Ref<Data>& data, Ref<Error>* error) {
+    if (setUp_) return true;
+    const std::size_t length = data ? data->length() : 0;
+    switch (algorithm_) {
+    case QXDecompressionAlgorithmAutomatic: {
+        QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
+        if (!data || !isDataCompressed(data, &found)) return true;
+        algorithm_ = found;
+        return setUpWithData(data, error);
+    }
+    case QXDecompressionAlgorithmDeflateAny:
+    case QXDecompressionAlgorithmRawDeflate:
+    case QXDecompressionAlgorithmZlib:
+    case QXDecompressionAlgorithmGzip: {
+        if (length < 2) return true;
+        int windowBits = 47;  // zlib or gzip header, detected by zlib; 32 KiB window
+        if (algorithm_ == QXDecompressionAlgorithmRawDeflate) windowBits = -15;
+        if (algorithm_ == QXDecompressionAlgorithmDeflateAny) {
+            if (isDataZlibCompressed(data)) {
+                algorithm_ = QXDecompressionAlgorithmZlib;
+            } else if (isDataGZCompressed(data)) {
+                algorithm_ = QXDecompressionAlgorithmGzip;
+            } else {
+                algorithm_ = QXDecompressionAlgorithmRawDeflate;
+                windowBits = -15;
+            }
+        }
+        auto stream = std::unique_ptr<z_stream>(new z_stream{});
+        int result = inflateInit2(stream.get(), windowBits);
+        if (result != Z_OK) {
+            QXLog("inflateInit2: error %d", result);
+            setError(error, QXGenerateError("inflateInit2", result, nullptr, nullptr, nullptr,
+                                            QXFLocalizedString("inflateInit2: %s"), std::string(zError(result))));
+            return false;
+        }
+        decoders_->zlib.reset(stream.release());
+        break;
+    }
+    case QXDecompressionAlgorithmBZip2: {
+        auto stream = std::unique_ptr<bz_stream>(new bz_stream{});
+        int result = BZ2_bzDecompressInit(stream.get(), 0, 0);
+        if (result != BZ_OK) {
+            QXLog("BZ2_bzDecompressInit: error %d", result);
+            setError(error, QXGenerateError("BZ2_bzDecompressInit", result, nullptr, nullptr, nullptr,
+                                            "BZ2_bzDecompressInit: error %d", result));
+            return false;
+        }
+        decoders_->bzip2.reset(stream.release());
+        break;
+    }
+    case QXDecompressionAlgorithmXZ: {
+        auto stream = std::unique_ptr<lzma_stream>(new lzma_stream(LZMA_STREAM_INIT));
+        lzma_ret result = lzma_stream_decoder(stream.get(), UINT64_MAX, LZMA_CONCATENATED);
+        if (result != LZMA_OK) {
+            QXLog("lzma_stream_decoder: error %d", static_cast<int>(result));
+            setError(error, QXGenerateError("lzma_stream_decoder", result));
+            return false;
+        }
+        decoders_->lzma.reset(stream.release());
+        break;
+    }
+    case QXDecompressionAlgorithmPBZX: {
+        decoders_->pbzx.reset(QXPBZXDecodeInit());
+        if (!decoders_->pbzx) {
+            QXLog("QXPBZXDecodeInit failed");
+            setError(error, cocoaError(256));
+            return false;
+        }
+        operations_.clear();
+        break;
+    }
+    default:
+        break;
+    }
+    setUp_ = true;
+    return true;
+}
+
+Ref<Data> QXDecompressor::decompressedDataFromStreamWithInputData(const Ref<Data>& input, bool isFinal,
+                                                                  bool* shouldRunAgain, Ref<Error>* error) {
+    if (shouldRunAgain) *shouldRunAgain = false;
+    if (!input) {
+        setError(error, posixError(22));
+        return nullptr;
+    }
+    if (finished_) return Data::create();
+
+    Ref<Data> in = input;
+    if (streamIn_->length() > 0) {
+        streamIn_->append(*input);
+        in = streamIn_;
+        streamIn_ = Data::create();
+    }
+    if (!setUp_) {
+        if (!setUpWithData(in, error)) return nullptr;
+        if (!setUp_) {
+            // Detection looks at the first maxMagicLength bytes only; once that
+            // many failed to match, more input can never change the answer, so
+            // unrecognised data is not buffered without bound.
+            const std::size_t held = algorithm_ == QXDecompressionAlgorithmAutomatic
+                                         ? std::min<std::size_t>(in->length(), maxMagicLength())
+                                         : in->length();
+            streamIn_->append(in->bytes(), held);
+            return Data::create();
+        }
+    }
+    if (algorithm_ == QXDecompressionAlgorithmGzip) {
+        // The trailer is kept back from inflate on purpose (see the header).
+        const std::size_t keep = std::min<std::size_t>(8, in->length());
+        streamIn_->append(in->bytes() + in->length() - keep, keep);
+        in = in->subdata(0, in->length() - keep);
+    }
+
+    Ref<Data> out;
+    if (decoders_->zlib) {
+        out = zlibRoutine(in, error);
+    } else if (decoders_->bzip2) {
+        out = bzip2Routine(in, error);
+    } else if (decoders_->explode) {
+        out = explodeRoutine(in, error);
+    } else if (decoders_->unshrink) {
+        out = unshrinkRoutine(in, error);
+    } else if (decoders_->lzma) {
+        out = xzRoutine(in, isFinal, error);
+    } else if (decoders_->pbzx) {
+        out = pbzxRoutine(in, isFinal, shouldRunAgain, error);
+    } else {
+        out = Data::withBytes(in->bytes(), in->length());
+    }
+    firstDataRead_ = true;
+    return out;
+}
+
+Ref<Data> QXDecompressor::zlibRoutine(const Ref<Data>& input, Ref<Error>* error) {
+    if (input->length() == 0) return Data::create();
+    if (!firstDataRead_ && input->length() < 2) {
+        streamIn_->append(*input);
+        return Data::create();
+    }
+    auto out = Data::create();
+    std::uint64_t offset = 0;
+    while (offset < input->length() && !finished_) {
+        const std::uint64_t piece = std::min<std::uint64_t>(kMaxPieceLength, input->length() - offset);
+        auto produced = zlibPiece(input->bytes() + offset, piece, error);
+        if (!produced) return nullptr;
+        out->append(*produced);
+        offset += piece;
+    }
+    return out;
+}
+
+Ref<Data> QXDecompressor::zlibPiece(const std::uint8_t* bytes, std::uint64_t length, Ref<Error>* error) {
+    z_stream* z = decoders_->zlib.get();
+    z->next_in = const_cast<Bytef*>(bytes);
+    z->avail_in = static_cast<uInt>(length);
+    auto out = Data::create();
+    for (;;) {
+        std::uint8_t* room = scratch();
+        z->next_out = room;
+        z->avail_out = static_cast<uInt>(kBufferSize);
+        const int result = inflate(z, Z_SYNC_FLUSH);
+        out->append(room, kBufferSize - z->avail_out);
+        if (result == Z_OK) {
+            // A full output buffer may mean more output is pending without input.
+            if (z->avail_in == 0 && z->avail_out != 0) break;
+            continue;
+        }
+        if (result == Z_STREAM_END) {
+            finished_ = true;
+            break;
+        }
+        if (result == Z_BUF_ERROR) break;
+        QXLog("zlib error: %d", result);
+        z->next_in = nullptr;
+        z->avail_in = 0;
+        setError(error, QXGenerateError("inflate", result, nullptr, nullptr, nullptr,
+                                        QXFLocalizedString("inflate: %s"), std::string(zError(result))));
+        return nullptr;
+    }
+    z->next_in = nullptr;
+    z->avail_in = 0;
+    return out;
+}
+
+Ref<Data> QXDecompressor::bzip2Routine(const Ref<Data>& input, Ref<Error>* error) {
+    if (input->length() == 0) return Data::create();
+    auto out = Data::create();
+    std::uint64_t offset = 0;
+    while (offset < input->length() && !finished_) {
+        const std::uint64_t piece = std::min<std::uint64_t>(kMaxPieceLength, input->length() - offset);
+        auto produced = bzip2Piece(input->bytes() + offset, piece, error);
+        if (!produced) return nullptr;
+        out->append(*produced);
+        offset += piece;
+    }
+    return out;
+}
+
+Ref<Data> QXDecompressor::bzip2Piece(const std::uint8_t* bytes, std::uint64_t length, Ref<Error>* error) {
+    bz_stream* bz = decoders_->bzip2.get();
+    bz->next_in = reinterpret_cast<char*>(const_cast<std::uint8_t*>(bytes));
+    bz->avail_in = static_cast<unsigned>(length);
+    auto out = Data::create();
+    for (;;) {
+        std::uint8_t* room = scratch();
+        bz->next_out = reinterpret_cast<char*>(room);
+        bz->avail_out = static_cast<unsigned>(kBufferSize);
+        const unsigned inBefore = bz->avail_in;
+        const int result = BZ2_bzDecompress(bz);
+        out->append(room, kBufferSize - bz->avail_out);
+        if (result == BZ_OK) {
+            if (bz->avail_in == 0 && bz->avail_out != 0) break;
+            if (bz->avail_in == inBefore && bz->avail_out == kBufferSize) break;  // no progress possible
+            continue;
+        }
+        if (result == BZ_STREAM_END) {
+            // libbz2 refuses every call after its end; later input is ignored.
+            finished_ = true;
+            break;
+        }
+        QXLog("error decompressing: %d", result);
+        bz->next_in = nullptr;
+        bz->avail_in = 0;
+        setError(error, QXGenerateError("BZ2_bzDecompress", result, nullptr, nullptr, nullptr,
+                                        QXFLocalizedString("BZ2_bzDecompress: error %d"), result));
+        return nullptr;
+    }
+    bz->next_in = nullptr;
+    bz->avail_in = 0;
+    return out;
+}
+
+Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Error>* error) {
+    Ref<Data> in = input;
+    if (!firstDataRead_) {
+        if (in->length() < 6) {
+            streamIn_->append(*in);
+            return Data::create();
+        }
+        // Only the first five bytes are looked at, as the header check does.
+        if (std::memcmp(in->bytes(), kXZMagic, 4) != 0 || in->bytes()[4] != kXZMagic[4]) {
+            auto withMagic = Data::withBytes(kXZMagic, sizeof kXZMagic);
+            withMagic->append(*in);
+            in = withMagic;
+        }
+    }
+    lzma_stream* lz = decoders_->lzma.get();
+    lz->next_in = in->bytes();
+    lz->avail_in = in->length();
+    const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
+    auto out = Data::create();
+    for (;;) {
+        std::uint8_t* room = scratch();
+        lz->next_out = room;
+        lz->avail_out = kBufferSize;
+        const lzma_ret result = lzma_code(lz, action);
+        out->append(room, kBufferSize - lz->avail_out);
+        if (result == LZMA_OK) {
+            // When finishing, liblzma answers a call that can make no progress
+            // with LZMA_BUF_ERROR: that is how a truncated stream shows.
+            if (!isFinal && lz->avail_in == 0 && lz->avail_out != 0) break;
+            continue;
+        }
+        if (result == LZMA_STREAM_END) {
+            finished_ = true;
+            break;
+        }
+        lz->next_in = nullptr;
+        lz->avail_in = 0;
+        setError(error, QXGenerateError("lzma_code", result));
+        return nullptr;
+    }
+    lz->next_in = nullptr;
+    lz->avail_in = 0;
+    return out;
+}
+
+std::uint8_t* QXDecompressor::scratch() {
+    // Left uninitialised: decoders only hand back bytes they wrote.
+    if (!buffer_) buffer_.reset(new std::uint8_t[kBufferSize]);
+    return buffer_.get();
+}
+
+Ref<Error> QXDecompressor::failPBZX(int result) {
+    QXLog("Error decoding PBZX file: %ld", static_cast<long>(result));
+    Ref<Error> error;
+    switch (result) {
+    case 1: error = cocoaError(256); break;
+    case 4: error = posixError(22); break;
+    case 5: error = cocoaError(259); break;
+    default: error = QXGenerateError("QXPBZXDecode", result); break;
+    }
+    cancelWithError(error);
+    return error;
+}
+
+Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool* shouldRunAgain,
+                                      Ref<Error>* error) {
+    if (cancelled_) {
+        setError(error, cancelError_ ? cancelError_ : cocoaError(3072));
+        return nullptr;
+    }
+    Ref<Data> in = input;
+    if (!firstDataRead_) {
+        if (in->length() <= 3) {
+            streamIn_->append(*in);
+            return Data::create();
+        }
+        if (std::memcmp(in->bytes(), kPBZXMagic, 4) != 0) {
+            auto withMagic = Data::withBytes(kPBZXMagic, sizeof kPBZXMagic);
+            withMagic->append(*in);
+            in = withMagic;
+        }
+    }
+    QXPBZXDecodeStream* s = decoders_->pbzx.get();
+    s->next_in = in->bytes();
+    s->avail_in = in->length();
+    std::uint8_t* staging = scratch();
+    auto out = Data::create();
+    int result;
+    do {
+        s->next_out = staging;
+        s->avail_out = kBufferSize;
+        const std::uint64_t before = s->total_out;
+        result = QXPBZXDecode(s);
+        if (result == 1 || result > 3 || result < 0) {
+            setError(error, failPBZX(result));
+            return nullptr;
+        }
+        const std::uint64_t staged = s->total_out - before;
+        if (staged > 0 && s->chunk_started) {
+            Ref<Error> operationError;
+            auto chunk = PBZXChunk::create(
+                s->chunk_compressed ? QXDecompressionAlgorithmAutomatic : QXDecompressionAlgorithmNone,
+                &operationError);
+            if (!chunk) {
+                cancelWithError(operationError);
+                setError(error, operationError);
+                return nullptr;
+            }
+            currentOperation_ = chunk;
+            operations_.push_back(chunk);
+        }
+        if (staged > 0 && currentOperation_) currentOperation_->provideInputData(staging, staged, s->chunk_ended);
+        // The container ends here: a chunk cut short is closed with what it
+        // has, so that its decoder reports the truncation (xz does) instead of
+        // waiting for bytes that never come.
+        if (isFinal && result == 3 && currentOperation_ && currentOperation_->hasMoreInputComing())
+            currentOperation_->provideInputData(nullptr, 0, true);
+        if (auto failure = operationError()) {
+            cancelWithError(failure);
+            setError(error, failure);
+            return nullptr;
+        }
+        // Chunks are decoded as they arrive, so all finished ones drain here.
+        while (!operations_.empty()) {
+            auto& first = operations_.front();
+            out->append(*first->consumeOutputData());
+            if (!first->isFinished()) break;
+            operations_.erase(operations_.begin());
+        }
+    } while (result == 2);
+    if (shouldRunAgain)
+        *shouldRunAgain = isFinal && !operations_.empty() && !operations_.front()->isFinished();
+    return out;
+}
+
+Ref<Data> QXDecompressor::explodeRoutine(const Ref<Data>& input, Ref<Error>* error) {
+    QXExplodeStream* s = decoders_->explode.get();
+    s->next_in = input->bytes();
+    s->avail_in = input->length();
+    auto out = Data::create();
+    int result;
+    for (;;) {
+        const std::uint8_t* bytes = nullptr;
+        std::uint64_t count = 0;
+        result = QXExplode(s, &bytes, &count);
+        if ((result == 0 || result == 2) && count > 0) out->append(bytes, count);
+        if (result == 2 && s->avail_in > 0 && count > 0) continue;
+        break;
+    }
+    s->next_in = nullptr;
+    s->avail_in = 0;
+    if (result == 0 || result == 2) return out;
+    QXLog("error decompressing: %ld", static_cast<long>(result));
+    switch (result) {
+    case 1: setError(error, cocoaError(256)); break;
+    case 3: setError(error, posixError(22)); break;
+    case 4: setError(error, cocoaError(259)); break;
+    default: setError(error, QXGenerateError("QXExplode", result)); break;
+    }
+    return nullptr;
+}
+
+Ref<Data> QXDecompressor::unshrinkRoutine(const Ref<Data>& input, Ref<Error>* error) {
+    QXUnshrinkStream* s = decoders_->unshrink.get();
+    s->next_in = input->bytes();
+    s->avail_in = input->length();
+    auto out = Data::create();
+    int result;
+    for (;;) {
+        std::uint8_t* room = scratch();
+        s->next_out = room;
+        s->avail_out = kBufferSize;
+        result = QXUnshrink(s);
+        const std::size_t written = kBufferSize - s->avail_out;
+        if (result >= 0 && result <= 2) out->append(room, written);
+        if (result == 2 && (written > 0 || s->avail_in > 0)) continue;
+        break;
+    }
+    s->next_in = nullptr;
+    s->avail_in = 0;
+    s->next_out = nullptr;
+    s->avail_out = 0;
+    if (result == 0 || result == 2) return out;
+    QXLog("Error decompressing: %ld", static_cast<long>(result));
+    switch (result) {
+    case 1: setError(error, cocoaError(256)); break;
+    case 3: setError(error, posixError(22)); break;
+    case 4: setError(error, cocoaError(259)); break;
+    default: setError(error, QXGenerateError("QXUnshrink", result)); break;
+    }
+    return nullptr;
+}
+
+void QXDecompressor::cancel() { cancelWithError(cocoaError(3072)); }
+
+void QXDecompressor::cancelWithError(const Ref<Error>& error) {
+    cancelled_ = true;
+    cancelError_ = error;
+    for (auto& operation : operations_) operation->cancelWithError(error);
+}
+
+Ref<Error> QXDecompressor::operationError() const {
+    for (const auto& operation : operations_)
+        if (operation->error()) return operation->error();
+    for (const auto& operation : operations_)
+        if (operation->isCancelled()) return cocoaError(3072);
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Detection
+
+Ref<qx::Array> QXDecompressor::supportedFilenameExtensions() {
+    auto list = qx::Array::create();
+    for (const char* extension : {"gz", "gzip", "bz", "bz2", "xz"}) list->addObject(qx::str(extension));
+    return list;
+}
+
+std::uint64_t QXDecompressor::maxMagicLength() {
+    static std::once_flag once;
+    static std::uint64_t length = 0;
+    std::call_once(once, [] {
+        for (std::uint64_t prefixLength : {2, 2, 3, 6, 4}) length = std::max(length, prefixLength);
+    });
+    return length;
+}
+
+bool QXDecompressor::doesMagic(const Ref<qx::Array>& magics, const Ref<Data>& data) {
+    if (!magics || !data) return false;
+    for (const auto& object : *magics) {
+        auto prefix = qx::dyn_cast<Data>(object);
+        if (!prefix || prefix->length() > data->length()) continue;
+        if (std::memcmp(prefix->bytes(), data->bytes(), prefix->length()) == 0) return true;
+    }
+    return false;
+}
+
+bool QXDecompressor::doesMagicMatch(const Ref<qx::Array>& magics, const Ref<qx::URL>& url) {
+    if (!magics || !url) return false;
+    std::size_t longest = 0;
+    for (const auto& object : *magics)
+        if (auto prefix = qx::dyn_cast<Data>(object)) longest = std::max(longest, prefix->length());
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+    if (!handle) return false;
+    try {
+        auto head = handle->readDataOfLength(longest);
+        handle->closeFile();
+        return doesMagic(magics, head);
+    } catch (const qx::Exception&) {
+        return false;
+    }
+}
+
+bool QXDecompressor::isFileGZCompressedAtURL(const Ref<qx::URL>& url) { return doesMagicMatch(gzipMagic(), url); }
+bool QXDecompressor::isFileZlibCompressedAtURL(const Ref<qx::URL>& url) { return doesMagicMatch(zlibMagic(), url); }
+bool QXDecompressor::isFileBZ2CompressedAtURL(const Ref<qx::URL>& url) { return doesMagicMatch(bzip2Magic(), url); }
+bool QXDecompressor::isFileXZCompressedAtURL(const Ref<qx::URL>& url) { return doesMagicMatch(xzMagic(), url); }
+bool QXDecompressor::isFilePBZXCompressedAtURL(const Ref<qx::URL>& url) { return doesMagicMatch(pbzxMagic(), url); }
+bool QXDecompressor::isDataGZCompressed(const Ref<Data>& data) { return doesMagic(gzipMagic(), data); }
+bool QXDecompressor::isDataZlibCompressed(const Ref<Data>& data) { return doesMagic(zlibMagic(), data); }
+bool QXDecompressor::isDataBZ2Compressed(const Ref<Data>& data) { return doesMagic(bzip2Magic(), data); }
+bool QXDecompressor::isDataXZCompressed(const Ref<Data>& data) { return doesMagic(xzMagic(), data); }
+bool QXDecompressor::isDataPBZXCompressed(const Ref<Data>& data) { return doesMagic(pbzxMagic(), data); }
+
+bool QXDecompressor::isFileCompressedAtURL(const Ref<qx::URL>& url, QXDecompressionAlgorithm* algorithm) {
+    // Read the head once and test it in the file order.
+    auto handle = url ? qx::FileHandle::fileHandleForReadingFromURL(url) : nullptr;
+    Ref<Data> head;
+    if (handle) {
+        try {
+            head = handle->readDataOfLength(maxMagicLength());
+            handle->closeFile();
+        } catch (const qx::Exception&) {
+            head = nullptr;
+        }
+    }
+    QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
+    if (head) {
+        if (isDataGZCompressed(head)) found = QXDecompressionAlgorithmGzip;
+        else if (isDataBZ2Compressed(head)) found = QXDecompressionAlgorithmBZip2;
+        else if (isDataXZCompressed(head)) found = QXDecompressionAlgorithmXZ;
+        else if (isDataPBZXCompressed(head)) found = QXDecompressionAlgorithmPBZX;
+        else if (isDataZlibCompressed(head)) found = QXDecompressionAlgorithmZlib;
+    }
+    if (algorithm) *algorithm = found;
+    return found != QXDecompressionAlgorithmNone;
+}
+
+bool QXDecompressor::isDataCompressed(const Ref<Data>& data, QXDecompressionAlgorithm* algorithm) {
+    QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
+    if (isDataGZCompressed(data)) found = QXDecompressionAlgorithmGzip;
+    else if (isDataZlibCompressed(data)) found = QXDecompressionAlgorithmZlib;
+    else if (isDataBZ2Compressed(data)) found = QXDecompressionAlgorithmBZip2;
+    else if (isDataXZCompressed(data)) found = QXDecompressionAlgorithmXZ;
+    else if (isDataPBZXCompressed(data)) found = QXDecompressionAlgorithmPBZX;
+    if (algorithm) *algorithm = found;
+    return found != QXDecompressionAlgorithmNone;
+}
+
+std::uint64_t QXDecompressor::uncompressedSizeOfGZFileAtURL(const Ref<qx::URL>& url) {
+    if (!isFileGZCompressedAtURL(url)) return 0;
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+    if (!handle) return 0;
+    try {
+        const std::uint64_t end = handle->seekToEndOfFile();
+        if (end < 4) return 0;
+        handle->seekToFileOffset(end - 4);
+        auto tail = handle->readDataOfLength(4);
+        if (tail->length() < 4) return 0;
+        const std::uint8_t* p = tail->bytes();
+        return std::uint64_t(p[0]) | std::uint64_t(p[1]) << 8 | std::uint64_t(p[2]) << 16 | std::uint64_t(p[3]) << 24;
+    } catch (const qx::Exception& e) {
+        QXLog("uncompressedSizeOfGZFileAtURL: exception ignored: %@", qx::str(e.description()));
+        return 0;
+    }
+}
+
+std::uint64_t QXDecompressor::uncompressedSizeOfPBZXFileAtURL(const Ref<qx::URL>& url) {
+    auto handle = url ? qx::FileHandle::fileHandleForReadingFromURL(url) : nullptr;
+    if (!handle || !isFilePBZXCompressedAtURL(url)) return 0;
+    std::uint64_t sum = 0;
+    try {
+        std::uint64_t position = 12;
+        handle->seekToFileOffset(position);
+        for (;;) {
+            auto header = handle->readDataOfLength(16);
+            if (header->length() < 16) break;
+            sum += readBigEndian64(header->bytes());
+            const std::uint64_t compressedSize = readBigEndian64(header->bytes() + 8);
+            position += 16;
+            if (compressedSize > std::numeric_limits<std::uint64_t>::max() - position) break;
+            position += compressedSize;
+            handle->seekToFileOffset(position);
+        }
+    } catch (const qx::Exception& e) {
+        QXLog("uncompressedSizeOfPBZXFileAtURL: exception ignored: %@", qx::str(e.description()));
+        return 0;
+    }
+    return sum;
+}
+
+// ---------------------------------------------------------------------------
+// Shared resources
+
+std::int64_t QXDecompressor::maxOperationCount() {
+    const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
+    return 2 * static_cast<std::int64_t>(processors);
+}
+
+Ref<qx::OperationQueue> QXDecompressor::operationQueue() {
+    static std::once_flag once;
+    static Ref<qx::OperationQueue> queue;
+    std::call_once(once, [] {
+        queue = qx::OperationQueue::create("com.tovarik.QXFoundation.QXDecompressor");
+        queue->setMaxConcurrentOperationCount(static_cast<int>(maxOperationCount()));
+    });
+    return queue;
+}
+
+// ---------------------------------------------------------------------------
+// Synchronous drivers
+
+Ref<Data> QXDecompressor::decompressedDataFromData(const Ref<Data>& data, QXDecompressionAlgorithm algorithm,
+                                                   Ref<Error>* error) {
+    auto decompressor = initForStreamingWithAlgorithm(algorithm, error);
+    if (!decompressor) return nullptr;
+    auto result = Data::create();
+    bool again = false;
+    do {
+        auto out = decompressor->decompressedDataFromStreamWithInputData(data, true, &again, error);
+        if (!out) return nullptr;
+        result->append(*out);
+    } while (again);
+    return result;
+}
+
+Ref<Data> QXDecompressor::decompressedDataFromData(const Ref<Data>& data, Ref<Error>* error) {
+    return decompressedDataFromData(data, QXDecompressionAlgorithmAutomatic, error);
+}
+
+Ref<Data> QXDecompressor::decompressedDataFromFileAtURL(const Ref<qx::URL>& url, std::uint64_t offset,
+                                                        std::uint64_t length, QXDecompressionAlgorithm algorithm,
+                                                        Ref<Error>* error) {
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(url, error);
+    if (!handle) return nullptr;
+    if (algorithm == QXDecompressionAlgorithmAutomatic) isFileCompressedAtURL(url, &algorithm);
+    auto result = decompressedDataFromFileHandle(handle, offset, length, algorithm, error);
+    try {
+        handle->closeFile();
+    } catch (const qx::Exception&) {
+    }
+    return result;
+}
+
+Ref<Data> QXDecompressor::decompressedDataFromFileAtURL(const Ref<qx::URL>& url, std::uint64_t offset,
+                                                        std::uint64_t length, Ref<Error>* error) {
+    return decompressedDataFromFileAtURL(url, offset, length, QXDecompressionAlgorithmAutomatic, error);
+}
+
+Ref<Data> QXDecompressor::decompressedDataFromFileAtURL(const Ref<qx::URL>& url, Ref<Error>* error) {
+    return decompressedDataFromFileAtURL(url, 0, 0, error);
+}
+
+Ref<Data> QXDecompressor::decompressedDataFromFileHandle(const Ref<qx::FileHandle>& handle, std::uint64_t offset,
+                                                         std::uint64_t length, QXDecompressionAlgorithm algorithm,
+                                                         Ref<Error>* error) {
+    auto result = Data::create();
+    const std::int64_t count = decompressFileHandle(
+        handle, algorithm, offset, length, [&](const Ref<Data>& piece) { result->append(*piece); }, nullptr, nullptr,
+        error);
+    if (count < 0) return nullptr;
+    return result;
+}
+
+std::int64_t QXDecompressor::decompressFileHandle(const Ref<qx::FileHandle>& handle,
+                                                  QXDecompressionAlgorithm algorithm, std::uint64_t offset,
+                                                  std::uint64_t length, const DataBlock& dataBlock,
+                                                  const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                                  Ref<Error>* error) {
+    if (!handle) {
+        setError(error, posixError(22));
+        return -1;
+    }
+    if (algorithm == QXDecompressionAlgorithmGzip)
+        return decompressGZFileHandle(handle, static_cast<std::int64_t>(offset), length, dataBlock, cancelBlock,
+                                      progressBlock, error);
+    auto decompressor = initForStreamingWithAlgorithm(algorithm, error);
+    if (!decompressor) return -1;
+
+    constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
+    const std::uint64_t end = length == 0 ? kMax : (offset > kMax - length ? kMax : offset + length);
+    std::uint64_t total = 0;
+    bool cancelled = false;
+
+    auto deliver = [&](const Ref<Data>& out) {
+        std::uint64_t produced = out->length();
+        std::uint64_t newTotal = total + produced;
+        if (newTotal > offset) {
+            if (length != 0 && newTotal > end) {
+                const std::uint64_t cut = newTotal - end;
+                out->setLength(out->length() - cut);
+                produced -= cut;
+                newTotal -= cut;
+            }
+            if (dataBlock) {
+                Ref<Data> piece = out;
+                if (total < offset) piece = out->subdata(offset - total, out->length() - (offset - total));
+                dataBlock(piece);
+            }
+            if (progressBlock) progressBlock(static_cast<std::int64_t>(produced));
+        }
+        total = newTotal;
+    };
+    auto askCancel = [&] { return cancelBlock && cancelBlock(); };
+
+    try {
+        for (;;) {
+            if (askCancel()) {
+                cancelled = true;
+                break;
+            }
+            auto chunk = handle->readDataOfLength(kBufferSize);
+            const bool isFinal = chunk->length() == 0;
+            bool again = false;
+            auto out = decompressor->decompressedDataFromStreamWithInputData(chunk, isFinal, &again, error);
+            if (!out) return -1;
+            deliver(out);
+            while (again) {
+                if (askCancel()) {
+                    cancelled = true;
+                    break;
+                }
+                out = decompressor->decompressedDataFromStreamWithInputData(Data::create(), isFinal, &again, error);
+                if (!out) return -1;
+                deliver(out);
+            }
+            if (cancelled || isFinal) break;
+            if (length != 0 && total >= end) break;
+        }
+    } catch (const qx::Exception& e) {
+        setError(error, exceptionError(e, 256));
+        return -1;
+    }
+    if (cancelled) {
+        decompressor->cancel();
+        setError(error, cocoaError(3072));
+        return -1;
+    }
+    if (total < offset) {
+        setError(error, cocoaError(256));
+        return -1;
+    }
+    return static_cast<std::int64_t>(total - offset);
+}
+
+namespace {
+struct GzFileCloser {
+    void operator()(gzFile_s* file) const {
+        const int result = gzclose(file);
+        if (result != Z_OK) QXLog("Error %d closing file", result);
+    }
+};
+} // namespace
+
+std::int64_t QXDecompressor::decompressGZFileHandle(const Ref<qx::FileHandle>& handle, std::int64_t offset,
+                                                    std::uint64_t length, const DataBlock& dataBlock,
+                                                    const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                                    Ref<Error>* error) {
+    const int fd = handle ? ::dup(handle->fileDescriptor()) : -1;
+    gzFile file = fd >= 0 ? gzdopen(fd, "rb") : nullptr;
+    if (!file) {
+        if (fd >= 0) ::close(fd);
+        QXLog("Error opening file!");
+        setError(error, cocoaError(256));
+        return -1;
+    }
+    std::unique_ptr<gzFile_s, GzFileCloser> owner(file);
+    if (offset < 0) {
+        setError(error, posixError(22));
+        return -1;
+    }
+    if (offset > 0) gzseek(file, static_cast<z_off_t>(offset), SEEK_SET);
+
+    std::vector<std::uint8_t> buffer(kBufferSize);
+    std::uint64_t total = 0;
+    while (total <= length - 1) {  // unsigned: length 0 never stops the loop
+        if (gzeof(file)) break;
+        if (cancelBlock && cancelBlock()) break;
+        std::uint64_t want = kBufferSize;
+        if (length != 0 && length - total < want) want = length - total;
+        const int count = gzread(file, buffer.data(), static_cast<unsigned>(want));
+        if (count < 0) {
+            QXLog("Error! Aborting read\n");
+            break;
+        }
+        if (count == 0) break;  // nothing more without an end flag: a damaged stream, reported below
+        if (dataBlock) dataBlock(Data::withBytes(buffer.data(), static_cast<std::size_t>(count)));
+        if (progressBlock) progressBlock(count);
+        total += static_cast<std::uint64_t>(count);
+    }
+    int code = Z_OK;
+    const char* message = gzerror(file, &code);
+    if (code < 0 || code > 1) {
+        auto text = qx::str(message ? message : "");
+        QXLog("Error %d unpacking file: %@", code, text);
+        setError(error, QXGenerateError("gzread", code, nullptr, nullptr, nullptr, QXFLocalizedString("gzread: %@"),
+                                        text));
+        return -1;
+    }
+    return static_cast<std::int64_t>(total);
+}
+
+void QXDecompressor::writeData(const Ref<Data>& data, const std::vector<Ref<qx::FileHandle>>& handles) {
+    if (!data) return;
+    for (const auto& handle : handles)
+        if (handle) handle->writeData(*data);
+}
+
+std::int64_t QXDecompressor::decompressFileAtURLToFileHandleArray(const Ref<qx::URL>& url,
+                                                                  const std::vector<Ref<qx::FileHandle>>& handles,
+                                                                  QXDecompressionAlgorithm algorithm,
+                                                                  const CancelBlock& cancelBlock,
+                                                                  const ProgressBlock& progressBlock,
+                                                                  Ref<Error>* error) {
+    auto source = qx::FileHandle::fileHandleForReadingFromURL(url, error);
+    if (!source) return -1;
+    // A failed write stops the driver through its cancel check and is
+    // reported as the write fault it was, not as a cancel.
+    Ref<Error> writeError;
+    auto write = [&](const Ref<Data>& piece) {
+        if (writeError) return;
+        try {
+            writeData(piece, handles);
+        } catch (const qx::Exception& e) {
+            writeError = exceptionError(e, 512);
+        }
+    };
+    auto cancel = [&] { return writeError || (cancelBlock && cancelBlock()); };
+    Ref<Error> driverError;
+    std::int64_t count = decompressFileHandle(source, algorithm, 0, 0, write, cancel, progressBlock, &driverError);
+    try {
+        source->closeFile();
+    } catch (const qx::Exception&) {
+    }
+    if (writeError) {
+        setError(error, writeError);
+        return -1;
+    }
+    if (count < 0) setError(error, driverError);
+    return count;
+}
+
+std::int64_t QXDecompressor::decompressFileAtURLToFileHandle(const Ref<qx::URL>& url,
+                                                             const Ref<qx::FileHandle>& handle,
+                                                             QXDecompressionAlgorithm algorithm,
+                                                             const CancelBlock& cancelBlock,
+                                                             const ProgressBlock& progressBlock, Ref<Error>* error) {
+    return decompressFileAtURLToFileHandleArray(url, {handle}, algorithm, cancelBlock, progressBlock, error);
+}
+
+std::int64_t QXDecompressor::decompressFileAtURLToURL(const Ref<qx::URL>& url, const Ref<qx::URL>& destination,
+                                                      QXDecompressionAlgorithm algorithm,
+                                                      const CancelBlock& cancelBlock,
+                                                      const ProgressBlock& progressBlock, Ref<Error>* error) {
+    if (!url || !destination || !destination->isFileURL()) {
+        setError(error, posixError(22));
+        return -1;
+    }
+    const std::string& path = destination->path();
+    const auto slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+    const std::string temporary =
+        directory + "." + destination->lastPathComponent() + "." + qx::UUID::create()->UUIDString() + ".partial";
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        setError(error, QXGenerateError(qx::NSPOSIXErrorDomain, errno, destination));
+        return -1;
+    }
+    auto handle = qx::FileHandle::initWithFileDescriptor(fd, true);
+    std::int64_t count = decompressFileAtURLToFileHandle(url, handle, algorithm, cancelBlock, progressBlock, error);
+    try {
+        handle->closeFile();
+    } catch (const qx::Exception& e) {
+        if (count >= 0) {
+            setError(error, exceptionError(e, 512));
+            count = -1;
+        }
+    }
+    if (count >= 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
+        setError(error, QXGenerateError(qx::NSPOSIXErrorDomain, errno, destination));
+        count = -1;
+    }
+    if (count < 0) ::unlink(temporary.c_str());
+    return count;
+}
+
+std::int64_t QXDecompressor::decompressFileAtURLToURL(const Ref<qx::URL>& url, const Ref<qx::URL>& destination,
+                                                      const CancelBlock& cancelBlock,
+                                                      const ProgressBlock& progressBlock, Ref<Error>* error) {
+    return decompressFileAtURLToURL(url, destination, QXDecompressionAlgorithmAutomatic, cancelBlock, progressBlock,
+                                    error);
+}
+
+std::int64_t QXDecompressor::decompressFileAtURLToURL(const Ref<qx::URL>& url, const Ref<qx::URL>& destination,
+                                                      Ref<Error>* error) {
+    return decompressFileAtURLToURL(url, destination, nullptr, nullptr, error);
+}
+
+std::int64_t QXDecompressor::decompressFileAtURL(const Ref<qx::URL>& url, const CancelBlock& cancelBlock,
+                                                 const ProgressBlock& progressBlock, Ref<Error>* error) {
+    if (!url || !url->isFileURL()) {
+        setError(error, posixError(22));
+        return -1;
+    }
+    const std::string& path = url->path();
+    const auto slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? std::string("./") : path.substr(0, slash + 1);
+    auto sibling = qx::URL::fileURLWithPath(directory + qx::UUID::create()->UUIDString());
+    const std::int64_t count = decompressFileAtURLToURL(url, sibling, QXDecompressionAlgorithmAutomatic, cancelBlock,
+                                                        progressBlock, error);
+    if (count <= 0) {
+        if (count == 0) ::unlink(sibling->path().c_str());
+        return count;
+    }
+    if (::rename(sibling->path().c_str(), path.c_str()) != 0) {
+        setError(error, QXGenerateError(qx::NSPOSIXErrorDomain, errno, url));
+        ::unlink(sibling->path().c_str());
+        return -1;
+    }
+    return count;
+}
+
+std::int64_t QXDecompressor::decompressFileAtURL(const Ref<qx::URL>& url, Ref<Error>* error) {
+    return decompressFileAtURL(url, nullptr, nullptr, error);
+}

@@ -1,0 +1,701 @@
+// DecompressorTests.cpp - detection, the streaming decompressor and its drivers,
+// on payloads made at test time by zlib, libbz2 and liblzma.
+#include <gtest/gtest.h>
+
+#include <QXFoundation/QXDecompressor.h>
+
+#include "LegacyZipEncoders.h"
+
+#include <qx/Log.h>
+#include <qx/String.h>
+
+#include <bzlib.h>
+#include <lzma.h>
+#include <zlib.h>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+using qx::Data;
+using qx::Error;
+using qx::Ref;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+// Text-like bytes that compress well but not trivially.
+Bytes makePayload(std::size_t size, unsigned seed = 1) {
+    static const char* words[] = {"alpha ", "bravo ", "charlie ", "delta\n", "echo ", "foxtrot ", "golf ", "hotel "};
+    std::mt19937 rng(seed);
+    Bytes out;
+    out.reserve(size);
+    while (out.size() < size) {
+        const char* w = words[rng() % 8];
+        for (const char* p = w; *p && out.size() < size; ++p) out.push_back(static_cast<std::uint8_t>(*p));
+        if (rng() % 5 == 0 && out.size() < size) out.push_back(static_cast<std::uint8_t>(rng()));
+    }
+    return out;
+}
+
+Bytes randomBytes(std::size_t size, unsigned seed) {
+    std::mt19937 rng(seed);
+    Bytes out(size);
+    for (auto& b : out) b = static_cast<std::uint8_t>(rng());
+    return out;
+}
+
+// windowBits: 15 zlib, 31 gzip, -15 raw deflate.
+Bytes deflateBytes(const Bytes& in, int windowBits, int level = 6) {
+    z_stream z{};
+    EXPECT_EQ(deflateInit2(&z, level, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    Bytes out(deflateBound(&z, in.size()) + 64);
+    z.next_in = const_cast<Bytef*>(in.data());
+    z.avail_in = static_cast<uInt>(in.size());
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    return out;
+}
+
+Bytes bzip2Bytes(const Bytes& in) {
+    unsigned length = static_cast<unsigned>(in.size() + in.size() / 100 + 1024);
+    Bytes out(length);
+    EXPECT_EQ(BZ2_bzBuffToBuffCompress(reinterpret_cast<char*>(out.data()), &length,
+                                       const_cast<char*>(reinterpret_cast<const char*>(in.data())),
+                                       static_cast<unsigned>(in.size()), 9, 0, 0),
+              BZ_OK);
+    out.resize(length);
+    return out;
+}
+
+Bytes xzBytes(const Bytes& in) {
+    Bytes out(lzma_stream_buffer_bound(in.size()));
+    std::size_t position = 0;
+    EXPECT_EQ(lzma_easy_buffer_encode(1, LZMA_CHECK_CRC64, nullptr, in.data(), in.size(), out.data(), &position,
+                                      out.size()),
+              LZMA_OK);
+    out.resize(position);
+    return out;
+}
+
+void appendBigEndian64(Bytes& out, std::uint64_t v) {
+    for (int i = 7; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+
+// A PBZX container: every piece becomes one chunk, xz-compressed unless its
+// index is listed in stored.
+Bytes pbzxBytes(const std::vector<Bytes>& pieces, const std::vector<std::size_t>& stored = {}) {
+    Bytes out = {'p', 'b', 'z', 'x'};
+    appendBigEndian64(out, 0x01000000);
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        const bool isStored = std::find(stored.begin(), stored.end(), i) != stored.end();
+        const Bytes data = isStored ? pieces[i] : xzBytes(pieces[i]);
+        appendBigEndian64(out, pieces[i].size());
+        appendBigEndian64(out, data.size());
+        out.insert(out.end(), data.begin(), data.end());
+    }
+    return out;
+}
+
+Ref<Data> toData(const Bytes& b) { return Data::withBytes(b.data(), b.size()); }
+Bytes toBytes(const Ref<Data>& d) { return d ? Bytes(d->bytes(), d->bytes() + d->length()) : Bytes{}; }
+
+// Feeds input in pieces of `step` bytes, then an empty final call, draining
+// while the decompressor asks to run again. Null on failure.
+Ref<Data> decodeInPieces(const Ref<QXDecompressor>& d, const Bytes& input, std::size_t step, Ref<Error>* error) {
+    auto out = Data::create();
+    for (std::size_t at = 0; at < input.size(); at += step) {
+        const std::size_t n = std::min(step, input.size() - at);
+        auto piece = d->decompressedDataFromStreamWithInputData(Data::withBytes(input.data() + at, n), false,
+                                                                nullptr, error);
+        if (!piece) return nullptr;
+        out->append(*piece);
+    }
+    bool again = false;
+    do {
+        auto piece = d->decompressedDataFromStreamWithInputData(Data::create(), true, &again, error);
+        if (!piece) return nullptr;
+        out->append(*piece);
+    } while (again);
+    return out;
+}
+
+struct Payloads {
+    Bytes plain = makePayload(300000);
+    Bytes zlib = deflateBytes(plain, 15);
+    Bytes gzip = deflateBytes(plain, 31);
+    Bytes raw = deflateBytes(plain, -15);
+    Bytes bzip2 = bzip2Bytes(plain);
+    Bytes xz = xzBytes(plain);
+    Bytes pbzx = pbzxBytes({Bytes(plain.begin(), plain.begin() + 100000), Bytes(plain.begin() + 100000, plain.begin() + 100100),
+                            Bytes(plain.begin() + 100100, plain.end())},
+                           {1});
+};
+
+const Payloads& payloads() {
+    static const Payloads p;
+    return p;
+}
+
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/qx-decompressor-XXXXXX";
+        path_ = ::mkdtemp(pattern);
+    }
+    ~TempDir() { fs::remove_all(path_); }
+    fs::path path(const std::string& name) const { return path_ / name; }
+    Ref<qx::URL> url(const std::string& name) const { return qx::URL::fileURLWithPath(path(name).string()); }
+    Ref<qx::URL> write(const std::string& name, const Bytes& bytes) const {
+        std::ofstream(path(name), std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                          static_cast<std::streamsize>(bytes.size()));
+        return url(name);
+    }
+    Bytes read(const std::string& name) const {
+        std::ifstream in(path(name), std::ios::binary);
+        return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+    std::vector<std::string> entries() const {
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(path_)) names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    const fs::path& root() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+void expectError(const Ref<Error>& error, const std::string& domain, std::int64_t code) {
+    ASSERT_TRUE(error) << "no error for " << domain << " " << code;
+    EXPECT_EQ(error->domain(), domain);
+    EXPECT_EQ(error->code(), code) << error->localizedDescription();
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Detection
+
+TEST(DecompressorDetection, MagicTableLimitsAndExtensions) {
+    EXPECT_EQ(QXDecompressor::maxMagicLength(), 6u);
+    auto extensions = QXDecompressor::supportedFilenameExtensions();
+    std::vector<std::string> names;
+    for (const auto& e : *extensions) names.push_back(qx::dyn_cast<qx::String>(e)->utf8());
+    EXPECT_EQ(names, (std::vector<std::string>{"gz", "gzip", "bz", "bz2", "xz"}));
+    auto queue = QXDecompressor::operationQueue();
+    EXPECT_EQ(queue, QXDecompressor::operationQueue());
+    EXPECT_EQ(queue->maxConcurrentOperationCount(), QXDecompressor::maxOperationCount());
+}
+
+TEST(DecompressorDetection, RealPayloadsAreRecognisedFromDataAndFiles) {
+    const auto& p = payloads();
+    const std::vector<std::pair<const Bytes*, QXDecompressionAlgorithm>> cases = {
+        {&p.gzip, QXDecompressionAlgorithmGzip}, {&p.zlib, QXDecompressionAlgorithmZlib},
+        {&p.bzip2, QXDecompressionAlgorithmBZip2}, {&p.xz, QXDecompressionAlgorithmXZ},
+        {&p.pbzx, QXDecompressionAlgorithmPBZX}, {&p.raw, QXDecompressionAlgorithmNone},
+        {&p.plain, QXDecompressionAlgorithmNone}};
+    TempDir dir;
+    for (const auto& [bytes, expected] : cases) {
+        QXDecompressionAlgorithm fromData = 99, fromFile = 99;
+        EXPECT_EQ(QXDecompressor::isDataCompressed(toData(*bytes), &fromData), expected != 0);
+        EXPECT_EQ(fromData, expected);
+        auto url = dir.write("f", *bytes);
+        EXPECT_EQ(QXDecompressor::isFileCompressedAtURL(url, &fromFile), expected != 0);
+        EXPECT_EQ(fromFile, expected);
+    }
+    EXPECT_TRUE(QXDecompressor::isFileXZCompressedAtURL(dir.write("x", p.xz)));
+    EXPECT_FALSE(QXDecompressor::isFileGZCompressedAtURL(dir.url("missing")));
+    QXDecompressionAlgorithm missing = 99;
+    EXPECT_FALSE(QXDecompressor::isFileCompressedAtURL(dir.url("missing"), &missing));
+    EXPECT_EQ(missing, 0);
+}
+
+TEST(DecompressorDetection, ZlibPrefixesAndShortData) {
+    for (std::uint8_t second : {0x9C, 0xDA, 0x01})
+        EXPECT_TRUE(QXDecompressor::isDataZlibCompressed(toData({0x78, second, 0x00})));
+    EXPECT_FALSE(QXDecompressor::isDataZlibCompressed(toData({0x78, 0x5E, 0x00})));
+    EXPECT_FALSE(QXDecompressor::isDataGZCompressed(toData({0x1F})));
+    EXPECT_FALSE(QXDecompressor::isDataXZCompressed(toData({0xFD, 0x37, 0x7A, 0x58, 0x5A})));
+    EXPECT_FALSE(QXDecompressor::isDataCompressed(Data::create()));
+    // A prefix list is tried in order and each prefix must fit in the data.
+    auto magics = qx::Array::create();
+    magics->addObject(toData({1, 2, 3, 4}));
+    magics->addObject(toData({1, 2}));
+    EXPECT_TRUE(QXDecompressor::doesMagic(magics, toData({1, 2, 3})));
+    EXPECT_FALSE(QXDecompressor::doesMagic(magics, toData({1})));
+}
+
+// ---------------------------------------------------------------------------
+// The streaming object
+
+TEST(DecompressorStreaming, EveryFormatDecodesWholeAndInPieces) {
+    const auto& p = payloads();
+    const std::vector<std::tuple<const char*, const Bytes*, QXDecompressionAlgorithm>> cases = {
+        {"gzip auto", &p.gzip, -1},  {"gzip", &p.gzip, 4},          {"gzip any", &p.gzip, 1},
+        {"zlib auto", &p.zlib, -1},  {"zlib", &p.zlib, 3},          {"zlib any", &p.zlib, 1},
+        {"raw", &p.raw, 2},          {"raw any", &p.raw, 1},        {"bzip2 auto", &p.bzip2, -1},
+        {"bzip2", &p.bzip2, 5},      {"xz auto", &p.xz, -1},        {"xz", &p.xz, 6},
+        {"pbzx auto", &p.pbzx, -1},  {"pbzx", &p.pbzx, 7}};
+    for (const auto& [name, input, algorithm] : cases) {
+        SCOPED_TRACE(name);
+        Ref<Error> error;
+        auto whole = QXDecompressor::decompressedDataFromData(toData(*input), algorithm, &error);
+        ASSERT_TRUE(whole) << (error ? error->localizedDescription() : "");
+        EXPECT_EQ(toBytes(whole), p.plain);
+        for (std::size_t step : {7u, 4093u, 65536u}) {
+            SCOPED_TRACE(step);
+            auto d = QXDecompressor::initForStreamingWithAlgorithm(algorithm, &error);
+            ASSERT_TRUE(d);
+            auto out = decodeInPieces(d, *input, step, &error);
+            ASSERT_TRUE(out) << (error ? error->localizedDescription() : "");
+            EXPECT_EQ(toBytes(out), p.plain);
+        }
+    }
+}
+
+TEST(DecompressorStreaming, OneByteAtATime) {
+    const Bytes plain = makePayload(20000, 7);
+    const std::vector<std::pair<Bytes, QXDecompressionAlgorithm>> cases = {
+        {deflateBytes(plain, 31), -1}, {deflateBytes(plain, 15), 1}, {deflateBytes(plain, -15), 2},
+        {bzip2Bytes(plain), -1},       {xzBytes(plain), 6},          {pbzxBytes({plain}), -1}};
+    for (const auto& [input, algorithm] : cases) {
+        SCOPED_TRACE(algorithm);
+        Ref<Error> error;
+        auto d = QXDecompressor::initForStreamingWithAlgorithm(algorithm, &error);
+        ASSERT_TRUE(d);
+        auto out = decodeInPieces(d, input, 1, &error);
+        ASSERT_TRUE(out) << (error ? error->localizedDescription() : "");
+        EXPECT_EQ(toBytes(out), plain);
+    }
+}
+
+TEST(DecompressorStreaming, ShortFirstChunksAreHeldUntilTheyDecide) {
+    const auto& p = payloads();
+    // Deflate family, decided from two bytes: one byte is held.
+    auto any = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmDeflateAny);
+    auto first = any->decompressedDataFromStreamWithInputData(toData({p.zlib[0]}), false);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->length(), 0u);
+    EXPECT_FALSE(any->isSetUp());
+    auto rest = any->decompressedDataFromStreamWithInputData(toData(Bytes(p.zlib.begin() + 1, p.zlib.end())), true);
+    ASSERT_TRUE(rest);
+    EXPECT_EQ(any->algorithm(), QXDecompressionAlgorithmZlib);
+    EXPECT_EQ(toBytes(rest), p.plain);
+
+    // Gzip keeps 8 bytes back: a chunk of 8 decodes nothing, yet nothing is lost.
+    auto gz = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmGzip);
+    auto head = gz->decompressedDataFromStreamWithInputData(toData(Bytes(p.gzip.begin(), p.gzip.begin() + 8)), false);
+    ASSERT_TRUE(head);
+    EXPECT_EQ(head->length(), 0u);
+    auto tail = gz->decompressedDataFromStreamWithInputData(toData(Bytes(p.gzip.begin() + 8, p.gzip.end())), true);
+    EXPECT_EQ(toBytes(tail), p.plain);
+
+    // Automatic detection holds bytes that match no prefix yet.
+    auto automatic = QXDecompressor::initForStreamingAndReturnError();
+    EXPECT_EQ(automatic->decompressedDataFromStreamWithInputData(toData({0xFD, 0x37, 0x7A}), false)->length(), 0u);
+    EXPECT_EQ(automatic->algorithm(), QXDecompressionAlgorithmAutomatic);
+    auto xzOut = automatic->decompressedDataFromStreamWithInputData(toData(Bytes(p.xz.begin() + 3, p.xz.end())), true);
+    EXPECT_EQ(automatic->algorithm(), QXDecompressionAlgorithmXZ);
+    EXPECT_EQ(toBytes(xzOut), p.plain);
+
+    // Unrecognised data never decodes, however much of it comes, and a file of
+    // it goes through the handle driver as nothing.
+    TempDir dir;
+    auto plainURL = dir.write("plain", randomBytes(3000000, 4));
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(plainURL);
+    EXPECT_EQ(QXDecompressor::decompressFileHandle(handle, QXDecompressionAlgorithmAutomatic, 0, 0, nullptr, nullptr,
+                                                   nullptr),
+              0);
+    EXPECT_EQ(QXDecompressor::decompressFileAtURL(plainURL), 0);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"plain"});
+}
+
+TEST(DecompressorStreaming, HeaderlessXZAndPBZXGetTheirMagicBack) {
+    const auto& p = payloads();
+    auto xz = QXDecompressor::decompressedDataFromData(toData(Bytes(p.xz.begin() + 6, p.xz.end())),
+                                                       QXDecompressionAlgorithmXZ);
+    EXPECT_EQ(toBytes(xz), p.plain);
+    auto pbzx = QXDecompressor::decompressedDataFromData(toData(Bytes(p.pbzx.begin() + 4, p.pbzx.end())),
+                                                         QXDecompressionAlgorithmPBZX);
+    EXPECT_EQ(toBytes(pbzx), p.plain);
+}
+
+TEST(DecompressorStreaming, PassThroughCopiesAndNullInputFails) {
+    const Bytes input = {1, 2, 3, 0x1F, 0x8B};
+    for (QXDecompressionAlgorithm algorithm : {0, 8, 1000, -7}) {
+        auto d = QXDecompressor::initForStreamingWithAlgorithm(algorithm);
+        ASSERT_TRUE(d);
+        auto in = toData(input);
+        auto out = d->decompressedDataFromStreamWithInputData(in, true);
+        ASSERT_TRUE(out);
+        EXPECT_NE(out.get(), in.get());
+        EXPECT_EQ(toBytes(out), input);
+    }
+    Ref<Error> error;
+    EXPECT_FALSE(QXDecompressor::init()->decompressedDataFromStreamWithInputData(nullptr, true, nullptr, &error));
+    expectError(error, "NSPOSIXErrorDomain", 22);
+}
+
+TEST(DecompressorStreaming, ZlibStopsAtItsEndAndIgnoresTrailingBytes) {
+    const auto& p = payloads();
+    Bytes input = p.zlib;
+    input.insert(input.end(), {'j', 'u', 'n', 'k'});
+    auto d = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmZlib);
+    auto out = d->decompressedDataFromStreamWithInputData(toData(input), false);
+    EXPECT_EQ(toBytes(out), p.plain);
+    EXPECT_TRUE(d->isFinished());
+    auto later = d->decompressedDataFromStreamWithInputData(toData({1, 2, 3}), true);
+    ASSERT_TRUE(later);
+    EXPECT_EQ(later->length(), 0u);
+}
+
+TEST(DecompressorStreaming, TruncationIsSilentForDeflateAndBzip2ButReportedForXZAndPBZX) {
+    const auto& p = payloads();
+    for (const auto& [input, algorithm] : std::vector<std::pair<Bytes, QXDecompressionAlgorithm>>{
+             {p.zlib, 3}, {p.raw, 2}, {p.gzip, 4}, {p.bzip2, 5}}) {
+        SCOPED_TRACE(algorithm);
+        Ref<Error> error;
+        auto out = QXDecompressor::decompressedDataFromData(toData(Bytes(input.begin(), input.begin() + input.size() * 2 / 3)),
+                                                            algorithm, &error);
+        ASSERT_TRUE(out) << error->localizedDescription();
+        EXPECT_LT(out->length(), p.plain.size());
+        EXPECT_TRUE(std::equal(out->bytes(), out->bytes() + out->length(), p.plain.begin()));
+    }
+    Ref<Error> error;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(Bytes(p.xz.begin(), p.xz.end() - 10)), 6, &error));
+    expectError(error, "lzma_code", LZMA_BUF_ERROR);
+    // The last chunk of the container is cut short inside its xz stream.
+    error = nullptr;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(Bytes(p.pbzx.begin(), p.pbzx.end() - 100)), 7, &error));
+    expectError(error, "lzma_code", LZMA_BUF_ERROR);
+    // Cut inside a chunk header: the chunks before it are all there is.
+    const std::size_t firstChunkEnd = 12 + 16 + xzBytes(Bytes(p.plain.begin(), p.plain.begin() + 100000)).size();
+    auto head = QXDecompressor::decompressedDataFromData(toData(Bytes(p.pbzx.begin(), p.pbzx.begin() + firstChunkEnd + 5)),
+                                                         7, &error);
+    ASSERT_TRUE(head);
+    EXPECT_EQ(toBytes(head), Bytes(p.plain.begin(), p.plain.begin() + 100000));
+}
+
+TEST(DecompressorStreaming, CorruptDataGivesTheDecodersErrorAndLogLine) {
+    const auto& p = payloads();
+    qx::ScopedLogCapture log;
+    Ref<Error> error;
+    Bytes zlib = p.zlib;
+    zlib[1] ^= 1;  // header check fails
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(zlib), 3, &error));
+    expectError(error, "inflate", Z_DATA_ERROR);
+    EXPECT_EQ(error->localizedDescription(), std::string("inflate: ") + zError(Z_DATA_ERROR));
+    EXPECT_TRUE(log.contains("zlib error: -3"));
+
+    Bytes bz = p.bzip2;
+    for (std::size_t i = 100; i < 120; ++i) bz[i] ^= 0x55;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(bz), -1, &error));
+    expectError(error, "BZ2_bzDecompress", BZ_DATA_ERROR);
+    EXPECT_EQ(error->localizedDescription(), "BZ2_bzDecompress: error -4");
+    EXPECT_TRUE(log.contains("error decompressing: -4"));
+
+    Bytes xz = p.xz;
+    xz[xz.size() / 2] ^= 0x40;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(xz), -1, &error));
+    expectError(error, "lzma_code", LZMA_DATA_ERROR);
+
+    // A compressed PBZX chunk whose bytes are not xz at all.
+    Bytes pbzx = {'p', 'b', 'z', 'x'};
+    appendBigEndian64(pbzx, 0);
+    appendBigEndian64(pbzx, 100);
+    appendBigEndian64(pbzx, 10);
+    for (int i = 0; i < 10; ++i) pbzx.push_back(0xAA);
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(pbzx), -1, &error));
+    expectError(error, "NSCocoaErrorDomain", 259);
+}
+
+TEST(DecompressorStreaming, WrongAlgorithmForcedFailsInThatDecoder) {
+    const auto& p = payloads();
+    Ref<Error> error;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(p.gzip), QXDecompressionAlgorithmBZip2, &error));
+    expectError(error, "BZ2_bzDecompress", BZ_DATA_ERROR_MAGIC);
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(p.bzip2), QXDecompressionAlgorithmZlib, &error));
+    expectError(error, "inflate", Z_DATA_ERROR);
+    error = nullptr;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(p.zlib), QXDecompressionAlgorithmXZ, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), "lzma_code");
+}
+
+TEST(DecompressorStreaming, CancelStopsPBZXOutput) {
+    const auto& p = payloads();
+    auto d = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmPBZX);
+    const std::size_t half = p.pbzx.size() / 2;
+    ASSERT_TRUE(d->decompressedDataFromStreamWithInputData(toData(Bytes(p.pbzx.begin(), p.pbzx.begin() + half)), false));
+    EXPECT_FALSE(d->operationError());
+    d->cancel();
+    auto error = d->operationError();
+    expectError(error, "NSCocoaErrorDomain", 3072);
+    Ref<Error> callError;
+    EXPECT_FALSE(d->decompressedDataFromStreamWithInputData(toData(Bytes(p.pbzx.begin() + half, p.pbzx.end())), true,
+                                                            nullptr, &callError));
+    expectError(callError, "NSCocoaErrorDomain", 3072);
+}
+
+// Damaged payloads of every format must end in output or an error, never a
+// crash, a hang or a read out of bounds (the sanitizer build watches).
+TEST(DecompressorStreaming, DamagedInputEndsCleanly) {
+    const Bytes plain = makePayload(6000, 3);
+    const std::vector<std::pair<Bytes, QXDecompressionAlgorithm>> cases = {
+        {deflateBytes(plain, 31), 4}, {deflateBytes(plain, 15), 3}, {deflateBytes(plain, -15), 2},
+        {bzip2Bytes(plain), 5},       {xzBytes(plain), 6},          {pbzxBytes({plain, plain}, {1}), 7}};
+    std::mt19937 rng(42);
+    for (const auto& [input, algorithm] : cases) {
+        for (std::size_t cut = 0; cut < input.size(); cut += 1 + input.size() / 97) {
+            for (QXDecompressionAlgorithm a : {algorithm, QXDecompressionAlgorithm(-1)}) {
+                Ref<Error> error;
+                auto out = QXDecompressor::decompressedDataFromData(toData(Bytes(input.begin(), input.begin() + cut)), a,
+                                                                    &error);
+                EXPECT_TRUE(out || error);
+            }
+        }
+        for (int round = 0; round < 60; ++round) {
+            Bytes damaged = input;
+            for (int i = 0; i < 1 + round % 4; ++i) damaged[rng() % damaged.size()] = static_cast<std::uint8_t>(rng());
+            Ref<Error> error;
+            auto out = QXDecompressor::decompressedDataFromData(toData(damaged), algorithm, &error);
+            EXPECT_TRUE(out || error);
+            auto d = QXDecompressor::initForStreamingWithAlgorithm(algorithm);
+            auto pieces = decodeInPieces(d, damaged, 1 + rng() % 300, &error);
+            EXPECT_TRUE(pieces || error);
+        }
+    }
+}
+
+TEST(DecompressorStreaming, ImplodeAndUnshrinkDecodeThroughTheStreamingCall) {
+    const Bytes plain = makePayload(50000, 11);
+    for (bool large : {false, true}) {
+        for (bool literal : {false, true}) {
+            const Bytes imploded = legacyzip::implode(plain, large, literal);
+            auto d = QXDecompressor::initForExplodeStreamingWithUncompressedSize(plain.size(), large, literal);
+            ASSERT_TRUE(d);
+            EXPECT_EQ(d->algorithm(), QXDecompressionAlgorithmNone);
+            Ref<Error> error;
+            auto out = decodeInPieces(d, imploded, 777, &error);
+            ASSERT_TRUE(out);
+            EXPECT_EQ(toBytes(out), plain);
+        }
+    }
+    const Bytes shrunk = legacyzip::shrink(plain);
+    auto d = QXDecompressor::initForUnshrinkStreamingWithUncompressedSize(plain.size());
+    Ref<Error> error;
+    auto out = decodeInPieces(d, shrunk, 1000, &error);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(toBytes(out), plain);
+
+    // A widening beyond 13 bits is corrupt: code 256, subcode 1, five times over.
+    std::vector<bool> bits;
+    auto put = [&](unsigned code, unsigned width) {
+        for (unsigned i = 0; i < width; ++i) bits.push_back((code >> i) & 1u);
+    };
+    put('a', 9);
+    for (unsigned width = 9; width <= 13; ++width) {
+        put(256, width);
+        put(1, width);
+    }
+    Bytes widen((bits.size() + 7) / 8);
+    for (std::size_t i = 0; i < bits.size(); ++i)
+        if (bits[i]) widen[i / 8] |= static_cast<std::uint8_t>(1u << (i % 8));
+    auto bad = QXDecompressor::initForUnshrinkStreamingWithUncompressedSize(100);
+    qx::ScopedLogCapture log;
+    EXPECT_FALSE(bad->decompressedDataFromStreamWithInputData(toData(widen), true, nullptr, &error));
+    expectError(error, "NSCocoaErrorDomain", 259);
+    EXPECT_TRUE(log.contains("Error decompressing: 4"));
+}
+
+// ---------------------------------------------------------------------------
+// Drivers
+
+TEST(DecompressorDrivers, HandleDriverDeliversExactlyTheRequestedWindow) {
+    TempDir dir;
+    const Bytes plain = randomBytes(100, 5);
+    auto url = dir.write("z", deflateBytes(plain, 15));
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+    Bytes seen;
+    std::int64_t progress = 0;
+    const std::int64_t n = QXDecompressor::decompressFileHandle(
+        handle, QXDecompressionAlgorithmZlib, 10, 5, [&](const Ref<Data>& d) { seen = toBytes(d); }, nullptr,
+        [&](std::int64_t c) { progress += c; });
+    EXPECT_EQ(n, 5);
+    EXPECT_EQ(seen, Bytes(plain.begin() + 10, plain.begin() + 15));
+    EXPECT_EQ(progress, 15);  // cut at the end, not at the start
+
+    Ref<Error> error;
+    handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+    EXPECT_EQ(QXDecompressor::decompressFileHandle(handle, 3, 200, 0, nullptr, nullptr, nullptr, &error), -1);
+    expectError(error, "NSCocoaErrorDomain", 256);
+
+    handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+    bool delivered = false;
+    EXPECT_EQ(QXDecompressor::decompressFileHandle(handle, 3, 0, 0, [&](const Ref<Data>&) { delivered = true; },
+                                                   [] { return true; }, nullptr, &error),
+              -1);
+    expectError(error, "NSCocoaErrorDomain", 3072);
+    EXPECT_FALSE(delivered);
+}
+
+TEST(DecompressorDrivers, WindowAcrossReadBoundaries) {
+    TempDir dir;
+    const Bytes plain = randomBytes(2500000, 9);
+    auto url = dir.write("plain", plain);
+    for (const auto& [offset, length] : std::vector<std::pair<std::uint64_t, std::uint64_t>>{
+             {1048570, 20}, {0, 1048577}, {2400000, 0}, {0, 0}}) {
+        auto handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+        auto out = QXDecompressor::decompressedDataFromFileHandle(handle, offset, length, QXDecompressionAlgorithmNone);
+        ASSERT_TRUE(out);
+        const std::uint64_t end = length ? offset + length : plain.size();
+        EXPECT_EQ(toBytes(out), Bytes(plain.begin() + offset, plain.begin() + end));
+    }
+}
+
+TEST(DecompressorDrivers, GzipFilesGoThroughTheVerifyingReader) {
+    TempDir dir;
+    const auto& p = payloads();
+    auto url = dir.write("a.gz", p.gzip);
+    auto whole = QXDecompressor::decompressedDataFromFileAtURL(url);
+    EXPECT_EQ(toBytes(whole), p.plain);
+    auto window = QXDecompressor::decompressedDataFromFileAtURL(url, 1000, 50);
+    EXPECT_EQ(toBytes(window), Bytes(p.plain.begin() + 1000, p.plain.begin() + 1050));
+
+    Ref<Error> error;
+    Bytes badCRC = p.gzip;
+    badCRC[badCRC.size() - 6] ^= 0xFF;
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromFileAtURL(dir.write("crc.gz", badCRC), &error));
+    expectError(error, "gzread", Z_DATA_ERROR);
+    EXPECT_FALSE(QXDecompressor::decompressedDataFromFileAtURL(
+        dir.write("cut.gz", Bytes(p.gzip.begin(), p.gzip.begin() + p.gzip.size() / 2)), &error));
+    expectError(error, "gzread", Z_BUF_ERROR);
+
+    // Cancelling the gzip reader is not an error: it returns what it read.
+    auto handle = qx::FileHandle::fileHandleForReadingFromURL(url);
+    error = nullptr;
+    EXPECT_EQ(QXDecompressor::decompressGZFileHandle(handle, 0, 0, nullptr, [] { return true; }, nullptr, &error), 0);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(QXDecompressor::decompressGZFileHandle(handle, -1, 0, nullptr, nullptr, nullptr, &error), -1);
+    expectError(error, "NSPOSIXErrorDomain", 22);
+}
+
+TEST(DecompressorDrivers, FilesOfEveryFormatToMemoryAndToFiles) {
+    TempDir dir;
+    const auto& p = payloads();
+    for (const auto& [name, bytes] : std::vector<std::pair<std::string, Bytes>>{
+             {"a.gz", p.gzip}, {"a.zz", p.zlib}, {"a.bz2", p.bzip2}, {"a.xz", p.xz}, {"a.pbzx", p.pbzx}}) {
+        SCOPED_TRACE(name);
+        auto url = dir.write(name, bytes);
+        EXPECT_EQ(toBytes(QXDecompressor::decompressedDataFromFileAtURL(url)), p.plain);
+        std::int64_t progress = 0;
+        const std::int64_t n = QXDecompressor::decompressFileAtURLToURL(url, dir.url(name + ".out"), nullptr,
+                                                                        [&](std::int64_t c) { progress += c; });
+        EXPECT_EQ(n, static_cast<std::int64_t>(p.plain.size()));
+        EXPECT_EQ(progress, n);
+        EXPECT_EQ(dir.read(name + ".out"), p.plain);
+    }
+    // Several handles get the same bytes.
+    auto url = dir.url("a.xz");
+    ::close(::open(dir.path("h1").c_str(), O_CREAT | O_WRONLY, 0644));
+    ::close(::open(dir.path("h2").c_str(), O_CREAT | O_WRONLY, 0644));
+    std::vector<Ref<qx::FileHandle>> handles = {qx::FileHandle::fileHandleForWritingToURL(dir.url("h1")),
+                                               qx::FileHandle::fileHandleForWritingToURL(dir.url("h2"))};
+    EXPECT_EQ(QXDecompressor::decompressFileAtURLToFileHandleArray(url, handles, -1, nullptr, nullptr),
+              static_cast<std::int64_t>(p.plain.size()));
+    for (auto& h : handles) h->closeFile();
+    EXPECT_EQ(dir.read("h1"), p.plain);
+    EXPECT_EQ(dir.read("h2"), p.plain);
+}
+
+TEST(DecompressorDrivers, FailedDecompressionLeavesNoFileBehind) {
+    TempDir dir;
+    Bytes bad = payloads().xz;
+    bad[bad.size() / 2] ^= 0x40;
+    auto url = dir.write("bad.xz", bad);
+    Ref<Error> error;
+    EXPECT_EQ(QXDecompressor::decompressFileAtURLToURL(url, dir.url("out"), &error), -1);
+    expectError(error, "lzma_code", LZMA_DATA_ERROR);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"bad.xz"});
+    EXPECT_EQ(QXDecompressor::decompressFileAtURLToURL(dir.url("missing.xz"), dir.url("out"), &error), -1);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"bad.xz"});
+    // In place: the source stays as it was.
+    EXPECT_EQ(QXDecompressor::decompressFileAtURL(url, &error), -1);
+    EXPECT_EQ(dir.read("bad.xz"), bad);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"bad.xz"});
+}
+
+TEST(DecompressorDrivers, InPlaceReplacesOnlyWhenSomethingCameOut) {
+    TempDir dir;
+    const auto& p = payloads();
+    auto url = dir.write("a.bz2", p.bzip2);
+    EXPECT_EQ(QXDecompressor::decompressFileAtURL(url), static_cast<std::int64_t>(p.plain.size()));
+    EXPECT_EQ(dir.read("a.bz2"), p.plain);
+    const Bytes empty = deflateBytes({}, 31);
+    auto emptyURL = dir.write("e.gz", empty);
+    EXPECT_EQ(QXDecompressor::decompressFileAtURL(emptyURL), 0);
+    EXPECT_EQ(dir.read("e.gz"), empty);
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"a.bz2", "e.gz"}));
+}
+
+TEST(DecompressorDrivers, SizeQueriesReadTheHeaders) {
+    TempDir dir;
+    const auto& p = payloads();
+    EXPECT_EQ(QXDecompressor::uncompressedSizeOfGZFileAtURL(dir.write("a.gz", p.gzip)), p.plain.size());
+    EXPECT_EQ(QXDecompressor::uncompressedSizeOfGZFileAtURL(dir.write("a.xz", p.xz)), 0u);
+    EXPECT_EQ(QXDecompressor::uncompressedSizeOfPBZXFileAtURL(dir.write("a.pbzx", p.pbzx)), p.plain.size());
+    EXPECT_EQ(QXDecompressor::uncompressedSizeOfPBZXFileAtURL(dir.url("a.xz")), 0u);
+    // A header cut short counts only the complete ones.
+    Bytes cut(p.pbzx.begin(), p.pbzx.begin() + 12 + 16 + 3);
+    cut.resize(cut.size() + 0);
+    EXPECT_EQ(QXDecompressor::uncompressedSizeOfPBZXFileAtURL(dir.write("cut.pbzx", cut)), 100000u);
+    EXPECT_EQ(QXDecompressor::uncompressedSizeOfGZFileAtURL(dir.write("tiny.gz", {0x1F, 0x8B})), 0u);
+}
+
+TEST(DecompressorDrivers, DetectCommandNamesEachFile) {
+    TempDir dir;
+    const auto& p = payloads();
+    std::vector<std::pair<std::string, std::string>> files = {
+        {"a.gz", "gzip"}, {"a.zz", "zlib"}, {"a.bz2", "bzip2"}, {"a.xz", "xz"}, {"a.pbzx", "pbzx"}, {"a.txt", "none"}};
+    const std::vector<Bytes> contents = {p.gzip, p.zlib, p.bzip2, p.xz, p.pbzx, p.plain};
+    std::string command = QX_QX_BINARY " detect";
+    std::string expected;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        dir.write(files[i].first, contents[i]);
+        command += " '" + dir.path(files[i].first).string() + "'";
+        expected += dir.path(files[i].first).string() + ": " + files[i].second + "\n";
+    }
+    const auto out = dir.path("stdout").string(), err = dir.path("stderr").string();
+    int status = std::system((command + " >'" + out + "' 2>'" + err + "'").c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    auto read = [](const std::string& path) {
+        std::ifstream in(path);
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    };
+    EXPECT_EQ(read(out), expected);
+
+    status = std::system((std::string(QX_QX_BINARY " detect '") + dir.path("nope").string() + "' '" +
+                          dir.path("a.xz").string() + "' >'" + out + "' 2>'" + err + "'")
+                             .c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(read(out), dir.path("a.xz").string() + ": xz\n");
+    EXPECT_EQ(read(err).rfind("qx: " + dir.path("nope").string() + ": ", 0), 0u) << read(err);
+}
