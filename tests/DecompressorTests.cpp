@@ -5,6 +5,7 @@
 #include <QXFoundation/QXDecompressor.h>
 
 #include "LegacyZipEncoders.h"
+#include "LegacyZipFixtures.h"
 
 #include <qx/Log.h>
 #include <qx/String.h>
@@ -698,4 +699,29 @@ TEST(DecompressorDrivers, DetectCommandNamesEachFile) {
     EXPECT_EQ(WEXITSTATUS(status), 1);
     EXPECT_EQ(read(out), dir.path("a.xz").string() + ": xz\n");
     EXPECT_EQ(read(err).rfind("qx: " + dir.path("nope").string() + ": ", 0), 0u) << read(err);
+}
+
+// The real shrink entries through the library: exact bytes, except the streams
+// that extend a code freed by the partial clear just before, which are corrupt
+// by this decoder's rule and must end in the library's corrupt-file error.
+TEST(Decompressor, RealShrinkEntriesDecodeOrFailAsCorrupt) {
+    const auto streams = legacyzip::fixtureStreams(1);
+    ASSERT_GE(streams.size(), 25u) << "shrink fixtures are missing";
+    std::size_t corrupt = 0;
+    for (const auto& s : streams) {
+        SCOPED_TRACE(s.label);
+        Ref<Error> error;
+        auto decoder = QXDecompressor::initForUnshrinkStreamingWithUncompressedSize(s.uncompressedSize, &error);
+        ASSERT_TRUE(decoder);
+        const auto out = decoder->decompressedDataFromStreamWithInputData(toData(s.compressed), true, nullptr, &error);
+        if (s.orphans > 0) {
+            EXPECT_FALSE(out);
+            expectError(error, "NSCocoaErrorDomain", 259);
+            ++corrupt;
+        } else {
+            ASSERT_TRUE(out) << (error ? error->description() : "");
+            EXPECT_EQ(legacyzip::sha256Hex(out->bytes(), out->length()), s.expectedSha256);
+        }
+    }
+    EXPECT_GE(corrupt, 5u);
 }
