@@ -1,15 +1,19 @@
-// QXBinaryPlistInternal.h - helpers shared by the binary property-list units.
+// QXBinaryPlistInternal.h - helpers shared by the property-list units.
 //
-// Private to Sources/: the error every binary property-list failure carries,
-// and the big-endian reads of the format.
+// Private to Sources/: the error every property-list failure carries, the
+// guard that turns memory exhaustion into that error, and the big-endian
+// reads of the binary format.
 #pragma once
 
 #include <QXFoundation/QXError.h>
 #include <qx/Dictionary.h>
 #include <qx/Error.h>
+#include <qx/Log.h>
 #include <qx/Number.h>
 
 #include <cstdint>
+#include <new>
+#include <stdexcept>
 
 namespace QXBinaryPlistInternal {
 
@@ -27,6 +31,20 @@ inline qx::Ref<qx::Error> makeError(const char* domain = qx::NSCocoaErrorDomain,
 inline void setError(qx::Ref<qx::Error>* error, const char* domain = qx::NSCocoaErrorDomain,
                      std::int64_t code = kPropertyListErrorCode) {
     if (error) *error = makeError(domain, code);
+}
+
+/// Runs body; allocation failure (a value too large for memory) is a failed
+/// read or write like any other: logged, the property-list error stored, and
+/// null returned. No exception leaves the library.
+template <class Body> auto failingOnExhaustion(qx::Ref<qx::Error>* error, Body body) -> decltype(body()) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+    } catch (const std::length_error&) {
+    }
+    QXLog("property list too large for memory");
+    setError(error);
+    return nullptr;
 }
 
 /// width bytes at p, big-endian, into 64 bits; of runs longer than 8 bytes

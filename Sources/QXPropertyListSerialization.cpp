@@ -911,19 +911,6 @@ qx::Ref<qx::Data> QXPropertyListSerialization::dataWithPropertyList(const qx::Re
 
 namespace {
 
-// Allocation failure (a value too large for memory) is a failed read or write
-// like any other; no exception leaves the library.
-template <class Body> auto failingOnExhaustion(qx::Ref<qx::Error>* error, Body body) -> decltype(body()) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-    } catch (const std::length_error&) {
-    }
-    QXLog("property list too large for memory");
-    setError(error);
-    return nullptr;
-}
-
 qx::Ref<qx::Data> writeBinary(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error) {
     // One width serves both object references and file offsets, chosen from
     // the value count alone (keys are not counted): a file that outgrows it is

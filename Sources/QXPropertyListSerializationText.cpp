@@ -93,17 +93,6 @@ bool writeOldStyle(const qx::Object* item, std::string& out, unsigned depth, qx:
     return true;
 }
 
-template <class Body> auto failingOnExhaustion(qx::Ref<qx::Error>* error, Body body) -> decltype(body()) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-    } catch (const std::length_error&) {
-    }
-    QXLog("property list too large for memory");
-    setError(error);
-    return nullptr;
-}
-
 // --- Text helpers ---------------------------------------------------------------------
 
 std::string upper(const std::string& s) {

@@ -724,19 +724,6 @@ qx::Ref<qx::Object> XMLReader::dictionary(const xmlNode& node, unsigned depth, q
     return result;
 }
 
-// Allocation failure (a value too large for memory) is a failed read or write
-// like any other; no exception leaves the library.
-template <class Body> auto failingOnExhaustion(qx::Ref<qx::Error>* error, Body body) -> decltype(body()) {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-    } catch (const std::length_error&) {
-    }
-    QXLog("property list too large for memory");
-    setError(error);
-    return nullptr;
-}
-
 // Entities may add a fixed allowance plus four times the document's own size.
 std::size_t entityBudgetFor(std::size_t documentSize) {
     return kEntityAllowance + std::min(documentSize, (SIZE_MAX - kEntityAllowance) / 4) * 4;

@@ -1,6 +1,8 @@
 // FileHandleTests.cpp - file handles over real files and pipes.
 #include <qx/FileHandle.h>
 
+#include "StreamTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -17,35 +19,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        char pattern[] = "/tmp/qx-filehandle-XXXXXX";
-        path = ::mkdtemp(pattern);
-    }
-    ~TempDir() { fs::remove_all(path); }
-    std::string file(const std::string& name, const std::string& contents) const {
-        const auto p = (path / name).string();
-        FILE* f = std::fopen(p.c_str(), "wb");
-        std::fwrite(contents.data(), 1, contents.size(), f);
-        std::fclose(f);
-        return p;
-    }
-};
-
-struct Pipe {
-    int fds[2] = {-1, -1};
-    Pipe() { EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
-    ~Pipe() {
-        closeWriter();
-        if (fds[0] >= 0) ::close(fds[0]);
-    }
-    void write(const std::string& s) const { ASSERT_EQ(::write(fds[1], s.data(), s.size()), static_cast<ssize_t>(s.size())); }
-    void closeWriter() {
-        if (fds[1] >= 0) ::close(fds[1]);
-        fds[1] = -1;
-    }
-};
+using streamtest::Pipe;
+using streamtest::TempDir;
 
 std::string text(const Ref<Data>& d) { return std::string(d->view()); }
 
