@@ -28,7 +28,7 @@ for set in ${QX_SANITIZE:-address,undefined thread}; do
   configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Debug -DQX_SANITIZE="$set"
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/scripts/tsan.supp" \
     ctest --test-dir "$dir" --output-on-failure -j"$jobs"
 done
 
