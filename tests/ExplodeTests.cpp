@@ -13,7 +13,10 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-using PieceSize = std::function<std::size_t()>;
+using legacyzip::PieceSize;
+using legacyzip::fixed;
+using legacyzip::randomPieces;
+using legacyzip::whole;
 
 struct ExplodeRun {
     int result = -1;
@@ -42,13 +45,6 @@ ExplodeRun explode(const Bytes& in, std::uint64_t size, unsigned flags, const Pi
     EXPECT_EQ(stream->total_out, run.out.size());
     QXExplodeCleanup(stream);
     return run;
-}
-
-PieceSize whole() { return [] { return SIZE_MAX; }; }
-PieceSize fixed(std::size_t n) { return [n] { return n; }; }
-PieceSize randomPieces(unsigned seed, std::size_t largest) {
-    auto rng = std::make_shared<std::mt19937>(seed);
-    return [rng, largest] { return std::uniform_int_distribution<std::size_t>(1, largest)(*rng); };
 }
 
 Bytes sampleData(std::size_t size, unsigned seed) {

@@ -14,13 +14,6 @@ using qx::Ref;
 
 namespace {
 
-std::int64_t readInto(qx::InputStream& s, std::string& out, std::uint64_t length) {
-    std::string buffer(length, '\0');
-    const auto n = s.read(reinterpret_cast<std::uint8_t*>(buffer.data()), length);
-    if (n > 0) out.append(buffer.data(), static_cast<std::size_t>(n));
-    return n;
-}
-
 struct Opened {
     Ref<QXFileHandleInputStream> stream;
     std::shared_ptr<EventRecorder> recorder = std::make_shared<EventRecorder>();

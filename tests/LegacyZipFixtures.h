@@ -6,6 +6,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <random>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -31,5 +34,15 @@ std::vector<FixtureStream> fixtureStreams(int method);
 std::vector<std::uint8_t> readBytes(const std::filesystem::path& path);
 std::string sha256Hex(const std::uint8_t* bytes, std::size_t length);
 inline std::string sha256Hex(const std::vector<std::uint8_t>& bytes) { return sha256Hex(bytes.data(), bytes.size()); }
+
+/// How many input bytes the next call of a decoder gets: the whole rest, a
+/// fixed count, or random counts from 1 to largest (reproducible by seed).
+using PieceSize = std::function<std::size_t()>;
+inline PieceSize whole() { return [] { return SIZE_MAX; }; }
+inline PieceSize fixed(std::size_t n) { return [n] { return n; }; }
+inline PieceSize randomPieces(unsigned seed, std::size_t largest) {
+    auto rng = std::make_shared<std::mt19937>(seed);
+    return [rng, largest] { return std::uniform_int_distribution<std::size_t>(1, largest)(*rng); };
+}
 
 } // namespace legacyzip

@@ -1,6 +1,7 @@
 // StreamTestSupport.h - pipes, temporary files and an event-recording delegate for the stream suites.
 #pragma once
 
+#include <qx/InputStream.h>
 #include <qx/RunLoop.h>
 #include <qx/Stream.h>
 
@@ -98,6 +99,14 @@ inline bool runUntil(const std::function<bool()>& done, const std::string& mode 
 inline void drain(const std::string& mode = kMode) {
     while (qx::RunLoop::current()->runMode(mode, std::chrono::seconds(0)) == qx::RunLoop::RunResult::Handled) {
     }
+}
+
+/// Reads up to length bytes and appends what arrived to out; the read's result.
+inline std::int64_t readInto(qx::InputStream& s, std::string& out, std::uint64_t length) {
+    std::string buffer(length, '\0');
+    const auto n = s.read(reinterpret_cast<std::uint8_t*>(buffer.data()), length);
+    if (n > 0) out.append(buffer.data(), static_cast<std::size_t>(n));
+    return n;
 }
 
 } // namespace streamtest

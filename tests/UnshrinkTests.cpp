@@ -13,7 +13,10 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-using PieceSize = std::function<std::size_t()>;
+using legacyzip::PieceSize;
+using legacyzip::fixed;
+using legacyzip::randomPieces;
+using legacyzip::whole;
 
 struct UnshrinkRun {
     int result = -1;
@@ -47,13 +50,6 @@ UnshrinkRun unshrink(const Bytes& in, std::uint64_t size, const PieceSize& inPie
     EXPECT_EQ(stream->total_out, run.out.size());
     QXUnshrinkCleanup(stream);
     return run;
-}
-
-PieceSize whole() { return [] { return SIZE_MAX; }; }
-PieceSize fixed(std::size_t n) { return [n] { return n; }; }
-PieceSize randomPieces(unsigned seed, std::size_t largest) {
-    auto rng = std::make_shared<std::mt19937>(seed);
-    return [rng, largest] { return std::uniform_int_distribution<std::size_t>(1, largest)(*rng); };
 }
 
 // A stream of 9-bit codes and control codes, widening when told.
