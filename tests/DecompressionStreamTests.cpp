@@ -11,9 +11,6 @@
 #include <qx/InputStream.h>
 #include <qx/URL.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -23,24 +20,6 @@ using qx::Error;
 using qx::StreamStatus;
 
 namespace {
-
-class TempFiles {
-public:
-    TempFiles() {
-        char pattern[] = "/tmp/qx-decstream-XXXXXX";
-        root_ = ::mkdtemp(pattern);
-    }
-    ~TempFiles() { std::filesystem::remove_all(root_); }
-    std::string write(const std::string& name, const Bytes& bytes) const {
-        const auto path = (root_ / name).string();
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return path;
-    }
-
-private:
-    std::filesystem::path root_;
-};
 
 // Reads until the stream gives 0 or less; sizeOf(i) is the length of the i-th
 // read. lastResult gets the final read's result.
@@ -60,26 +39,10 @@ Bytes readAll(const Ref<QXDecompressionStream>& stream, const std::function<std:
     }
 }
 
-struct Format {
-    const char* name;
-    const Bytes* compressed;
-    QXDecompressionAlgorithm algorithm;
-};
-
-std::vector<Format> everyFormat() {
-    const Payloads& p = payloads();
-    return {{"zlib", &p.zlib, QXDecompressionAlgorithmAutomatic},
-            {"gzip", &p.gzip, QXDecompressionAlgorithmAutomatic},
-            {"raw deflate", &p.raw, QXDecompressionAlgorithmRawDeflate},
-            {"bzip2", &p.bzip2, QXDecompressionAlgorithmAutomatic},
-            {"xz", &p.xz, QXDecompressionAlgorithmAutomatic},
-            {"pbzx", &p.pbzx, QXDecompressionAlgorithmAutomatic}};
-}
-
 } // namespace
 
 TEST(DecompressionStream, EveryFormatByteExactWithTinyAndHugeReads) {
-    TempFiles files;
+    PayloadFiles files;
     const Bytes& plain = payloads().plain;
     const std::vector<std::pair<const char*, std::function<std::size_t(std::size_t)>>> readSizes = {
         {"1 to 7 bytes", [](std::size_t i) { return 1 + i % 7; }},
@@ -116,7 +79,7 @@ TEST(DecompressionStream, EveryFormatByteExactWithTinyAndHugeReads) {
 }
 
 TEST(DecompressionStream, EveryCreationRouteDecodes) {
-    TempFiles files;
+    PayloadFiles files;
     const Payloads& p = payloads();
     const std::string path = files.write("payload.gz", p.gzip);
     const std::vector<std::pair<const char*, std::function<Ref<QXDecompressionStream>()>>> routes = {
@@ -202,7 +165,7 @@ TEST(DecompressionStream, CorruptSourceGivesErrorStatusAndTheDecodersError) {
     } cases[] = {{"zlib check value", &badCheck, "inflate"},
                  {"xz cut short", &cutXZ, "lzma_code"},
                  {"bzip2 block damaged", &badBzip2, "BZ2_bzDecompress"}};
-    TempFiles files;
+    PayloadFiles files;
     for (const auto& c : cases) {
         for (const bool fromFile : {false, true}) {
             SCOPED_TRACE(std::string(c.name) + (fromFile ? ", file" : ", data"));
