@@ -45,7 +45,8 @@ TEST(DecompressionStream, EveryFormatByteExactWithTinyAndHugeReads) {
     PayloadFiles files;
     const Bytes& plain = payloads().plain;
     const std::vector<std::pair<const char*, std::function<std::size_t(std::size_t)>>> readSizes = {
-        {"1 to 7 bytes", [](std::size_t i) { return 1 + i % 7; }},
+        // Then one huge read, which first empties what the tiny ones left over.
+        {"1 to 7 bytes", [](std::size_t i) { return i < 5000 ? 1 + i % 7 : std::size_t{1} << 20; }},
         {"around the read-size switch", [](std::size_t i) { return 2048 + i % 3; }},
         {"4 MiB", [](std::size_t) { return std::size_t{4} << 20; }},
     };
@@ -60,8 +61,6 @@ TEST(DecompressionStream, EveryFormatByteExactWithTinyAndHugeReads) {
         };
         for (const auto& [routeName, make] : routes) {
             for (const auto& [sizeName, sizeOf] : readSizes) {
-                // Tiny reads cost time and meet the source's end the same way on either route.
-                if (std::string(routeName) == "file" && sizeOf(0) == 1) continue;
                 SCOPED_TRACE(std::string(routeName) + ", " + sizeName);
                 auto stream = make();
                 ASSERT_TRUE(stream);
