@@ -48,6 +48,8 @@
 #include <memory>
 #include <vector>
 
+class QXDecompressionOperation;
+
 using QXDecompressionAlgorithm = std::int64_t;
 inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmAutomatic = -1;
 inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmNone = 0;
@@ -316,7 +318,6 @@ protected:
 
 private:
     struct Decoders;
-    class PBZXChunk;
 
     qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> zlibPiece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
@@ -328,6 +329,7 @@ private:
     qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> unshrinkRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Error> failPBZX(int result);
+    qx::Ref<qx::Error> drainPBZXOperations(qx::Data& out, bool waitForOutput);
     std::uint8_t* scratch();
 
     QXDecompressionAlgorithm algorithm_ = QXDecompressionAlgorithmNone;
@@ -335,8 +337,9 @@ private:
     bool firstDataRead_ = false;
     std::unique_ptr<Decoders> decoders_;  // at most one decoder state exists at a time
     // PBZX only: chunk decoders, oldest first, and the one receiving bytes.
-    std::vector<std::shared_ptr<PBZXChunk>> operations_;
-    std::shared_ptr<PBZXChunk> currentOperation_;
+    std::vector<std::shared_ptr<QXDecompressionOperation>> operations_;
+    std::shared_ptr<QXDecompressionOperation> currentOperation_;
+    bool pbzxInputEnded_ = false;  // a final call was made: later input is only drained
     qx::Ref<qx::Data> streamIn_;  // input held back between calls
     bool finished_ = false;
     bool cancelled_ = false;
