@@ -5,7 +5,6 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <thread>
 
 using qx::Data;
 using qx::Error;
@@ -250,8 +249,6 @@ std::int64_t QXDecompressionStream::primitiveRead(std::uint8_t* buffer, std::uin
             break;
         }
         if (isFinal && !again) break;
-        // PBZX chunk decoders on the shared queue are still at work.
-        if (isFinal) std::this_thread::yield();
     }
     scratch.reset();
 

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <thread>
 #include <utility>
 
 using qx::Data;
@@ -102,8 +101,6 @@ public:
                 if (!goOn) return fail(cancelledError());
             }
             if (!runAgain) return true;
-            // Chunk decoders on the shared queue are still at work: let them run.
-            if (output->length() == 0) std::this_thread::yield();
             output = decompressor_->decompressedDataFromStreamWithInputData(Data::create(), true, &runAgain, &failure);
             if (!output) return fail(failure);
         }
