@@ -55,8 +55,8 @@ private:
 class AsyncRun {
 public:
     AsyncRun(QXDecompressor::Handler handler, Ref<QXDecompressor> decompressor, QXChecksumAlgorithm compressedAlgorithm,
-             QXChecksumAlgorithm decompressedAlgorithm, Ref<Data> prefix)
-        : handler_(std::move(handler)), decompressor_(std::move(decompressor)), prefix_(std::move(prefix)) {
+             QXChecksumAlgorithm decompressedAlgorithm)
+        : handler_(std::move(handler)), decompressor_(std::move(decompressor)) {
         if (compressedAlgorithm != QXChecksumAlgorithmNone)
             compressed_.emplace(compressedAlgorithm, "com.tovarik.QXFoundation.QXDecompressor.compressedChecksum");
         if (decompressedAlgorithm != QXChecksumAlgorithmNone)
@@ -69,11 +69,6 @@ public:
         if (error) return fail(error);
 
         Ref<Data> input = chunk ? chunk : Data::create();
-        if (prefix_) {
-            // Bytes the detection took from a source that can't go back.
-            prefix_->append(*input);
-            input = std::move(prefix_);
-        }
 
         bool runAgain = false;
         Ref<Error> failure;
@@ -131,7 +126,6 @@ private:
     Ref<QXDecompressor> decompressor_;
     std::optional<ChecksumLane> compressed_;
     std::optional<ChecksumLane> decompressed_;
-    Ref<Data> prefix_;
     std::uint64_t compressedTotal_ = 0;
     std::uint64_t decompressedTotal_ = 0;
     bool finished_ = false;
@@ -144,49 +138,33 @@ void failLater(QXDecompressor::Handler handler, Ref<Error> error) {
         [handler = std::move(handler), error = std::move(error)] { AsyncRun::failBeforeReading(handler, error); });
 }
 
-// A local pipe or socket: its position can be neither restored nor set.
-bool isOneWay(const Ref<QXRemoteFileHandle>& handle) {
-    return handle->systemFileHandle() && !handle->isRsrcFork() && !handle->isSeekable();
-}
-
 void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std::uint64_t length,
                QXDecompressionAlgorithm algorithm, QXChecksumAlgorithm compressedAlgorithm,
                QXChecksumAlgorithm decompressedAlgorithm, const QXDecompressor::Handler& handler) {
-    const bool oneWay = isOneWay(handle);
-    Ref<Data> prefix;
     if (algorithm == QXDecompressionAlgorithmAutomatic) {
         Ref<Error> error;
         // The magic is looked for where the range starts, not wherever the
-        // handle happens to stand.
-        if (!oneWay && !handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
+        // handle happens to stand. A pipe goes back over the few bytes this
+        // takes, so the range read below still starts at the range's start.
+        if (!handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
         Ref<Data> magic = handle->readDataOfLength(QXDecompressor::maxMagicLength(), &error);
         if (!magic) return AsyncRun::failBeforeReading(handler, error);
         QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
         if (QXDecompressor::isDataCompressed(magic, &found)) algorithm = found;
-        if (oneWay) {
-            prefix = Data::withBytes(magic->bytes(), magic->length());
-            if (length != QXRemoteFileHandle::ToEndOfFile) {
-                if (prefix->length() > length) prefix->setLength(static_cast<std::size_t>(length));
-                length -= prefix->length();
-            }
-        }
     }
 
     Ref<Error> error;
     auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, &error);
     if (!decompressor) return AsyncRun::failBeforeReading(handler, error);
-    auto run = std::make_shared<AsyncRun>(handler, std::move(decompressor), compressedAlgorithm, decompressedAlgorithm,
-                                          std::move(prefix));
+    auto run = std::make_shared<AsyncRun>(handler, std::move(decompressor), compressedAlgorithm,
+                                          decompressedAlgorithm);
     QXRemoteFileHandle::DataHandler onChunk = [run](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done,
                                                     const Ref<Error>& failure) {
         return run->onChunk(chunk, done, failure);
     };
     const std::uint64_t maxBufferSize =
         static_cast<std::uint64_t>(QXDecompressor::maxOperationCount()) * kReadAheadPerOperation;
-    if (oneWay && offset == 0)
-        handle->readDataOfLengthMaxBufferSize(length, maxBufferSize, std::move(onChunk));
-    else
-        handle->readDataAtOffset(offset, length, maxBufferSize, std::move(onChunk));
+    handle->readDataAtOffset(offset, length, maxBufferSize, std::move(onChunk));
 }
 
 } // namespace
