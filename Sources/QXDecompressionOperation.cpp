@@ -92,29 +92,36 @@ void QXDecompressionOperation::finishIfEnded() {
     finish();
 }
 
-void QXDecompressionOperation::fail(const Ref<Error>& error) {
+void QXDecompressionOperation::storeError(const Ref<Error>& error) {
     bool first;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         first = !error_;
     }
-    if (first) {
-        announce(Key::Error, true);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (!error_) error_ = error ? error : cancelledError();
-        }
-        announce(Key::Error, false);
+    if (!first) return;
+    announce(Key::Error, true);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!error_) error_ = error ? error : cancelledError();
     }
+    announce(Key::Error, false);
+}
+
+void QXDecompressionOperation::fail(const Ref<Error>& error) {
+    storeError(error);
     outputBuffer_->close();
     finishIfEnded();
 }
 
 void QXDecompressionOperation::cancelWithError(const Ref<Error>& error) {
-    // The error goes in before the cancel flag so that whoever sees the
-    // operation cancelled also finds its error.
-    fail(error ? error : cancelledError());
+    // The error goes in before the cancel flag, so that the decoding thread,
+    // once it sees the flag, finds this error rather than making its own;
+    // and the flag goes in before the operation can finish, since a finished
+    // operation takes no cancel.
+    storeError(error);
     cancel();
+    outputBuffer_->close();
+    finishIfEnded();
 }
 
 void QXDecompressionOperation::provideInputData(const Ref<Data>& data, bool isFinal) {

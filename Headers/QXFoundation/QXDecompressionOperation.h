@@ -116,7 +116,9 @@ protected:
 private:
     enum class Key { Started, Done, Error };
     void announce(Key key, bool before);
-    /// Sets the error (when none is set yet) and closes the output.
+    /// Sets the error when none is set yet, announcing it.
+    void storeError(const qx::Ref<qx::Error>& error);
+    /// storeError, then closes the output and finishes if started.
     void fail(const qx::Ref<qx::Error>& error);
     /// Calls finish() when the operation has started and ended, once.
     void finishIfEnded();

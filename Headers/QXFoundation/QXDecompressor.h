@@ -23,6 +23,12 @@
 //    "pbzx" put in front.
 //  * After a call with isFinal true, call again with empty input while
 //    shouldRunAgain is true to collect output still on its way.
+//  * PBZX chunks are decoded in parallel, each by a QXDecompressionOperation
+//    on operationQueue(); output still comes out in container order. A call
+//    returns once fewer than maxOperationCount() chunks are in flight, so
+//    memory stays bounded by that many chunk buffers. Calls after the final
+//    one only collect output (each brings some, or ends it); any input they
+//    carry is ignored. Destroying the object cancels its chunk decoders.
 //  * Once a zlib or bzip2 stream has reported its end, further calls return an
 //    empty buffer (trailing bytes are ignored).
 //
