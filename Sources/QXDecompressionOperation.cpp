@@ -42,13 +42,24 @@ void QXDecompressionOperation::setBufferSizeOverrideForTesting(std::uint64_t byt
 
 Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                           Ref<Error>* error) {
+    return initWithAlgorithm(algorithm, nullptr, error);
+}
+
+Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                                          const Ref<QXRingBuffer>& outputBuffer,
+                                                                          Ref<Error>* error) {
     auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, error);
     if (!decompressor) return nullptr;
-    const std::uint64_t override = bufferSizeOverride;
-    // A buffer of no bytes would leave the first write waiting for good.
-    auto ring = QXRingBuffer::initWithCapacity(override ? override : std::max<std::uint64_t>(1, bufferSizePerOperation()),
-                                               error);
-    if (!ring) return nullptr;
+    Ref<QXRingBuffer> ring = outputBuffer;
+    if (ring) {
+        ring->reopen();
+    } else {
+        const std::uint64_t override = bufferSizeOverride;
+        // A buffer of no bytes would leave the first write waiting for good.
+        ring = QXRingBuffer::initWithCapacity(
+            override ? override : std::max<std::uint64_t>(1, bufferSizePerOperation()), error);
+        if (!ring) return nullptr;
+    }
     Ref<QXDecompressionOperation> operation(new QXDecompressionOperation());
     operation->decompressor_ = std::move(decompressor);
     operation->queue_ = qx::SerialQueue::create("com.tovarik.QXFoundation.QXDecompressionOperation");
@@ -178,11 +189,11 @@ void QXDecompressionOperation::processData(const Ref<Data>& data, bool isFinal) 
         fail(QXGenerateError(qx::NSCocoaErrorDomain, 259));
         return;
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        noMoreInputData_ = true;
-    }
     // Nothing more will be written: a consumer asleep for output must wake.
+    // Closed under the lock that the consumer's done check takes, so that no
+    // owner reuses the buffer (once done) before this thread has let go of it.
+    std::lock_guard<std::mutex> lock(mutex_);
+    noMoreInputData_ = true;
     outputBuffer_->close();
 }
 

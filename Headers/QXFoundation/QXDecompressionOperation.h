@@ -60,6 +60,14 @@ public:
     static qx::Ref<QXDecompressionOperation> initWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                qx::Ref<qx::Error>* error = nullptr);
 
+    /// As initWithAlgorithm, writing into outputBuffer (reopened) instead of
+    /// a new buffer; null outputBuffer makes one. For an owner that runs many
+    /// operations one after another: reusing the buffer of one that is done
+    /// spares the system handing out and clearing fresh pages for every one.
+    static qx::Ref<QXDecompressionOperation> initWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                               const qx::Ref<QXRingBuffer>& outputBuffer,
+                                                               qx::Ref<qx::Error>* error = nullptr);
+
     ~QXDecompressionOperation() override;
 
     /// Queues the piece for decoding and returns at once. isFinal marks the
@@ -92,6 +100,9 @@ public:
     qx::Ref<qx::Error> error() const;
     /// True once the last piece has been processed and all output consumed.
     bool isDone() const;
+    /// The ring buffer the output goes through. Once the operation is done,
+    /// nothing touches it any more and its owner may reuse it.
+    const qx::Ref<QXRingBuffer>& outputBuffer() const { return outputBuffer_; }
     /// True once start() has run.
     bool isStarted() const;
     /// Done or failed, whether or not the queue has started the operation yet.

@@ -52,6 +52,7 @@
 #include <vector>
 
 class QXDecompressionOperation;
+class QXRingBuffer;
 
 using QXDecompressionAlgorithm = std::int64_t;
 inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmAutomatic = -1;
@@ -275,6 +276,7 @@ private:
     // PBZX only: chunk decoders, oldest first, and the one receiving bytes.
     std::vector<std::shared_ptr<QXDecompressionOperation>> operations_;
     std::shared_ptr<QXDecompressionOperation> currentOperation_;
+    std::vector<qx::Ref<QXRingBuffer>> spareBuffers_;  // of chunk decoders that are done, for the next ones
     bool pbzxInputEnded_ = false;  // a final call was made: later input is only drained
     qx::Ref<qx::Data> streamIn_;  // input held back between calls
     bool finished_ = false;
