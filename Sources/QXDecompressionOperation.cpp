@@ -201,21 +201,34 @@ Ref<Data> QXDecompressionOperation::consumeOutputDataWithMaxLength(std::uint64_t
     // Sized by what is there: a buffer as large as the ring would be made and
     // cleared on every call otherwise.
     auto out = outputBuffer_->readDataOfLength(std::min(maxLength, outputBuffer_->bytesAvailable()), false);
+    noteConsumed();
+    return out;
+}
+
+std::uint64_t QXDecompressionOperation::consumeOutputDataWithMaxLength(std::uint64_t maxLength, Data& output) {
+    const std::uint64_t want = std::min(maxLength, outputBuffer_->bytesAvailable());
+    const std::size_t before = output.length();
+    output.setLength(before + static_cast<std::size_t>(want));
+    const std::uint64_t got = outputBuffer_->readBytes(output.mutableBytes() + before, want, false);
+    output.setLength(before + static_cast<std::size_t>(got));
+    noteConsumed();
+    return got;
+}
+
+void QXDecompressionOperation::noteConsumed() {
     bool nowDone = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         nowDone = noMoreInputData_ && !done_ && outputBuffer_->bytesAvailable() == 0;
     }
-    if (nowDone) {
-        announce(Key::Done, true);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        announce(Key::Done, false);
-        finishIfEnded();
+    if (!nowDone) return;
+    announce(Key::Done, true);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        done_ = true;
     }
-    return out;
+    announce(Key::Done, false);
+    finishIfEnded();
 }
 
 std::uint64_t QXDecompressionOperation::availableOutputDataSize() const { return outputBuffer_->bytesAvailable(); }

@@ -504,7 +504,7 @@ Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
     while (!operations_.empty()) {
         Ref<QXDecompressionOperation> first = operations_.front();
         if (auto failure = first->error()) return failure;
-        out.append(*first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max()));
+        first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max(), out);
         if (first->hasEnded()) {
             if (auto failure = first->error()) return failure;
             // Done: its buffer is touched by nobody now. Reusing it keeps the

@@ -85,6 +85,10 @@ public:
     /// Once the last piece has been processed and the output is all taken,
     /// the operation is done.
     qx::Ref<qx::Data> consumeOutputDataWithMaxLength(std::uint64_t maxLength);
+    /// As above, appending the bytes to output instead of making a new
+    /// buffer (one copy fewer for a consumer that gathers output anyway).
+    /// Returns the count appended.
+    std::uint64_t consumeOutputDataWithMaxLength(std::uint64_t maxLength, qx::Data& output);
     /// Bytes of output waiting to be consumed.
     std::uint64_t availableOutputDataSize() const;
     /// Sleeps until output is waiting or none can come any more (the last
@@ -131,6 +135,8 @@ private:
     void storeError(const qx::Ref<qx::Error>& error);
     /// storeError, then closes the output and finishes if started.
     void fail(const qx::Ref<qx::Error>& error);
+    /// Sets done once the last piece has been processed and nothing is held.
+    void noteConsumed();
     /// Calls finish() when the operation has started and ended, once.
     void finishIfEnded();
 
