@@ -5,6 +5,7 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXExplode.h>
 #include <QXFoundation/QXPBZXDecode.h>
+#include <QXFoundation/QXRingBuffer.h>
 #include <QXFoundation/QXUnshrink.h>
 
 #include "QXFoundationPrivate.h"
@@ -503,9 +504,13 @@ Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
     while (!operations_.empty()) {
         Ref<QXDecompressionOperation> first = operations_.front();
         if (auto failure = first->error()) return failure;
-        out.append(*first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max()));
+        first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max(), out);
         if (first->hasEnded()) {
             if (auto failure = first->error()) return failure;
+            // Done: its buffer is touched by nobody now. Reusing it keeps the
+            // pages the system has already cleared, instead of mapping and
+            // clearing fresh ones for every chunk.
+            if (spareBuffers_.size() < limit) spareBuffers_.push_back(first->outputBuffer());
             operations_.erase(operations_.begin());
             continue;
         }
@@ -556,8 +561,13 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         const std::uint64_t staged = s->total_out - before;
         if (staged > 0 && s->chunk_started) {
             Ref<Error> operationError;
+            Ref<QXRingBuffer> spare;
+            if (!spareBuffers_.empty()) {
+                spare = std::move(spareBuffers_.back());
+                spareBuffers_.pop_back();
+            }
             auto operation = QXDecompressionOperation::initWithAlgorithm(
-                s->chunk_compressed ? QXDecompressionAlgorithmAutomatic : QXDecompressionAlgorithmNone,
+                s->chunk_compressed ? QXDecompressionAlgorithmAutomatic : QXDecompressionAlgorithmNone, spare,
                 &operationError);
             if (!operation) {
                 cancelWithError(operationError);

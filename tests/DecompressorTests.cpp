@@ -731,7 +731,8 @@ TEST(DecompressorPBZX, EveryRunAgainCallBringsOutputSoCallersNeverSpin) {
     while (again) {
         auto more = d->decompressedDataFromStreamWithInputData(Data::create(), true, &again);
         ASSERT_TRUE(more);
-        if (more->length() == 0) ++emptyCalls;
+        // Only the call that finds the last chunk ended may come back empty.
+        if (more->length() == 0 && again) ++emptyCalls;
         all.insert(all.end(), more->bytes(), more->bytes() + more->length());
     }
     EXPECT_EQ(emptyCalls, 0u);

@@ -26,3 +26,4 @@
 #include <QXFoundation/QXFileHandleOutputStream.h>
 #include <QXFoundation/QXInputStream.h>
 #include <QXFoundation/QXDecompressor.h>
+#include <QXFoundation/QXDecompressionOperation.h>
