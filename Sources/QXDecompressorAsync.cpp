@@ -68,7 +68,7 @@ public:
         if (finished_) return false;
         if (error) return fail(error);
 
-        Ref<Data> input = chunk ? chunk : Data::create();
+        const Ref<Data> input = chunk ? chunk : Data::create();
 
         bool runAgain = false;
         Ref<Error> failure;
@@ -144,8 +144,9 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
     if (algorithm == QXDecompressionAlgorithmAutomatic) {
         Ref<Error> error;
         // The magic is looked for where the range starts, not wherever the
-        // handle happens to stand. A pipe goes back over the few bytes this
-        // takes, so the range read below still starts at the range's start.
+        // handle happens to stand. The range read below seeks back to it, so
+        // the decoder still gets every byte (a pipe keeps its last 64 KiB for
+        // just this).
         if (!handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
         Ref<Data> magic = handle->readDataOfLength(QXDecompressor::maxMagicLength(), &error);
         if (!magic) return AsyncRun::failBeforeReading(handler, error);
@@ -156,15 +157,12 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
     Ref<Error> error;
     auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, &error);
     if (!decompressor) return AsyncRun::failBeforeReading(handler, error);
-    auto run = std::make_shared<AsyncRun>(handler, std::move(decompressor), compressedAlgorithm,
-                                          decompressedAlgorithm);
-    QXRemoteFileHandle::DataHandler onChunk = [run](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done,
-                                                    const Ref<Error>& failure) {
-        return run->onChunk(chunk, done, failure);
-    };
+    auto run = std::make_shared<AsyncRun>(handler, std::move(decompressor), compressedAlgorithm, decompressedAlgorithm);
     const std::uint64_t maxBufferSize =
         static_cast<std::uint64_t>(QXDecompressor::maxOperationCount()) * kReadAheadPerOperation;
-    handle->readDataAtOffset(offset, length, maxBufferSize, std::move(onChunk));
+    handle->readDataAtOffset(offset, length, maxBufferSize,
+                             [run](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done,
+                                   const Ref<Error>& failure) { return run->onChunk(chunk, done, failure); });
 }
 
 } // namespace

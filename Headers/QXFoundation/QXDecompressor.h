@@ -269,11 +269,9 @@ public:
     //
     // Algorithm -1 reads maxMagicLength bytes at offset to pick the format
     // (the streaming object's own detection takes over when they match
-    // nothing). A seekable source is then read again from offset, so the
-    // decoder sees the whole range. A pipe or socket can't go back and can't
-    // skip: it is read from where it stands (offset must be 0, else the seek
-    // failure is reported), and the bytes taken for detection are put in front
-    // of its first chunk instead.
+    // nothing); the range is then read from offset again, so the decoder sees
+    // every byte of it. A pipe goes back as QXRemoteFileHandle allows (within
+    // the last 64 KiB read), which covers the magic.
     //
     // A null handler makes the call do nothing.
 

@@ -27,3 +27,4 @@
 #include <QXFoundation/QXInputStream.h>
 #include <QXFoundation/QXDecompressor.h>
 #include <QXFoundation/QXDecompressionOperation.h>
+#include <QXFoundation/QXDecompressionStream.h>
