@@ -19,6 +19,7 @@ packages=(
   libcli11-dev                     # qx's argument parsing
   libplist-utils python3           # peers for the property-list benchmark and the interop tests
   hyperfine
+  pigz pixz time                   # peers and peak-memory wrapper for the decompression benchmark
 )
 
 missing=()
