@@ -144,7 +144,8 @@ void failLater(QXDecompressor::Handler handler, Ref<Error> error) {
         [handler = std::move(handler), error = std::move(error)] { AsyncRun::failBeforeReading(handler, error); });
 }
 
-// A local pipe or socket: its position can be neither restored nor set.
+// A local pipe or socket: read front to back, so the detection's bytes are
+// kept rather than read again.
 bool isOneWay(const Ref<QXRemoteFileHandle>& handle) {
     return handle->systemFileHandle() && !handle->isRsrcFork() && !handle->isSeekable();
 }
@@ -158,7 +159,8 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
         Ref<Error> error;
         // The magic is looked for where the range starts, not wherever the
         // handle happens to stand.
-        if (!oneWay && !handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
+        // A pipe gets there by reading and dropping what comes before.
+        if (!handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
         Ref<Data> magic = handle->readDataOfLength(QXDecompressor::maxMagicLength(), &error);
         if (!magic) return AsyncRun::failBeforeReading(handler, error);
         QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
@@ -172,6 +174,8 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
         }
     }
 
+    // A source that gave its first bytes to the detection goes on from there.
+    const bool goOnFromHere = prefix != nullptr;
     Ref<Error> error;
     auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, &error);
     if (!decompressor) return AsyncRun::failBeforeReading(handler, error);
@@ -183,7 +187,7 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
     };
     const std::uint64_t maxBufferSize =
         static_cast<std::uint64_t>(QXDecompressor::maxOperationCount()) * kReadAheadPerOperation;
-    if (oneWay && offset == 0)
+    if (goOnFromHere)
         handle->readDataOfLengthMaxBufferSize(length, maxBufferSize, std::move(onChunk));
     else
         handle->readDataAtOffset(offset, length, maxBufferSize, std::move(onChunk));

@@ -263,10 +263,10 @@ public:
     // Algorithm -1 reads maxMagicLength bytes at offset to pick the format
     // (the streaming object's own detection takes over when they match
     // nothing). A seekable source is then read again from offset, so the
-    // decoder sees the whole range. A pipe or socket can't go back and can't
-    // skip: it is read from where it stands (offset must be 0, else the seek
-    // failure is reported), and the bytes taken for detection are put in front
-    // of its first chunk instead.
+    // decoder sees the whole range. A pipe or socket is read front to back:
+    // the offset is reached by reading past what comes before it (an offset
+    // beyond its end is the seek's failure), and the bytes taken for detection
+    // are put in front of its first chunk instead of being read again.
     //
     // A null handler makes the call do nothing.
 
