@@ -252,8 +252,8 @@ bool QXRemoteFileHandle::seekStream(std::uint64_t offset, Ref<Error>* error) {
         stream_->position = stream_->consumed;
         consumed = stream_->consumed;
     }
-    // Forward: read and drop what lies between. Running out first leaves the
-    // handle at the end, as a seek past the end of a file reads nothing.
+    // Forward: read and drop what lies between. A stream that ends first has
+    // no such position: the seek fails, leaving the handle at the end.
     std::vector<std::uint8_t> scratch(static_cast<std::size_t>(std::min<std::uint64_t>(offset - consumed, kMaxReadBuffer)));
     while (consumed < offset) {
         const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(offset - consumed, scratch.size()));
@@ -262,7 +262,10 @@ bool QXRemoteFileHandle::seekStream(std::uint64_t offset, Ref<Error>* error) {
             if (error) *error = posixError(errno, url_);
             return false;
         }
-        if (n == 0) break;
+        if (n == 0) {
+            if (error) *error = posixError(ESPIPE, url_);
+            return false;
+        }
         consumed += static_cast<std::uint64_t>(n);
     }
     return true;
@@ -791,7 +794,12 @@ bool QXRemoteFileHandle::seekToFileOffset(std::uint64_t offset, Ref<Error>* erro
 }
 
 bool QXRemoteFileHandle::seekToEndOfFileAndReturnError(Ref<Error>* error) {
-    if (stream_) return seekStream(std::numeric_limits<std::uint64_t>::max(), error);
+    if (stream_) {
+        // The end of a stream is wherever reading runs out.
+        Ref<Error> ignored;
+        seekStream(std::numeric_limits<std::uint64_t>::max(), &ignored);
+        return true;
+    }
     if (fileHandle_) {
         try {
             fileHandle_->seekToEndOfFile();
