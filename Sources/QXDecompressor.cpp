@@ -16,13 +16,17 @@
 #include <bzlib.h>
 #include <fcntl.h>
 #include <lzma.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <exception>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -123,6 +127,100 @@ Ref<Data> reusableOutput(Ref<Data>& kept) {
     kept = Data::create();
     return kept;
 }
+
+// The generic driver's input: pieces of up to kBufferSize bytes read from a
+// handle. From a regular file the next piece is read on a thread of its own
+// while the current one is decoded, so that copying the file in overlaps with
+// decoding; pipes, sockets and terminals are read inline, when asked, since a
+// read ahead there could wait for bytes nobody is going to send. Two buffers
+// go back and forth between the reader and the decoder.
+class HandleReader {
+public:
+    explicit HandleReader(qx::FileHandle& handle) : handle_(handle) {
+        struct stat info {};
+        const bool regular = ::fstat(handle.fileDescriptor(), &info) == 0 && S_ISREG(info.st_mode);
+        for (int i = 0; i < 2; ++i) free_.push_back(Data::create());
+        if (regular) thread_ = std::thread([this] { run(); });
+    }
+    ~HandleReader() {
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    HandleReader(const HandleReader&) = delete;
+    HandleReader& operator=(const HandleReader&) = delete;
+
+    /// The next piece, empty at the end; a read fault is rethrown here.
+    Ref<Data> next() {
+        if (!thread_.joinable()) {
+            Ref<Data> piece = free_.front();
+            fill(*piece);
+            return piece;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return !ready_.empty() || failure_; });
+        if (ready_.empty()) std::rethrow_exception(failure_);
+        Ref<Data> piece = std::move(ready_.front());
+        ready_.pop_front();
+        return piece;
+    }
+    /// Hands a piece from next() back for the reads to come.
+    void recycle(Ref<Data> piece) {
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            free_.push_back(std::move(piece));
+        }
+        changed_.notify_all();
+    }
+
+private:
+    void fill(Data& piece) {
+        piece.setLength(kBufferSize);
+        piece.setLength(handle_.readBytesOfLength(piece.mutableBytes(), kBufferSize));
+    }
+    void run() {
+        for (;;) {
+            Ref<Data> piece;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                changed_.wait(lock, [this] { return stop_ || !free_.empty(); });
+                if (stop_) return;
+                piece = std::move(free_.back());
+                free_.pop_back();
+            }
+            bool atEnd = false;
+            try {
+                fill(*piece);
+                atEnd = piece->length() == 0;
+            } catch (...) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                failure_ = std::current_exception();
+                changed_.notify_all();
+                return;
+            }
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                ready_.push_back(std::move(piece));
+            }
+            changed_.notify_all();
+            if (atEnd) return;
+        }
+    }
+
+    qx::FileHandle& handle_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Ref<Data>> free_;
+    std::deque<Ref<Data>> ready_;
+    std::exception_ptr failure_;
+    bool stop_ = false;
+    std::thread thread_;  // joined by the destructor before the state it uses goes
+};
 
 std::uint64_t readBigEndian64(const std::uint8_t* p) {
     std::uint64_t v = 0;
@@ -991,20 +1089,20 @@ std::int64_t QXDecompressor::decompressFileHandle(const Ref<qx::FileHandle>& han
     };
     auto askCancel = [&] { return cancelBlock && cancelBlock(); };
 
-    // One input buffer serves every read: the decompressor copies what it
-    // keeps, and a fresh megabyte per read costs page faults.
-    auto chunk = Data::create();
     try {
+        // Input buffers are reused: the decompressor copies what it keeps,
+        // and a fresh megabyte per read costs page faults.
+        HandleReader reader(*handle);
         for (;;) {
             if (askCancel()) {
                 cancelled = true;
                 break;
             }
-            chunk->setLength(kBufferSize);
-            chunk->setLength(handle->readBytesOfLength(chunk->mutableBytes(), kBufferSize));
+            auto chunk = reader.next();
             const bool isFinal = chunk->length() == 0;
             bool again = false;
             auto out = decompressor->decompressedDataFromStreamWithInputData(chunk, isFinal, &again, error);
+            reader.recycle(std::move(chunk));
             if (!out) return -1;
             deliver(out);
             while (again) {

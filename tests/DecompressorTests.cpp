@@ -6,6 +6,7 @@
 
 #include "LegacyZipEncoders.h"
 #include "LegacyZipFixtures.h"
+#include "StreamTestSupport.h"
 
 #include <qx/Log.h>
 #include <qx/String.h>
@@ -24,6 +25,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -645,6 +647,44 @@ TEST(DecompressorDrivers, WindowAcrossReadBoundaries) {
         const std::uint64_t end = length ? offset + length : plain.size();
         EXPECT_EQ(toBytes(out), Bytes(plain.begin() + offset, plain.begin() + end));
     }
+}
+
+// Regular files are read ahead on a second thread; pipes only when the
+// decoder asks for more. Either way every byte arrives once and in order, and
+// a failing read ends in the read error.
+TEST(DecompressorDrivers, PipesAndFilesDeliverEveryByteInOrder) {
+    const auto& p = payloads();
+    const Bytes big = randomBytes(3300000, 12);  // several reads' worth
+    TempDir dir;
+    for (const auto& [input, algorithm, expected] :
+         std::vector<std::tuple<const Bytes*, QXDecompressionAlgorithm, const Bytes*>>{
+             {&big, QXDecompressionAlgorithmNone, &big}, {&p.xz, QXDecompressionAlgorithmXZ, &p.plain}}) {
+        SCOPED_TRACE(algorithm);
+        auto fromFile = QXDecompressor::decompressedDataFromFileHandle(
+            qx::FileHandle::fileHandleForReadingFromURL(dir.write("in", *input)), 0, 0, algorithm);
+        EXPECT_EQ(toBytes(fromFile), *expected);
+
+        streamtest::Pipe pipe;
+        std::thread writer([&] {
+            for (std::size_t at = 0; at < input->size(); at += 100000)
+                pipe.write(std::string(input->begin() + static_cast<std::ptrdiff_t>(at),
+                                       input->begin() + static_cast<std::ptrdiff_t>(
+                                                            std::min(input->size(), at + 100000))));
+            pipe.closeWriter();
+        });
+        auto fromPipe = QXDecompressor::decompressedDataFromFileHandle(
+            qx::FileHandle::initWithFileDescriptor(pipe.reader(), false), 0, 0, algorithm);
+        writer.join();
+        EXPECT_EQ(toBytes(fromPipe), *expected);
+    }
+
+    Ref<Error> error;
+    auto directory = qx::FileHandle::fileHandleForReadingAtPath(dir.root().string());
+    ASSERT_TRUE(directory);
+    EXPECT_EQ(QXDecompressor::decompressFileHandle(directory, QXDecompressionAlgorithmXZ, 0, 0, nullptr, nullptr,
+                                                   nullptr, &error),
+              -1);
+    expectError(error, "NSCocoaErrorDomain", 256);
 }
 
 TEST(DecompressorDrivers, GzipFilesGoThroughTheVerifyingReader) {
