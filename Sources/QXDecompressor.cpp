@@ -1,6 +1,7 @@
 // QXDecompressor.cpp - the streaming decompressor, detection and the synchronous drivers.
 #include <QXFoundation/QXDecompressor.h>
 
+#include <QXFoundation/QXDecompressionOperation.h>
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXExplode.h>
 #include <QXFoundation/QXPBZXDecode.h>
@@ -231,7 +232,7 @@ std::uint64_t readBigEndian64(const std::uint8_t* p) {
 } // namespace
 
 // ---------------------------------------------------------------------------
-// Decoder states and PBZX chunk decoders
+// Decoder states
 
 struct QXDecompressor::Decoders {
     // The previous call's output, reused once the caller has let go of it.
@@ -247,82 +248,19 @@ struct QXDecompressor::Decoders {
     std::unique_ptr<QXPBZXDecodeStream, PBZXEnd> pbzx;
 };
 
-// Decodes one PBZX chunk with a streaming decompressor of its own (automatic
-// detection for a compressed chunk, pass-through for a stored one). It runs on
-// the caller's thread: input is decoded as it is provided and the output waits
-// until consumed.
-class QXDecompressor::PBZXChunk {
-public:
-    static std::shared_ptr<PBZXChunk> create(QXDecompressionAlgorithm algorithm, Ref<Error>* error) {
-        auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, error);
-        if (!decompressor) return nullptr;
-        auto chunk = std::make_shared<PBZXChunk>();
-        chunk->decompressor_ = std::move(decompressor);
-        chunk->compressed_ = algorithm != QXDecompressionAlgorithmNone;
-        return chunk;
-    }
-
-    void provideInputData(const std::uint8_t* bytes, std::size_t length, bool isFinal) {
-        if (cancelled_) {
-            if (!error_) error_ = cocoaError(3072);
-            return;
-        }
-        if (error_ || noMoreInputData_) return;
-        Ref<Data> piece = Data::withBytes(bytes, length);
-        bool again = false;
-        do {
-            Ref<Error> error;
-            auto out = decompressor_->decompressedDataFromStreamWithInputData(piece, isFinal, &again, &error);
-            if (!out) {
-                error_ = error ? error : cocoaError(259);
-                return;
-            }
-            output_->append(*out);
-            piece = Data::create();
-        } while (again);
-        if (isFinal) {
-            // A compressed chunk whose bytes never looked like any known format
-            // decoded nothing at all: that is corrupt data, not an empty chunk.
-            if (compressed_ && !decompressor_->isSetUp()) {
-                error_ = cocoaError(259);
-                return;
-            }
-            noMoreInputData_ = true;
-        }
-    }
-
-    Ref<Data> consumeOutputData() {
-        Ref<Data> out = output_;
-        output_ = Data::create();
-        if (noMoreInputData_) done_ = true;
-        return out;
-    }
-
-    void cancelWithError(const Ref<Error>& error) {
-        error_ = error;
-        cancelled_ = true;
-    }
-    bool isFinished() const { return done_ || error_; }
-    bool isCancelled() const { return cancelled_; }
-    bool hasMoreInputComing() const { return !noMoreInputData_ && !error_; }
-    const Ref<Error>& error() const { return error_; }
-
-private:
-    Ref<QXDecompressor> decompressor_;
-    Ref<Data> output_ = Data::create();
-    Ref<Error> error_;
-    bool compressed_ = false;
-    bool noMoreInputData_ = false;
-    bool done_ = false;
-    bool cancelled_ = false;
-};
-
 // ---------------------------------------------------------------------------
 // The streaming object
 
 QXDecompressor::QXDecompressor() : decoders_(std::make_unique<Decoders>()), streamIn_(Data::create()) {}
 
-QXDecompressor::~QXDecompressor() = default;
+QXDecompressor::~QXDecompressor() {
+    // Chunk decoders still at work would otherwise go on filling buffers that
+    // nobody reads; cancelling wakes any of them asleep on a full one.
+    if (!operations_.empty()) {
+        const auto error = cocoaError(3072);
+        for (auto& operation : operations_) operation->cancelWithError(error);
+    }
+}
 
 Ref<QXDecompressor> QXDecompressor::init() { return Ref<QXDecompressor>(new QXDecompressor()); }
 
@@ -694,13 +632,45 @@ Ref<Error> QXDecompressor::failPBZX(int result) {
     return error;
 }
 
+// The drain takes output from the oldest operation only, so the output keeps
+// the container's order. When it has to wait for that operation (the list is
+// full, or the input has ended and the caller came back for output), it sleeps
+// in the operation's ring buffer until bytes arrive or the operation can
+// produce no more: a consumer that polled instead would take a core from the
+// very decoders it waits for. An operation leaves the list once it has ended
+// (done or failed), whether or not the shared queue has started it yet: the
+// decoding runs on the operation's own queue, and waiting for a queue place
+// could deadlock when the queue is full of workers that are themselves
+// waiting here.
+Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
+    const std::size_t limit = static_cast<std::size_t>(maxOperationCount());
+    while (!operations_.empty()) {
+        Ref<QXDecompressionOperation> first = operations_.front();
+        if (auto failure = first->error()) return failure;
+        out.append(*first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max()));
+        if (first->hasEnded()) {
+            if (auto failure = first->error()) return failure;
+            operations_.erase(operations_.begin());
+            continue;
+        }
+        if (operations_.size() >= limit || (waitForOutput && out.length() == 0)) {
+            first->waitForOutputData();
+            continue;
+        }
+        break;
+    }
+    return nullptr;
+}
+
 Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool* shouldRunAgain,
                                       Ref<Error>* error) {
     if (cancelled_) {
         setError(error, cancelError_ ? cancelError_ : cocoaError(3072));
         return nullptr;
     }
-    Ref<Data> in = input;
+    // After the final call only output is collected: the buffer driver gives
+    // the whole input again while asked to run again.
+    Ref<Data> in = pbzxInputEnded_ ? Data::create() : input;
     if (!firstDataRead_) {
         if (in->length() <= 3) {
             streamIn_->append(*in);
@@ -730,38 +700,35 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         const std::uint64_t staged = s->total_out - before;
         if (staged > 0 && s->chunk_started) {
             Ref<Error> operationError;
-            auto chunk = PBZXChunk::create(
+            auto operation = QXDecompressionOperation::initWithAlgorithm(
                 s->chunk_compressed ? QXDecompressionAlgorithmAutomatic : QXDecompressionAlgorithmNone,
                 &operationError);
-            if (!chunk) {
+            if (!operation) {
                 cancelWithError(operationError);
                 setError(error, operationError);
                 return nullptr;
             }
-            currentOperation_ = chunk;
-            operations_.push_back(chunk);
+            currentOperation_ = operation;
+            operations_.push_back(operation);
+            operationQueue()->addOperation(operation);
         }
-        if (staged > 0 && currentOperation_) currentOperation_->provideInputData(staging, staged, s->chunk_ended);
+        if (staged > 0 && currentOperation_)
+            currentOperation_->provideInputData(Data::withBytes(staging, staged), s->chunk_ended);
         // The container ends here: a chunk cut short is closed with what it
         // has, so that its decoder reports the truncation (xz does) instead of
-        // waiting for bytes that never come.
-        if (isFinal && result == 3 && currentOperation_ && currentOperation_->hasMoreInputComing())
-            currentOperation_->provideInputData(nullptr, 0, true);
-        if (auto failure = operationError()) {
+        // waiting for bytes that never come. An operation ignores pieces after
+        // its last one, so this is harmless for a chunk that is complete.
+        if (isFinal && result == 3 && currentOperation_) currentOperation_->provideInputData(Data::create(), true);
+        Ref<Error> failure = operationError();
+        if (!failure) failure = drainPBZXOperations(*out, isFinal && result != 2);
+        if (failure) {
             cancelWithError(failure);
             setError(error, failure);
             return nullptr;
         }
-        // Chunks are decoded as they arrive, so all finished ones drain here.
-        while (!operations_.empty()) {
-            auto& first = operations_.front();
-            out->append(*first->consumeOutputData());
-            if (!first->isFinished()) break;
-            operations_.erase(operations_.begin());
-        }
     } while (result == 2);
-    if (shouldRunAgain)
-        *shouldRunAgain = isFinal && !operations_.empty() && !operations_.front()->isFinished();
+    if (isFinal) pbzxInputEnded_ = true;
+    if (shouldRunAgain) *shouldRunAgain = isFinal && !operations_.empty() && !operations_.front()->hasEnded();
     return out;
 }
 

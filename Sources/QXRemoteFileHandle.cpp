@@ -165,6 +165,109 @@ struct QXRemoteFileHandle::LocalReader {
     }
 };
 
+// ---- Descriptors that cannot seek ----
+
+// The position of a pipe-like descriptor and the bytes most recently read
+// from it. Invariant: consumed - kept.size() <= position <= consumed. The lock
+// is never held across a read of the descriptor, which may block for long.
+struct QXRemoteFileHandle::StreamWindow {
+    static constexpr std::size_t kCapacity = 64 * 1024;
+    std::mutex mutex;
+    std::uint64_t position = 0;      // where the next read starts; guarded by mutex
+    std::uint64_t consumed = 0;      // bytes taken from the descriptor; guarded by mutex
+    std::vector<std::uint8_t> kept;  // the bytes [consumed - kept.size(), consumed); guarded by mutex
+
+    std::uint64_t currentPosition() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return position;
+    }
+
+    // Up to length bytes from the position: kept bytes first, else one read
+    // of the descriptor. 0 at the end; -1 with errno set on failure.
+    ssize_t read(int fd, std::uint8_t* out, std::size_t length) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (position < consumed) {
+                const std::size_t count = static_cast<std::size_t>(std::min<std::uint64_t>(length, consumed - position));
+                std::memcpy(out, kept.data() + (kept.size() - (consumed - position)), count);
+                position += count;
+                return static_cast<ssize_t>(count);
+            }
+        }
+        ssize_t n;
+        do n = ::read(fd, out, length);
+        while (n < 0 && errno == EINTR);
+        if (n > 0) {
+            std::lock_guard<std::mutex> lock(mutex);
+            keep(out, static_cast<std::size_t>(n));
+            position = consumed;
+        }
+        return n;
+    }
+
+private:
+    void keep(const std::uint8_t* bytes, std::size_t n) {
+        if (n >= kCapacity) {
+            kept.assign(bytes + (n - kCapacity), bytes + n);
+        } else {
+            if (kept.size() + n > kCapacity) kept.erase(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(kept.size() + n - kCapacity));
+            kept.insert(kept.end(), bytes, bytes + n);
+        }
+        consumed += n;
+    }
+};
+
+Ref<Data> QXRemoteFileHandle::readStream(std::uint64_t length, Ref<Error>* error) {
+    const int fd = fileHandle_->fileDescriptor();
+    auto data = Data::create();
+    std::uint64_t total = 0;
+    while (total < length) {
+        // Grown a piece at a time: "to the end" must not allocate its length up front.
+        const std::size_t piece = static_cast<std::size_t>(std::min<std::uint64_t>(length - total, kMaxReadBuffer));
+        data->setLength(static_cast<std::size_t>(total) + piece);
+        const ssize_t n = stream_->read(fd, data->mutableBytes() + total, piece);
+        if (n < 0) {
+            if (error) *error = posixError(errno, url_);
+            return nullptr;
+        }
+        if (n == 0) break;
+        total += static_cast<std::uint64_t>(n);
+    }
+    data->setLength(static_cast<std::size_t>(total));
+    return data;
+}
+
+bool QXRemoteFileHandle::seekStream(std::uint64_t offset, Ref<Error>* error) {
+    std::uint64_t consumed;
+    {
+        std::lock_guard<std::mutex> lock(stream_->mutex);
+        if (offset < stream_->consumed - stream_->kept.size()) {
+            if (error) *error = posixError(ESPIPE, url_);
+            return false;
+        }
+        if (offset <= stream_->consumed) {
+            stream_->position = offset;
+            return true;
+        }
+        stream_->position = stream_->consumed;
+        consumed = stream_->consumed;
+    }
+    // Forward: read and drop what lies between. Running out first leaves the
+    // handle at the end, as a seek past the end of a file reads nothing.
+    std::vector<std::uint8_t> scratch(static_cast<std::size_t>(std::min<std::uint64_t>(offset - consumed, kMaxReadBuffer)));
+    while (consumed < offset) {
+        const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(offset - consumed, scratch.size()));
+        const ssize_t n = stream_->read(fileHandle_->fileDescriptor(), scratch.data(), want);
+        if (n < 0) {
+            if (error) *error = posixError(errno, url_);
+            return false;
+        }
+        if (n == 0) break;
+        consumed += static_cast<std::uint64_t>(n);
+    }
+    return true;
+}
+
 // ---- Making handles ----
 
 QXRemoteFileHandle::QXRemoteFileHandle() = default;
@@ -230,7 +333,9 @@ Ref<QXRemoteFileHandle> QXRemoteFileHandle::initWithSystemFileHandle(const Ref<F
     Ref<QXRemoteFileHandle> handle(new QXRemoteFileHandle());
     handle->fileHandle_ = fileHandle;
     handle->setCloseWhenDone(closeOnDealloc);
-    handle->setIsSeekable(!S_ISFIFO(st.st_mode) && !S_ISSOCK(st.st_mode));
+    const bool stream = S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode) || (::lseek(fd, 0, SEEK_CUR) < 0 && errno == ESPIPE);
+    handle->setIsSeekable(!stream);
+    if (stream) handle->stream_ = std::make_shared<StreamWindow>();
     // Deliberately the whole flags word, not the access mode: a descriptor
     // with O_APPEND, O_NONBLOCK and the like is neither readable nor writable.
     const int word = flags & ~kKernelLargeFileFlag;
@@ -285,6 +390,7 @@ Ref<Error> QXRemoteFileHandle::exceptionError(std::int64_t code, const std::exce
 // ---- Position and size ----
 
 std::uint64_t QXRemoteFileHandle::offsetInFile() const {
+    if (stream_) return stream_->currentPosition();
     if (fileHandle_ && !isRsrcFork()) {
         try {
             return fileHandle_->offsetInFile();
@@ -388,6 +494,7 @@ Ref<Data> QXRemoteFileHandle::readDataOfLength(std::uint64_t length, Ref<Error>*
         const std::uint64_t count = std::min<std::uint64_t>(length, value.size() - position);
         return Data::withBytes(value.data() + position, static_cast<std::size_t>(count));
     }
+    if (stream_) return readStream(length, error);
     if (fileHandle_) {
         try {
             return fileHandle_->readDataOfLength(length);
@@ -414,6 +521,7 @@ Ref<Data> QXRemoteFileHandle::readDataToEndOfFileAndReturnError(Ref<Error>* erro
         const std::uint64_t offset = offsetInFile();
         return readDataOfLength(offset < length ? length - offset : 0, error);
     }
+    if (stream_) return readStream(ToEndOfFile, error);
     if (fileHandle_) {
         try {
             return fileHandle_->readDataToEndOfFile();
@@ -572,8 +680,12 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
             Ref<Data> chunk = reader->spareChunk();
             chunk->setLength(want);
             ssize_t n;
-            do n = ::read(fd, chunk->mutableBytes(), want);
-            while (n < 0 && errno == EINTR);
+            if (handle->stream_) {
+                n = handle->stream_->read(fd, chunk->mutableBytes(), want);
+            } else {
+                do n = ::read(fd, chunk->mutableBytes(), want);
+                while (n < 0 && errno == EINTR);
+            }
             Ref<Error> error;
             if (n == 0) {
                 chunk->setLength(0);
@@ -664,6 +776,7 @@ bool QXRemoteFileHandle::seekToFileOffset(std::uint64_t offset, Ref<Error>* erro
         setPrivateOffsetInFile(offset);
         return true;
     }
+    if (stream_) return seekStream(offset, error);
     if (fileHandle_) {
         try {
             fileHandle_->seekToFileOffset(offset);
@@ -678,6 +791,7 @@ bool QXRemoteFileHandle::seekToFileOffset(std::uint64_t offset, Ref<Error>* erro
 }
 
 bool QXRemoteFileHandle::seekToEndOfFileAndReturnError(Ref<Error>* error) {
+    if (stream_) return seekStream(std::numeric_limits<std::uint64_t>::max(), error);
     if (fileHandle_) {
         try {
             fileHandle_->seekToEndOfFile();

@@ -78,6 +78,11 @@ std::uint64_t QXRingBuffer::writeBytes(const void* bytes, std::uint64_t length, 
         std::uint64_t held = bytesWritten_ - bytesRead_;
         while (held == bufferSize_) {
             if (!wait) return written;
+            if (closed_) {
+                lock.unlock();
+                if (written > 0) pthread_cond_signal(&sync_->writeCond);
+                return written;
+            }
             lock.wait(sync_->readCond);
             held = bytesWritten_ - bytesRead_;
         }
@@ -117,6 +122,11 @@ std::uint64_t QXRingBuffer::readBytes(void* buffer, std::uint64_t length, bool w
     for (;;) {
         while (bytesWritten_ == bytesRead_) {
             if (!wait) return read;
+            if (closed_) {
+                lock.unlock();
+                if (read > 0) pthread_cond_signal(&sync_->readCond);
+                return read;
+            }
             lock.wait(sync_->writeCond);
         }
         std::uint64_t chunk = std::min(bytesWritten_ - bytesRead_, length - read);
@@ -171,4 +181,24 @@ void QXRingBuffer::clearBuffer() {
     writePointer_ = 0;
     bytesRead_ = 0;
     bytesWritten_ = 0;
+}
+
+void QXRingBuffer::close() {
+    {
+        Locker lock(sync_->mutex);
+        closed_ = true;
+    }
+    pthread_cond_broadcast(&sync_->readCond);
+    pthread_cond_broadcast(&sync_->writeCond);
+}
+
+bool QXRingBuffer::isClosed() const {
+    Locker lock(sync_->mutex);
+    return closed_;
+}
+
+std::uint64_t QXRingBuffer::waitForBytesAvailable() {
+    Locker lock(sync_->mutex);
+    while (bytesWritten_ == bytesRead_ && !closed_) lock.wait(sync_->writeCond);
+    return bytesWritten_ - bytesRead_;
 }

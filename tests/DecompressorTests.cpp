@@ -2,13 +2,16 @@
 // on payloads made at test time by zlib, libbz2 and liblzma.
 #include <gtest/gtest.h>
 
+#include <QXFoundation/QXDecompressionOperation.h>
 #include <QXFoundation/QXDecompressor.h>
 
+#include "DecompressorPayloads.h"
 #include "LegacyZipEncoders.h"
 #include "LegacyZipFixtures.h"
 #include "StreamTestSupport.h"
 
 #include <qx/Log.h>
+#include <qx/OperationQueue.h>
 #include <qx/String.h>
 
 #include <bzlib.h>
@@ -19,6 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -32,88 +36,9 @@ namespace fs = std::filesystem;
 using qx::Data;
 using qx::Error;
 using qx::Ref;
-using Bytes = std::vector<std::uint8_t>;
+using namespace decompressorpayloads;
 
 namespace {
-
-// Text-like bytes that compress well but not trivially.
-Bytes makePayload(std::size_t size, unsigned seed = 1) {
-    static const char* words[] = {"alpha ", "bravo ", "charlie ", "delta\n", "echo ", "foxtrot ", "golf ", "hotel "};
-    std::mt19937 rng(seed);
-    Bytes out;
-    out.reserve(size);
-    while (out.size() < size) {
-        const char* w = words[rng() % 8];
-        for (const char* p = w; *p && out.size() < size; ++p) out.push_back(static_cast<std::uint8_t>(*p));
-        if (rng() % 5 == 0 && out.size() < size) out.push_back(static_cast<std::uint8_t>(rng()));
-    }
-    return out;
-}
-
-Bytes randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 rng(seed);
-    Bytes out(size);
-    for (auto& b : out) b = static_cast<std::uint8_t>(rng());
-    return out;
-}
-
-// windowBits: 15 zlib, 31 gzip, -15 raw deflate.
-Bytes deflateBytes(const Bytes& in, int windowBits, int level = 6) {
-    z_stream z{};
-    EXPECT_EQ(deflateInit2(&z, level, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    Bytes out(deflateBound(&z, in.size()) + 64);
-    z.next_in = const_cast<Bytef*>(in.data());
-    z.avail_in = static_cast<uInt>(in.size());
-    z.next_out = out.data();
-    z.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
-}
-
-Bytes bzip2Bytes(const Bytes& in) {
-    unsigned length = static_cast<unsigned>(in.size() + in.size() / 100 + 1024);
-    Bytes out(length);
-    EXPECT_EQ(BZ2_bzBuffToBuffCompress(reinterpret_cast<char*>(out.data()), &length,
-                                       const_cast<char*>(reinterpret_cast<const char*>(in.data())),
-                                       static_cast<unsigned>(in.size()), 9, 0, 0),
-              BZ_OK);
-    out.resize(length);
-    return out;
-}
-
-Bytes xzBytes(const Bytes& in) {
-    Bytes out(lzma_stream_buffer_bound(in.size()));
-    std::size_t position = 0;
-    EXPECT_EQ(lzma_easy_buffer_encode(1, LZMA_CHECK_CRC64, nullptr, in.data(), in.size(), out.data(), &position,
-                                      out.size()),
-              LZMA_OK);
-    out.resize(position);
-    return out;
-}
-
-void appendBigEndian64(Bytes& out, std::uint64_t v) {
-    for (int i = 7; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-
-// A PBZX container: every piece becomes one chunk, xz-compressed unless its
-// index is listed in stored.
-Bytes pbzxBytes(const std::vector<Bytes>& pieces, const std::vector<std::size_t>& stored = {}) {
-    Bytes out = {'p', 'b', 'z', 'x'};
-    appendBigEndian64(out, 0x01000000);
-    for (std::size_t i = 0; i < pieces.size(); ++i) {
-        const bool isStored = std::find(stored.begin(), stored.end(), i) != stored.end();
-        const Bytes data = isStored ? pieces[i] : xzBytes(pieces[i]);
-        appendBigEndian64(out, pieces[i].size());
-        appendBigEndian64(out, data.size());
-        out.insert(out.end(), data.begin(), data.end());
-    }
-    return out;
-}
-
-Ref<Data> toData(const Bytes& b) { return Data::withBytes(b.data(), b.size()); }
-Bytes toBytes(const Ref<Data>& d) { return d ? Bytes(d->bytes(), d->bytes() + d->length()) : Bytes{}; }
 
 // Feeds input in pieces of `step` bytes, then an empty final call, draining
 // while the decompressor asks to run again. Null on failure.
@@ -133,23 +58,6 @@ Ref<Data> decodeInPieces(const Ref<QXDecompressor>& d, const Bytes& input, std::
         out->append(*piece);
     } while (again);
     return out;
-}
-
-struct Payloads {
-    Bytes plain = makePayload(300000);
-    Bytes zlib = deflateBytes(plain, 15);
-    Bytes gzip = deflateBytes(plain, 31);
-    Bytes raw = deflateBytes(plain, -15);
-    Bytes bzip2 = bzip2Bytes(plain);
-    Bytes xz = xzBytes(plain);
-    Bytes pbzx = pbzxBytes({Bytes(plain.begin(), plain.begin() + 100000), Bytes(plain.begin() + 100000, plain.begin() + 100100),
-                            Bytes(plain.begin() + 100100, plain.end())},
-                           {1});
-};
-
-const Payloads& payloads() {
-    static const Payloads p;
-    return p;
 }
 
 class TempDir {
@@ -843,4 +751,168 @@ TEST(Decompressor, RealShrinkEntriesDecodeOrFailAsCorrupt) {
         }
     }
     EXPECT_GE(corrupt, 5u);
+}
+
+// ----- PBZX chunks decoded in parallel -----
+
+namespace {
+
+// Far more chunks than operations may be in flight, of different sizes,
+// every third one stored.
+struct ManyChunks {
+    Bytes plain;
+    Bytes container;
+    std::size_t count = 40;
+    ManyChunks() {
+        std::vector<Bytes> pieces;
+        std::vector<std::size_t> stored;
+        for (std::size_t i = 0; i < count; ++i) {
+            pieces.push_back(makePayload(3000 + i * 997, static_cast<unsigned>(i + 10)));
+            if (i % 3 == 1) stored.push_back(i);
+            plain.insert(plain.end(), pieces.back().begin(), pieces.back().end());
+        }
+        container = pbzxBytes(pieces, stored);
+    }
+};
+
+const ManyChunks& manyChunks() {
+    static const ManyChunks m;
+    return m;
+}
+
+// Tiny chunk buffers, so that chunk decoders run into full buffers and wait.
+class SmallChunkBuffers {
+public:
+    explicit SmallChunkBuffers(std::uint64_t bytes) { QXDecompressionOperation::setBufferSizeOverrideForTesting(bytes); }
+    ~SmallChunkBuffers() { QXDecompressionOperation::setBufferSizeOverrideForTesting(0); }
+};
+
+// The chunk decoders now in the shared queue, held weakly.
+std::vector<qx::WeakRef<QXDecompressionOperation>> chunkOperationsInQueue() {
+    std::vector<qx::WeakRef<QXDecompressionOperation>> out;
+    for (const auto& op : QXDecompressor::operationQueue()->operations())
+        if (auto chunk = qx::dyn_cast<QXDecompressionOperation>(op)) out.push_back(chunk);
+    return out;
+}
+
+// True when every one of them went away before a generous deadline: one that
+// stays is held by a decoding thread that never woke.
+bool allReleased(const std::vector<qx::WeakRef<QXDecompressionOperation>>& ops) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (const auto& weak : ops)
+        while (!weak.expired()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::yield();
+        }
+    return true;
+}
+
+} // namespace
+
+TEST(DecompressorPBZX, ManyChunksMixedStoredAndXZComeOutExactlyInOrder) {
+    const auto& m = manyChunks();
+    ASSERT_GT(m.count, static_cast<std::size_t>(QXDecompressor::maxOperationCount()));
+    for (std::size_t step : {m.container.size(), std::size_t(65536), std::size_t(4099), std::size_t(333)}) {
+        SCOPED_TRACE(step);
+        Ref<Error> error;
+        auto out = decodeInPieces(QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmPBZX),
+                                  m.container, step, &error);
+        ASSERT_TRUE(out) << error->localizedDescription();
+        EXPECT_EQ(toBytes(out), m.plain);
+    }
+    // The buffer driver gives the very same input again while asked to run
+    // again; it must not be decoded twice.
+    EXPECT_EQ(toBytes(QXDecompressor::decompressedDataFromData(toData(m.container), -1)), m.plain);
+}
+
+TEST(DecompressorPBZX, ChunkDecodersWaitingOnFullBuffersStillDeliverEverything) {
+    const auto& m = manyChunks();
+    SmallChunkBuffers small(512);
+    for (std::size_t step : {m.container.size(), std::size_t(4099)}) {
+        SCOPED_TRACE(step);
+        Ref<Error> error;
+        auto out = decodeInPieces(QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmPBZX),
+                                  m.container, step, &error);
+        ASSERT_TRUE(out);
+        EXPECT_EQ(toBytes(out), m.plain);
+    }
+}
+
+TEST(DecompressorPBZX, EveryRunAgainCallBringsOutputSoCallersNeverSpin) {
+    const auto& m = manyChunks();
+    auto d = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmPBZX);
+    bool again = false;
+    auto out = d->decompressedDataFromStreamWithInputData(toData(m.container), true, &again);
+    ASSERT_TRUE(out);
+    Bytes all = toBytes(out);
+    std::size_t emptyCalls = 0;
+    while (again) {
+        auto more = d->decompressedDataFromStreamWithInputData(Data::create(), true, &again);
+        ASSERT_TRUE(more);
+        if (more->length() == 0) ++emptyCalls;
+        all.insert(all.end(), more->bytes(), more->bytes() + more->length());
+    }
+    EXPECT_EQ(emptyCalls, 0u);
+    EXPECT_EQ(all, m.plain);
+}
+
+TEST(DecompressorPBZX, LyingChunkHeadersFailOrDecodeWhatIsThereButNeverTrustTheSizes) {
+    const Bytes first = makePayload(20000, 40), second = makePayload(30000, 41);
+    const Bytes xzFirst = xzBytes(first), xzSecond = xzBytes(second);
+    auto container = [&](std::uint64_t declaredPlain, std::uint64_t declaredPacked) {
+        Bytes out = {'p', 'b', 'z', 'x'};
+        appendBigEndian64(out, 0x01000000);
+        appendBigEndian64(out, declaredPlain);
+        appendBigEndian64(out, declaredPacked);
+        out.insert(out.end(), xzFirst.begin(), xzFirst.end());
+        appendBigEndian64(out, second.size());
+        appendBigEndian64(out, xzSecond.size());
+        out.insert(out.end(), xzSecond.begin(), xzSecond.end());
+        return out;
+    };
+    Ref<Error> error;
+    // The uncompressed size is only a claim: the data decides the output.
+    auto out = QXDecompressor::decompressedDataFromData(toData(container(5, xzFirst.size())), 7, &error);
+    ASSERT_TRUE(out);
+    Bytes both = first;
+    both.insert(both.end(), second.begin(), second.end());
+    EXPECT_EQ(toBytes(out), both);
+
+    // A compressed size off by a little either way cuts or overruns the xz
+    // stream and misreads the next header; a huge one runs into the end of
+    // the input. Each fails with an error, allocating nothing of that size.
+    for (std::uint64_t packed : {xzFirst.size() - 1, xzFirst.size() + 1, xzFirst.size() + 7,
+                                 std::uint64_t(1) << 62, ~std::uint64_t(0)}) {
+        SCOPED_TRACE(packed);
+        error = nullptr;
+        EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(container(first.size(), packed)), 7, &error));
+        EXPECT_TRUE(error);
+    }
+}
+
+TEST(DecompressorPBZX, CancelOrDestroyMidStreamWakesAndReleasesEveryChunkDecoder) {
+    const auto& m = manyChunks();
+    SmallChunkBuffers small(256);
+    for (bool cancelFirst : {true, false}) {
+        SCOPED_TRACE(cancelFirst);
+        auto d = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmPBZX);
+        // Half the container in one call: the decoders behind the oldest fill
+        // their buffers and wait for a consumer that is about to go.
+        ASSERT_TRUE(d->decompressedDataFromStreamWithInputData(toData(Bytes(m.container.begin(),
+                                                                            m.container.begin() + m.container.size() / 2)),
+                                                               false));
+        auto ops = chunkOperationsInQueue();
+        EXPECT_FALSE(ops.empty());
+        if (cancelFirst) {
+            d->cancel();
+            expectError(d->operationError(), "NSCocoaErrorDomain", 3072);
+            Ref<Error> error;
+            EXPECT_FALSE(d->decompressedDataFromStreamWithInputData(toData(Bytes(m.container.begin() + m.container.size() / 2,
+                                                                                 m.container.end())),
+                                                                    true, nullptr, &error));
+            expectError(error, "NSCocoaErrorDomain", 3072);
+        }
+        d.reset();
+        EXPECT_TRUE(allReleased(ops));
+    }
 }

@@ -424,6 +424,80 @@ TEST(RemoteFileHandleLocal, FileShrinkingDuringTheReadEndsAtTheNewEnd) {
     EXPECT_EQ(d->calls.back().length, 0u);
 }
 
+// A pipe fed by a thread of its own, which ends once everything is written
+// or the reader has gone.
+struct FedPipe {
+    Ref<Handle> handle;
+    std::thread writer;
+    explicit FedPipe(std::vector<std::uint8_t> content) {
+        int fds[2];
+        if (::pipe(fds) != 0) return;
+        handle = Handle::initWithSystemFileHandle(FileHandle::initWithFileDescriptor(fds[0], true), true);
+        writer = std::thread([fd = fds[1], content = std::move(content)] {
+            std::size_t at = 0;
+            while (at < content.size()) {
+                const ssize_t n = ::write(fd, content.data() + at, std::min<std::size_t>(content.size() - at, 7000));
+                if (n <= 0) break;
+                at += static_cast<std::size_t>(n);
+            }
+            ::close(fd);
+        });
+    }
+    ~FedPipe() {
+        handle.reset();  // closes the read end, so a blocked writer gives up
+        if (writer.joinable()) writer.join();
+    }
+};
+
+TEST(RemoteFileHandleLocal, PipeReadsFrontToBackAndGoesBackWithinTheLastBytes) {
+    const auto content = HttpTestServer::patternBytes(300 * 1024 + 17);
+    FedPipe pipe(content);
+    auto& h = pipe.handle;
+    ASSERT_TRUE(h);
+    EXPECT_FALSE(h->isSeekable());
+
+    // Looking at the first bytes, then reading the whole from the start, as a
+    // decompressor that detects the format first does.
+    EXPECT_EQ(bytesOf(h->readDataOfLength(6)), slice(content, 0, 6));
+    EXPECT_EQ(h->offsetInFile(), 6u);
+    auto d = std::make_shared<Deliveries>();
+    h->readDataAtOffset(0, Handle::ToEndOfFile, 64 * 1024, Deliveries::handler(d));
+    ASSERT_TRUE(d->waitOver());
+    EXPECT_EQ(d->bytes, content);
+    EXPECT_EQ(d->doneCount(), 1u);
+    EXPECT_EQ(h->offsetInFile(), content.size());
+
+    // The last bytes can be read again; what lies further back is gone.
+    Ref<Error> error;
+    ASSERT_TRUE(h->seekToFileOffset(content.size() - 8, &error)) << describe(error.get());
+    EXPECT_EQ(bytesOf(h->readDataOfLength(100)), slice(content, content.size() - 8, 8));
+    EXPECT_FALSE(h->seekToFileOffset(1000, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), ESPIPE);
+    EXPECT_EQ(h->offsetInFile(), content.size());
+}
+
+TEST(RemoteFileHandleLocal, PipeSeeksForwardByReading) {
+    const auto content = HttpTestServer::patternBytes(200 * 1024);
+    FedPipe pipe(content);
+    auto& h = pipe.handle;
+    ASSERT_TRUE(h);
+    ASSERT_TRUE(h->seekToFileOffset(100000));
+    EXPECT_EQ(bytesOf(h->readDataOfLength(10)), slice(content, 100000, 10));
+
+    auto d = std::make_shared<Deliveries>();
+    h->readDataAtOffset(150000, 5000, 1024, Deliveries::handler(d));
+    ASSERT_TRUE(d->waitOver());
+    EXPECT_EQ(d->bytes, slice(content, 150000, 5000));
+    EXPECT_EQ(d->doneCount(), 1u);
+
+    // Past the end: the handle stops at the end and reads nothing more.
+    ASSERT_TRUE(h->seekToFileOffset(10 * 1024 * 1024));
+    EXPECT_EQ(h->offsetInFile(), content.size());
+    EXPECT_TRUE(bytesOf(h->readDataToEndOfFileAndReturnError()).empty());
+}
+
 // ---- Resource fork ----
 
 TEST(RemoteFileHandleFork, ReadsWritesSeeksAndKeepsItsOffset) {

@@ -188,3 +188,32 @@ TEST_P(RingBufferTransfer, EveryByteArrivesInOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Capacities, RingBufferTransfer, ::testing::Values(1, 7, 4096, 65536));
+
+TEST(RingBuffer, CloseWakesASleepingWriterAndKeepsTheBytesReadable) {
+    auto r = ring(4);
+    std::uint64_t wrote = 0;
+    std::thread writer([&] { wrote = put(*r, "abcdefgh", true); });
+    while (r->bytesAvailable() < 4) std::this_thread::yield();
+    // Whether the writer is already asleep or about to be, it must come back
+    // with what it managed to put in.
+    r->close();
+    writer.join();
+    EXPECT_EQ(wrote, 4u);
+    EXPECT_TRUE(r->isClosed());
+    char out[8] = {};
+    EXPECT_EQ(r->readBytes(out, sizeof out, true), 4u);  // no longer waits for the rest
+    EXPECT_EQ(std::string(out, 4), "abcd");
+    EXPECT_EQ(r->waitForBytesAvailable(), 0u);
+    EXPECT_EQ(put(*r, "xyz", true), 3u);  // room is still used; only waiting ends
+}
+
+TEST(RingBuffer, WaitForBytesAvailableSleepsUntilAWriteOrAClose) {
+    auto r = ring(16);
+    std::thread writer([&] { put(*r, "ab", true); });
+    EXPECT_EQ(r->waitForBytesAvailable(), 2u);  // one write moves its bytes at once
+    writer.join();
+    EXPECT_EQ(take(*r, 16), "ab");  // waiting took nothing out
+    std::thread closer([&] { r->close(); });
+    EXPECT_EQ(r->waitForBytesAvailable(), 0u);
+    closer.join();
+}

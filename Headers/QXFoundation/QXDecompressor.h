@@ -32,6 +32,9 @@
 // operations are thread-safe.
 #pragma once
 
+#include <QXFoundation/QXChecksum.h>
+#include <QXFoundation/QXRemoteFileHandle.h>
+
 #include <qx/Array.h>
 #include <qx/Data.h>
 #include <qx/Error.h>
@@ -44,6 +47,8 @@
 #include <functional>
 #include <memory>
 #include <vector>
+
+class QXDecompressionOperation;
 
 using QXDecompressionAlgorithm = std::int64_t;
 inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmAutomatic = -1;
@@ -232,6 +237,73 @@ public:
     /// as qx::Exception).
     static void writeData(const qx::Ref<qx::Data>& data, const std::vector<qx::Ref<qx::FileHandle>>& handles);
 
+    // ----- Asynchronous drivers -----
+    //
+    // Each returns at once and decompresses a COMPRESSED byte range of its
+    // source (offset, and length or QXRemoteFileHandle::ToEndOfFile) on a
+    // worker of operationQueue(). The handler is then called, one call at a
+    // time and in order, on the thread that delivers the source's chunks (a
+    // worker of the shared queue for failures found before reading starts).
+    //
+    // Handler arguments: the output this chunk produced (nothing on the
+    // finished call of a failure or stop; treat it as read-only, a checksum
+    // may still be reading it), the compressed and decompressed byte totals so
+    // far, finished, the compressed and decompressed checksums (only on the
+    // finished call of a successful run, and only for a non-zero checksum
+    // algorithm), and the error that ended the run.
+    //
+    // Every run ends with exactly one call whose finished flag is set; no call
+    // follows it. It carries either the last output and the checksums, or the
+    // error: the source's, the decoder's, NSCocoaErrorDomain 3072 after the
+    // handler asked to stop (that call comes at once, from the call that asked),
+    // or an open or detection failure (then with totals 0). A format that
+    // drains its output after the last input (PBZX) gets its extra calls with
+    // finished false; the flag is set on the very last one only.
+    //
+    // Algorithm -1 reads maxMagicLength bytes at offset to pick the format
+    // (the streaming object's own detection takes over when they match
+    // nothing). A seekable source is then read again from offset, so the
+    // decoder sees the whole range. A pipe or socket can't go back and can't
+    // skip: it is read from where it stands (offset must be 0, else the seek
+    // failure is reported), and the bytes taken for detection are put in front
+    // of its first chunk instead.
+    //
+    // A null handler makes the call do nothing.
+
+    /// (output, compressedTotal, decompressedTotal, finished, compressedChecksum,
+    /// decompressedChecksum, error) -> true to go on, false to stop.
+    using Handler = std::function<bool(const qx::Ref<qx::Data>& output, std::uint64_t compressedTotal,
+                                       std::uint64_t decompressedTotal, bool finished,
+                                       const qx::Ref<qx::Data>& compressedChecksum,
+                                       const qx::Ref<qx::Data>& decompressedChecksum, const qx::Ref<qx::Error>& error)>;
+
+    /// Opens url (file, http or https) and runs the remote form over it.
+    ///
+    /// !!! THE HANDLER'S ANSWER IS INVERTED IN THIS FORM: return FALSE TO GO ON
+    /// and TRUE TO STOP. !!! Existing callers depend on this asymmetry with the
+    /// two forms below, so it stays. The source is closed after the last call
+    /// of a run that read to its end; after an error or a stop it is closed as
+    /// soon as the read in flight lets go of it (closing it under a reading
+    /// thread could hand that thread a descriptor reused by someone else).
+    /// A URL that can't be opened gives one finished call with the error.
+    static void decompressFileAtURL(const qx::Ref<qx::URL>& url, std::uint64_t offset, std::uint64_t length,
+                                    QXDecompressionAlgorithm algorithm,
+                                    QXChecksumAlgorithm compressedChecksumAlgorithm,
+                                    QXChecksumAlgorithm decompressedChecksumAlgorithm, Handler handler);
+    /// Reads an open handle, which is left open (and positioned wherever the
+    /// read left it). The handler returns true to go on.
+    static void decompressFileHandle(const qx::Ref<qx::FileHandle>& handle, std::uint64_t offset, std::uint64_t length,
+                                     QXDecompressionAlgorithm algorithm,
+                                     QXChecksumAlgorithm compressedChecksumAlgorithm,
+                                     QXChecksumAlgorithm decompressedChecksumAlgorithm, Handler handler);
+    /// The form the other two rest on; the handler returns true to go on. The
+    /// remote handle buffers at most maxOperationCount() x 2 MiB ahead of the
+    /// handler.
+    static void decompressRemoteFileHandle(const qx::Ref<QXRemoteFileHandle>& handle, std::uint64_t offset,
+                                           std::uint64_t length, QXDecompressionAlgorithm algorithm,
+                                           QXChecksumAlgorithm compressedChecksumAlgorithm,
+                                           QXChecksumAlgorithm decompressedChecksumAlgorithm, Handler handler);
+
     // ----- Shared resources -----
 
     /// Twice the number of processors: how many PBZX chunks and asynchronous
@@ -246,7 +318,6 @@ protected:
 
 private:
     struct Decoders;
-    class PBZXChunk;
 
     qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     bool zlibFeed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
@@ -258,6 +329,7 @@ private:
     qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> unshrinkRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Error> failPBZX(int result);
+    qx::Ref<qx::Error> drainPBZXOperations(qx::Data& out, bool waitForOutput);
     std::uint8_t* scratch();
 
     QXDecompressionAlgorithm algorithm_ = QXDecompressionAlgorithmNone;
@@ -265,8 +337,9 @@ private:
     bool firstDataRead_ = false;
     std::unique_ptr<Decoders> decoders_;  // at most one decoder state exists at a time
     // PBZX only: chunk decoders, oldest first, and the one receiving bytes.
-    std::vector<std::shared_ptr<PBZXChunk>> operations_;
-    std::shared_ptr<PBZXChunk> currentOperation_;
+    std::vector<std::shared_ptr<QXDecompressionOperation>> operations_;
+    std::shared_ptr<QXDecompressionOperation> currentOperation_;
+    bool pbzxInputEnded_ = false;  // a final call was made: later input is only drained
     qx::Ref<qx::Data> streamIn_;  // input held back between calls
     bool finished_ = false;
     bool cancelled_ = false;

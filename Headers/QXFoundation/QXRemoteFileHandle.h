@@ -30,6 +30,13 @@
 //    already read. A chunk's storage serves later reads once nobody holds
 //    the chunk any more; a chunk that is kept is never written again.
 //
+// A local descriptor that cannot seek (a pipe, a socket, a terminal) is read
+// front to back: the handle counts the position itself, a seek forward reads
+// and drops the bytes in between, and the last 64 KiB read are kept, so that
+// a seek back among them reads them again. A caller that looked at a
+// payload's first bytes, or wants its last few, can thus go back as it would
+// in a file. A seek back further than that fails with POSIX ESPIPE.
+//
 // An asynchronous read keeps the handle alive until its last handler call.
 // The handle itself has no lock: use one handle from one thread at a time
 // (its flags and offsets are atomic only so that the HTTP client's queue may
@@ -76,7 +83,8 @@ public:
     static qx::Ref<QXRemoteFileHandle> initForReadingFromURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::Error>* error = nullptr);
     /// Opens an existing local file for writing. Sets no URL and no size.
     static qx::Ref<QXRemoteFileHandle> initForWritingToURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::Error>* error = nullptr);
-    /// Wraps an open handle. Seekable unless a FIFO or socket; readable when
+    /// Wraps an open handle. Seekable unless a FIFO, a socket or another
+    /// descriptor that refuses to seek (read front to back then); readable when
     /// the descriptor's status flags are exactly read-only or read-write,
     /// writable when exactly write-only or read-write (a descriptor opened
     /// with O_APPEND or O_NONBLOCK is neither).
@@ -200,11 +208,14 @@ protected:
 
 private:
     struct LocalReader;
+    struct StreamWindow;
     qx::Ref<QXRemoteFileHandle> self();
     void readHTTP(std::uint64_t length, DataHandler handler);
     void readRsrcFork(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler);
     void readLocal(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler);
     qx::Ref<qx::Data> readHTTPSynchronously(std::uint64_t offset, std::uint64_t length, bool toEnd, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> readStream(std::uint64_t length, qx::Ref<qx::Error>* error);
+    bool seekStream(std::uint64_t offset, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Error> exceptionError(std::int64_t code, const std::exception& exception) const;
 
     std::atomic<bool> seekable_{false};
@@ -219,4 +230,7 @@ private:
     qx::Ref<qx::Semaphore> sizeSemaphore_;
     // The client of the HEAD request; dropping the handle cancels it.
     qx::Ref<qx::HTTPClient> sizeSession_;
+    // Only for a local descriptor that cannot seek: its position and the
+    // bytes most recently read from it.
+    std::shared_ptr<StreamWindow> stream_;
 };

@@ -59,6 +59,20 @@ public:
     /// Empties the buffer and zeroes both totals; wakes nobody, wipes nothing.
     void clearBuffer();
 
+    /// Ends all waiting, for good: every call waiting now wakes, and calls
+    /// asked to wait from then on do what they can at once and return that
+    /// count, as non-waiting calls do. Bytes held stay readable. A producer
+    /// that is being stopped must not stay asleep on a full buffer whose
+    /// consumer has gone away, and a consumer must not sleep for bytes that
+    /// can no longer come; closing covers both.
+    void close();
+    bool isClosed() const;
+    /// Waits until some bytes are held or the buffer is closed, and returns
+    /// the count held (0 only when closed and empty). Takes nothing out, so a
+    /// consumer can sleep until there is something to take without asking
+    /// for a count that could leave both sides asleep.
+    std::uint64_t waitForBytesAvailable();
+
     std::string className() const override { return "QXRingBuffer"; }
 
     ~QXRingBuffer() override;
@@ -75,5 +89,6 @@ private:
     const std::uint64_t bufferSize_;
     std::uint64_t bytesRead_ = 0;     // bytesRead_ <= bytesWritten_ <= bytesRead_ + bufferSize_
     std::uint64_t bytesWritten_ = 0;
+    bool closed_ = false;             // no call waits any more
     std::unique_ptr<Sync> sync_;      // the mutex and both conditions
 };
