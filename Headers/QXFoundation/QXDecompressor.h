@@ -325,9 +325,9 @@ private:
     struct Decoders;
 
     qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> zlibPiece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
+    bool zlibFeed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> bzip2Routine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> bzip2Piece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
+    bool bzip2Feed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> xzRoutine(const qx::Ref<qx::Data>& input, bool isFinal, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> pbzxRoutine(const qx::Ref<qx::Data>& input, bool isFinal, bool* shouldRunAgain,
                                   qx::Ref<qx::Error>* error);
