@@ -39,6 +39,8 @@ constexpr const char* kRsrcForkAttribute = "user.com.apple.ResourceFork";
 constexpr std::uint64_t kMaxReadBuffer = 0x100000;
 // Chunks kept for reuse: enough for the read-ahead of a 32 MiB limit.
 constexpr std::size_t kMaxSpareChunks = 34;
+// A handler that keeps up still sees its first chunks after a few reads at most.
+constexpr std::uint64_t kMaxWakeBatch = 8;
 constexpr const char* kCallbackQueueName = "com.tovarik.QXRemoteFileHandle.callback";
 constexpr const char* kConnectionQueueName = "com.tovarik.QXRemoteFileHandle.connection";
 
@@ -115,7 +117,9 @@ bool canHandleRequest(const Ref<qx::URL>& url) { return url && isHTTPScheme(url-
 // time, for as long as the read lasts. One operation for the whole read
 // rather than one per chunk: a queue that runs dry between chunks (the usual
 // case with a quick handler) would otherwise pay for a new worker thread and
-// a wake-up with every chunk. Each side wakes the other only when it sleeps.
+// a wake-up with every chunk. Each side wakes the other only when it sleeps,
+// and then only once a few chunks (or a few buffers of room) have gathered,
+// so that neither pays a thread switch per chunk when the other keeps up.
 struct QXRemoteFileHandle::LocalReader {
     struct Delivery {
         Ref<Data> chunk;
@@ -124,6 +128,12 @@ struct QXRemoteFileHandle::LocalReader {
     };
 
     Ref<qx::SerialQueue> queue = qx::SerialQueue::create(kCallbackQueueName);
+    const std::uint64_t bufferSize;
+    const std::uint64_t limit;
+    // Chunks gathered before a sleeping side is woken: a quarter of what the
+    // limit holds (at most kMaxWakeBatch), so the side woken has work (or
+    // room) for a while.
+    const std::size_t batch;
     std::mutex mutex;
     std::condition_variable roomFreed;      // the reader sleeps on it
     std::condition_variable chunkQueued;    // the delivery operation sleeps on it
@@ -135,15 +145,22 @@ struct QXRemoteFileHandle::LocalReader {
     std::atomic<bool> stopped{false};
     std::vector<Ref<Data>> spare;           // chunks whose storage is free again; guarded by mutex
 
+    LocalReader(std::uint64_t bufferSize, std::uint64_t limit)
+        : bufferSize(bufferSize),
+          limit(limit),
+          batch(static_cast<std::size_t>(std::clamp<std::uint64_t>(bufferSize ? limit / bufferSize / 4 : 1, 1, kMaxWakeBatch))) {}
+
     // Chunks read and not yet back from the handler: what the limit bounds.
     std::size_t undelivered() const { return pending.size() + (handing ? 1 : 0); }
 
     // Waits while one more buffer would take the undelivered chunks past
     // limit. The count is tested and waited on under one lock, so a delivery
     // that ends in between cannot be missed.
-    void waitForRoom(std::uint64_t bufferSize, std::uint64_t limit) {
+    void waitForRoom() {
         std::unique_lock<std::mutex> lock(mutex);
         while (!stopped.load() && (undelivered() + 1) * bufferSize > limit) {
+            // Whatever has gathered goes out now: the reader cannot add to it.
+            if (delivererSleeps && !pending.empty()) chunkQueued.notify_one();
             readerSleeps = true;
             roomFreed.wait(lock);
             readerSleeps = false;
@@ -201,7 +218,7 @@ struct QXRemoteFileHandle::LocalReader {
 
     // The delivery operation: runs on the callback queue until the reader
     // has ended and everything it queued is handed over (or dropped).
-    void deliver(const Ref<QXRemoteFileHandle>& handle, const DataHandler& handler, std::uint64_t bufferSize) {
+    void deliver(const Ref<QXRemoteFileHandle>& handle, const DataHandler& handler) {
         std::unique_lock<std::mutex> lock(mutex);
         for (;;) {
             while (pending.empty() && !readerEnded) {
@@ -227,7 +244,8 @@ struct QXRemoteFileHandle::LocalReader {
             Ref<Data> chunk = std::move(delivery.chunk);
             if (chunk && chunk.use_count() == 1 && chunk->vector().capacity() >= bufferSize && spare.size() < kMaxSpareChunks)
                 spare.push_back(std::move(chunk));
-            if (readerSleeps) roomFreed.notify_one();
+            // Room for a batch, or for whatever the limit holds once all is delivered.
+            if (readerSleeps && (undelivered() + batch) * bufferSize <= limit) roomFreed.notify_one();
             if (chunk) {
                 // Let go of it outside the lock.
                 lock.unlock();
@@ -618,13 +636,13 @@ void QXRemoteFileHandle::readRsrcFork(std::uint64_t length, std::uint64_t maxBuf
 
 void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler) {
     const auto handle = self();
-    auto reader = std::make_shared<LocalReader>();
-    auto work = [handle, reader, length, maxBufferSize, handler] {
+    auto reader = std::make_shared<LocalReader>(std::min(maxBufferSize, kMaxReadBuffer), maxBufferSize);
+    auto work = [handle, reader, length, handler] {
         const int fd = handle->fileHandle_->fileDescriptor();
-        const std::uint64_t bufferSize = std::min(maxBufferSize, kMaxReadBuffer);
+        const std::uint64_t bufferSize = reader->bufferSize;
         if (handler) {
             try {
-                reader->queue->async([reader, handle, handler, bufferSize] { reader->deliver(handle, handler, bufferSize); });
+                reader->queue->async([reader, handle, handler] { reader->deliver(handle, handler); });
             } catch (const std::system_error&) {
                 handler(handle, nullptr, true, posixError(EAGAIN));
                 return;
@@ -644,7 +662,7 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
         std::uint64_t position = start < 0 ? 0 : static_cast<std::uint64_t>(start);
         Ref<Data> chunk;  // without a handler one chunk serves every read
         while (remaining > 0 && !reader->stopped.load()) {
-            if (handler) reader->waitForRoom(bufferSize, maxBufferSize);
+            if (handler) reader->waitForRoom();
             if (reader->stopped.load()) break;
             const std::size_t want = static_cast<std::size_t>(std::min(bufferSize, remaining));
             // Read straight into the chunk handed out: no copy out of a
