@@ -1,27 +1,16 @@
 // SerialQueue.cpp - an on-demand worker thread over a FIFO of blocks.
 #include <qx/SerialQueue.h>
 
-#include <chrono>
-
 namespace qx {
-
-namespace {
-// How long a worker that ran dry waits for more work before it ends. Work
-// that arrives in a stream (a transfer's data, a reader's chunks) would
-// otherwise start and end a thread for nearly every block.
-constexpr auto kWorkerLinger = std::chrono::milliseconds(20);
-}
 
 // Shared with the worker, so a worker that outlives its queue object (the
 // queue was dropped by one of its own blocks) still has its queue to drain.
 struct SerialQueue::State {
     std::mutex mutex;
     std::condition_variable idle;  // signalled when the queue runs dry
-    std::condition_variable work;  // signalled when a lingering worker has work or may end
     std::deque<Block> blocks;
     std::thread worker;            // joinable once started; ends when empty
     bool running = false;          // a worker is between start and its exit
-    bool released = false;         // the queue object is gone: no lingering
     std::uint64_t queued = 0;      // blocks ever queued
     std::uint64_t finished = 0;    // blocks ever run
 
@@ -35,20 +24,15 @@ thread_local const void* currentQueueState = nullptr;
 void SerialQueue::State::run(const std::shared_ptr<State>& state) {
     currentQueueState = state.get();
     std::unique_lock<std::mutex> lock(state->mutex);
-    for (;;) {
-        while (!state->blocks.empty()) {
-            Block block = std::move(state->blocks.front());
-            state->blocks.pop_front();
-            lock.unlock();
-            block();
-            block = nullptr;  // captured objects go before the next block runs
-            lock.lock();
-            ++state->finished;
-            state->idle.notify_all();
-        }
-        if (state->released) break;
-        state->work.wait_for(lock, kWorkerLinger, [&] { return !state->blocks.empty() || state->released; });
-        if (state->blocks.empty()) break;
+    while (!state->blocks.empty()) {
+        Block block = std::move(state->blocks.front());
+        state->blocks.pop_front();
+        lock.unlock();
+        block();
+        block = nullptr;  // captured objects go before the next block runs
+        lock.lock();
+        ++state->finished;
+        state->idle.notify_all();
     }
     state->running = false;
     state->idle.notify_all();
@@ -61,8 +45,6 @@ Ref<SerialQueue> SerialQueue::create(std::string label) { return std::make_share
 
 SerialQueue::~SerialQueue() {
     std::unique_lock<std::mutex> lock(state_->mutex);
-    state_->released = true;
-    state_->work.notify_all();
     if (!state_->worker.joinable()) return;
     if (state_->worker.get_id() == std::this_thread::get_id()) {
         // Dropped from one of its own blocks: the worker keeps the state
@@ -81,10 +63,7 @@ void SerialQueue::async(Block block) {
     std::unique_lock<std::mutex> lock(state_->mutex);
     state_->blocks.push_back(std::move(block));
     ++state_->queued;
-    if (state_->running) {
-        state_->work.notify_one();  // a lingering worker takes it
-        return;
-    }
+    if (state_->running) return;
     // The previous worker has left its loop (running is false); reap it
     // before starting the next so at most one thread exists per queue.
     if (state_->worker.joinable()) {

@@ -1,8 +1,7 @@
 // SerialQueue.h - a labelled queue that runs blocks one at a time, in order.
 //
 // Blocks run on a worker thread that the queue starts when work arrives and
-// that ends shortly after the queue runs dry (at once when the queue object
-// goes), so an idle queue costs no thread. Blocks
+// that ends when the queue is empty, so an idle queue costs no thread. Blocks
 // never overlap and run in the order they were queued, whichever thread
 // queued them. Destroying the queue waits for the blocks already queued; a
 // queue may be destroyed from one of its own blocks (it then finishes the
