@@ -67,8 +67,8 @@ TEST(SerialQueue, DestructionWaitsForQueuedWorkAndMayHappenInsideABlock) {
 }
 
 TEST(SerialQueue, WorkArrivingAfterTheQueueRanDryRunsInOrderAndAnIdleQueueDropsPromptly) {
-    // Each burst meets a worker that ran dry: one still waiting for work or
-    // one that has ended. Either way every block runs once, in order, alone.
+    // A burst may meet a worker still running, one on its way out, or none;
+    // either way every block runs once, in order, alone.
     std::vector<int> seen;
     std::atomic<int> inside{0};
     bool overlapped = false;
@@ -88,7 +88,7 @@ TEST(SerialQueue, WorkArrivingAfterTheQueueRanDryRunsInOrderAndAnIdleQueueDropsP
         std::promise<void> inner;
         queue->async([&] { queue->async([&] { inner.set_value(); }); });
         inner.get_future().wait();
-    }  // dropping an idle queue neither waits out its worker nor leaves it behind
+    }  // dropping an idle queue reaps its last worker
     EXPECT_FALSE(overlapped);
     ASSERT_EQ(seen.size(), 150u);
     for (int n = 0; n < 150; ++n) EXPECT_EQ(seen[n], n);
