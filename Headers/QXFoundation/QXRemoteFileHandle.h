@@ -35,7 +35,8 @@
 // and drops the bytes in between, and the last 64 KiB read are kept, so that
 // a seek back among them reads them again. A caller that looked at a
 // payload's first bytes, or wants its last few, can thus go back as it would
-// in a file. A seek back further than that fails with POSIX ESPIPE.
+// in a file. A seek back further than that, or forward past the end of the
+// stream, fails with POSIX ESPIPE (the latter leaving the handle at the end).
 //
 // An asynchronous read keeps the handle alive until its last handler call.
 // The handle itself has no lock: use one handle from one thread at a time

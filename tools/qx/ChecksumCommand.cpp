@@ -59,21 +59,7 @@ std::string checksumOfFile(const std::string& path, QXChecksumAlgorithm algorith
     if (fd != STDIN_FILENO) ::close(fd);
     if (!reason.empty()) return {};
 
-    const auto sum = checksum->checksumData();
-    std::vector<std::uint8_t> bytes(sum->bytes(), sum->bytes() + sum->length());
-    if (algorithm == QXChecksumAlgorithmCRC32 || algorithm == QXChecksumAlgorithmAdler32) {
-        // The library gives the 32-bit value in machine order; print it as a number.
-        std::uint32_t value = 0;
-        std::memcpy(&value, bytes.data(), sizeof value);
-        for (int i = 0; i < 4; ++i) bytes[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
-    }
-    static const char* digits = "0123456789abcdef";
-    std::string text;
-    for (auto b : bytes) {
-        text += digits[b >> 4];
-        text += digits[b & 15];
-    }
-    return text;
+    return checksumText(checksum->checksumData(), algorithm);
 }
 
 int runChecksum(const ChecksumOptions& options) {
@@ -98,6 +84,26 @@ int runChecksum(const ChecksumOptions& options) {
 }
 
 } // namespace
+
+const std::map<std::string, QXChecksumAlgorithm>& checksumAlgorithmsByName() { return kAlgorithms; }
+
+std::string checksumText(const qx::Ref<qx::Data>& sum, QXChecksumAlgorithm algorithm) {
+    if (!sum) return {};
+    std::vector<std::uint8_t> bytes(sum->bytes(), sum->bytes() + sum->length());
+    if ((algorithm == QXChecksumAlgorithmCRC32 || algorithm == QXChecksumAlgorithmAdler32) && bytes.size() == 4) {
+        // The library gives the 32-bit value in machine order; print it as a number.
+        std::uint32_t value = 0;
+        std::memcpy(&value, bytes.data(), sizeof value);
+        for (int i = 0; i < 4; ++i) bytes[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
+    }
+    static const char* digits = "0123456789abcdef";
+    std::string text;
+    for (auto b : bytes) {
+        text += digits[b >> 4];
+        text += digits[b & 15];
+    }
+    return text;
+}
 
 void addChecksumCommand(CLI::App& app, Action& selected) {
     auto options = std::make_shared<ChecksumOptions>();

@@ -13,7 +13,18 @@
 
 #include "Command.h"
 
+#include <QXFoundation/QXChecksum.h>
+
+#include <map>
+#include <string>
+
 namespace qxtool {
+
+/// The checksum names commands accept (crc32 ... sha512) and their identifiers.
+const std::map<std::string, QXChecksumAlgorithm>& checksumAlgorithmsByName();
+
+/// A checksum as lowercase hexadecimal, printed as `qx checksum` prints it.
+std::string checksumText(const qx::Ref<qx::Data>& sum, QXChecksumAlgorithm algorithm);
 
 void addChecksumCommand(CLI::App& app, Action& selected);
 

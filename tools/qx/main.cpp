@@ -10,6 +10,7 @@
 #include "ChecksumCommand.h"
 #include "ZipCommand.h"
 #include "DetectCommand.h"
+#include "DecompressCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -23,6 +24,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addChecksumCommand,
     qxtool::addZipCommand,
     qxtool::addDetectCommand,
+    qxtool::addDecompressCommand,
 };
 
 } // namespace

@@ -1,0 +1,467 @@
+// QxDecompressCommandTests.cpp - `qx decompress`, run as a child process.
+//
+// Payloads are made by the reference tools (gzip, bzip2, xz, python3's zlib;
+// PBZX from chunks that xz compressed) and the expected output is what those
+// tools decompress them to. Each case judges the exit status, the one-line
+// report, and what was (or was not) left at the destination.
+#include "HttpTestServer.h"
+
+#include <gtest/gtest.h>
+
+#include <qx/FileHandle.h>
+#include <qx/Process.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeFile(const fs::path& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+std::string quote(const std::string& text) {
+    std::string q = "'";
+    for (char c : text) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+// Runs a bash command line; its exit status, or -1.
+int shell(const std::string& command) {
+    const int status = std::system(("bash -c " + quote(command)).c_str());
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Text that compresses well but not trivially, with some binary noise.
+std::string makePlain(std::size_t size) {
+    static const char* words[] = {"alpha ", "bravo ", "charlie ", "delta\n", "echo ", "foxtrot ", "golf ", "hotel "};
+    std::mt19937 rng(7);
+    std::string out;
+    out.reserve(size);
+    while (out.size() < size) {
+        out += words[rng() % 8];
+        if (rng() % 5 == 0) out += static_cast<char>(rng());
+    }
+    out.resize(size);
+    return out;
+}
+
+void appendBigEndian64(std::string& out, std::uint64_t value) {
+    for (int i = 7; i >= 0; --i) out += static_cast<char>(value >> (8 * i));
+}
+
+struct Format {
+    std::string name;   // as -a takes it
+    std::string file;   // the payload, in the suite's directory
+    std::string reference;  // what the reference tool decompresses it to
+};
+
+struct QxRun {
+    int exitStatus = -1;
+    std::string out, err;
+    std::size_t errLines() const { return static_cast<std::size_t>(std::count(err.begin(), err.end(), '\n')); }
+    std::string describe() const { return "exit " + std::to_string(exitStatus) + "; stderr: [" + err + "]"; }
+};
+
+class QxDecompress : public ::testing::Test {
+protected:
+    // The payloads are made once: the tools take a while on every run.
+    static void SetUpTestSuite() {
+        std::string tmpl = (fs::temp_directory_path() / "qx-decompress-payloads-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
+        payloads_ = tmpl;
+        const fs::path plain = payloads_ / "plain";
+        writeFile(plain, makePlain(3 * 1024 * 1024 + 4321));
+        const std::string p = quote(plain.string());
+        const auto at = [](const std::string& name) { return quote((payloads_ / name).string()); };
+        const std::string zlibScript =
+            "import sys, zlib\n"
+            "data = open(sys.argv[1], 'rb').read()\n"
+            "if sys.argv[2] == 'zlib': out = zlib.compress(data)\n"
+            "elif sys.argv[2] == 'raw':\n"
+            "    c = zlib.compressobj(6, zlib.DEFLATED, -15); out = c.compress(data) + c.flush()\n"
+            "elif sys.argv[2] == 'unzlib': out = zlib.decompress(data)\n"
+            "else: out = zlib.decompress(data, -15)\n"
+            "open(sys.argv[3], 'wb').write(out)\n";
+        writeFile(payloads_ / "zlib.py", zlibScript);
+        const std::string py = "python3 " + at("zlib.py") + " ";
+        ASSERT_EQ(shell("gzip -c " + p + " > " + at("p.gz") + " && gzip -dc " + at("p.gz") + " > " + at("ref.gz")), 0);
+        ASSERT_EQ(shell("bzip2 -c " + p + " > " + at("p.bz2") + " && bzip2 -dc " + at("p.bz2") + " > " + at("ref.bz2")), 0);
+        ASSERT_EQ(shell("xz -c " + p + " > " + at("p.xz") + " && xz -dc " + at("p.xz") + " > " + at("ref.xz")), 0);
+        ASSERT_EQ(shell(py + p + " zlib " + at("p.zlib") + " && " + py + at("p.zlib") + " unzlib " + at("ref.zlib")), 0);
+        ASSERT_EQ(shell(py + p + " raw " + at("p.raw") + " && " + py + at("p.raw") + " unraw " + at("ref.raw")), 0);
+
+        // PBZX: three chunks compressed by xz, the middle one kept as it is.
+        const std::string text = readFile(plain);
+        const std::vector<std::string> pieces = {text.substr(0, 1500000), text.substr(1500000, 1000), text.substr(1501000)};
+        std::string container = "pbzx", reference;
+        appendBigEndian64(container, 0x01000000);
+        for (std::size_t i = 0; i < pieces.size(); ++i) {
+            const std::string name = "piece" + std::to_string(i);
+            writeFile(payloads_ / name, pieces[i]);
+            std::string stored = pieces[i];
+            if (i != 1) {
+                ASSERT_EQ(shell("xz -c " + at(name) + " > " + at(name + ".xz") + " && xz -dc " + at(name + ".xz") + " > " +
+                                at(name + ".ref")),
+                          0);
+                stored = readFile(payloads_ / (name + ".xz"));
+                reference += readFile(payloads_ / (name + ".ref"));
+            } else {
+                reference += pieces[i];
+            }
+            appendBigEndian64(container, pieces[i].size());
+            appendBigEndian64(container, stored.size());
+            container += stored;
+        }
+        writeFile(payloads_ / "p.pbzx", container);
+        writeFile(payloads_ / "ref.pbzx", reference);
+    }
+    static void TearDownTestSuite() {
+        std::error_code ec;
+        fs::remove_all(payloads_, ec);
+    }
+
+    void SetUp() override {
+        std::string tmpl = (fs::temp_directory_path() / "qx-decompress-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr) << std::strerror(errno);
+        dir_ = tmpl;
+        fs::create_directory(work());
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+
+    static std::vector<Format> formats() {
+        return {{"gzip", "p.gz", "ref.gz"},    {"bzip2", "p.bz2", "ref.bz2"}, {"xz", "p.xz", "ref.xz"},
+                {"zlib", "p.zlib", "ref.zlib"}, {"raw-deflate", "p.raw", "ref.raw"}, {"pbzx", "p.pbzx", "ref.pbzx"}};
+    }
+    static fs::path payload(const std::string& name) { return payloads_ / name; }
+    static std::string reference(const Format& format) { return readFile(payloads_ / format.reference); }
+
+    // Where outputs go; holds nothing else, so a leftover temporary shows.
+    fs::path work() const { return dir_ / "work"; }
+    std::vector<std::string> workEntries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(work())) names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    // Runs qx decompress through bash; `before` may set limits or feed a
+    // pipe (then with an empty stdinPath).
+    QxRun qx(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
+        std::string command = before + " " + quote(QX_QX_BINARY) + " decompress";
+        for (const auto& a : args) command += " " + quote(a);
+        if (!stdinPath.empty()) command += " <" + quote(stdinPath);
+        command += " >" + quote((dir_ / "stdout").string()) + " 2>" + quote((dir_ / "stderr").string());
+        QxRun run;
+        run.exitStatus = shell(command);
+        run.out = readFile(dir_ / "stdout");
+        run.err = readFile(dir_ / "stderr");
+        return run;
+    }
+
+    // Status 1, one line naming `name` with a reason, nothing written.
+    void expectFailure(const QxRun& run, const std::string& name) const {
+        EXPECT_EQ(run.exitStatus, 1) << run.describe();
+        EXPECT_EQ(run.errLines(), 1u) << run.describe();
+        EXPECT_EQ(run.err.rfind("qx: " + name + ": ", 0), 0u) << run.describe();
+        EXPECT_GT(run.err.size(), ("qx: " + name + ": \n").size()) << "the reason is missing";
+        EXPECT_TRUE(run.out.empty()) << "output on a failure: " << run.out.size() << " bytes";
+        EXPECT_TRUE(workEntries().empty()) << "left behind: " << workEntries().front();
+    }
+
+    static fs::path payloads_;
+    fs::path dir_;
+};
+
+fs::path QxDecompress::payloads_;
+
+} // namespace
+
+// --- Output ----------------------------------------------------------------
+
+TEST_F(QxDecompress, EveryFormatMatchesTheReferenceToolOnStdoutInAFileAndInPlace) {
+    for (const auto& format : formats()) {
+        SCOPED_TRACE(format.name);
+        const std::string expected = reference(format);
+        ASSERT_GT(expected.size(), 3u * 1024 * 1024);
+        // Raw deflate has no header to be recognised by.
+        const std::vector<std::string> algorithm =
+            format.name == "raw-deflate" ? std::vector<std::string>{"-a", "raw-deflate"} : std::vector<std::string>{};
+
+        auto args = algorithm;
+        args.push_back(payload(format.file).string());
+        QxRun run = qx(args);
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(run.out == expected) << "standard output differs";
+        EXPECT_TRUE(run.err.empty()) << run.err;
+
+        // The algorithm named explicitly, into a file.
+        const fs::path out = work() / "out";
+        run = qx({"-a", format.name, payload(format.file).string(), "-o", out.string()});
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(readFile(out) == expected) << "file differs";
+        EXPECT_TRUE(run.out.empty());
+        EXPECT_EQ(workEntries(), std::vector<std::string>{"out"});
+
+        const fs::path copy = work() / "copy";
+        fs::copy_file(payload(format.file), copy, fs::copy_options::overwrite_existing);
+        args = algorithm;
+        args.insert(args.end(), {"--in-place", copy.string()});
+        run = qx(args);
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(readFile(copy) == expected) << "replaced file differs";
+        EXPECT_EQ(workEntries(), (std::vector<std::string>{"copy", "out"}));
+        fs::remove(copy);
+        fs::remove(out);
+    }
+}
+
+TEST_F(QxDecompress, ShippedPBZXPayloadDecodesToTheArchiveItWasMadeFrom) {
+    const fs::path fixtures = fs::path(QX_TESTDATA_DIR) / "pbzx";
+    QxRun run = qx({(fixtures / "pkgbuild-payload.pbzx").string()});
+    ASSERT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_TRUE(run.out == readFile(fixtures / "pkgbuild-payload.cpio"));
+}
+
+TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {
+    const Format gzip = formats()[0];
+    const fs::path out = work() / "out";
+    ASSERT_EQ(shell("sha256sum " + quote(payload(gzip.reference).string()) + " | cut -d' ' -f1 > " + quote((dir_ / "sum").string()) +
+                    " && python3 -c 'import sys, zlib; print(\"%08x\" % zlib.crc32(open(sys.argv[1], \"rb\").read()))' " +
+                    quote(payload(gzip.reference).string()) + " >> " + quote((dir_ / "sum").string())),
+              0);
+    const std::string sums = readFile(dir_ / "sum");
+    const std::string sha256 = sums.substr(0, sums.find('\n')), crc32 = sums.substr(sums.find('\n') + 1, 8);
+
+    QxRun run = qx({"--checksum", "sha256", payload(gzip.file).string(), "-o", out.string()});
+    ASSERT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_EQ(run.err, "sha256 (decompressed): " + sha256 + "\n");
+    // Printed beside output on standard output, it stays out of the data.
+    run = qx({"--checksum", "CRC32", "-"}, payload(gzip.file).string());
+    ASSERT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_EQ(run.err, "crc32 (decompressed): " + crc32 + "\n");
+    EXPECT_TRUE(run.out == reference(gzip));
+}
+
+TEST_F(QxDecompress, OffsetAndLengthSelectAPayloadInsideALargerFile) {
+    std::mt19937 rng(3);
+    std::string before(4099, '\0'), after(777, '\0');
+    for (auto& c : before) c = static_cast<char>(rng());
+    for (auto& c : after) c = static_cast<char>(rng());
+    for (const auto& format : {formats()[0], formats()[1], formats()[5]}) {
+        SCOPED_TRACE(format.name);
+        const std::string payloadBytes = readFile(payload(format.file));
+        const fs::path container = dir_ / "container";
+        writeFile(container, before + payloadBytes + after);
+        const std::vector<std::string> range = {"--offset", std::to_string(before.size()), "--length",
+                                                std::to_string(payloadBytes.size())};
+
+        auto args = range;
+        args.push_back(container.string());
+        QxRun run = qx(args);
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(run.out == reference(format)) << "from the file";
+
+        // The same range of a pipe: skipped, then read front to back.
+        args = range;
+        args.push_back("-");
+        run = qx(args, "", "cat " + quote(container.string()) + " |");
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(run.out == reference(format)) << "from a pipe";
+    }
+}
+
+TEST_F(QxDecompress, StandardInputFromAPipe) {
+    for (const auto& format : formats()) {
+        if (format.name == "raw-deflate") continue;
+        SCOPED_TRACE(format.name);
+        const fs::path out = work() / "out";
+        QxRun run = qx({"-", "-o", out.string()}, "", "cat " + quote(payload(format.file).string()) + " |");
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(readFile(out) == reference(format));
+        fs::remove(out);
+    }
+}
+
+TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndOneThatDiesMidTransfer) {
+    const Format gzip = formats()[0];
+    const std::string bytes = readFile(payload(gzip.file));
+    HttpTestServer server(std::vector<std::uint8_t>(bytes.begin(), bytes.end()), bytes.size() / 2);
+    for (const char* path : {HttpTestServer::RangesPath, HttpTestServer::NoRangesPath}) {
+        SCOPED_TRACE(path);
+        const fs::path out = work() / "out";
+        QxRun run = qx({server.url(path), "-o", out.string()});
+        ASSERT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_TRUE(readFile(out) == reference(gzip));
+        fs::remove(out);
+    }
+    const std::string truncated = server.url(HttpTestServer::TruncatedPath);
+    expectFailure(qx({truncated, "-o", (work() / "out").string()}), truncated);
+}
+
+// --- Failures --------------------------------------------------------------
+
+TEST_F(QxDecompress, WrongAlgorithmForcedFails) {
+    const std::string gz = payload("p.gz").string();
+    for (const char* algorithm : {"bzip2", "xz", "pbzx", "zlib"}) {
+        SCOPED_TRACE(algorithm);
+        expectFailure(qx({"-a", algorithm, gz, "-o", (work() / "out").string()}), gz);
+    }
+}
+
+TEST_F(QxDecompress, TruncatedOrCorruptInputOfEveryCheckedFormatFailsAndLeavesNothing) {
+    for (const auto& format : formats()) {
+        // Raw deflate carries nothing to tell where it should end.
+        if (format.name == "raw-deflate") continue;
+        SCOPED_TRACE(format.name);
+        const std::string whole = readFile(payload(format.file));
+        const fs::path damaged = dir_ / "damaged";
+        const std::vector<std::pair<std::string, std::string>> cases = {
+            {"cut at two thirds", whole.substr(0, whole.size() * 2 / 3)},
+            {"cut by one byte", whole.substr(0, whole.size() - 1)},
+            {"a byte flipped in the middle", [&] {
+                 std::string bytes = whole;
+                 bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 0x55);
+                 return bytes;
+             }()},
+        };
+        for (const auto& [what, bytes] : cases) {
+            SCOPED_TRACE(what);
+            writeFile(damaged, bytes);
+            expectFailure(qx({"-a", format.name, damaged.string(), "-o", (work() / "out").string()}), damaged.string());
+        }
+    }
+}
+
+TEST_F(QxDecompress, CorruptGzipTrailerIsDetectedFromFilesAndPipes) {
+    const std::string whole = readFile(payload("p.gz"));
+    const fs::path damaged = dir_ / "damaged.gz";
+    for (const std::size_t fromEnd : {8u, 1u}) {  // the CRC-32, then the length
+        SCOPED_TRACE(fromEnd);
+        std::string bytes = whole;
+        bytes[bytes.size() - fromEnd] = static_cast<char>(bytes[bytes.size() - fromEnd] ^ 1);
+        writeFile(damaged, bytes);
+        QxRun run = qx({damaged.string(), "-o", (work() / "out").string()});
+        expectFailure(run, damaged.string());
+        EXPECT_NE(run.err.find("trailer"), std::string::npos) << run.err;
+        run = qx({"-", "-o", (work() / "out").string()}, "", "cat " + quote(damaged.string()) + " |");
+        expectFailure(run, "(standard input)");
+    }
+}
+
+TEST_F(QxDecompress, FullDiskLeavesNoDestinationAndNoTemporary) {
+    const fs::path out = work() / "out";
+    // 200 blocks of at most 1 KiB: far below the 3 MiB of output.
+    QxRun run = qx({payload("p.xz").string(), "-o", out.string()}, "/dev/null", "ulimit -f 200;");
+    expectFailure(run, out.string());
+    EXPECT_NE(run.err.find("too large"), std::string::npos) << run.err;
+}
+
+TEST_F(QxDecompress, ClosedOutputPipeIsReportedNotSilent) {
+    auto process = qx::Process::create(QX_QX_BINARY, {"decompress", payload("p.bz2").string()});
+    process->setStandardInput(qx::Process::Stdio::Null);
+    process->setStandardOutput(qx::Process::Stdio::Pipe);
+    process->setStandardError(qx::Process::Stdio::Pipe);
+    qx::Ref<qx::Error> error;
+    ASSERT_TRUE(process->launch(&error)) << qx::describe(error.get());
+    // Some output proves the child is writing; then the reader goes away.
+    EXPECT_EQ(process->standardOutput()->readDataOfLength(1000)->length(), 1000u);
+    process->standardOutput()->closeFile();
+    const std::string err(process->standardError()->readDataToEndOfFile()->view());
+    ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + 60s));
+    EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
+    EXPECT_EQ(process->terminationStatus(), 1);
+    EXPECT_EQ(err.rfind("qx: (standard output): ", 0), 0u) << err;
+    EXPECT_NE(err.find("Broken pipe"), std::string::npos) << err;
+}
+
+TEST_F(QxDecompress, InterruptDuringASlowDecodeExitsWithTheSignalAndLeavesNoDestination) {
+    const std::string gz = readFile(payload("p.gz"));
+    for (const int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        const fs::path out = work() / "out";
+        auto process = qx::Process::create(QX_QX_BINARY, {"decompress", "-", "-o", out.string()});
+        process->setStandardInput(qx::Process::Stdio::Pipe);
+        process->setStandardOutput(qx::Process::Stdio::Null);
+        process->setStandardError(qx::Process::Stdio::Pipe);
+        qx::Ref<qx::Error> error;
+        ASSERT_TRUE(process->launch(&error)) << qx::describe(error.get());
+        // Half the payload, and the pipe kept open: the decoder waits for more.
+        process->standardInput()->writeBytes(gz.data(), gz.size() / 2);
+        // The temporary file exists once the command has set up its signal
+        // handling and output; output in it shows the decoder at work.
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        bool writing = false;
+        while (!writing && std::chrono::steady_clock::now() < deadline) {
+            for (const auto& entry : fs::directory_iterator(work()))
+                if (fs::file_size(entry.path()) > 0) writing = true;
+            if (!writing) std::this_thread::yield();
+        }
+        ASSERT_TRUE(writing) << "no output appeared";
+        ASSERT_TRUE(process->sendSignal(signal));
+        ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + 60s));
+        EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
+        EXPECT_EQ(process->terminationStatus(), 128 + signal);
+        EXPECT_TRUE(workEntries().empty()) << "left behind: " << workEntries().front();
+        process->standardInput()->closeFile();
+    }
+}
+
+TEST_F(QxDecompress, InPlaceKeepsTheSourceUnlessSomethingCameOut) {
+    const fs::path copy = work() / "copy.gz";
+    std::string bytes = readFile(payload("p.gz"));
+    bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 0x55);
+    writeFile(copy, bytes);
+    QxRun run = qx({"--in-place", copy.string()});
+    EXPECT_EQ(run.exitStatus, 1) << run.describe();
+    EXPECT_EQ(run.errLines(), 1u) << run.describe();
+    EXPECT_TRUE(readFile(copy) == bytes) << "the source changed";
+    EXPECT_EQ(workEntries(), std::vector<std::string>{"copy.gz"});
+
+    // Nothing decompressed, nothing replaced.
+    ASSERT_EQ(shell("printf '' | gzip -c > " + quote(copy.string())), 0);
+    const std::string empty = readFile(copy);
+    run = qx({"--in-place", copy.string()});
+    EXPECT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_TRUE(readFile(copy) == empty);
+    EXPECT_EQ(workEntries(), std::vector<std::string>{"copy.gz"});
+}
+
+TEST_F(QxDecompress, CombinationsThatMakeNoSenseAreRefused) {
+    const std::string gz = payload("p.gz").string();
+    for (const auto& args : std::vector<std::vector<std::string>>{{"--in-place", "-"},
+                                                                   {"--in-place", "http://127.0.0.1:9/x.gz"},
+                                                                   {"--in-place", gz, "-o", (work() / "out").string()},
+                                                                   {"--in-place", "/dev/null"}}) {
+        SCOPED_TRACE(args[1]);
+        QxRun run = qx(args);
+        EXPECT_EQ(run.exitStatus, 2) << run.describe();
+        EXPECT_EQ(run.errLines(), 1u) << run.describe();
+        EXPECT_EQ(run.err.rfind("qx: decompress: --in-place", 0), 0u) << run.describe();
+        EXPECT_TRUE(workEntries().empty());
+    }
+    expectFailure(qx({(dir_ / "missing.gz").string(), "-o", (work() / "out").string()}), (dir_ / "missing.gz").string());
+}
