@@ -35,7 +35,20 @@ for t in "${targets[@]}"; do
       i=0
       for tool in "gzip -c" "bzip2 -c" "xz -c"; do
         head -c 4000 Sources/QXDecompressor.cpp | $tool > "$corpus/seed-$i" 2>/dev/null || true; i=$((i + 1))
-      done ;;
+      done
+      # Two xz chunks and a stored one in a container, so the chunk decoders run.
+      python3 - "$corpus/seed-pbzx" <<'PY'
+import lzma, struct, sys
+parts = [b"first chunk " * 300, b"second " * 500]
+out = b"pbzx" + struct.pack(">Q", 0x1000000)
+for p in parts:
+    c = lzma.compress(p, format=lzma.FORMAT_XZ)
+    out += struct.pack(">QQ", len(p), len(c)) + c
+stored = b"stored bytes"
+out += struct.pack(">QQ", len(stored), len(stored)) + stored
+open(sys.argv[1], "wb").write(out)
+PY
+      ;;
   esac
   echo "== $t for ${seconds}s =="
   "build-fuzz/fuzz/$t" "$corpus" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix=fuzz/ 2>&1 | tail -15
