@@ -523,7 +523,8 @@ bool XMLPrinter::dictionary(const qx::Dictionary& dict, unsigned depth, qx::Ref<
     std::vector<const qx::Dictionary::Entry*> entries;
     entries.reserve(dict.count());
     for (const auto& entry : dict) {
-        if (!entry.first || typeid(*entry.first) != typeid(qx::String))
+        const qx::Object* key = entry.first.get();
+        if (!key || typeid(*key) != typeid(qx::String))
             return refuseWrite(error, "can't have a non-string key!");
         entries.push_back(&entry);
     }
