@@ -114,6 +114,9 @@ const Ref<qx::Array>& pbzxMagic() {
     return magic;
 }
 
+// liblzma's output room per call: small enough to stay in the first-level caches.
+constexpr std::size_t kXZRoomSize = 65536;
+
 // The most output storage kept for reuse between calls.
 constexpr std::size_t kMaxKeptOutput = 64 * kBufferSize;
 
@@ -587,13 +590,15 @@ Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Er
     lz->avail_in = in->length();
     const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
     auto out = reusableOutput(decoders_->output);
+    // liblzma copies out of its dictionary anyway, so its output goes to the
+    // one room that stays in cache and is appended from there, rather than
+    // into freshly cleared storage at the end of out.
+    std::uint8_t* room = scratch();
     for (;;) {
-        const std::size_t at = out->length();
-        out->setLength(at + kBufferSize);
-        lz->next_out = out->mutableBytes() + at;
-        lz->avail_out = kBufferSize;
+        lz->next_out = room;
+        lz->avail_out = kXZRoomSize;
         const lzma_ret result = lzma_code(lz, action);
-        out->setLength(at + kBufferSize - lz->avail_out);
+        out->append(room, kXZRoomSize - lz->avail_out);
         if (result == LZMA_OK) {
             // When finishing, liblzma answers a call that can make no progress
             // with LZMA_BUF_ERROR: that is how a truncated stream shows.
