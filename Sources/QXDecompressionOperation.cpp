@@ -42,13 +42,24 @@ void QXDecompressionOperation::setBufferSizeOverrideForTesting(std::uint64_t byt
 
 Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                           Ref<Error>* error) {
+    return initWithAlgorithm(algorithm, nullptr, error);
+}
+
+Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                                          const Ref<QXRingBuffer>& outputBuffer,
+                                                                          Ref<Error>* error) {
     auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, error);
     if (!decompressor) return nullptr;
-    const std::uint64_t override = bufferSizeOverride;
-    // A buffer of no bytes would leave the first write waiting for good.
-    auto ring = QXRingBuffer::initWithCapacity(override ? override : std::max<std::uint64_t>(1, bufferSizePerOperation()),
-                                               error);
-    if (!ring) return nullptr;
+    Ref<QXRingBuffer> ring = outputBuffer;
+    if (ring) {
+        ring->reopen();
+    } else {
+        const std::uint64_t override = bufferSizeOverride;
+        // A buffer of no bytes would leave the first write waiting for good.
+        ring = QXRingBuffer::initWithCapacity(
+            override ? override : std::max<std::uint64_t>(1, bufferSizePerOperation()), error);
+        if (!ring) return nullptr;
+    }
     Ref<QXDecompressionOperation> operation(new QXDecompressionOperation());
     operation->decompressor_ = std::move(decompressor);
     operation->queue_ = qx::SerialQueue::create("com.tovarik.QXFoundation.QXDecompressionOperation");
@@ -92,29 +103,36 @@ void QXDecompressionOperation::finishIfEnded() {
     finish();
 }
 
-void QXDecompressionOperation::fail(const Ref<Error>& error) {
+void QXDecompressionOperation::storeError(const Ref<Error>& error) {
     bool first;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         first = !error_;
     }
-    if (first) {
-        announce(Key::Error, true);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (!error_) error_ = error ? error : cancelledError();
-        }
-        announce(Key::Error, false);
+    if (!first) return;
+    announce(Key::Error, true);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!error_) error_ = error ? error : cancelledError();
     }
+    announce(Key::Error, false);
+}
+
+void QXDecompressionOperation::fail(const Ref<Error>& error) {
+    storeError(error);
     outputBuffer_->close();
     finishIfEnded();
 }
 
 void QXDecompressionOperation::cancelWithError(const Ref<Error>& error) {
-    // The error goes in before the cancel flag so that whoever sees the
-    // operation cancelled also finds its error.
-    fail(error ? error : cancelledError());
+    // The error goes in before the cancel flag, so that the decoding thread,
+    // once it sees the flag, finds this error rather than making its own;
+    // and the flag goes in before the operation can finish, since a finished
+    // operation takes no cancel.
+    storeError(error);
     cancel();
+    outputBuffer_->close();
+    finishIfEnded();
 }
 
 void QXDecompressionOperation::provideInputData(const Ref<Data>& data, bool isFinal) {
@@ -171,11 +189,11 @@ void QXDecompressionOperation::processData(const Ref<Data>& data, bool isFinal) 
         fail(QXGenerateError(qx::NSCocoaErrorDomain, 259));
         return;
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        noMoreInputData_ = true;
-    }
     // Nothing more will be written: a consumer asleep for output must wake.
+    // Closed under the lock that the consumer's done check takes, so that no
+    // owner reuses the buffer (once done) before this thread has let go of it.
+    std::lock_guard<std::mutex> lock(mutex_);
+    noMoreInputData_ = true;
     outputBuffer_->close();
 }
 
@@ -183,21 +201,34 @@ Ref<Data> QXDecompressionOperation::consumeOutputDataWithMaxLength(std::uint64_t
     // Sized by what is there: a buffer as large as the ring would be made and
     // cleared on every call otherwise.
     auto out = outputBuffer_->readDataOfLength(std::min(maxLength, outputBuffer_->bytesAvailable()), false);
+    noteConsumed();
+    return out;
+}
+
+std::uint64_t QXDecompressionOperation::consumeOutputDataWithMaxLength(std::uint64_t maxLength, Data& output) {
+    const std::uint64_t want = std::min(maxLength, outputBuffer_->bytesAvailable());
+    const std::size_t before = output.length();
+    output.setLength(before + static_cast<std::size_t>(want));
+    const std::uint64_t got = outputBuffer_->readBytes(output.mutableBytes() + before, want, false);
+    output.setLength(before + static_cast<std::size_t>(got));
+    noteConsumed();
+    return got;
+}
+
+void QXDecompressionOperation::noteConsumed() {
     bool nowDone = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         nowDone = noMoreInputData_ && !done_ && outputBuffer_->bytesAvailable() == 0;
     }
-    if (nowDone) {
-        announce(Key::Done, true);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        announce(Key::Done, false);
-        finishIfEnded();
+    if (!nowDone) return;
+    announce(Key::Done, true);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        done_ = true;
     }
-    return out;
+    announce(Key::Done, false);
+    finishIfEnded();
 }
 
 std::uint64_t QXDecompressionOperation::availableOutputDataSize() const { return outputBuffer_->bytesAvailable(); }

@@ -5,6 +5,7 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXExplode.h>
 #include <QXFoundation/QXPBZXDecode.h>
+#include <QXFoundation/QXRingBuffer.h>
 #include <QXFoundation/QXUnshrink.h>
 
 #include "QXFoundationPrivate.h"
@@ -17,13 +18,17 @@
 #include <bzlib.h>
 #include <fcntl.h>
 #include <lzma.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <exception>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -109,6 +114,116 @@ const Ref<qx::Array>& pbzxMagic() {
     return magic;
 }
 
+// The most output storage kept for reuse between calls.
+constexpr std::size_t kMaxKeptOutput = 64 * kBufferSize;
+
+// Output storage for one streaming call. A fresh buffer of megabytes per call
+// costs more in page faults than decoding fills it, so the previous call's
+// buffer is reused once nobody else holds it; a buffer still held by the
+// caller is left alone.
+Ref<Data> reusableOutput(Ref<Data>& kept) {
+    if (kept && kept.use_count() == 1 && kept->vector().capacity() <= kMaxKeptOutput) {
+        kept->setLength(0);
+        return kept;
+    }
+    kept = Data::create();
+    return kept;
+}
+
+// The generic driver's input: pieces of up to kBufferSize bytes read from a
+// handle. From a regular file the next piece is read on a thread of its own
+// while the current one is decoded, so that copying the file in overlaps with
+// decoding; pipes, sockets and terminals are read inline, when asked, since a
+// read ahead there could wait for bytes nobody is going to send. Two buffers
+// go back and forth between the reader and the decoder.
+class HandleReader {
+public:
+    explicit HandleReader(qx::FileHandle& handle) : handle_(handle) {
+        struct stat info {};
+        const bool regular = ::fstat(handle.fileDescriptor(), &info) == 0 && S_ISREG(info.st_mode);
+        for (int i = 0; i < 2; ++i) free_.push_back(Data::create());
+        if (regular) thread_ = std::thread([this] { run(); });
+    }
+    ~HandleReader() {
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    HandleReader(const HandleReader&) = delete;
+    HandleReader& operator=(const HandleReader&) = delete;
+
+    /// The next piece, empty at the end; a read fault is rethrown here.
+    Ref<Data> next() {
+        if (!thread_.joinable()) {
+            Ref<Data> piece = free_.front();
+            fill(*piece);
+            return piece;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return !ready_.empty() || failure_; });
+        if (ready_.empty()) std::rethrow_exception(failure_);
+        Ref<Data> piece = std::move(ready_.front());
+        ready_.pop_front();
+        return piece;
+    }
+    /// Hands a piece from next() back for the reads to come.
+    void recycle(Ref<Data> piece) {
+        if (!thread_.joinable()) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            free_.push_back(std::move(piece));
+        }
+        changed_.notify_all();
+    }
+
+private:
+    void fill(Data& piece) {
+        piece.setLength(kBufferSize);
+        piece.setLength(handle_.readBytesOfLength(piece.mutableBytes(), kBufferSize));
+    }
+    void run() {
+        for (;;) {
+            Ref<Data> piece;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                changed_.wait(lock, [this] { return stop_ || !free_.empty(); });
+                if (stop_) return;
+                piece = std::move(free_.back());
+                free_.pop_back();
+            }
+            bool atEnd = false;
+            try {
+                fill(*piece);
+                atEnd = piece->length() == 0;
+            } catch (...) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                failure_ = std::current_exception();
+                changed_.notify_all();
+                return;
+            }
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                ready_.push_back(std::move(piece));
+            }
+            changed_.notify_all();
+            if (atEnd) return;
+        }
+    }
+
+    qx::FileHandle& handle_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Ref<Data>> free_;
+    std::deque<Ref<Data>> ready_;
+    std::exception_ptr failure_;
+    bool stop_ = false;
+    std::thread thread_;  // joined by the destructor before the state it uses goes
+};
+
 std::uint64_t readBigEndian64(const std::uint8_t* p) {
     std::uint64_t v = 0;
     for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
@@ -121,6 +236,11 @@ std::uint64_t readBigEndian64(const std::uint8_t* p) {
 // Decoder states
 
 struct QXDecompressor::Decoders {
+    // The previous call's output, reused once the caller has let go of it.
+    Ref<Data> output;
+    // Gzip only: filled in by inflate; done once the header is read.
+    gz_header gzipHeader{};
+    bool checkOff = false;
     std::unique_ptr<bz_stream, BZDecompressEnd> bzip2;
     std::unique_ptr<z_stream, InflateEnd> zlib;
     std::unique_ptr<QXExplodeStream, ExplodeEnd> explode;
@@ -227,6 +347,7 @@ bool QXDecompressor::setUpWithData(const Ref<Data>& data, Ref<Error>* error) {
                                             QXFLocalizedString("inflateInit2: %s"), std::string(zError(result))));
             return false;
         }
+        if (algorithm_ == QXDecompressionAlgorithmGzip) inflateGetHeader(stream.get(), &decoders_->gzipHeader);
         decoders_->zlib.reset(stream.release());
         break;
     }
@@ -279,6 +400,23 @@ Ref<Data> QXDecompressor::decompressedDataFromStreamWithInputData(const Ref<Data
     }
     if (finished_) return Data::create();
 
+    if (algorithm_ == QXDecompressionAlgorithmGzip && firstDataRead_ && decoders_->zlib &&
+        streamIn_->length() <= 8 && input->length() >= 8) {
+        // The steady state of a gzip stream: all that is held is the previous
+        // call's last 8 bytes. They go to inflate ahead of this input, and this
+        // input's last 8 are held instead, without joining the two first.
+        std::uint8_t held[8];
+        const std::size_t heldLength = streamIn_->length();
+        std::memcpy(held, streamIn_->bytes(), heldLength);
+        streamIn_->setLength(0);
+        streamIn_->append(input->bytes() + input->length() - 8, 8);
+        auto out = reusableOutput(decoders_->output);
+        if (!zlibFeed(held, heldLength, *out, error) ||
+            !zlibFeed(input->bytes(), input->length() - 8, *out, error))
+            return nullptr;
+        return out;
+    }
+
     Ref<Data> in = input;
     if (streamIn_->length() > 0) {
         streamIn_->append(*input);
@@ -301,10 +439,15 @@ Ref<Data> QXDecompressor::decompressedDataFromStreamWithInputData(const Ref<Data
     if (algorithm_ == QXDecompressionAlgorithmGzip) {
         // The trailer is kept back from inflate on purpose (see the header).
         const std::size_t keep = std::min<std::size_t>(8, in->length());
+        if (!firstDataRead_ && in->length() - keep == 1) {
+            // Too little to start on: hold it all, in order, ahead of the trailer bytes.
+            streamIn_->append(*in);
+            firstDataRead_ = true;
+            return Data::create();
+        }
         streamIn_->append(in->bytes() + in->length() - keep, keep);
         in = in->subdata(0, in->length() - keep);
     }
-
     Ref<Data> out;
     if (decoders_->zlib) {
         out = zlibRoutine(in, error);
@@ -331,97 +474,98 @@ Ref<Data> QXDecompressor::zlibRoutine(const Ref<Data>& input, Ref<Error>* error)
         streamIn_->append(*input);
         return Data::create();
     }
-    auto out = Data::create();
-    std::uint64_t offset = 0;
-    while (offset < input->length() && !finished_) {
-        const std::uint64_t piece = std::min<std::uint64_t>(kMaxPieceLength, input->length() - offset);
-        auto produced = zlibPiece(input->bytes() + offset, piece, error);
-        if (!produced) return nullptr;
-        out->append(*produced);
-        offset += piece;
-    }
+    auto out = reusableOutput(decoders_->output);
+    if (!zlibFeed(input->bytes(), input->length(), *out, error)) return nullptr;
     return out;
 }
 
-Ref<Data> QXDecompressor::zlibPiece(const std::uint8_t* bytes, std::uint64_t length, Ref<Error>* error) {
+bool QXDecompressor::zlibFeed(const std::uint8_t* bytes, std::uint64_t length, Data& out, Ref<Error>* error) {
     z_stream* z = decoders_->zlib.get();
-    z->next_in = const_cast<Bytef*>(bytes);
-    z->avail_in = static_cast<uInt>(length);
-    auto out = Data::create();
-    for (;;) {
-        std::uint8_t* room = scratch();
-        z->next_out = room;
-        z->avail_out = static_cast<uInt>(kBufferSize);
-        const int result = inflate(z, Z_SYNC_FLUSH);
-        out->append(room, kBufferSize - z->avail_out);
-        if (result == Z_OK) {
-            // A full output buffer may mean more output is pending without input.
-            if (z->avail_in == 0 && z->avail_out != 0) break;
-            continue;
-        }
-        if (result == Z_STREAM_END) {
-            finished_ = true;
+    while (length > 0 && !finished_) {
+        const std::uint64_t piece = std::min(kMaxPieceLength, length);
+        z->next_in = const_cast<Bytef*>(bytes);
+        z->avail_in = static_cast<uInt>(piece);
+        int result;
+        for (;;) {
+            const std::size_t at = out.length();
+            out.setLength(at + kBufferSize);
+            z->next_out = out.mutableBytes() + at;
+            z->avail_out = static_cast<uInt>(kBufferSize);
+            result = inflate(z, Z_SYNC_FLUSH);
+            out.setLength(at + kBufferSize - z->avail_out);
+            if (decoders_->gzipHeader.done != 0 && !decoders_->checkOff) {
+                // Gzip trailers never reach inflate (see the header), so the
+                // running CRC-32 could never be compared: stop computing it
+                // once the header, and with it any header CRC, is checked.
+                inflateValidate(z, 0);
+                decoders_->checkOff = true;
+            }
+            if (result == Z_OK) {
+                // A full output room may mean more output is pending without input.
+                if (z->avail_in == 0 && z->avail_out != 0) break;
+                continue;
+            }
+            if (result == Z_STREAM_END) finished_ = true;
             break;
         }
-        if (result == Z_BUF_ERROR) break;
-        QXLog("zlib error: %d", result);
         z->next_in = nullptr;
         z->avail_in = 0;
-        setError(error, QXGenerateError("inflate", result, nullptr, nullptr, nullptr,
-                                        QXFLocalizedString("inflate: %s"), std::string(zError(result))));
-        return nullptr;
+        if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
+            QXLog("zlib error: %d", result);
+            setError(error, QXGenerateError("inflate", result, nullptr, nullptr, nullptr,
+                                            QXFLocalizedString("inflate: %s"), std::string(zError(result))));
+            return false;
+        }
+        if (result == Z_BUF_ERROR) break;
+        bytes += piece;
+        length -= piece;
     }
-    z->next_in = nullptr;
-    z->avail_in = 0;
-    return out;
+    return true;
 }
 
 Ref<Data> QXDecompressor::bzip2Routine(const Ref<Data>& input, Ref<Error>* error) {
     if (input->length() == 0) return Data::create();
-    auto out = Data::create();
-    std::uint64_t offset = 0;
-    while (offset < input->length() && !finished_) {
-        const std::uint64_t piece = std::min<std::uint64_t>(kMaxPieceLength, input->length() - offset);
-        auto produced = bzip2Piece(input->bytes() + offset, piece, error);
-        if (!produced) return nullptr;
-        out->append(*produced);
-        offset += piece;
-    }
+    auto out = reusableOutput(decoders_->output);
+    if (!bzip2Feed(input->bytes(), input->length(), *out, error)) return nullptr;
     return out;
 }
 
-Ref<Data> QXDecompressor::bzip2Piece(const std::uint8_t* bytes, std::uint64_t length, Ref<Error>* error) {
+bool QXDecompressor::bzip2Feed(const std::uint8_t* bytes, std::uint64_t length, Data& out, Ref<Error>* error) {
     bz_stream* bz = decoders_->bzip2.get();
-    bz->next_in = reinterpret_cast<char*>(const_cast<std::uint8_t*>(bytes));
-    bz->avail_in = static_cast<unsigned>(length);
-    auto out = Data::create();
-    for (;;) {
-        std::uint8_t* room = scratch();
-        bz->next_out = reinterpret_cast<char*>(room);
-        bz->avail_out = static_cast<unsigned>(kBufferSize);
-        const unsigned inBefore = bz->avail_in;
-        const int result = BZ2_bzDecompress(bz);
-        out->append(room, kBufferSize - bz->avail_out);
-        if (result == BZ_OK) {
-            if (bz->avail_in == 0 && bz->avail_out != 0) break;
-            if (bz->avail_in == inBefore && bz->avail_out == kBufferSize) break;  // no progress possible
-            continue;
-        }
-        if (result == BZ_STREAM_END) {
+    while (length > 0 && !finished_) {
+        const std::uint64_t piece = std::min(kMaxPieceLength, length);
+        bz->next_in = reinterpret_cast<char*>(const_cast<std::uint8_t*>(bytes));
+        bz->avail_in = static_cast<unsigned>(piece);
+        int result;
+        for (;;) {
+            const std::size_t at = out.length();
+            out.setLength(at + kBufferSize);
+            bz->next_out = reinterpret_cast<char*>(out.mutableBytes() + at);
+            bz->avail_out = static_cast<unsigned>(kBufferSize);
+            const unsigned inBefore = bz->avail_in;
+            result = BZ2_bzDecompress(bz);
+            out.setLength(at + kBufferSize - bz->avail_out);
+            if (result == BZ_OK) {
+                if (bz->avail_in == 0 && bz->avail_out != 0) break;
+                if (bz->avail_in == inBefore && bz->avail_out == kBufferSize) break;  // no progress possible
+                continue;
+            }
             // libbz2 refuses every call after its end; later input is ignored.
-            finished_ = true;
+            if (result == BZ_STREAM_END) finished_ = true;
             break;
         }
-        QXLog("error decompressing: %d", result);
         bz->next_in = nullptr;
         bz->avail_in = 0;
-        setError(error, QXGenerateError("BZ2_bzDecompress", result, nullptr, nullptr, nullptr,
-                                        QXFLocalizedString("BZ2_bzDecompress: error %d"), result));
-        return nullptr;
+        if (result != BZ_OK && result != BZ_STREAM_END) {
+            QXLog("error decompressing: %d", result);
+            setError(error, QXGenerateError("BZ2_bzDecompress", result, nullptr, nullptr, nullptr,
+                                            QXFLocalizedString("BZ2_bzDecompress: error %d"), result));
+            return false;
+        }
+        bytes += piece;
+        length -= piece;
     }
-    bz->next_in = nullptr;
-    bz->avail_in = 0;
-    return out;
+    return true;
 }
 
 Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Error>* error) {
@@ -442,13 +586,14 @@ Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Er
     lz->next_in = in->bytes();
     lz->avail_in = in->length();
     const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
-    auto out = Data::create();
+    auto out = reusableOutput(decoders_->output);
     for (;;) {
-        std::uint8_t* room = scratch();
-        lz->next_out = room;
+        const std::size_t at = out->length();
+        out->setLength(at + kBufferSize);
+        lz->next_out = out->mutableBytes() + at;
         lz->avail_out = kBufferSize;
         const lzma_ret result = lzma_code(lz, action);
-        out->append(room, kBufferSize - lz->avail_out);
+        out->setLength(at + kBufferSize - lz->avail_out);
         if (result == LZMA_OK) {
             // When finishing, liblzma answers a call that can make no progress
             // with LZMA_BUF_ERROR: that is how a truncated stream shows.
@@ -503,9 +648,13 @@ Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
     while (!operations_.empty()) {
         Ref<QXDecompressionOperation> first = operations_.front();
         if (auto failure = first->error()) return failure;
-        out.append(*first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max()));
+        first->consumeOutputDataWithMaxLength(std::numeric_limits<std::uint64_t>::max(), out);
         if (first->hasEnded()) {
             if (auto failure = first->error()) return failure;
+            // Done: its buffer is touched by nobody now. Reusing it keeps the
+            // pages the system has already cleared, instead of mapping and
+            // clearing fresh ones for every chunk.
+            if (spareBuffers_.size() < limit) spareBuffers_.push_back(first->outputBuffer());
             operations_.erase(operations_.begin());
             continue;
         }
@@ -556,8 +705,13 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         const std::uint64_t staged = s->total_out - before;
         if (staged > 0 && s->chunk_started) {
             Ref<Error> operationError;
+            Ref<QXRingBuffer> spare;
+            if (!spareBuffers_.empty()) {
+                spare = std::move(spareBuffers_.back());
+                spareBuffers_.pop_back();
+            }
             auto operation = QXDecompressionOperation::initWithAlgorithm(
-                s->chunk_compressed ? QXDecompressionAlgorithmAutomatic : QXDecompressionAlgorithmNone,
+                s->chunk_compressed ? QXDecompressionAlgorithmAutomatic : QXDecompressionAlgorithmNone, spare,
                 &operationError);
             if (!operation) {
                 cancelWithError(operationError);
@@ -824,7 +978,11 @@ Ref<Data> QXDecompressor::decompressedDataFromData(const Ref<Data>& data, QXDeco
     do {
         auto out = decompressor->decompressedDataFromStreamWithInputData(data, true, &again, error);
         if (!out) return nullptr;
-        result->append(*out);
+        if (result->length() == 0) {
+            result = out;  // usually the only piece: no copy
+        } else {
+            result->append(*out);
+        }
     } while (again);
     return result;
 }
@@ -909,15 +1067,19 @@ std::int64_t QXDecompressor::decompressFileHandle(const Ref<qx::FileHandle>& han
     auto askCancel = [&] { return cancelBlock && cancelBlock(); };
 
     try {
+        // Input buffers are reused: the decompressor copies what it keeps,
+        // and a fresh megabyte per read costs page faults.
+        HandleReader reader(*handle);
         for (;;) {
             if (askCancel()) {
                 cancelled = true;
                 break;
             }
-            auto chunk = handle->readDataOfLength(kBufferSize);
+            auto chunk = reader.next();
             const bool isFinal = chunk->length() == 0;
             bool again = false;
             auto out = decompressor->decompressedDataFromStreamWithInputData(chunk, isFinal, &again, error);
+            reader.recycle(std::move(chunk));
             if (!out) return -1;
             deliver(out);
             while (again) {

@@ -55,8 +55,8 @@ private:
 class AsyncRun {
 public:
     AsyncRun(QXDecompressor::Handler handler, Ref<QXDecompressor> decompressor, QXChecksumAlgorithm compressedAlgorithm,
-             QXChecksumAlgorithm decompressedAlgorithm, Ref<Data> prefix)
-        : handler_(std::move(handler)), decompressor_(std::move(decompressor)), prefix_(std::move(prefix)) {
+             QXChecksumAlgorithm decompressedAlgorithm)
+        : handler_(std::move(handler)), decompressor_(std::move(decompressor)) {
         if (compressedAlgorithm != QXChecksumAlgorithmNone)
             compressed_.emplace(compressedAlgorithm, "com.tovarik.QXFoundation.QXDecompressor.compressedChecksum");
         if (decompressedAlgorithm != QXChecksumAlgorithmNone)
@@ -68,12 +68,7 @@ public:
         if (finished_) return false;
         if (error) return fail(error);
 
-        Ref<Data> input = chunk ? chunk : Data::create();
-        if (prefix_) {
-            // Bytes the detection took from a source that can't go back.
-            prefix_->append(*input);
-            input = std::move(prefix_);
-        }
+        const Ref<Data> input = chunk ? chunk : Data::create();
 
         bool runAgain = false;
         Ref<Error> failure;
@@ -131,7 +126,6 @@ private:
     Ref<QXDecompressor> decompressor_;
     std::optional<ChecksumLane> compressed_;
     std::optional<ChecksumLane> decompressed_;
-    Ref<Data> prefix_;
     std::uint64_t compressedTotal_ = 0;
     std::uint64_t decompressedTotal_ = 0;
     bool finished_ = false;
@@ -144,53 +138,31 @@ void failLater(QXDecompressor::Handler handler, Ref<Error> error) {
         [handler = std::move(handler), error = std::move(error)] { AsyncRun::failBeforeReading(handler, error); });
 }
 
-// A local pipe or socket: read front to back, so the detection's bytes are
-// kept rather than read again.
-bool isOneWay(const Ref<QXRemoteFileHandle>& handle) {
-    return handle->systemFileHandle() && !handle->isRsrcFork() && !handle->isSeekable();
-}
-
 void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std::uint64_t length,
                QXDecompressionAlgorithm algorithm, QXChecksumAlgorithm compressedAlgorithm,
                QXChecksumAlgorithm decompressedAlgorithm, const QXDecompressor::Handler& handler) {
-    const bool oneWay = isOneWay(handle);
-    Ref<Data> prefix;
     if (algorithm == QXDecompressionAlgorithmAutomatic) {
         Ref<Error> error;
         // The magic is looked for where the range starts, not wherever the
-        // handle happens to stand.
-        // A pipe gets there by reading and dropping what comes before.
+        // handle happens to stand. The range read below seeks back to it, so
+        // the decoder still gets every byte (a pipe keeps its last 64 KiB for
+        // just this).
         if (!handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
         Ref<Data> magic = handle->readDataOfLength(QXDecompressor::maxMagicLength(), &error);
         if (!magic) return AsyncRun::failBeforeReading(handler, error);
         QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
         if (QXDecompressor::isDataCompressed(magic, &found)) algorithm = found;
-        if (oneWay) {
-            prefix = Data::withBytes(magic->bytes(), magic->length());
-            if (length != QXRemoteFileHandle::ToEndOfFile) {
-                if (prefix->length() > length) prefix->setLength(static_cast<std::size_t>(length));
-                length -= prefix->length();
-            }
-        }
     }
 
-    // A source that gave its first bytes to the detection goes on from there.
-    const bool goOnFromHere = prefix != nullptr;
     Ref<Error> error;
     auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, &error);
     if (!decompressor) return AsyncRun::failBeforeReading(handler, error);
-    auto run = std::make_shared<AsyncRun>(handler, std::move(decompressor), compressedAlgorithm, decompressedAlgorithm,
-                                          std::move(prefix));
-    QXRemoteFileHandle::DataHandler onChunk = [run](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done,
-                                                    const Ref<Error>& failure) {
-        return run->onChunk(chunk, done, failure);
-    };
+    auto run = std::make_shared<AsyncRun>(handler, std::move(decompressor), compressedAlgorithm, decompressedAlgorithm);
     const std::uint64_t maxBufferSize =
         static_cast<std::uint64_t>(QXDecompressor::maxOperationCount()) * kReadAheadPerOperation;
-    if (goOnFromHere)
-        handle->readDataOfLengthMaxBufferSize(length, maxBufferSize, std::move(onChunk));
-    else
-        handle->readDataAtOffset(offset, length, maxBufferSize, std::move(onChunk));
+    handle->readDataAtOffset(offset, length, maxBufferSize,
+                             [run](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done,
+                                   const Ref<Error>& failure) { return run->onChunk(chunk, done, failure); });
 }
 
 } // namespace

@@ -14,12 +14,14 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <limits>
 #include <linux/limits.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -37,6 +39,8 @@ constexpr const char* kRsrcForkAttribute = "user.com.apple.ResourceFork";
 constexpr std::uint64_t kMaxReadBuffer = 0x100000;
 // Chunks kept for reuse: enough for the read-ahead of a 32 MiB limit.
 constexpr std::size_t kMaxSpareChunks = 34;
+// A handler that keeps up still sees its first chunks after a few reads at most.
+constexpr std::uint64_t kMaxWakeBatch = 8;
 constexpr const char* kCallbackQueueName = "com.tovarik.QXRemoteFileHandle.callback";
 constexpr const char* kConnectionQueueName = "com.tovarik.QXRemoteFileHandle.connection";
 
@@ -50,6 +54,17 @@ constexpr int kKernelLargeFileFlag = 0200000;
 #else
 constexpr int kKernelLargeFileFlag = 0100000;
 #endif
+
+// The kernel's copy into user memory slows down several times on some
+// processors when the destination lies just past the source's offset within
+// a page (the stores and the loads that follow them seem to alias). That is
+// where the allocator puts a large block it maps on its own (behind a 16-byte
+// header at a page boundary) whenever the file position is page-aligned.
+bool copiesSlowly(const void* destination, std::size_t size, std::uint64_t position) {
+    if (size == 0) return false;
+    const std::uint64_t distance = (reinterpret_cast<std::uintptr_t>(destination) - position) & 4095;
+    return distance != 0 && distance < 64;
+}
 
 Ref<Error> posixError(int errnum, const Ref<qx::URL>& url = nullptr) { return QXGenerateError(qx::NSPOSIXErrorDomain, errnum, url); }
 
@@ -96,72 +111,148 @@ bool canHandleRequest(const Ref<qx::URL>& url) { return url && isHTTPScheme(url-
 
 // ---- The local data-fork reader ----
 
-// Shared by the reading thread and the deliveries on the callback queue. The
-// queue runs deliveries one at a time in order; operationCount counts those
-// queued or running, which is what bounds the read-ahead.
+// Shared by the reading thread and the one delivery operation on the callback
+// queue. Chunks read but not yet handed over wait in `pending`; the delivery
+// operation takes them in order and calls the handler with each, one at a
+// time, for as long as the read lasts. One operation for the whole read
+// rather than one per chunk: a queue that runs dry between chunks (the usual
+// case with a quick handler) would otherwise pay for a new worker thread and
+// a wake-up with every chunk. Each side wakes the other only when it sleeps,
+// and then only once a few chunks (or a few buffers of room) have gathered,
+// so that neither pays a thread switch per chunk when the other keeps up.
 struct QXRemoteFileHandle::LocalReader {
+    struct Delivery {
+        Ref<Data> chunk;
+        bool done = false;
+        Ref<Error> error;
+    };
+
     Ref<qx::SerialQueue> queue = qx::SerialQueue::create(kCallbackQueueName);
+    const std::uint64_t bufferSize;
+    const std::uint64_t limit;
+    // Chunks gathered before a sleeping side is woken: a quarter of what the
+    // limit holds (at most kMaxWakeBatch), so the side woken has work (or
+    // room) for a while.
+    const std::size_t batch;
     std::mutex mutex;
-    std::condition_variable countChanged;
-    std::size_t operationCount = 0;     // guarded by mutex
-    std::uint64_t nextTicket = 0;       // guarded by mutex
-    std::uint64_t cancelledBelow = 0;   // deliveries with a smaller ticket are dropped; guarded by mutex
+    std::condition_variable roomFreed;      // the reader sleeps on it
+    std::condition_variable chunkQueued;    // the delivery operation sleeps on it
+    std::deque<Delivery> pending;           // guarded by mutex
+    bool handing = false;                   // a chunk is with the handler; guarded by mutex
+    bool readerEnded = false;               // nothing more will be queued; guarded by mutex
+    bool readerSleeps = false;              // guarded by mutex
+    bool delivererSleeps = false;           // guarded by mutex
     std::atomic<bool> stopped{false};
-    std::vector<Ref<Data>> spare;       // chunks whose storage is free again; guarded by mutex
+    std::vector<Ref<Data>> spare;           // chunks whose storage is free again; guarded by mutex
 
-    // Drops every delivery queued so far that has not started.
-    void cancelAllOperations() {
-        std::lock_guard<std::mutex> lock(mutex);
-        cancelledBelow = nextTicket;
-    }
+    LocalReader(std::uint64_t bufferSize, std::uint64_t limit)
+        : bufferSize(bufferSize),
+          limit(limit),
+          batch(static_cast<std::size_t>(std::clamp<std::uint64_t>(bufferSize ? limit / bufferSize / 4 : 1, 1, kMaxWakeBatch))) {}
 
-    static void addOperation(const std::shared_ptr<LocalReader>& reader, std::function<void()> block) {
-        std::uint64_t ticket;
-        {
-            std::lock_guard<std::mutex> lock(reader->mutex);
-            ticket = reader->nextTicket++;
-            ++reader->operationCount;
+    // Chunks read and not yet back from the handler: what the limit bounds.
+    std::size_t undelivered() const { return pending.size() + (handing ? 1 : 0); }
+
+    // Waits while one more buffer would take the undelivered chunks past
+    // limit. The count is tested and waited on under one lock, so a delivery
+    // that ends in between cannot be missed.
+    void waitForRoom() {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!stopped.load() && (undelivered() + 1) * bufferSize > limit) {
+            // Whatever has gathered goes out now: the reader cannot add to it.
+            if (delivererSleeps && !pending.empty()) chunkQueued.notify_one();
+            readerSleeps = true;
+            roomFreed.wait(lock);
+            readerSleeps = false;
         }
-        reader->queue->async([reader, ticket, block = std::move(block)] {
-            bool cancelled;
-            {
-                std::lock_guard<std::mutex> lock(reader->mutex);
-                cancelled = ticket < reader->cancelledBelow;
-            }
-            if (!cancelled) block();
-            {
-                std::lock_guard<std::mutex> lock(reader->mutex);
-                --reader->operationCount;
-            }
-            reader->countChanged.notify_all();
-        });
     }
 
-    // A chunk whose storage can be read into: one the handler let go of, or a new one.
-    Ref<Data> spareChunk() {
+    void enqueue(Delivery delivery) {
         std::lock_guard<std::mutex> lock(mutex);
-        if (spare.empty()) return Data::create();
-        Ref<Data> chunk = std::move(spare.back());
-        spare.pop_back();
+        pending.push_back(std::move(delivery));
+        if (delivererSleeps) chunkQueued.notify_one();
+    }
+
+    // Drops every chunk read but not yet handed to the handler.
+    void dropPending() {
+        std::deque<Delivery> dropped;
+        std::lock_guard<std::mutex> lock(mutex);
+        dropped.swap(pending);
+        if (readerSleeps) roomFreed.notify_one();
+    }
+
+    void endOfReading() {
+        std::lock_guard<std::mutex> lock(mutex);
+        readerEnded = true;
+        if (delivererSleeps) chunkQueued.notify_one();
+    }
+
+    // A chunk whose storage can take `size` bytes read at file position
+    // `position`: the one most recently let go of (likeliest still in
+    // cache), or a new one. Storage the kernel would copy into slowly is
+    // passed over.
+    Ref<Data> spareChunk(std::size_t size, std::uint64_t position) {
+        std::vector<Ref<Data>> passedOver;  // let go of outside the lock
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            while (!spare.empty()) {
+                Ref<Data> chunk = std::move(spare.back());
+                spare.pop_back();
+                if (!copiesSlowly(chunk->bytes(), size, position)) return chunk;
+                passedOver.push_back(std::move(chunk));
+            }
+        }
+        passedOver.clear();
+        Ref<Data> chunk = Data::create();
+        chunk->reserve(size);
+        if (copiesSlowly(chunk->bytes(), size, position)) {
+            // Typically a block the allocator mapped on its own. Giving it
+            // back first lets the next request of this size be served from
+            // its heap, at another offset; if not, it serves as it is.
+            chunk = nullptr;
+            chunk = Data::create();
+            chunk->reserve(size);
+        }
         return chunk;
     }
 
-    // Takes a delivered chunk back when nobody else holds it any more. Its
-    // storage then serves a later read, which spares the allocator a trip per
-    // chunk (with freshly mapped pages to fault in) on long reads.
-    void recycle(Ref<Data> chunk, std::uint64_t bufferSize) {
-        if (!chunk || chunk.use_count() != 1 || chunk->vector().capacity() < bufferSize) return;
-        std::lock_guard<std::mutex> lock(mutex);
-        if (spare.size() < kMaxSpareChunks) spare.push_back(std::move(chunk));
-    }
-
-    // Waits for the next change of the count when one more buffer would take
-    // the undelivered chunks past limit. The count is read and waited on under
-    // one lock, so a queue that empties in between cannot be missed.
-    void waitForRoom(std::uint64_t bufferSize, std::uint64_t limit) {
+    // The delivery operation: runs on the callback queue until the reader
+    // has ended and everything it queued is handed over (or dropped).
+    void deliver(const Ref<QXRemoteFileHandle>& handle, const DataHandler& handler) {
         std::unique_lock<std::mutex> lock(mutex);
-        const std::size_t seen = operationCount;
-        if ((seen + 1) * bufferSize > limit) countChanged.wait(lock, [&] { return operationCount != seen; });
+        for (;;) {
+            while (pending.empty() && !readerEnded) {
+                delivererSleeps = true;
+                chunkQueued.wait(lock);
+                delivererSleeps = false;
+            }
+            if (pending.empty()) return;
+            Delivery delivery = std::move(pending.front());
+            pending.pop_front();
+            handing = true;
+            lock.unlock();
+            if (!stopped.load() && !handler(handle, delivery.chunk, delivery.done, delivery.error)) {
+                stopped.store(true);
+                dropPending();
+            }
+            delivery.error = nullptr;
+            lock.lock();
+            handing = false;
+            // Storage nobody else holds any more serves a later read: no
+            // allocation and no freshly mapped pages to fault in per chunk.
+            // A chunk the handler kept is never written again.
+            Ref<Data> chunk = std::move(delivery.chunk);
+            if (chunk && chunk.use_count() == 1 && chunk->vector().capacity() >= bufferSize && spare.size() < kMaxSpareChunks)
+                spare.push_back(std::move(chunk));
+            // Room for a batch, or for whatever the limit holds once all is delivered.
+            if (readerSleeps && (undelivered() + batch) * bufferSize <= limit) roomFreed.notify_one();
+            if (chunk) {
+                // Let go of it outside the lock.
+                lock.unlock();
+                chunk = nullptr;
+                lock.lock();
+            }
+        }
     }
 };
 
@@ -656,31 +747,38 @@ void QXRemoteFileHandle::readRsrcFork(std::uint64_t length, std::uint64_t maxBuf
 
 void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler) {
     const auto handle = self();
-    auto reader = std::make_shared<LocalReader>();
-    auto work = [handle, reader, length, maxBufferSize, handler] {
+    auto reader = std::make_shared<LocalReader>(std::min(maxBufferSize, kMaxReadBuffer), maxBufferSize);
+    auto work = [handle, reader, length, handler] {
         const int fd = handle->fileHandle_->fileDescriptor();
-        const std::uint64_t bufferSize = std::min(maxBufferSize, kMaxReadBuffer);
-        auto deliver = [&](Ref<Data> chunk, bool done, Ref<Error> error) {
-            if (!handler) return;
-            LocalReader::addOperation(reader, [reader, handle, handler, bufferSize, chunk = std::move(chunk), done, error = std::move(error)]() mutable {
-                if (reader->stopped.load()) return;
-                if (!handler(handle, chunk, done, error)) {
-                    reader->stopped.store(true);
-                    reader->cancelAllOperations();
-                }
-                reader->recycle(std::move(chunk), bufferSize);
-            });
-        };
+        const std::uint64_t bufferSize = reader->bufferSize;
+        if (handler) {
+            try {
+                reader->queue->async([reader, handle, handler] { reader->deliver(handle, handler); });
+            } catch (const std::system_error&) {
+                handler(handle, nullptr, true, posixError(EAGAIN));
+                return;
+            }
+        }
+        // Whatever way the loop ends, the delivery operation learns that
+        // nothing more is coming.
+        struct EndOfReading {
+            LocalReader& reader;
+            ~EndOfReading() { reader.endOfReading(); }
+        } endOfReading{*reader};
         // A read of nothing still ends with its one done call.
-        if (length == 0) deliver(Data::create(), true, nullptr);
+        if (length == 0 && handler) reader->enqueue({Data::create(), true, nullptr});
         std::uint64_t remaining = length;
-        bool done = false, failed = false;
+        // Only where the reads fall within a page matters (see copiesSlowly).
+        const off_t start = ::lseek(fd, 0, SEEK_CUR);
+        std::uint64_t position = start < 0 ? 0 : static_cast<std::uint64_t>(start);
+        Ref<Data> chunk;  // without a handler one chunk serves every read
         while (remaining > 0 && !reader->stopped.load()) {
-            reader->waitForRoom(bufferSize, maxBufferSize);
+            if (handler) reader->waitForRoom();
+            if (reader->stopped.load()) break;
             const std::size_t want = static_cast<std::size_t>(std::min(bufferSize, remaining));
-            // Read straight into the chunk handed out: its storage is the
-            // read buffer, reused once the handler has let go of it.
-            Ref<Data> chunk = reader->spareChunk();
+            // Read straight into the chunk handed out: no copy out of a
+            // separate read buffer.
+            if (!chunk) chunk = reader->spareChunk(want, position);
             chunk->setLength(want);
             ssize_t n;
             if (handle->stream_) {
@@ -689,25 +787,20 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
                 do n = ::read(fd, chunk->mutableBytes(), want);
                 while (n < 0 && errno == EINTR);
             }
-            Ref<Error> error;
-            if (n == 0) {
-                chunk->setLength(0);
-                done = true;
-            } else if (n < 0) {
+            if (n < 0) {
                 const int errnum = errno;
-                reader->cancelAllOperations();
-                chunk = nullptr;
-                error = QXGenerateError(qx::NSPOSIXErrorDomain, errnum, handle->URL());
+                reader->dropPending();
                 // Deliberately done = false: only this path reports an error without done.
-                failed = true;
-            } else {
-                const std::uint64_t count = std::min<std::uint64_t>(static_cast<std::uint64_t>(n), remaining);
-                chunk->setLength(static_cast<std::size_t>(count));
-                remaining -= count;
-                done = remaining == 0;
+                if (handler) reader->enqueue({nullptr, false, QXGenerateError(qx::NSPOSIXErrorDomain, errnum, handle->URL())});
+                break;
             }
-            deliver(std::move(chunk), done, std::move(error));
-            if (failed || done) break;
+            const std::uint64_t count = std::min<std::uint64_t>(static_cast<std::uint64_t>(n), remaining);
+            chunk->setLength(static_cast<std::size_t>(count));
+            remaining -= count;
+            position += count;
+            const bool done = n == 0 || remaining == 0;
+            if (handler) reader->enqueue({std::move(chunk), done, nullptr});
+            if (done) break;
         }
     };
     if (!startThread("qx.rfh.reader", work) && handler) handler(handle, nullptr, true, posixError(EAGAIN));

@@ -192,6 +192,15 @@ void QXRingBuffer::close() {
     pthread_cond_broadcast(&sync_->writeCond);
 }
 
+void QXRingBuffer::reopen() {
+    Locker lock(sync_->mutex);
+    readPointer_ = 0;
+    writePointer_ = 0;
+    bytesRead_ = 0;
+    bytesWritten_ = 0;
+    closed_ = false;
+}
+
 bool QXRingBuffer::isClosed() const {
     Locker lock(sync_->mutex);
     return closed_;

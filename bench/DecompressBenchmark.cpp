@@ -2,7 +2,8 @@
 // bench/run-decompress-bench.sh.
 //
 //   qx_decompress_bench payload OUT MIB      deterministic mixed payload
-//   qx_decompress_bench pbzx IN OUT MIB      PBZX container, xz chunks of MIB
+//   qx_decompress_bench pbzx IN OUT MIB [XZ] PBZX container, xz chunks of MIB;
+//                                            XZ: the same blocks as one stream
 //   qx_decompress_bench decode FILE [OUT]    the file driver, automatic
 //                                            detection, to OUT ("-" = stdout,
 //                                            default the null device)
@@ -181,13 +182,45 @@ void appendBigEndian64(Bytes& out, std::uint64_t v) {
     for (int i = 7; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
 }
 
-int pbzx(const char* inPath, const char* outPath, std::size_t mib) {
+// One xz stream around already encoded blocks: header, blocks, index, footer.
+bool appendStream(Bytes& out, const std::vector<const Bytes*>& blocks, const std::vector<lzma_vli>& unpadded,
+                  const std::vector<lzma_vli>& sizes) {
+    lzma_stream_flags flags{};
+    flags.check = LZMA_CHECK_CRC64;
+    std::uint8_t header[LZMA_STREAM_HEADER_SIZE];
+    if (lzma_stream_header_encode(&flags, header) != LZMA_OK) return false;
+    out.insert(out.end(), header, header + sizeof header);
+    lzma_index* index = lzma_index_init(nullptr);
+    if (!index) return false;
+    bool ok = true;
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        out.insert(out.end(), blocks[i]->begin(), blocks[i]->end());
+        ok = ok && lzma_index_append(index, nullptr, unpadded[i], sizes[i]) == LZMA_OK;
+    }
+    const lzma_vli indexSize = lzma_index_size(index);
+    const std::size_t at = out.size();
+    out.resize(at + indexSize);
+    std::size_t position = 0;
+    ok = ok && lzma_index_buffer_encode(index, out.data() + at, &position, indexSize) == LZMA_OK;
+    lzma_index_end(index, nullptr);
+    flags.backward_size = indexSize;
+    std::uint8_t footer[LZMA_STREAM_HEADER_SIZE];
+    ok = ok && lzma_stream_footer_encode(&flags, footer) == LZMA_OK;
+    out.insert(out.end(), footer, footer + sizeof footer);
+    return ok;
+}
+
+// Each chunk is compressed once, as one xz block at preset 6; the blocks make
+// both the PBZX container (one stream per chunk) and, when asked for, one xz
+// stream of all of them, as `xz -6 --block-size=MIB` writes it.
+int pbzx(const char* inPath, const char* outPath, std::size_t mib, const char* blocksPath) {
     std::ifstream in(inPath, std::ios::binary);
     const Bytes input((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const std::size_t chunkSize = mib << 20;
     const std::size_t chunks = (input.size() + chunkSize - 1) / chunkSize;
     std::vector<Bytes> encoded(chunks);
-    std::vector<bool> failed(chunks);
+    std::vector<lzma_vli> unpadded(chunks), sizes(chunks);
+    std::vector<char> failed(chunks);
     // Chunks are independent: encode them on every processor.
     const unsigned workers = std::max(1u, std::thread::hardware_concurrency());
     std::vector<std::thread> threads;
@@ -195,32 +228,52 @@ int pbzx(const char* inPath, const char* outPath, std::size_t mib) {
         threads.emplace_back([&, w] {
             for (std::size_t c = w; c < chunks; c += workers) {
                 const std::size_t length = std::min(chunkSize, input.size() - c * chunkSize);
+                lzma_options_lzma options;
+                lzma_lzma_preset(&options, 6);
+                lzma_filter filters[] = {{LZMA_FILTER_LZMA2, &options}, {LZMA_VLI_UNKNOWN, nullptr}};
+                lzma_block block{};
+                block.check = LZMA_CHECK_CRC64;
+                block.filters = filters;
                 Bytes& out = encoded[c];
-                out.resize(lzma_stream_buffer_bound(length));
+                out.resize(lzma_block_buffer_bound(length));
                 std::size_t position = 0;
-                failed[c] = lzma_easy_buffer_encode(6, LZMA_CHECK_CRC64, nullptr, input.data() + c * chunkSize,
-                                                    length, out.data(), &position, out.size()) != LZMA_OK;
+                failed[c] = lzma_block_buffer_encode(&block, nullptr, input.data() + c * chunkSize, length,
+                                                     out.data(), &position, out.size()) != LZMA_OK;
                 out.resize(position);
-                // A chunk that does not shrink is stored, as real containers do.
-                if (out.size() >= length)
-                    out.assign(input.begin() + static_cast<std::ptrdiff_t>(c * chunkSize),
-                               input.begin() + static_cast<std::ptrdiff_t>(c * chunkSize + length));
+                unpadded[c] = lzma_block_unpadded_size(&block);
+                sizes[c] = length;
             }
         });
     }
     for (auto& t : threads) t.join();
-    if (std::find(failed.begin(), failed.end(), true) != failed.end()) {
+    if (std::find(failed.begin(), failed.end(), 1) != failed.end()) {
         std::fprintf(stderr, "xz encoding failed\n");
         return 1;
     }
     Bytes out = {'p', 'b', 'z', 'x'};
     appendBigEndian64(out, chunkSize);
     for (std::size_t c = 0; c < chunks; ++c) {
-        appendBigEndian64(out, std::min(chunkSize, input.size() - c * chunkSize));
-        appendBigEndian64(out, encoded[c].size());
-        out.insert(out.end(), encoded[c].begin(), encoded[c].end());
+        Bytes stream;
+        if (!appendStream(stream, {&encoded[c]}, {unpadded[c]}, {sizes[c]})) return 1;
+        const std::size_t length = std::min(chunkSize, input.size() - c * chunkSize);
+        appendBigEndian64(out, length);
+        if (stream.size() >= length) {
+            // A chunk that does not shrink is stored, as real containers do.
+            appendBigEndian64(out, length);
+            out.insert(out.end(), input.begin() + static_cast<std::ptrdiff_t>(c * chunkSize),
+                       input.begin() + static_cast<std::ptrdiff_t>(c * chunkSize + length));
+        } else {
+            appendBigEndian64(out, stream.size());
+            out.insert(out.end(), stream.begin(), stream.end());
+        }
     }
-    return writeFile(outPath, out) ? 0 : 1;
+    if (!writeFile(outPath, out)) return 1;
+    if (!blocksPath) return 0;
+    Bytes all;
+    std::vector<const Bytes*> blocks;
+    for (const auto& e : encoded) blocks.push_back(&e);
+    if (!appendStream(all, blocks, unpadded, sizes)) return 1;
+    return writeFile(blocksPath, all) ? 0 : 1;
 }
 
 int decode(const char* path, const char* outPath) {
@@ -249,9 +302,10 @@ int decode(const char* path, const char* outPath) {
 int main(int argc, char** argv) {
     const std::string command = argc > 1 ? argv[1] : "";
     if (command == "payload" && argc == 4) return payload(argv[2], std::stoul(argv[3]));
-    if (command == "pbzx" && argc == 5) return pbzx(argv[2], argv[3], std::stoul(argv[4]));
+    if (command == "pbzx" && (argc == 5 || argc == 6))
+        return pbzx(argv[2], argv[3], std::stoul(argv[4]), argc == 6 ? argv[5] : nullptr);
     if (command == "decode" && (argc == 3 || argc == 4)) return decode(argv[2], argc == 4 ? argv[3] : "/dev/null");
     std::fprintf(stderr,
-                 "usage: qx_decompress_bench payload OUT MIB | pbzx IN OUT MIB | decode FILE [OUT]\n");
+                 "usage: qx_decompress_bench payload OUT MIB | pbzx IN OUT MIB [XZ] | decode FILE [OUT]\n");
     return 2;
 }

@@ -5,7 +5,7 @@
 # The big file is written beside the build and deleted afterwards.
 #
 # Environment: QX_BENCH_LOCAL_MIB (1024), QX_BENCH_HTTP_MIB (256),
-# QX_BENCH_RUNS (3), QX_BENCH_JOBS (2), QX_BENCH_BUILD (build-bench).
+# QX_BENCH_RUNS (5), QX_BENCH_JOBS (2), QX_BENCH_BUILD (build-bench).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,4 +14,4 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENC
 ninja -C "$build" -j"${QX_BENCH_JOBS:-2}" qx_remote_bench > /dev/null
 scratch=$(mktemp -d "$build/remote-bench-XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
-"$build/bench/qx_remote_bench" "${QX_BENCH_LOCAL_MIB:-1024}" "${QX_BENCH_HTTP_MIB:-256}" "${QX_BENCH_RUNS:-3}" "$scratch"
+"$build/bench/qx_remote_bench" "${QX_BENCH_LOCAL_MIB:-1024}" "${QX_BENCH_HTTP_MIB:-256}" "${QX_BENCH_RUNS:-5}" "$scratch"

@@ -10,9 +10,15 @@
 #include <lzma.h>
 #include <zlib.h>
 
+#include <QXFoundation/QXDecompressor.h>
+
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <random>
+#include <string>
 #include <vector>
 
 namespace decompressorpayloads {
@@ -116,5 +122,46 @@ inline const Payloads& payloads() {
     static const Payloads p;
     return p;
 }
+
+// Every format of payloads() with the algorithm that reads it; raw deflate has
+// no magic, so it is the one named explicitly.
+struct Format {
+    const char* name;
+    const Bytes* compressed;
+    QXDecompressionAlgorithm algorithm;
+};
+
+inline std::vector<Format> everyFormat() {
+    const Payloads& p = payloads();
+    return {{"zlib", &p.zlib, QXDecompressionAlgorithmAutomatic},
+            {"gzip", &p.gzip, QXDecompressionAlgorithmAutomatic},
+            {"raw deflate", &p.raw, QXDecompressionAlgorithmRawDeflate},
+            {"bzip2", &p.bzip2, QXDecompressionAlgorithmAutomatic},
+            {"xz", &p.xz, QXDecompressionAlgorithmAutomatic},
+            {"pbzx", &p.pbzx, QXDecompressionAlgorithmAutomatic}};
+}
+
+// A temporary directory for payload files, removed with the object.
+class PayloadFiles {
+public:
+    PayloadFiles() {
+        char pattern[] = "/tmp/qx-payloads-XXXXXX";
+        root_ = ::mkdtemp(pattern);
+    }
+    ~PayloadFiles() { std::filesystem::remove_all(root_); }
+    PayloadFiles(const PayloadFiles&) = delete;
+    PayloadFiles& operator=(const PayloadFiles&) = delete;
+    /// Writes the bytes to name; returns its path.
+    std::string write(const std::string& name, const Bytes& bytes) const {
+        const auto path = (root_ / name).string();
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        return path;
+    }
+    std::string path(const std::string& name) const { return (root_ / name).string(); }
+
+private:
+    std::filesystem::path root_;
+};
 
 } // namespace decompressorpayloads

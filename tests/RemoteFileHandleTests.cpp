@@ -501,6 +501,37 @@ TEST(RemoteFileHandleLocal, PipeSeeksForwardByReading) {
     EXPECT_TRUE(bytesOf(h->readDataToEndOfFileAndReturnError()).empty());
 }
 
+TEST(RemoteFileHandleLocal, StopReachesAReaderThatWaitsForRoom) {
+    TempDir dir;
+    constexpr std::uint64_t kBuffer = 1024 * 1024;
+    const auto content = HttpTestServer::patternBytes(16 * kBuffer);
+    for (const std::uint64_t limitBuffers : {1, 2}) {
+        auto h = Handle::initForReadingFromURL(fileURL(dir.file("a", content)));
+        auto d = std::make_shared<Deliveries>();
+        // The reader is held at the limit while the last accepted chunk is with the handler.
+        d->answer = [&](Handle&, std::size_t index, const Ref<Data>&) { return index + 1 < limitBuffers; };
+        h->readDataToEndOfFileWithMaxBufferSize(limitBuffers * kBuffer, Deliveries::handler(d));
+        ASSERT_TRUE(d->waitOver()) << "limit of " << limitBuffers << " buffers";
+        EXPECT_EQ(d->calls.size(), limitBuffers);
+        EXPECT_EQ(d->bytes, slice(content, 0, limitBuffers * kBuffer));
+        EXPECT_LE(h->offsetInFile(), (2 * limitBuffers + 1) * kBuffer) << "the reader went on after the stop";
+    }
+}
+
+TEST(RemoteFileHandleLocal, WithoutAHandlerTheReaderStillReadsTheLength) {
+    TempDir dir;
+    constexpr std::uint64_t kBuffer = 64 * 1024;
+    const auto content = HttpTestServer::patternBytes(40 * kBuffer + 7);
+    auto h = Handle::initForReadingFromURL(fileURL(dir.file("a", content)));
+    // Nobody takes the chunks, so nothing may hold the reader at the limit.
+    h->readDataOfLengthMaxBufferSize(30 * kBuffer + 5, kBuffer, nullptr);
+    const int fd = h->systemFileHandle()->fileDescriptor();
+    const auto end = static_cast<off_t>(30 * kBuffer + 5);
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (::lseek(fd, 0, SEEK_CUR) < end && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), end);
+}
+
 // ---- Resource fork ----
 
 TEST(RemoteFileHandleFork, ReadsWritesSeeksAndKeepsItsOffset) {

@@ -65,3 +65,31 @@ TEST(SerialQueue, DestructionWaitsForQueuedWorkAndMayHappenInsideABlock) {
     }
     second.get_future().wait();
 }
+
+TEST(SerialQueue, WorkArrivingAfterTheQueueRanDryRunsInOrderAndAnIdleQueueDropsPromptly) {
+    // A burst may meet a worker still running, one on its way out, or none;
+    // either way every block runs once, in order, alone.
+    std::vector<int> seen;
+    std::atomic<int> inside{0};
+    bool overlapped = false;
+    {
+        auto queue = SerialQueue::create("test.bursts");
+        for (int burst = 0; burst < 50; ++burst) {
+            for (int i = 0; i < 3; ++i)
+                queue->async([&, n = burst * 3 + i] {
+                    if (inside.fetch_add(1) != 0) overlapped = true;
+                    seen.push_back(n);
+                    inside.fetch_sub(1);
+                });
+            if (burst % 2) queue->drain();
+        }
+        queue->drain();
+        // A block queued from a block of the same queue after it ran dry.
+        std::promise<void> inner;
+        queue->async([&] { queue->async([&] { inner.set_value(); }); });
+        inner.get_future().wait();
+    }  // dropping an idle queue reaps its last worker
+    EXPECT_FALSE(overlapped);
+    ASSERT_EQ(seen.size(), 150u);
+    for (int n = 0; n < 150; ++n) EXPECT_EQ(seen[n], n);
+}

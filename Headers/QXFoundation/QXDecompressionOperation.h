@@ -60,6 +60,14 @@ public:
     static qx::Ref<QXDecompressionOperation> initWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                qx::Ref<qx::Error>* error = nullptr);
 
+    /// As initWithAlgorithm, writing into outputBuffer (reopened) instead of
+    /// a new buffer; null outputBuffer makes one. For an owner that runs many
+    /// operations one after another: reusing the buffer of one that is done
+    /// spares the system handing out and clearing fresh pages for every one.
+    static qx::Ref<QXDecompressionOperation> initWithAlgorithm(QXDecompressionAlgorithm algorithm,
+                                                               const qx::Ref<QXRingBuffer>& outputBuffer,
+                                                               qx::Ref<qx::Error>* error = nullptr);
+
     ~QXDecompressionOperation() override;
 
     /// Queues the piece for decoding and returns at once. isFinal marks the
@@ -77,6 +85,10 @@ public:
     /// Once the last piece has been processed and the output is all taken,
     /// the operation is done.
     qx::Ref<qx::Data> consumeOutputDataWithMaxLength(std::uint64_t maxLength);
+    /// As above, appending the bytes to output instead of making a new
+    /// buffer (one copy fewer for a consumer that gathers output anyway).
+    /// Returns the count appended.
+    std::uint64_t consumeOutputDataWithMaxLength(std::uint64_t maxLength, qx::Data& output);
     /// Bytes of output waiting to be consumed.
     std::uint64_t availableOutputDataSize() const;
     /// Sleeps until output is waiting or none can come any more (the last
@@ -92,6 +104,9 @@ public:
     qx::Ref<qx::Error> error() const;
     /// True once the last piece has been processed and all output consumed.
     bool isDone() const;
+    /// The ring buffer the output goes through. Once the operation is done,
+    /// nothing touches it any more and its owner may reuse it.
+    const qx::Ref<QXRingBuffer>& outputBuffer() const { return outputBuffer_; }
     /// True once start() has run.
     bool isStarted() const;
     /// Done or failed, whether or not the queue has started the operation yet.
@@ -116,8 +131,12 @@ protected:
 private:
     enum class Key { Started, Done, Error };
     void announce(Key key, bool before);
-    /// Sets the error (when none is set yet) and closes the output.
+    /// Sets the error when none is set yet, announcing it.
+    void storeError(const qx::Ref<qx::Error>& error);
+    /// storeError, then closes the output and finishes if started.
     void fail(const qx::Ref<qx::Error>& error);
+    /// Sets done once the last piece has been processed and nothing is held.
+    void noteConsumed();
     /// Calls finish() when the operation has started and ended, once.
     void finishIfEnded();
 

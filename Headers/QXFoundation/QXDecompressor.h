@@ -23,6 +23,12 @@
 //    "pbzx" put in front.
 //  * After a call with isFinal true, call again with empty input while
 //    shouldRunAgain is true to collect output still on its way.
+//  * PBZX chunks are decoded in parallel, each by a QXDecompressionOperation
+//    on operationQueue(); output still comes out in container order. A call
+//    returns once fewer than maxOperationCount() chunks are in flight, so
+//    memory stays bounded by that many chunk buffers. Calls after the final
+//    one only collect output (each brings some, or ends it); any input they
+//    carry is ignored. Destroying the object cancels its chunk decoders.
 //  * Once a zlib or bzip2 stream has reported its end, further calls return an
 //    empty buffer (trailing bytes are ignored).
 //
@@ -49,6 +55,7 @@
 #include <vector>
 
 class QXDecompressionOperation;
+class QXRingBuffer;
 
 using QXDecompressionAlgorithm = std::int64_t;
 inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmAutomatic = -1;
@@ -262,11 +269,9 @@ public:
     //
     // Algorithm -1 reads maxMagicLength bytes at offset to pick the format
     // (the streaming object's own detection takes over when they match
-    // nothing). A seekable source is then read again from offset, so the
-    // decoder sees the whole range. A pipe or socket is read front to back:
-    // the offset is reached by reading past what comes before it (an offset
-    // beyond its end is the seek's failure), and the bytes taken for detection
-    // are put in front of its first chunk instead of being read again.
+    // nothing); the range is then read from offset again, so the decoder sees
+    // every byte of it. A pipe goes back as QXRemoteFileHandle allows (within
+    // the last 64 KiB read), which covers the magic.
     //
     // A null handler makes the call do nothing.
 
@@ -320,9 +325,9 @@ private:
     struct Decoders;
 
     qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> zlibPiece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
+    bool zlibFeed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> bzip2Routine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> bzip2Piece(const std::uint8_t* bytes, std::uint64_t length, qx::Ref<qx::Error>* error);
+    bool bzip2Feed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> xzRoutine(const qx::Ref<qx::Data>& input, bool isFinal, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> pbzxRoutine(const qx::Ref<qx::Data>& input, bool isFinal, bool* shouldRunAgain,
                                   qx::Ref<qx::Error>* error);
@@ -339,6 +344,7 @@ private:
     // PBZX only: chunk decoders, oldest first, and the one receiving bytes.
     std::vector<std::shared_ptr<QXDecompressionOperation>> operations_;
     std::shared_ptr<QXDecompressionOperation> currentOperation_;
+    std::vector<qx::Ref<QXRingBuffer>> spareBuffers_;  // of chunk decoders that are done, for the next ones
     bool pbzxInputEnded_ = false;  // a final call was made: later input is only drained
     qx::Ref<qx::Data> streamIn_;  // input held back between calls
     bool finished_ = false;

@@ -26,3 +26,5 @@
 #include <QXFoundation/QXFileHandleOutputStream.h>
 #include <QXFoundation/QXInputStream.h>
 #include <QXFoundation/QXDecompressor.h>
+#include <QXFoundation/QXDecompressionOperation.h>
+#include <QXFoundation/QXDecompressionStream.h>

@@ -67,6 +67,10 @@ public:
     /// can no longer come; closing covers both.
     void close();
     bool isClosed() const;
+    /// Empties the buffer, zeroes both totals and lets calls wait again: a
+    /// closed buffer made ready for a new producer and consumer, keeping the
+    /// memory it has already touched. Only once both old sides have let go.
+    void reopen();
     /// Waits until some bytes are held or the buffer is closed, and returns
     /// the count held (0 only when closed and empty). Takes nothing out, so a
     /// consumer can sleep until there is something to take without asking
