@@ -58,9 +58,12 @@ const std::map<std::string, QXDecompressionAlgorithm> kAlgorithms = {
 // How often the waiting main thread looks at the signal flag and redraws.
 constexpr auto kTick = std::chrono::milliseconds(100);
 
-volatile std::sig_atomic_t gSignal = 0;
+// Written by the signal handler, read by the handler of the driver's threads
+// as well: a lock-free atomic, which a signal handler may store to.
+std::atomic<int> gSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 
-extern "C" void noteSignal(int signal) { gSignal = signal; }
+extern "C" void noteSignal(int signal) { gSignal.store(signal); }
 
 void installSignalHandlers() {
     struct sigaction action {};
@@ -180,7 +183,7 @@ QXDecompressor::Handler makeHandler(const std::shared_ptr<Transfer>& transfer) {
         }
         // A signal is acted on by the main thread; stopping here spares the
         // decoder the rest when data is flowing.
-        return gSignal == 0;
+        return gSignal.load() == 0;
     };
 }
 
@@ -227,12 +230,12 @@ int runDecompress(const DecompressOptions& options) {
     std::unique_lock<std::mutex> lock(transfer->mutex);
     while (!transfer->over) {
         transfer->changed.wait_for(lock, kTick);
-        if (gSignal != 0) {
+        if (gSignal.load() != 0) {
             // The driver may be blocked on a source that sends nothing: do not
             // wait for it. Taking the output away under the lock means no
             // handler call writes again; its destruction removes the
             // temporary file.
-            const int signal = gSignal;
+            const int signal = gSignal.load();
             transfer->end();
             transfer->output.reset();
             progress.clear();
