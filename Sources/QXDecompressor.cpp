@@ -120,17 +120,34 @@ constexpr std::size_t kXZRoomSize = 65536;
 // The most output storage kept for reuse between calls.
 constexpr std::size_t kMaxKeptOutput = 64 * kBufferSize;
 
+// Output storage handed back by the last holder of a streaming call's output,
+// on whatever thread lets go of it. The lock, not the reference count, is what
+// tells the decoding thread that the other thread is done with the bytes.
+struct OutputPool {
+    std::mutex mutex;
+    std::vector<std::uint8_t> spare;
+};
+
 // Output storage for one streaming call. A fresh buffer of megabytes per call
-// costs more in page faults than decoding fills it, so the previous call's
-// buffer is reused once nobody else holds it; a buffer still held by the
-// caller is left alone.
-Ref<Data> reusableOutput(Ref<Data>& kept) {
-    if (kept && kept.use_count() == 1 && kept->vector().capacity() <= kMaxKeptOutput) {
-        kept->setLength(0);
-        return kept;
+// costs more in page faults than decoding fills it, so storage that an earlier
+// output gave back is used again; an output still held is never touched.
+Ref<Data> reusableOutput(std::shared_ptr<OutputPool>& pool) {
+    if (!pool) pool = std::make_shared<OutputPool>();
+    std::vector<std::uint8_t> storage;
+    {
+        std::lock_guard<std::mutex> lock(pool->mutex);
+        storage.swap(pool->spare);
     }
-    kept = Data::create();
-    return kept;
+    storage.clear();
+    std::weak_ptr<OutputPool> weakPool = pool;
+    return Ref<Data>(new Data(std::move(storage)), [weakPool](Data* data) {
+        std::vector<std::uint8_t>& bytes = data->vector();
+        if (const auto owner = weakPool.lock(); owner && bytes.capacity() <= kMaxKeptOutput) {
+            std::lock_guard<std::mutex> lock(owner->mutex);
+            if (bytes.capacity() > owner->spare.capacity()) owner->spare.swap(bytes);
+        }
+        delete data;
+    });
 }
 
 // The generic driver's input: pieces of up to kBufferSize bytes read from a
@@ -239,8 +256,8 @@ std::uint64_t readBigEndian64(const std::uint8_t* p) {
 // Decoder states
 
 struct QXDecompressor::Decoders {
-    // The previous call's output, reused once the caller has let go of it.
-    Ref<Data> output;
+    // Storage given back by earlier outputs once their holders let go.
+    std::shared_ptr<OutputPool> output;
     // Gzip only: filled in by inflate; done once the header is read.
     gz_header gzipHeader{};
     bool checkOff = false;
