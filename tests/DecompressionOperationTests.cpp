@@ -6,9 +6,9 @@
 #include <QXFoundation/QXDecompressor.h>
 #include <QXFoundation/QXError.h>
 
-#include <qx/OperationQueue.h>
+#include "DecompressorPayloads.h"
 
-#include <lzma.h>
+#include <qx/OperationQueue.h>
 
 #include <chrono>
 #include <random>
@@ -32,16 +32,6 @@ Bytes payload(std::size_t size, unsigned seed) {
         const std::uint8_t value = static_cast<std::uint8_t>(rng());
         for (std::size_t run = 1 + rng() % 40; run > 0 && i < size; --run) out[i++] = value;
     }
-    return out;
-}
-
-Bytes xz(const Bytes& in) {
-    Bytes out(lzma_stream_buffer_bound(in.size()));
-    std::size_t position = 0;
-    EXPECT_EQ(lzma_easy_buffer_encode(1, LZMA_CHECK_CRC64, nullptr, in.data(), in.size(), out.data(), &position,
-                                      out.size()),
-              LZMA_OK);
-    out.resize(position);
     return out;
 }
 
@@ -157,7 +147,7 @@ TEST(DecompressionOperation, StartedOperationFinishesWhenItsOutputIsAllTaken) {
 TEST(DecompressionOperation, XZInPiecesOnTheSharedQueueWithASmallBuffer) {
     SmallBuffers small(4096);  // far less than the output: the decoding thread waits for us
     const Bytes plain = payload(600000, 1);
-    const Bytes packed = xz(plain);
+    const Bytes packed = decompressorpayloads::xzBytes(plain);
     auto op = QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithmAutomatic);
     ASSERT_TRUE(op);
     ASSERT_TRUE(QXDecompressor::operationQueue()->addOperation(op));
@@ -171,7 +161,7 @@ TEST(DecompressionOperation, XZInPiecesOnTheSharedQueueWithASmallBuffer) {
 
 TEST(DecompressionOperation, FailuresCarryTheDecodersError) {
     const Bytes plain = payload(50000, 2);
-    Bytes corrupt = xz(plain);
+    Bytes corrupt = decompressorpayloads::xzBytes(plain);
     corrupt[corrupt.size() / 2] ^= 0x40;
     auto op = QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithmAutomatic);
     ASSERT_TRUE(op);
@@ -218,7 +208,8 @@ TEST(DecompressionOperation, CancelWakesADecoderAsleepOnAFullBuffer) {
         auto op = QXDecompressionOperation::initWithAlgorithm(algorithm);
         ASSERT_TRUE(op);
         ASSERT_TRUE(QXDecompressor::operationQueue()->addOperation(op));
-        op->provideInputData(algorithm == QXDecompressionAlgorithmNone ? toData(plain) : toData(xz(plain)), true);
+        const Bytes input = algorithm == QXDecompressionAlgorithmNone ? plain : decompressorpayloads::xzBytes(plain);
+        op->provideInputData(toData(input), true);
         waitUntilFull(*op, 1024);
         // The consumer walks away without taking anything.
         op->cancelWithError(QXGenerateError("test", 1));
