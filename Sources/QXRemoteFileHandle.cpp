@@ -143,7 +143,7 @@ struct QXRemoteFileHandle::LocalReader {
     bool readerSleeps = false;              // guarded by mutex
     bool delivererSleeps = false;           // guarded by mutex
     std::atomic<bool> stopped{false};
-    std::vector<Ref<Data>> spare;           // chunks whose storage is free again; guarded by mutex
+    std::vector<std::vector<std::uint8_t>> spare;  // storage of chunks let go of; guarded by mutex
 
     LocalReader(std::uint64_t bufferSize, std::uint64_t limit)
         : bufferSize(bufferSize),
@@ -188,32 +188,47 @@ struct QXRemoteFileHandle::LocalReader {
     }
 
     // A chunk whose storage can take `size` bytes read at file position
-    // `position`: the one most recently let go of (likeliest still in
-    // cache), or a new one. Storage the kernel would copy into slowly is
-    // passed over.
-    Ref<Data> spareChunk(std::size_t size, std::uint64_t position) {
-        std::vector<Ref<Data>> passedOver;  // let go of outside the lock
+    // `position`: storage the most recently released chunk gave back
+    // (likeliest still in cache), or new storage. Storage the kernel would
+    // copy into slowly is passed over. A chunk gives its storage back when
+    // its last holder lets go, on whatever thread that is, under the lock:
+    // a holder that kept it keeps it intact, and the reader reusing it sees
+    // every access the holder made.
+    static Ref<Data> spareChunk(const std::shared_ptr<LocalReader>& reader, std::size_t size, std::uint64_t position) {
+        std::vector<std::uint8_t> storage;
+        std::vector<std::vector<std::uint8_t>> passedOver;  // freed outside the lock
         {
-            std::lock_guard<std::mutex> lock(mutex);
-            while (!spare.empty()) {
-                Ref<Data> chunk = std::move(spare.back());
-                spare.pop_back();
-                if (!copiesSlowly(chunk->bytes(), size, position)) return chunk;
-                passedOver.push_back(std::move(chunk));
+            std::lock_guard<std::mutex> lock(reader->mutex);
+            while (!reader->spare.empty()) {
+                std::vector<std::uint8_t> candidate = std::move(reader->spare.back());
+                reader->spare.pop_back();
+                if (candidate.capacity() >= size && !copiesSlowly(candidate.data(), size, position)) {
+                    storage = std::move(candidate);
+                    break;
+                }
+                passedOver.push_back(std::move(candidate));
             }
         }
         passedOver.clear();
-        Ref<Data> chunk = Data::create();
-        chunk->reserve(size);
-        if (copiesSlowly(chunk->bytes(), size, position)) {
-            // Typically a block the allocator mapped on its own. Giving it
-            // back first lets the next request of this size be served from
-            // its heap, at another offset; if not, it serves as it is.
-            chunk = nullptr;
-            chunk = Data::create();
-            chunk->reserve(size);
+        if (storage.capacity() < size) {
+            storage.reserve(size);
+            if (copiesSlowly(storage.data(), size, position)) {
+                // Typically a block the allocator mapped on its own. Giving it
+                // back first lets the next request of this size be served from
+                // its heap, at another offset; if not, it serves as it is.
+                std::vector<std::uint8_t>().swap(storage);
+                storage.reserve(size);
+            }
         }
-        return chunk;
+        std::weak_ptr<LocalReader> weakReader = reader;
+        return Ref<Data>(new Data(std::move(storage)), [weakReader](Data* data) {
+            std::vector<std::uint8_t>& bytes = data->vector();
+            if (const auto owner = weakReader.lock(); owner && bytes.capacity() >= owner->bufferSize) {
+                std::lock_guard<std::mutex> lock(owner->mutex);
+                if (owner->spare.size() < kMaxSpareChunks) owner->spare.push_back(std::move(bytes));
+            }
+            delete data;
+        });
     }
 
     // The delivery operation: runs on the callback queue until the reader
@@ -238,12 +253,10 @@ struct QXRemoteFileHandle::LocalReader {
             delivery.error = nullptr;
             lock.lock();
             handing = false;
-            // Storage nobody else holds any more serves a later read: no
-            // allocation and no freshly mapped pages to fault in per chunk.
-            // A chunk the handler kept is never written again.
+            // The chunk's storage goes back to the spare list (for a later
+            // read: no allocation, no fresh pages to fault in) once the
+            // handler and anyone it passed the chunk to let go of it.
             Ref<Data> chunk = std::move(delivery.chunk);
-            if (chunk && chunk.use_count() == 1 && chunk->vector().capacity() >= bufferSize && spare.size() < kMaxSpareChunks)
-                spare.push_back(std::move(chunk));
             // Room for a batch, or for whatever the limit holds once all is delivered.
             if (readerSleeps && (undelivered() + batch) * bufferSize <= limit) roomFreed.notify_one();
             if (chunk) {
@@ -778,7 +791,7 @@ void QXRemoteFileHandle::readLocal(std::uint64_t length, std::uint64_t maxBuffer
             const std::size_t want = static_cast<std::size_t>(std::min(bufferSize, remaining));
             // Read straight into the chunk handed out: no copy out of a
             // separate read buffer.
-            if (!chunk) chunk = reader->spareChunk(want, position);
+            if (!chunk) chunk = LocalReader::spareChunk(reader, want, position);
             chunk->setLength(want);
             ssize_t n;
             if (handle->stream_) {
