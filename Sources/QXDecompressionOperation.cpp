@@ -64,6 +64,7 @@ Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDeco
     operation->decompressor_ = std::move(decompressor);
     operation->queue_ = qx::SerialQueue::create("com.tovarik.QXFoundation.QXDecompressionOperation");
     operation->outputBuffer_ = std::move(ring);
+    operation->decompressor_->directOutput_ = operation->outputBuffer_;
     operation->observable_ = std::make_shared<Notifier>();
     operation->compressed_ = algorithm == QXDecompressionAlgorithmAutomatic;
     return operation;

@@ -58,11 +58,47 @@ struct BZDecompressEnd {
         delete s;
     }
 };
-struct LzmaEnd {
-    void operator()(lzma_stream* s) const {
-        lzma_end(s);
-        delete s;
+// xz decoders that have ended, kept for the next ones: liblzma keeps a
+// stream's dictionary when the stream is set up again for one of the same
+// size, so a PBZX file's chunk decoders stop mapping and clearing megabytes
+// of fresh dictionary per chunk. Bounded by the parallel decoders there can
+// be; the pool lives as long as the process.
+class LzmaPool {
+public:
+    static LzmaPool& shared() {
+        static LzmaPool* const pool = new LzmaPool();
+        return *pool;
     }
+    lzma_stream* take() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!spare_.empty()) {
+                lzma_stream* stream = spare_.back();
+                spare_.pop_back();
+                return stream;
+            }
+        }
+        return new lzma_stream(LZMA_STREAM_INIT);
+    }
+    void giveBack(lzma_stream* stream) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (spare_.size() < static_cast<std::size_t>(QXDecompressor::maxOperationCount())) {
+                spare_.push_back(stream);
+                return;
+            }
+        }
+        lzma_end(stream);
+        delete stream;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<lzma_stream*> spare_;
+};
+
+struct LzmaEnd {
+    void operator()(lzma_stream* s) const { LzmaPool::shared().giveBack(s); }
 };
 struct ExplodeEnd {
     void operator()(QXExplodeStream* s) const { QXExplodeCleanup(s); }
@@ -384,7 +420,7 @@ bool QXDecompressor::setUpWithData(const Ref<Data>& data, Ref<Error>* error) {
         break;
     }
     case QXDecompressionAlgorithmXZ: {
-        auto stream = std::unique_ptr<lzma_stream>(new lzma_stream(LZMA_STREAM_INIT));
+        auto stream = std::unique_ptr<lzma_stream, LzmaEnd>(LzmaPool::shared().take());
         lzma_ret result = lzma_stream_decoder(stream.get(), UINT64_MAX, LZMA_CONCATENATED);
         if (result != LZMA_OK) {
             QXLog("lzma_stream_decoder: error %d", static_cast<int>(result));
@@ -606,6 +642,7 @@ Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Er
     lz->next_in = in->bytes();
     lz->avail_in = in->length();
     const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
+    if (directOutput_) return xzIntoRing(isFinal, error) ? Data::create() : nullptr;
     auto out = reusableOutput(decoders_->output);
     // liblzma copies out of its dictionary anyway, so its output goes to the
     // one room that stays in cache and is appended from there, rather than
@@ -634,6 +671,47 @@ Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Er
     lz->next_in = nullptr;
     lz->avail_in = 0;
     return out;
+}
+
+// The chunk decoders' form of the xz routine: liblzma copies out of its
+// dictionary anyway, so it copies straight into the ring buffer the drain
+// reads, a run of at most kBufferSize at a time so that output reaches the
+// drain as it is made.
+bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
+    lzma_stream* lz = decoders_->lzma.get();
+    const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
+    bool ok = true;
+    for (;;) {
+        std::uint64_t room = 0;
+        std::uint8_t* at = directOutput_->reserveWrite(&room, true);
+        if (!at) {
+            // Closed while full: only a cancel or a failure does that.
+            setError(error, cancelError_ ? cancelError_ : cocoaError(3072));
+            ok = false;
+            break;
+        }
+        room = std::min<std::uint64_t>(room, kBufferSize);
+        lz->next_out = at;
+        lz->avail_out = static_cast<std::size_t>(room);
+        const lzma_ret result = lzma_code(lz, action);
+        directOutput_->commitWrite(room - lz->avail_out);
+        if (result == LZMA_OK) {
+            if (!isFinal && lz->avail_in == 0 && lz->avail_out != 0) break;
+            continue;
+        }
+        if (result == LZMA_STREAM_END) {
+            finished_ = true;
+            break;
+        }
+        setError(error, QXGenerateError("lzma_code", result));
+        ok = false;
+        break;
+    }
+    lz->next_in = nullptr;
+    lz->avail_in = 0;
+    lz->next_out = nullptr;
+    lz->avail_out = 0;
+    return ok;
 }
 
 std::uint8_t* QXDecompressor::scratch() {
@@ -666,7 +744,7 @@ Ref<Error> QXDecompressor::failPBZX(int result) {
 // could deadlock when the queue is full of workers that are themselves
 // waiting here.
 Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
-    const std::size_t limit = static_cast<std::size_t>(maxOperationCount());
+    const std::size_t limit = getenv("QX_EXP_LIMIT") ? std::atoi(getenv("QX_EXP_LIMIT")) : static_cast<std::size_t>(maxOperationCount());
     while (!operations_.empty()) {
         Ref<QXDecompressionOperation> first = operations_.front();
         if (auto failure = first->error()) return failure;
@@ -713,7 +791,7 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
     s->next_in = in->bytes();
     s->avail_in = in->length();
     std::uint8_t* staging = scratch();
-    auto out = Data::create();
+    auto out = reusableOutput(decoders_->output);
     int result;
     do {
         s->next_out = staging;

@@ -109,6 +109,32 @@ std::uint64_t QXRingBuffer::writeBytes(const void* bytes, std::uint64_t length, 
     }
 }
 
+std::uint8_t* QXRingBuffer::reserveWrite(std::uint64_t* length, bool wait) {
+    *length = 0;
+    Locker lock(sync_->mutex);
+    std::uint64_t held = bytesWritten_ - bytesRead_;
+    while (held == bufferSize_) {
+        if (!wait || closed_) return nullptr;
+        lock.wait(sync_->readCond);
+        held = bytesWritten_ - bytesRead_;
+    }
+    // Only the producer moves the write position, so the room stays free
+    // after the lock is let go: the consumer reads below it, never in it.
+    *length = std::min(bufferSize_ - held, bufferSize_ - writePointer_);
+    return buffer_->bytes() + writePointer_;
+}
+
+void QXRingBuffer::commitWrite(std::uint64_t count) {
+    if (count == 0) return;
+    {
+        Locker lock(sync_->mutex);
+        bytesWritten_ += count;
+        writePointer_ += count;
+        if (writePointer_ == bufferSize_) writePointer_ = 0;
+    }
+    pthread_cond_signal(&sync_->writeCond);
+}
+
 std::uint64_t QXRingBuffer::writeData(const qx::Ref<qx::Data>& data, bool wait) {
     return data ? writeBytes(data->bytes(), data->length(), wait) : 0;
 }
@@ -175,12 +201,16 @@ std::uint64_t QXRingBuffer::bytesAvailable() const {
     return bytesWritten_ - bytesRead_;
 }
 
-void QXRingBuffer::clearBuffer() {
-    Locker lock(sync_->mutex);
+void QXRingBuffer::resetLocked() {
     readPointer_ = 0;
     writePointer_ = 0;
     bytesRead_ = 0;
     bytesWritten_ = 0;
+}
+
+void QXRingBuffer::clearBuffer() {
+    Locker lock(sync_->mutex);
+    resetLocked();
 }
 
 void QXRingBuffer::close() {
@@ -194,10 +224,7 @@ void QXRingBuffer::close() {
 
 void QXRingBuffer::reopen() {
     Locker lock(sync_->mutex);
-    readPointer_ = 0;
-    writePointer_ = 0;
-    bytesRead_ = 0;
-    bytesWritten_ = 0;
+    resetLocked();
     closed_ = false;
 }
 

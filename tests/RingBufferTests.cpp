@@ -155,9 +155,20 @@ TEST_P(RingBufferTransfer, EveryByteArrivesInOrder) {
             const std::uint64_t n = std::min<std::uint64_t>(1 + random() % limit, total - position);
             chunk.resize(n);
             for (std::uint64_t i = 0; i < n; ++i) chunk[i] = patternByte(position + i);
-            std::uint64_t sent = r->writeBytes(chunk.data(), n, wait);
-            if (wait) {
-                EXPECT_EQ(sent, n);
+            std::uint64_t sent;
+            if (random() % 4 == 0) {
+                // In place: a random part of the room, which ends at the end
+                // of storage or at the oldest unread byte.
+                std::uint64_t room = 0;
+                std::uint8_t* at = r->reserveWrite(&room, wait);
+                sent = std::min<std::uint64_t>(room ? 1 + random() % room : 0, n);
+                if (at) std::memcpy(at, chunk.data(), sent);
+                r->commitWrite(sent);
+            } else {
+                sent = r->writeBytes(chunk.data(), n, wait);
+                if (wait) {
+                    EXPECT_EQ(sent, n);
+                }
             }
             if (sent == 0) sent = r->writeBytes(chunk.data(), std::min(n, capacity), true);  // full: wait for room
             position += sent;
@@ -216,4 +227,43 @@ TEST(RingBuffer, WaitForBytesAvailableSleepsUntilAWriteOrAClose) {
     std::thread closer([&] { r->close(); });
     EXPECT_EQ(r->waitForBytesAvailable(), 0u);
     closer.join();
+}
+
+TEST(RingBuffer, ReservedRoomEndsAtTheEndOfStorageOrTheOldestUnreadByte) {
+    auto r = ring(8);
+    std::uint64_t room = 0;
+    std::uint8_t* at = r->reserveWrite(&room);
+    ASSERT_TRUE(at);
+    EXPECT_EQ(room, 8u);
+    std::memcpy(at, "abcdef", 6);
+    EXPECT_EQ(r->bytesAvailable(), 0u);  // nothing readable before the commit
+    r->commitWrite(6);
+    EXPECT_EQ(take(*r, 4), "abcd");
+    at = r->reserveWrite(&room);
+    EXPECT_EQ(room, 2u);  // up to the end of storage, not round it
+    std::memcpy(at, "gh", 2);
+    r->commitWrite(2);
+    at = r->reserveWrite(&room);
+    EXPECT_EQ(room, 4u);  // from the start up to the oldest unread byte
+    std::memcpy(at, "ijkl", 4);
+    r->commitWrite(4);
+    EXPECT_FALSE(r->reserveWrite(&room, false));  // full, not waiting
+    EXPECT_EQ(room, 0u);
+    std::thread reader([&] { EXPECT_EQ(take(*r, 3, true), "efg"); });
+    at = r->reserveWrite(&room, true);  // sleeps until the read makes room
+    reader.join();
+    ASSERT_TRUE(at);
+    EXPECT_EQ(room, 3u);
+    r->close();
+    EXPECT_EQ(take(*r, 8), "hijkl");
+    r->commitWrite(0);
+    for (const char* piece : {"mnop", "qrst"}) {  // closed but not full: room is still given, in two runs
+        at = r->reserveWrite(&room, true);
+        ASSERT_TRUE(at);
+        ASSERT_EQ(room, 4u);
+        std::memcpy(at, piece, 4);
+        r->commitWrite(4);
+    }
+    EXPECT_FALSE(r->reserveWrite(&room, true));  // closed and full: no sleeping
+    EXPECT_EQ(take(*r, 8), "mnopqrst");
 }

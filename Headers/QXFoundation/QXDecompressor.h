@@ -322,6 +322,8 @@ protected:
     QXDecompressor();
 
 private:
+    // A chunk decoder has xz output written straight into its ring buffer.
+    friend class QXDecompressionOperation;
     struct Decoders;
 
     qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
@@ -329,6 +331,7 @@ private:
     qx::Ref<qx::Data> bzip2Routine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     bool bzip2Feed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> xzRoutine(const qx::Ref<qx::Data>& input, bool isFinal, qx::Ref<qx::Error>* error);
+    bool xzIntoRing(bool isFinal, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> pbzxRoutine(const qx::Ref<qx::Data>& input, bool isFinal, bool* shouldRunAgain,
                                   qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
@@ -351,4 +354,7 @@ private:
     bool cancelled_ = false;
     qx::Ref<qx::Error> cancelError_;   // what PBZX calls fail with after a cancel
     std::unique_ptr<std::uint8_t[]> buffer_;  // decoders' output room, made on first use
+    // When set, xz output goes into it in place (waiting for room) and the
+    // xz routine returns empty data; other decoders still return theirs.
+    qx::Ref<QXRingBuffer> directOutput_;
 };

@@ -40,6 +40,17 @@ public:
     /// Writes data's bytes (nothing writes nothing).
     std::uint64_t writeData(const qx::Ref<qx::Data>& data, bool wait = true);
 
+    /// Room for the producer to write into in place, without a copy: the
+    /// free bytes from the write position up to the end of storage or the
+    /// oldest unread byte, whichever comes first. Waiting, sleeps while the
+    /// buffer is full; returns nullptr with *length 0 when it is full and
+    /// either not waiting or closed. The bytes become readable only through
+    /// commitWrite; until then no other write, clearBuffer or reopen may run.
+    std::uint8_t* reserveWrite(std::uint64_t* length, bool wait = true);
+    /// Makes the first count bytes of the room reserveWrite gave readable
+    /// (count is at most that room) and wakes a waiting reader.
+    void commitWrite(std::uint64_t count);
+
     /// Copies up to length bytes out. Waiting, returns only when all have
     /// arrived; otherwise takes what is there now (0 when empty).
     std::uint64_t readBytes(void* buffer, std::uint64_t length, bool wait = true);
@@ -83,6 +94,7 @@ public:
 
 protected:
     explicit QXRingBuffer(std::uint64_t capacity);
+    void resetLocked();  // empties the buffer and zeroes both totals; the lock is held
 
 private:
     struct Sync;
