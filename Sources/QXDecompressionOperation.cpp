@@ -64,7 +64,9 @@ Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDeco
     operation->decompressor_ = std::move(decompressor);
     operation->queue_ = qx::SerialQueue::create("com.tovarik.QXFoundation.QXDecompressionOperation");
     operation->outputBuffer_ = std::move(ring);
+    static std::atomic<std::uint64_t> chunksMade{0};
     operation->decompressor_->directOutput_ = operation->outputBuffer_;
+    operation->decompressor_->directOutputOrder_ = chunksMade.fetch_add(1);
     operation->observable_ = std::make_shared<Notifier>();
     operation->compressed_ = algorithm == QXDecompressionAlgorithmAutomatic;
     return operation;

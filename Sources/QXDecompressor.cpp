@@ -31,6 +31,7 @@
 #include <exception>
 #include <limits>
 #include <mutex>
+#include <set>
 #include <thread>
 
 using qx::Data;
@@ -95,6 +96,82 @@ public:
 private:
     std::mutex mutex_;
     std::vector<lzma_stream*> spare_;
+};
+
+// Turns for the chunk decoders to run liblzma, as many as there are
+// processors. More chunks than that are decoded at once (the drain needs the
+// later ones under way while it waits for the oldest), but letting them all
+// run would have them take the processors from each other every few
+// milliseconds, each time with the caches full of another decoder's
+// dictionary. A turn goes to the oldest chunk waiting, so the one the drain
+// waits for is never held up by later ones. A decoder that has to wait for
+// room gives its turn up first: the room comes from a drain that may be
+// waiting for the very chunk that needs the turn.
+class DecodeTurns {
+public:
+    static DecodeTurns& shared() {
+        static DecodeTurns* const turns = new DecodeTurns();
+        return *turns;
+    }
+    void take(std::uint64_t order) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        waiting_.insert(order);
+        changed_.wait(lock, [&] { return running_ < processors_ && *waiting_.begin() == order; });
+        waiting_.erase(waiting_.begin());
+        ++running_;
+        // The next oldest may find a turn free too.
+        if (running_ < processors_ && !waiting_.empty()) changed_.notify_all();
+    }
+    // Whether a chunk older than order waits for a turn.
+    bool olderWaits(std::uint64_t order) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return !waiting_.empty() && *waiting_.begin() < order;
+    }
+    void giveBack() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            --running_;
+            if (waiting_.empty()) return;
+        }
+        changed_.notify_all();
+    }
+
+private:
+    DecodeTurns() : processors_(std::max(1u, std::thread::hardware_concurrency())) {}
+    const unsigned processors_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::set<std::uint64_t> waiting_;
+    unsigned running_ = 0;
+};
+
+// Holds a turn while in scope, unless let go of earlier.
+class DecodeTurn {
+public:
+    explicit DecodeTurn(std::uint64_t order) : order_(order) { DecodeTurns::shared().take(order_); }
+    ~DecodeTurn() { release(); }
+    DecodeTurn(const DecodeTurn&) = delete;
+    DecodeTurn& operator=(const DecodeTurn&) = delete;
+    void release() {
+        if (!held_) return;
+        DecodeTurns::shared().giveBack();
+        held_ = false;
+    }
+    void retake() {
+        if (held_) return;
+        DecodeTurns::shared().take(order_);
+        held_ = true;
+    }
+    // Hands the turn to an older chunk that waits for one, and waits for the next.
+    void yieldToOlder() {
+        if (!held_ || !DecodeTurns::shared().olderWaits(order_)) return;
+        release();
+        retake();
+    }
+
+private:
+    std::uint64_t order_;
+    bool held_ = true;
 };
 
 struct LzmaEnd {
@@ -681,9 +758,15 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
     lzma_stream* lz = decoders_->lzma.get();
     const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
     bool ok = true;
+    DecodeTurn turn(directOutputOrder_);
     for (;;) {
         std::uint64_t room = 0;
-        std::uint8_t* at = directOutput_->reserveWrite(&room, true);
+        std::uint8_t* at = directOutput_->reserveWrite(&room, false);
+        if (!at) {
+            turn.release();
+            at = directOutput_->reserveWrite(&room, true);
+            if (at) turn.retake();
+        }
         if (!at) {
             // Closed while full: only a cancel or a failure does that.
             setError(error, cancelError_ ? cancelError_ : cocoaError(3072));
@@ -695,6 +778,7 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
         lz->avail_out = static_cast<std::size_t>(room);
         const lzma_ret result = lzma_code(lz, action);
         directOutput_->commitWrite(room - lz->avail_out);
+        turn.yieldToOlder();
         if (result == LZMA_OK) {
             if (!isFinal && lz->avail_in == 0 && lz->avail_out != 0) break;
             continue;
@@ -734,8 +818,9 @@ Ref<Error> QXDecompressor::failPBZX(int result) {
 }
 
 // The drain takes output from the oldest operation only, so the output keeps
-// the container's order. When it has to wait for that operation (the list is
-// full, or the input has ended and the caller came back for output), it sleeps
+// the container's order. When it has to wait for that operation (a new chunk
+// starts while the list is full, or the input has ended and the caller came
+// back for output), it sleeps
 // in the operation's ring buffer until bytes arrive or the operation can
 // produce no more: a consumer that polled instead would take a core from the
 // very decoders it waits for. An operation leaves the list once it has ended
@@ -743,8 +828,8 @@ Ref<Error> QXDecompressor::failPBZX(int result) {
 // decoding runs on the operation's own queue, and waiting for a queue place
 // could deadlock when the queue is full of workers that are themselves
 // waiting here.
-Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
-    const std::size_t limit = getenv("QX_EXP_LIMIT") ? std::atoi(getenv("QX_EXP_LIMIT")) : static_cast<std::size_t>(maxOperationCount());
+Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput, bool roomForAnother) {
+    const std::size_t limit = static_cast<std::size_t>(maxOperationCount());
     while (!operations_.empty()) {
         Ref<QXDecompressionOperation> first = operations_.front();
         if (auto failure = first->error()) return failure;
@@ -758,7 +843,7 @@ Ref<Error> QXDecompressor::drainPBZXOperations(Data& out, bool waitForOutput) {
             operations_.erase(operations_.begin());
             continue;
         }
-        if (operations_.size() >= limit || (waitForOutput && out.length() == 0)) {
+        if ((roomForAnother && operations_.size() >= limit) || (waitForOutput && out.length() == 0)) {
             first->waitForOutputData();
             continue;
         }
@@ -804,6 +889,14 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         }
         const std::uint64_t staged = s->total_out - before;
         if (staged > 0 && s->chunk_started) {
+            // Back-pressure falls on new chunks only: the newest chunk gets
+            // all its input while the oldest is awaited, so that it has work
+            // for a processor the chunks in between may have left idle.
+            if (auto failure = drainPBZXOperations(*out, false, true)) {
+                cancelWithError(failure);
+                setError(error, failure);
+                return nullptr;
+            }
             Ref<Error> operationError;
             Ref<QXRingBuffer> spare;
             if (!spareBuffers_.empty()) {
@@ -830,7 +923,7 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         // its last one, so this is harmless for a chunk that is complete.
         if (isFinal && result == 3 && currentOperation_) currentOperation_->provideInputData(Data::create(), true);
         Ref<Error> failure = operationError();
-        if (!failure) failure = drainPBZXOperations(*out, isFinal && result != 2);
+        if (!failure) failure = drainPBZXOperations(*out, isFinal && result != 2, false);
         if (failure) {
             cancelWithError(failure);
             setError(error, failure);

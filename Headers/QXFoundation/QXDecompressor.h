@@ -337,7 +337,7 @@ private:
     qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> unshrinkRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Error> failPBZX(int result);
-    qx::Ref<qx::Error> drainPBZXOperations(qx::Data& out, bool waitForOutput);
+    qx::Ref<qx::Error> drainPBZXOperations(qx::Data& out, bool waitForOutput, bool roomForAnother);
     std::uint8_t* scratch();
 
     QXDecompressionAlgorithm algorithm_ = QXDecompressionAlgorithmNone;
@@ -357,4 +357,5 @@ private:
     // When set, xz output goes into it in place (waiting for room) and the
     // xz routine returns empty data; other decoders still return theirs.
     qx::Ref<QXRingBuffer> directOutput_;
+    std::uint64_t directOutputOrder_ = 0;  // the chunk's place among all chunk decoders, oldest lowest
 };
