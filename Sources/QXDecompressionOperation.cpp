@@ -138,6 +138,8 @@ void QXDecompressionOperation::cancelWithError(const Ref<Error>& error) {
     finishIfEnded();
 }
 
+void QXDecompressionOperation::waitUntilInputIsProcessed() { queue_->drain(); }
+
 void QXDecompressionOperation::provideInputData(const Ref<Data>& data, bool isFinal) {
     {
         std::lock_guard<std::mutex> lock(mutex_);

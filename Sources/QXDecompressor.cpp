@@ -393,6 +393,9 @@ QXDecompressor::~QXDecompressor() {
     if (!operations_.empty()) {
         const auto error = cocoaError(3072);
         for (auto& operation : operations_) operation->cancelWithError(error);
+        // Their threads stop within one run of output; none is left holding
+        // memory of a decompressor that is gone.
+        for (auto& operation : operations_) operation->waitUntilInputIsProcessed();
     }
 }
 
@@ -762,13 +765,17 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
     for (;;) {
         std::uint64_t room = 0;
         std::uint8_t* at = directOutput_->reserveWrite(&room, false);
-        if (!at) {
+        if (at && directOutput_->isClosed()) {
+            // A cancel closes the buffer: no use decoding the rest of the piece.
+            at = nullptr;
+            room = 0;
+        } else if (!at) {
             turn.release();
             at = directOutput_->reserveWrite(&room, true);
             if (at) turn.retake();
         }
         if (!at) {
-            // Closed while full: only a cancel or a failure does that.
+            // Closed: before the end only a cancel or a failure does that.
             setError(error, cancelError_ ? cancelError_ : cocoaError(3072));
             ok = false;
             break;

@@ -99,6 +99,12 @@ public:
     /// Stores the error (NSCocoaErrorDomain 3072 for none; an earlier error is
     /// kept), cancels the operation and wakes its decoding thread.
     void cancelWithError(const qx::Ref<qx::Error>& error);
+    /// Waits until every piece provided so far has been decoded or, after a
+    /// cancel, skipped; a decoder cancelled mid-piece stops within one run of
+    /// output. An owner that goes away calls this after cancelling, so that no
+    /// decoding thread is left holding the operation's memory. Not from the
+    /// operation's own queue.
+    void waitUntilInputIsProcessed();
 
     /// The first error met, or nothing.
     qx::Ref<qx::Error> error() const;
