@@ -3,46 +3,24 @@
 
 #include "JsonValue.h"
 #include "LegacyZipFixtures.h"
+#include "QxProcessTest.h"
 
 #include <zlib.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 namespace fs = std::filesystem;
+using namespace qxtest;
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-struct ToolRun {
-    int exitStatus = -1;
-    std::string out, err;
-    std::string describe() const { return "exit " + std::to_string(exitStatus) + "; stderr: [" + err + "]"; }
-    std::size_t errLines() const { return static_cast<std::size_t>(std::count(err.begin(), err.end(), '\n')); }
-};
-
-std::string quote(const std::string& a) {
-    std::string q = "'";
-    for (char c : a) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-std::string readText(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 void writeBytes(const fs::path& p, const Bytes& bytes) {
     std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -132,32 +110,9 @@ Bytes randomBytes(std::size_t n, unsigned seed) {
     return b;
 }
 
-class QxCodecTool : public ::testing::Test {
+class QxCodecTool : public QxProcessTest {
 protected:
-    void SetUp() override {
-        std::string tmpl = (fs::temp_directory_path() / "qx-codec-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr) << std::strerror(errno);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-
-    ToolRun run(const std::string& command) {
-        const std::string full = command + " </dev/null >" + quote((dir_ / "stdout").string()) + " 2>" + quote((dir_ / "stderr").string());
-        const int status = std::system(full.c_str());
-        ToolRun r;
-        if (status != -1 && WIFEXITED(status)) r.exitStatus = WEXITSTATUS(status);
-        r.out = readText(dir_ / "stdout");
-        r.err = readText(dir_ / "stderr");
-        return r;
-    }
-    ToolRun qx(const std::vector<std::string>& args) {
-        std::string command = quote(QX_QX_BINARY);
-        for (const auto& a : args) command += " " + quote(a);
-        return run(command);
-    }
+    QxCodecTool() : QxProcessTest("qx-codec") {}
 
     // Every file under root, relative; temporaries included, so leftovers show.
     static std::vector<std::string> filesUnder(const fs::path& root) {
@@ -168,26 +123,24 @@ protected:
         std::sort(files.begin(), files.end());
         return files;
     }
-
-    fs::path dir_;
 };
 
 TEST_F(QxCodecTool, ChecksumsMatchTheShaToolsAndZlib) {
     std::vector<std::string> files;
     for (std::size_t size : {0u, 1u, 65536u, 300001u}) {
-        const fs::path p = dir_ / ("in-" + std::to_string(size));
+        const fs::path p = dir() / ("in-" + std::to_string(size));
         writeBytes(p, randomBytes(size, static_cast<unsigned>(size)));
         files.push_back(p.string());
     }
     for (const char* algorithm : {"sha1", "sha224", "sha256", "sha384", "sha512"}) {
         SCOPED_TRACE(algorithm);
         std::string peer = std::string(algorithm) + "sum";
-        for (const auto& f : files) peer += " " + quote(f);
-        const ToolRun expected = run(peer);
+        for (const auto& f : files) peer += " " + shellQuote(f);
+        const QxRun expected = runShell(peer);
         ASSERT_EQ(expected.exitStatus, 0) << "the peer tool failed: " << expected.describe();
         std::vector<std::string> args = {"checksum", "--algorithm", algorithm};
         args.insert(args.end(), files.begin(), files.end());
-        const ToolRun got = qx(args);
+        const QxRun got = runQx(args);
         EXPECT_EQ(got.exitStatus, 0) << got.describe();
         EXPECT_EQ(got.out, expected.out);
     }
@@ -205,39 +158,39 @@ TEST_F(QxCodecTool, ChecksumsMatchTheShaToolsAndZlib) {
         }
         std::vector<std::string> args = {"checksum", "-a", algorithm};
         args.insert(args.end(), files.begin(), files.end());
-        const ToolRun got = qx(args);
+        const QxRun got = runQx(args);
         EXPECT_EQ(got.exitStatus, 0) << got.describe();
         EXPECT_EQ(got.out, expected);
     }
 }
 
 TEST_F(QxCodecTool, ChecksumReportsUnreadableFilesAndRefusesTheCrosswiseDigests) {
-    const fs::path good = dir_ / "good";
+    const fs::path good = dir() / "good";
     writeBytes(good, {'1', '2', '3', '4', '5', '6', '7', '8', '9'});
-    const ToolRun r = qx({"checksum", "-a", "crc32", (dir_ / "missing").string(), good.string(), dir_.string()});
+    const QxRun r = runQx({"checksum", "-a", "crc32", (dir() / "missing").string(), good.string(), dir().string()});
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_EQ(r.out, "cbf43926  " + good.string() + "\n");
     EXPECT_EQ(r.errLines(), 2u) << r.err;
-    EXPECT_NE(r.err.find("qx: " + (dir_ / "missing").string() + ": "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("qx: " + (dir() / "missing").string() + ": "), std::string::npos) << r.err;
     for (const char* refused : {"md5", "md2", "3", "crc64"}) {
-        const ToolRun refusedRun = qx({"checksum", "-a", refused, good.string()});
+        const QxRun refusedRun = runQx({"checksum", "-a", refused, good.string()});
         EXPECT_EQ(refusedRun.exitStatus, 2) << refused;
         EXPECT_TRUE(refusedRun.out.empty()) << refused;
     }
 }
 
 TEST_F(QxCodecTool, ExtractingEveryFixtureArchiveGivesTheExpectedBytes) {
-    const auto top = JsonValue::parse(readText(legacyzip::fixtureRoot() / "manifest.json"));
+    const auto top = JsonValue::parse(readFile(legacyzip::fixtureRoot() / "manifest.json"));
     ASSERT_TRUE(top && top->member("archives"));
     std::size_t checked = 0, refused = 0;
     for (const auto& archive : top->member("archives")->items) {
         const fs::path archivePath = legacyzip::fixtureRoot() / archive.member("archive")->text;
         SCOPED_TRACE(archivePath.filename().string());
         const auto manifest = JsonValue::parse(
-            readText(legacyzip::fixtureRoot() / archive.member("entries_dir")->text / "manifest.json"));
+            readFile(legacyzip::fixtureRoot() / archive.member("entries_dir")->text / "manifest.json"));
         ASSERT_TRUE(manifest);
-        const fs::path out = dir_ / archivePath.stem();
-        const ToolRun r = qx({"zip", "extract", archivePath.string(), "-d", out.string()});
+        const fs::path out = dir() / archivePath.stem();
+        const QxRun r = runQx({"zip", "extract", archivePath.string(), "-d", out.string()});
         bool anyOrphans = false;
         for (const auto& entry : manifest->member("entries")->items) {
             // The stored name's bytes: one is in code page 866, not UTF-8.
@@ -266,10 +219,10 @@ TEST_F(QxCodecTool, ExtractingEveryFixtureArchiveGivesTheExpectedBytes) {
 }
 
 TEST_F(QxCodecTool, ListShowsEveryEntryAndExtractCanPickByName) {
-    const fs::path archive = dir_ / "a.zip";
+    const fs::path archive = dir() / "a.zip";
     const Bytes text = randomBytes(5000, 1);
     writeBytes(archive, makeZip({{"dir/", {}, 0, 0}, {"dir/deflated.txt", text, 8, 0}, {"stored.bin", {'x', 'y'}, 0, 0}}));
-    const ToolRun list = qx({"zip", "list", archive.string()});
+    const QxRun list = runQx({"zip", "list", archive.string()});
     ASSERT_EQ(list.exitStatus, 0) << list.describe();
     EXPECT_NE(list.out.find("deflated"), std::string::npos) << list.out;
     char crcText[16];
@@ -278,8 +231,8 @@ TEST_F(QxCodecTool, ListShowsEveryEntryAndExtractCanPickByName) {
     EXPECT_NE(list.out.find("  dir/deflated.txt\n"), std::string::npos) << list.out;
     EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 4);
 
-    const fs::path out = dir_ / "out";
-    ToolRun r = qx({"zip", "extract", archive.string(), "-d", out.string(), "dir/deflated.txt", "nothere"});
+    const fs::path out = dir() / "out";
+    QxRun r = runQx({"zip", "extract", archive.string(), "-d", out.string(), "dir/deflated.txt", "nothere"});
     EXPECT_EQ(r.exitStatus, 1) << r.describe();
     EXPECT_EQ(r.errLines(), 1u) << r.err;
     EXPECT_NE(r.err.find("nothere: no such entry"), std::string::npos) << r.err;
@@ -288,36 +241,36 @@ TEST_F(QxCodecTool, ListShowsEveryEntryAndExtractCanPickByName) {
 }
 
 TEST_F(QxCodecTool, NamesThatLeaveTheDestinationAreRefused) {
-    const fs::path archive = dir_ / "evil.zip";
+    const fs::path archive = dir() / "evil.zip";
     writeBytes(archive, makeZip({{"../evil1", {'e'}, 0, 0},
                                  {"/tmp/qx-evil-absolute", {'e'}, 0, 0},
                                  {"a/../../evil2", {'e'}, 0, 0},
                                  {"..\\evil3", {'e'}, 0, 0},
                                  {"link/evil4", {'e'}, 0, 0},
                                  {"ok/fine.txt", {'o', 'k'}, 0, 0}}));
-    const fs::path out = dir_ / "deep" / "out";
+    const fs::path out = dir() / "deep" / "out";
     fs::create_directories(out);
-    fs::create_directories(dir_ / "elsewhere");
-    fs::create_symlink(dir_ / "elsewhere", out / "link");
-    const ToolRun r = qx({"zip", "extract", archive.string(), "-d", out.string()});
+    fs::create_directories(dir() / "elsewhere");
+    fs::create_symlink(dir() / "elsewhere", out / "link");
+    const QxRun r = runQx({"zip", "extract", archive.string(), "-d", out.string()});
     EXPECT_EQ(r.exitStatus, 1) << r.describe();
     EXPECT_EQ(r.errLines(), 5u) << r.err;
-    EXPECT_EQ(filesUnder(dir_ / "elsewhere"), std::vector<std::string>{});
-    EXPECT_FALSE(fs::exists(dir_ / "deep" / "evil1"));
-    EXPECT_FALSE(fs::exists(dir_ / "evil2"));
+    EXPECT_EQ(filesUnder(dir() / "elsewhere"), std::vector<std::string>{});
+    EXPECT_FALSE(fs::exists(dir() / "deep" / "evil1"));
+    EXPECT_FALSE(fs::exists(dir() / "evil2"));
     EXPECT_FALSE(fs::exists("/tmp/qx-evil-absolute"));
     EXPECT_EQ(filesUnder(out), (std::vector<std::string>{"link", "ok/fine.txt"}));
 }
 
 TEST_F(QxCodecTool, DamagedEntriesFailAloneAndDamagedArchivesFailCleanly) {
     const Bytes text = randomBytes(20000, 2);
-    const fs::path archive = dir_ / "mixed.zip";
+    const fs::path archive = dir() / "mixed.zip";
     writeBytes(archive, makeZip({{"bad-crc", text, 8, 0, 0x12345678},
                                  {"encrypted", {'s'}, 0, 1},
                                  {"bzip2", {'b'}, 12, 0},
                                  {"good", text, 8, 0}}));
-    const fs::path out = dir_ / "out";
-    ToolRun r = qx({"zip", "extract", archive.string(), "-d", out.string()});
+    const fs::path out = dir() / "out";
+    QxRun r = runQx({"zip", "extract", archive.string(), "-d", out.string()});
     EXPECT_EQ(r.exitStatus, 1) << r.describe();
     EXPECT_EQ(r.errLines(), 3u) << r.err;
     EXPECT_NE(r.err.find("bad-crc: CRC-32 mismatch"), std::string::npos) << r.err;
@@ -338,7 +291,7 @@ TEST_F(QxCodecTool, DamagedEntriesFailAloneAndDamagedArchivesFailCleanly) {
         }
         writeBytes(archive, damaged);
         fs::remove_all(out);
-        r = qx({"zip", "extract", archive.string(), "-d", out.string()});
+        r = runQx({"zip", "extract", archive.string(), "-d", out.string()});
         ASSERT_TRUE(r.exitStatus == 0 || r.exitStatus == 1) << r.describe();
         EXPECT_GE(r.errLines(), r.exitStatus == 1 ? 1u : 0u);
         for (const auto& f : filesUnder(out)) EXPECT_EQ(f.find(".qx-zip-"), std::string::npos) << f;
@@ -346,13 +299,13 @@ TEST_F(QxCodecTool, DamagedEntriesFailAloneAndDamagedArchivesFailCleanly) {
 
     // Not an archive at all, and an archive that needs ZIP64.
     writeBytes(archive, randomBytes(100, 3));
-    r = qx({"zip", "list", archive.string()});
+    r = runQx({"zip", "list", archive.string()});
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find("not a ZIP archive"), std::string::npos) << r.err;
     Bytes zip64 = makeZip({{"x", {'x'}, 0, 0}});
     std::fill(zip64.end() - 6, zip64.end() - 2, 0xFF);  // the directory's offset
     writeBytes(archive, zip64);
-    r = qx({"zip", "extract", archive.string(), "-d", out.string()});
+    r = runQx({"zip", "extract", archive.string(), "-d", out.string()});
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find("ZIP64 archives are not supported"), std::string::npos) << r.err;
 }

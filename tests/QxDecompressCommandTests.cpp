@@ -5,53 +5,30 @@
 // tools decompress them to. Each case judges the exit status, the one-line
 // report, and what was (or was not) left at the destination.
 #include "HttpTestServer.h"
+#include "QxProcessTest.h"
 
 #include <gtest/gtest.h>
 
 #include <qx/FileHandle.h>
 #include <qx/Process.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using namespace qxtest;
 
 namespace {
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
-
-std::string quote(const std::string& text) {
-    std::string q = "'";
-    for (char c : text) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-// Runs a bash command line; its exit status, or -1.
-int shell(const std::string& command) {
-    const int status = std::system(("bash -c " + quote(command)).c_str());
-    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // Text that compresses well but not trivially, with some binary noise.
 std::string makePlain(std::size_t size) {
@@ -77,15 +54,10 @@ struct Format {
     std::string reference;  // what the reference tool decompresses it to
 };
 
-struct QxRun {
-    int exitStatus = -1;
-    std::string out, err;
-    std::size_t errLines() const { return static_cast<std::size_t>(std::count(err.begin(), err.end(), '\n')); }
-    std::string describe() const { return "exit " + std::to_string(exitStatus) + "; stderr: [" + err + "]"; }
-};
-
-class QxDecompress : public ::testing::Test {
+class QxDecompress : public QxProcessTest {
 protected:
+    QxDecompress() : QxProcessTest("qx-decompress") {}
+
     // The payloads are made once: the tools take a while on every run.
     static void SetUpTestSuite() {
         std::string tmpl = (fs::temp_directory_path() / "qx-decompress-payloads-XXXXXX").string();
@@ -93,8 +65,8 @@ protected:
         payloads_ = tmpl;
         const fs::path plain = payloads_ / "plain";
         writeFile(plain, makePlain(1536 * 1024 + 4321));
-        const std::string p = quote(plain.string());
-        const auto at = [](const std::string& name) { return quote((payloads_ / name).string()); };
+        const std::string p = shellQuote(plain.string());
+        const auto at = [](const std::string& name) { return shellQuote((payloads_ / name).string()); };
         const std::string zlibScript =
             "import sys, zlib\n"
             "data = open(sys.argv[1], 'rb').read()\n"
@@ -142,17 +114,6 @@ protected:
         fs::remove_all(payloads_, ec);
     }
 
-    void SetUp() override {
-        std::string tmpl = (fs::temp_directory_path() / "qx-decompress-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr) << std::strerror(errno);
-        dir_ = tmpl;
-        fs::create_directory(work());
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-
     static std::vector<Format> formats() {
         return {{"gzip", "p.gz", "ref.gz"},    {"bzip2", "p.bz2", "ref.bz2"}, {"xz", "p.xz", "ref.xz"},
                 {"zlib", "p.zlib", "ref.zlib"}, {"raw-deflate", "p.raw", "ref.raw"}, {"pbzx", "p.pbzx", "ref.pbzx"}};
@@ -160,41 +121,20 @@ protected:
     static fs::path payload(const std::string& name) { return payloads_ / name; }
     static std::string reference(const Format& format) { return readFile(payloads_ / format.reference); }
 
-    // Where outputs go; holds nothing else, so a leftover temporary shows.
-    fs::path work() const { return dir_ / "work"; }
-    std::vector<std::string> workEntries() const {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(work())) names.push_back(entry.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    // Runs qx decompress through bash; `before` may set limits or feed a
-    // pipe (then with an empty stdinPath).
-    QxRun qx(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
-        std::string command = before + " " + quote(QX_QX_BINARY) + " decompress";
-        for (const auto& a : args) command += " " + quote(a);
-        if (!stdinPath.empty()) command += " <" + quote(stdinPath);
-        command += " >" + quote((dir_ / "stdout").string()) + " 2>" + quote((dir_ / "stderr").string());
-        QxRun run;
-        run.exitStatus = shell(command);
-        run.out = readFile(dir_ / "stdout");
-        run.err = readFile(dir_ / "stderr");
-        return run;
+    // Runs qx decompress; `before` may set limits or feed a pipe (then
+    // with an empty stdinPath).
+    QxRun qx(std::vector<std::string> args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
+        args.insert(args.begin(), "decompress");
+        return runQx(args, stdinPath, before);
     }
 
     // Status 1, one line naming `name` with a reason, nothing written.
     void expectFailure(const QxRun& run, const std::string& name) const {
-        EXPECT_EQ(run.exitStatus, 1) << run.describe();
-        EXPECT_EQ(run.errLines(), 1u) << run.describe();
-        EXPECT_EQ(run.err.rfind("qx: " + name + ": ", 0), 0u) << run.describe();
-        EXPECT_GT(run.err.size(), ("qx: " + name + ": \n").size()) << "the reason is missing";
-        EXPECT_TRUE(run.out.empty()) << "output on a failure: " << run.out.size() << " bytes";
+        expectOneLineFailure(run, name);
         EXPECT_TRUE(workEntries().empty()) << "left behind: " << workEntries().front();
     }
 
     static fs::path payloads_;
-    fs::path dir_;
 };
 
 fs::path QxDecompress::payloads_;
@@ -250,11 +190,12 @@ TEST_F(QxDecompress, ShippedPBZXPayloadDecodesToTheArchiveItWasMadeFrom) {
 TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {
     const Format gzip = formats()[0];
     const fs::path out = work() / "out";
-    ASSERT_EQ(shell("sha256sum " + quote(payload(gzip.reference).string()) + " | cut -d' ' -f1 > " + quote((dir_ / "sum").string()) +
+    const std::string source = shellQuote(payload(gzip.reference).string()), sum = shellQuote((dir() / "sum").string());
+    ASSERT_EQ(shell("sha256sum " + source + " | cut -d' ' -f1 > " + sum +
                     " && python3 -c 'import sys, zlib; print(\"%08x\" % zlib.crc32(open(sys.argv[1], \"rb\").read()))' " +
-                    quote(payload(gzip.reference).string()) + " >> " + quote((dir_ / "sum").string())),
+                    source + " >> " + sum),
               0);
-    const std::string sums = readFile(dir_ / "sum");
+    const std::string sums = readFile(dir() / "sum");
     const std::string sha256 = sums.substr(0, sums.find('\n')), crc32 = sums.substr(sums.find('\n') + 1, 8);
 
     QxRun run = qx({"--checksum", "sha256", payload(gzip.file).string(), "-o", out.string()});
@@ -275,7 +216,7 @@ TEST_F(QxDecompress, OffsetAndLengthSelectAPayloadInsideALargerFile) {
     for (const auto& format : {formats()[0], formats()[1], formats()[5]}) {
         SCOPED_TRACE(format.name);
         const std::string payloadBytes = readFile(payload(format.file));
-        const fs::path container = dir_ / "container";
+        const fs::path container = dir() / "container";
         writeFile(container, before + payloadBytes + after);
         const std::vector<std::string> range = {"--offset", std::to_string(before.size()), "--length",
                                                 std::to_string(payloadBytes.size())};
@@ -289,7 +230,7 @@ TEST_F(QxDecompress, OffsetAndLengthSelectAPayloadInsideALargerFile) {
         // The same range of a pipe: skipped, then read front to back.
         args = range;
         args.push_back("-");
-        run = qx(args, "", "cat " + quote(container.string()) + " |");
+        run = qx(args, "", "cat " + shellQuote(container.string()) + " |");
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.out == reference(format)) << "from a pipe";
     }
@@ -300,7 +241,7 @@ TEST_F(QxDecompress, StandardInputFromAPipe) {
         if (format.name == "raw-deflate") continue;
         SCOPED_TRACE(format.name);
         const fs::path out = work() / "out";
-        QxRun run = qx({"-", "-o", out.string()}, "", "cat " + quote(payload(format.file).string()) + " |");
+        QxRun run = qx({"-", "-o", out.string()}, "", "cat " + shellQuote(payload(format.file).string()) + " |");
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(readFile(out) == reference(format));
         fs::remove(out);
@@ -339,7 +280,7 @@ TEST_F(QxDecompress, TruncatedOrCorruptInputOfEveryCheckedFormatFailsAndLeavesNo
         if (format.name == "raw-deflate") continue;
         SCOPED_TRACE(format.name);
         const std::string whole = readFile(payload(format.file));
-        const fs::path damaged = dir_ / "damaged";
+        const fs::path damaged = dir() / "damaged";
         const std::vector<std::pair<std::string, std::string>> cases = {
             {"cut at two thirds", whole.substr(0, whole.size() * 2 / 3)},
             {"cut by one byte", whole.substr(0, whole.size() - 1)},
@@ -359,7 +300,7 @@ TEST_F(QxDecompress, TruncatedOrCorruptInputOfEveryCheckedFormatFailsAndLeavesNo
 
 TEST_F(QxDecompress, CorruptGzipTrailerIsDetectedFromFilesAndPipes) {
     const std::string whole = readFile(payload("p.gz"));
-    const fs::path damaged = dir_ / "damaged.gz";
+    const fs::path damaged = dir() / "damaged.gz";
     for (const std::size_t fromEnd : {8u, 1u}) {  // the CRC-32, then the length
         SCOPED_TRACE(fromEnd);
         std::string bytes = whole;
@@ -368,7 +309,7 @@ TEST_F(QxDecompress, CorruptGzipTrailerIsDetectedFromFilesAndPipes) {
         QxRun run = qx({damaged.string(), "-o", (work() / "out").string()});
         expectFailure(run, damaged.string());
         EXPECT_NE(run.err.find("trailer"), std::string::npos) << run.err;
-        run = qx({"-", "-o", (work() / "out").string()}, "", "cat " + quote(damaged.string()) + " |");
+        run = qx({"-", "-o", (work() / "out").string()}, "", "cat " + shellQuote(damaged.string()) + " |");
         expectFailure(run, "(standard input)");
     }
 }
@@ -460,7 +401,7 @@ TEST_F(QxDecompress, InPlaceKeepsTheSourceUnlessSomethingCameOut) {
     EXPECT_EQ(workEntries(), std::vector<std::string>{"copy.gz"});
 
     // Nothing decompressed, nothing replaced.
-    ASSERT_EQ(shell("printf '' | gzip -c > " + quote(copy.string())), 0);
+    ASSERT_EQ(shell("printf '' | gzip -c > " + shellQuote(copy.string())), 0);
     const std::string empty = readFile(copy);
     run = qx({"--in-place", copy.string()});
     EXPECT_EQ(run.exitStatus, 0) << run.describe();
@@ -481,5 +422,5 @@ TEST_F(QxDecompress, CombinationsThatMakeNoSenseAreRefused) {
         EXPECT_EQ(run.err.rfind("qx: decompress: --in-place", 0), 0u) << run.describe();
         EXPECT_TRUE(workEntries().empty());
     }
-    expectFailure(qx({(dir_ / "missing.gz").string(), "-o", (work() / "out").string()}), (dir_ / "missing.gz").string());
+    expectFailure(qx({(dir() / "missing.gz").string(), "-o", (work() / "out").string()}), (dir() / "missing.gz").string());
 }

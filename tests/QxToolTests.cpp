@@ -4,6 +4,8 @@
 // standard output, standard error and what was (or was not) written. What the
 // reader makes of each fixture is the library tests' business; here it is how
 // the program reports success and failure.
+#include "QxProcessTest.h"
+
 #include <gtest/gtest.h>
 
 #include <QXFoundation/QXPropertyListSerialization.h>
@@ -13,99 +15,40 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 using PLS = QXPropertyListSerialization;
+using namespace qxtest;
 
 namespace {
 
 const fs::path kFixtures = QX_PLIST_TESTDATA_DIR;
 const fs::path kGoodInput = kFixtures / "biplist/simple_binary.plist";
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
-
 qx::Ref<qx::Object> readWithLibrary(const fs::path& path, qx::Ref<qx::Error>* error = nullptr) {
     QXPropertyListFormat format = 0;
     return PLS::propertyListWithData(qx::Data::withString(readFile(path)), &format, error);
 }
 
-struct QxRun {
-    int exitStatus = -1;  // -1 when the child did not exit normally
-    std::string out, err;
-    std::size_t errLines() const { return static_cast<std::size_t>(std::count(err.begin(), err.end(), '\n')); }
-    std::string describe() const { return "exit " + std::to_string(exitStatus) + "; stderr: [" + err + "]"; }
-};
-
-class QxTool : public ::testing::Test {
+class QxTool : public QxProcessTest {
 protected:
-    void SetUp() override {
-        std::string tmpl = (fs::temp_directory_path() / "qx-tool-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr) << std::strerror(errno);
-        dir_ = tmpl;
-        fs::create_directory(work());
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
+    QxTool() : QxProcessTest("qx-tool") {}
 
-    // Where outputs go; kept free of anything else so a leftover temporary
-    // file shows up.
-    fs::path work() const { return dir_ / "work"; }
-    std::size_t workEntries() const {
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator(work()), fs::directory_iterator()));
-    }
-
-    // Runs qx through the shell with its standard streams redirected.
     QxRun qx(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null",
              const std::string& environment = "") {
-        const auto quote = [](const std::string& a) {
-            std::string q = "'";
-            for (char c : a) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-            return q + "'";
-        };
-        std::string command = environment + " " + quote(QX_QX_BINARY);
-        for (const auto& a : args) command += " " + quote(a);
-        command += " <" + quote(stdinPath) + " >" + quote((dir_ / "stdout").string()) + " 2>" + quote((dir_ / "stderr").string());
-        const int status = std::system(command.c_str());
-        QxRun run;
-        if (status != -1 && WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
-        run.out = readFile(dir_ / "stdout");
-        run.err = readFile(dir_ / "stderr");
-        return run;
+        return runQx(args, stdinPath, environment);
     }
     QxRun convert(const fs::path& input, const fs::path& output, const std::string& format = "binary") {
         return qx({"plist", "convert", "--format", format, input.string(), "-o", output.string()});
     }
-
-    // A failure as the program promises it: status 1, one line naming the
-    // file and giving a reason, nothing on standard output.
-    static void expectOneLineFailure(const QxRun& run, const std::string& name) {
-        EXPECT_EQ(run.exitStatus, 1) << run.describe();
-        EXPECT_EQ(run.errLines(), 1u) << run.describe();
-        EXPECT_EQ(run.err.rfind("qx: " + name + ": ", 0), 0u) << run.describe();
-        EXPECT_GT(run.err.size(), ("qx: " + name + ": \n").size()) << "the reason is missing";
-        EXPECT_TRUE(run.out.empty()) << run.out;
-    }
-
-    fs::path dir_;
 };
 
 // --- Converting and printing -------------------------------------------------
@@ -121,7 +64,7 @@ TEST_F(QxTool, ConvertWritesWhatTheLibraryWritesAndPrintShowsTheDescriptionFromF
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.err.empty() && run.out.empty()) << run.describe();
         EXPECT_EQ(readFile(output), written);
-        EXPECT_EQ(workEntries(), 1u);
+        EXPECT_EQ(workEntries().size(), 1u);
         fs::remove(output);
         // "-" is standard input or standard output.
         for (const auto& [args, stdinPath] : std::vector<std::pair<std::vector<std::string>, std::string>>{
@@ -156,7 +99,7 @@ TEST_F(QxTool, RefusedInputsFailWithOneLineAndWriteNothing) {
                                     kFixtures / "cpython/invalid-29-invalid-ascii.bplist"};
     // Cut short anywhere from empty to one byte less than whole.
     for (std::size_t length : {std::size_t{0}, std::size_t{8}, std::size_t{40}, good.size() / 2, good.size() - 1}) {
-        inputs.push_back(dir_ / ("cut-" + std::to_string(length)));
+        inputs.push_back(dir() / ("cut-" + std::to_string(length)));
         writeFile(inputs.back(), good.substr(0, length));
     }
     const fs::path output = work() / "out.plist";
@@ -164,12 +107,12 @@ TEST_F(QxTool, RefusedInputsFailWithOneLineAndWriteNothing) {
     for (const auto& input : inputs) {
         SCOPED_TRACE(input.string());
         expectOneLineFailure(convert(input, output), input.string());
-        EXPECT_EQ(workEntries(), 0u) << "an output or a temporary file was left behind";
+        EXPECT_EQ(workEntries().size(), 0u) << "an output or a temporary file was left behind";
 
         writeFile(output, previous);
         expectOneLineFailure(convert(input, output), input.string());
         EXPECT_EQ(readFile(output), previous);
-        EXPECT_EQ(workEntries(), 1u);
+        EXPECT_EQ(workEntries().size(), 1u);
         fs::remove(output);
 
         expectOneLineFailure(qx({"plist", "print", input.string()}), input.string());
@@ -219,7 +162,7 @@ TEST_F(QxTool, OtherOutputFormatsSucceedOrFailExactlyAsTheLibraryDoes) {
 // --- Where output goes -------------------------------------------------------------
 
 TEST_F(QxTool, OutputReplacesFilesKeepingTheirModeFollowsLinksAndWritesIntoPipes) {
-    const fs::path reference = dir_ / "reference.plist";
+    const fs::path reference = dir() / "reference.plist";
     ASSERT_EQ(convert(kGoodInput, reference).exitStatus, 0);
     const std::string expected = readFile(reference);
     ASSERT_EQ(expected.rfind("bplist00", 0), 0u);
@@ -262,7 +205,7 @@ TEST_F(QxTool, OutputReplacesFilesKeepingTheirModeFollowsLinksAndWritesIntoPipes
     ASSERT_EQ(run.exitStatus, 0) << run.describe();
     EXPECT_EQ(received, expected);
     EXPECT_TRUE(fs::is_fifo(fifo));
-    EXPECT_EQ(workEntries(), 6u) << "a temporary file was left behind";
+    EXPECT_EQ(workEntries().size(), 6u) << "a temporary file was left behind";
 }
 
 TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason) {
@@ -275,7 +218,7 @@ TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason)
     expectOneLineFailure(convert(kGoodInput, work()), work().string());
     EXPECT_TRUE(fs::is_directory(work()));
 
-    const fs::path missing = dir_ / "missing.plist";
+    const fs::path missing = dir() / "missing.plist";
     run = convert(missing, output);
     expectOneLineFailure(run, missing.string());
     EXPECT_NE(run.err.find(std::strerror(ENOENT)), std::string::npos) << run.err;
@@ -283,7 +226,7 @@ TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason)
     run = qx({"plist", "print", work().string()});
     expectOneLineFailure(run, work().string());
     EXPECT_NE(run.err.find(std::strerror(EISDIR)), std::string::npos) << run.err;
-    EXPECT_EQ(workEntries(), 0u);
+    EXPECT_EQ(workEntries().size(), 0u);
 }
 
 TEST_F(QxTool, ArgumentErrorsExitWithStatusTwo) {
@@ -305,7 +248,7 @@ TEST_F(QxTool, ArgumentErrorsExitWithStatusTwo) {
         EXPECT_EQ(run.exitStatus, 2) << run.describe();
         EXPECT_FALSE(run.err.empty());
     }
-    EXPECT_EQ(workEntries(), 0u);
+    EXPECT_EQ(workEntries().size(), 0u);
     const QxRun help = qx({"plist", "convert", "--help"});
     EXPECT_EQ(help.exitStatus, 0);
     EXPECT_NE(help.out.find("--format"), std::string::npos);
@@ -320,7 +263,7 @@ TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRange) {
     for (int i = 0; i < 40; ++i) bytes += static_cast<char>((i * 7 + 30) & 0x7F);
     bytes[1] = '\x80';  // Mac OS Roman "Ä"
     bytes[2] = '\xCA';  // no-break space: shown as "."
-    const fs::path input = dir_ / "bytes.bin";
+    const fs::path input = dir() / "bytes.bin";
     writeFile(input, bytes);
     // Each line built independently: offset, 16 hexadecimal bytes padded to
     // full width, then the text column.
@@ -366,11 +309,11 @@ TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRange) {
 }
 
 TEST_F(QxTool, HexdumpFailuresNameTheInput) {
-    const fs::path input = dir_ / "small.bin";
+    const fs::path input = dir() / "small.bin";
     writeFile(input, "abc");
     expectOneLineFailure(qx({"hexdump", input.string(), "--offset", "4"}), input.string());
-    expectOneLineFailure(qx({"hexdump", (dir_ / "missing").string()}), (dir_ / "missing").string());
-    expectOneLineFailure(qx({"hexdump", dir_.string()}), dir_.string());
+    expectOneLineFailure(qx({"hexdump", (dir() / "missing").string()}), (dir() / "missing").string());
+    expectOneLineFailure(qx({"hexdump", dir().string()}), dir().string());
     expectOneLineFailure(qx({"hexdump", "-", "--offset", "4"}, input.string()), "(standard input)");
     for (const auto& args : std::vector<std::vector<std::string>>{
              {"hexdump"}, {"hexdump", input.string(), "--offset", "-1"}, {"hexdump", input.string(), "--length", "x"},
