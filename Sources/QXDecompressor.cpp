@@ -733,24 +733,32 @@ Ref<Data> QXDecompressor::xzRoutine(const Ref<Data>& input, bool isFinal, Ref<Er
         lz->avail_out = kXZRoomSize;
         const lzma_ret result = lzma_code(lz, action);
         out->append(room, kXZRoomSize - lz->avail_out);
-        if (result == LZMA_OK) {
-            // When finishing, liblzma answers a call that can make no progress
-            // with LZMA_BUF_ERROR: that is how a truncated stream shows.
-            if (!isFinal && lz->avail_in == 0 && lz->avail_out != 0) break;
-            continue;
-        }
-        if (result == LZMA_STREAM_END) {
-            finished_ = true;
-            break;
-        }
+        const XZStep step = xzStep(result, isFinal, error);
+        if (step == XZStep::More) continue;
+        if (step == XZStep::Stop) break;
         lz->next_in = nullptr;
         lz->avail_in = 0;
-        setError(error, QXGenerateError("lzma_code", result));
         return nullptr;
     }
     lz->next_in = nullptr;
     lz->avail_in = 0;
     return out;
+}
+
+// What to do after one liblzma call whose output has been taken care of.
+QXDecompressor::XZStep QXDecompressor::xzStep(int result, bool isFinal, Ref<Error>* error) {
+    const lzma_stream* lz = decoders_->lzma.get();
+    if (result == LZMA_OK) {
+        // When finishing, liblzma answers a call that can make no progress
+        // with LZMA_BUF_ERROR: that is how a truncated stream shows.
+        return !isFinal && lz->avail_in == 0 && lz->avail_out != 0 ? XZStep::Stop : XZStep::More;
+    }
+    if (result == LZMA_STREAM_END) {
+        finished_ = true;
+        return XZStep::Stop;
+    }
+    setError(error, QXGenerateError("lzma_code", result));
+    return XZStep::Failed;
 }
 
 // The chunk decoders' form of the xz routine: liblzma copies out of its
@@ -786,16 +794,9 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
         const lzma_ret result = lzma_code(lz, action);
         directOutput_->commitWrite(room - lz->avail_out);
         turn.yieldToOlder();
-        if (result == LZMA_OK) {
-            if (!isFinal && lz->avail_in == 0 && lz->avail_out != 0) break;
-            continue;
-        }
-        if (result == LZMA_STREAM_END) {
-            finished_ = true;
-            break;
-        }
-        setError(error, QXGenerateError("lzma_code", result));
-        ok = false;
+        const XZStep step = xzStep(result, isFinal, error);
+        if (step == XZStep::More) continue;
+        ok = step == XZStep::Stop;
         break;
     }
     lz->next_in = nullptr;

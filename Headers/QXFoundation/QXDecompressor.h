@@ -332,6 +332,8 @@ private:
     bool bzip2Feed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> xzRoutine(const qx::Ref<qx::Data>& input, bool isFinal, qx::Ref<qx::Error>* error);
     bool xzIntoRing(bool isFinal, qx::Ref<qx::Error>* error);
+    enum class XZStep { More, Stop, Failed };  // go on calling liblzma, stop for now, or fail
+    XZStep xzStep(int result, bool isFinal, qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> pbzxRoutine(const qx::Ref<qx::Data>& input, bool isFinal, bool* shouldRunAgain,
                                   qx::Ref<qx::Error>* error);
     qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
