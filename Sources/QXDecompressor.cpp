@@ -63,8 +63,11 @@ struct BZDecompressEnd {
 // stream's dictionary when the stream is set up again for one of the same
 // size, so a PBZX file's chunk decoders stop mapping and clearing megabytes
 // of fresh dictionary per chunk. Bounded by the parallel decoders there can
-// be; the pool lives as long as the process.
+// be and by what each holds (the presets up to 7 fit), since the pool lives
+// as long as the process.
 class LzmaPool {
+    static constexpr std::uint64_t kMaxPooledXZMemory = 24 * 1048576;
+
 public:
     static LzmaPool& shared() {
         static LzmaPool* const pool = new LzmaPool();
@@ -84,7 +87,8 @@ public:
     void giveBack(lzma_stream* stream) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (spare_.size() < static_cast<std::size_t>(QXDecompressor::maxOperationCount())) {
+            if (spare_.size() < static_cast<std::size_t>(QXDecompressor::maxOperationCount()) &&
+                lzma_memusage(stream) <= kMaxPooledXZMemory) {
                 spare_.push_back(stream);
                 return;
             }
