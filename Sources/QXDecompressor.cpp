@@ -943,7 +943,10 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         }
     } while (result == 2);
     if (isFinal) pbzxInputEnded_ = true;
-    if (shouldRunAgain) *shouldRunAgain = isFinal && !operations_.empty() && !operations_.front()->hasEnded();
+    // Run again while any chunk decoder is listed, even one that has ended:
+    // it may have failed after the drain looked, and only the drain reports
+    // its error (its output so far can already have been taken).
+    if (shouldRunAgain) *shouldRunAgain = isFinal && !operations_.empty();
     return out;
 }
 
