@@ -147,12 +147,24 @@ void QXDecompressionOperation::provideInputData(const Ref<Data>& data, bool isFi
         if (isFinal) finalQueued_ = true;
     }
     qx::WeakRef<QXDecompressionOperation> weak = std::static_pointer_cast<QXDecompressionOperation>(shared_from_this());
+    queuedPieces_.fetch_add(1);
     queue_->async([weak, data, isFinal] {
-        if (auto self = weak.lock()) self->processData(data, isFinal);
+        auto self = weak.lock();
+        if (!self) return;
+        self->decodePiece(data, isFinal);
+        // The decoder keeps its turn at liblzma only while its next piece is
+        // already queued behind this one, so that a later chunk does not take
+        // the processor between two pieces of an older one.
+        if (self->queuedPieces_.fetch_sub(1) == 1) self->decompressor_->releaseDecodeTurn();
     });
 }
 
 void QXDecompressionOperation::processData(const Ref<Data>& data, bool isFinal) {
+    decodePiece(data, isFinal);
+    decompressor_->releaseDecodeTurn();
+}
+
+void QXDecompressionOperation::decodePiece(const Ref<Data>& data, bool isFinal) {
     if (isCancelled()) {
         fail(cancelledError());
         return;
@@ -211,11 +223,7 @@ Ref<Data> QXDecompressionOperation::consumeOutputDataWithMaxLength(std::uint64_t
 }
 
 std::uint64_t QXDecompressionOperation::consumeOutputDataWithMaxLength(std::uint64_t maxLength, Data& output) {
-    const std::uint64_t want = std::min(maxLength, outputBuffer_->bytesAvailable());
-    const std::size_t before = output.length();
-    output.setLength(before + static_cast<std::size_t>(want));
-    const std::uint64_t got = outputBuffer_->readBytes(output.mutableBytes() + before, want, false);
-    output.setLength(before + static_cast<std::size_t>(got));
+    const std::uint64_t got = outputBuffer_->appendBytesToData(output, maxLength);
     noteConsumed();
     return got;
 }

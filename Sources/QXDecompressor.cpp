@@ -149,35 +149,6 @@ private:
     unsigned running_ = 0;
 };
 
-// Holds a turn while in scope, unless let go of earlier.
-class DecodeTurn {
-public:
-    explicit DecodeTurn(std::uint64_t order) : order_(order) { DecodeTurns::shared().take(order_); }
-    ~DecodeTurn() { release(); }
-    DecodeTurn(const DecodeTurn&) = delete;
-    DecodeTurn& operator=(const DecodeTurn&) = delete;
-    void release() {
-        if (!held_) return;
-        DecodeTurns::shared().giveBack();
-        held_ = false;
-    }
-    void retake() {
-        if (held_) return;
-        DecodeTurns::shared().take(order_);
-        held_ = true;
-    }
-    // Hands the turn to an older chunk that waits for one, and waits for the next.
-    void yieldToOlder() {
-        if (!held_ || !DecodeTurns::shared().olderWaits(order_)) return;
-        release();
-        retake();
-    }
-
-private:
-    std::uint64_t order_;
-    bool held_ = true;
-};
-
 struct LzmaEnd {
     void operator()(lzma_stream* s) const { LzmaPool::shared().giveBack(s); }
 };
@@ -392,6 +363,7 @@ struct QXDecompressor::Decoders {
 QXDecompressor::QXDecompressor() : decoders_(std::make_unique<Decoders>()), streamIn_(Data::create()) {}
 
 QXDecompressor::~QXDecompressor() {
+    releaseDecodeTurn();
     // Chunk decoders still at work would otherwise go on filling buffers that
     // nobody reads; cancelling wakes any of them asleep on a full one.
     if (!operations_.empty()) {
@@ -504,6 +476,9 @@ bool QXDecompressor::setUpWithData(const Ref<Data>& data, Ref<Error>* error) {
         break;
     }
     case QXDecompressionAlgorithmXZ: {
+        // A chunk decoder takes a stream only once it may run: a decoder
+        // ended before it gives its stream back, dictionary already paged in.
+        if (directOutput_) takeDecodeTurn();
         auto stream = std::unique_ptr<lzma_stream, LzmaEnd>(LzmaPool::shared().take());
         lzma_ret result = lzma_stream_decoder(stream.get(), UINT64_MAX, LZMA_CONCATENATED);
         if (result != LZMA_OK) {
@@ -773,7 +748,7 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
     lzma_stream* lz = decoders_->lzma.get();
     const lzma_action action = isFinal ? LZMA_FINISH : LZMA_RUN;
     bool ok = true;
-    DecodeTurn turn(directOutputOrder_);
+    takeDecodeTurn();
     for (;;) {
         std::uint64_t room = 0;
         std::uint8_t* at = directOutput_->reserveWrite(&room, false);
@@ -782,9 +757,9 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
             at = nullptr;
             room = 0;
         } else if (!at) {
-            turn.release();
+            releaseDecodeTurn();
             at = directOutput_->reserveWrite(&room, true);
-            if (at) turn.retake();
+            if (at) takeDecodeTurn();
         }
         if (!at) {
             // Closed: before the end only a cancel or a failure does that.
@@ -797,7 +772,7 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
         lz->avail_out = static_cast<std::size_t>(room);
         const lzma_ret result = lzma_code(lz, action);
         directOutput_->commitWrite(room - lz->avail_out);
-        turn.yieldToOlder();
+        yieldDecodeTurnToOlder();
         const XZStep step = xzStep(result, isFinal, error);
         if (step == XZStep::More) continue;
         ok = step == XZStep::Stop;
@@ -807,7 +782,32 @@ bool QXDecompressor::xzIntoRing(bool isFinal, Ref<Error>* error) {
     lz->avail_in = 0;
     lz->next_out = nullptr;
     lz->avail_out = 0;
+    if (!ok || finished_) {
+        // Nothing more to decode: the stream goes back for the next chunk now,
+        // not when the drain lets go of this decoder.
+        if (finished_) decoders_->lzma.reset();
+        releaseDecodeTurn();
+    }
     return ok;
+}
+
+void QXDecompressor::takeDecodeTurn() {
+    if (holdsDecodeTurn_) return;
+    DecodeTurns::shared().take(directOutputOrder_);
+    holdsDecodeTurn_ = true;
+}
+
+void QXDecompressor::releaseDecodeTurn() {
+    if (!holdsDecodeTurn_) return;
+    DecodeTurns::shared().giveBack();
+    holdsDecodeTurn_ = false;
+}
+
+// Hands the turn to an older chunk that waits for one, and waits for the next.
+void QXDecompressor::yieldDecodeTurnToOlder() {
+    if (!holdsDecodeTurn_ || !DecodeTurns::shared().olderWaits(directOutputOrder_)) return;
+    releaseDecodeTurn();
+    takeDecodeTurn();
 }
 
 std::uint8_t* QXDecompressor::scratch() {
@@ -889,6 +889,10 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
     s->avail_in = in->length();
     std::uint8_t* staging = scratch();
     auto out = reusableOutput(decoders_->output);
+    // A call that waits for a chunk takes all of its output, tens of
+    // megabytes; room for that is set aside once (only what is written is
+    // ever backed), so the output is not copied over and over as it grows.
+    if (out->vector().capacity() < kMaxKeptOutput) out->vector().reserve(kMaxKeptOutput);
     int result;
     do {
         s->next_out = staging;

@@ -75,6 +75,7 @@ std::uint64_t QXRingBuffer::writeBytes(const void* bytes, std::uint64_t length, 
     std::uint64_t written = 0;
     Locker lock(sync_->mutex);
     for (;;) {
+        rewindIfEmptyLocked();
         std::uint64_t held = bytesWritten_ - bytesRead_;
         while (held == bufferSize_) {
             if (!wait) return written;
@@ -112,6 +113,7 @@ std::uint64_t QXRingBuffer::writeBytes(const void* bytes, std::uint64_t length, 
 std::uint8_t* QXRingBuffer::reserveWrite(std::uint64_t* length, bool wait) {
     *length = 0;
     Locker lock(sync_->mutex);
+    rewindIfEmptyLocked();
     std::uint64_t held = bytesWritten_ - bytesRead_;
     while (held == bufferSize_) {
         if (!wait || closed_) return nullptr;
@@ -178,6 +180,26 @@ std::uint64_t QXRingBuffer::readBytes(void* buffer, std::uint64_t length, bool w
     }
 }
 
+std::uint64_t QXRingBuffer::appendBytesToData(qx::Data& data, std::uint64_t maxLength) {
+    const std::uint8_t* const storage = buffer_->bytes();
+    std::uint64_t taken = 0;
+    {
+        Locker lock(sync_->mutex);
+        taken = std::min(bytesWritten_ - bytesRead_, maxLength);
+        if (taken == 0) return 0;
+        std::vector<std::uint8_t>& bytes = data.vector();
+        if (bytes.capacity() - bytes.size() < taken)
+            bytes.reserve(std::max<std::size_t>(bytes.size() + taken, 2 * bytes.capacity()));
+        const std::uint64_t first = std::min(taken, bufferSize_ - readPointer_);
+        data.append(storage + readPointer_, first);
+        if (taken > first) data.append(storage, taken - first);
+        bytesRead_ += taken;
+        readPointer_ = (readPointer_ + taken) % bufferSize_;
+    }
+    pthread_cond_signal(&sync_->readCond);
+    return taken;
+}
+
 qx::Ref<qx::Data> QXRingBuffer::readDataOfLength(std::uint64_t length, bool wait) {
     const std::uint64_t want = std::min(size(), length);
     auto data = qx::Data::create();
@@ -206,6 +228,18 @@ void QXRingBuffer::resetLocked() {
     writePointer_ = 0;
     bytesRead_ = 0;
     bytesWritten_ = 0;
+}
+
+void QXRingBuffer::rewindIfEmptyLocked() {
+    // Only the producer calls this, so no room it was given is outstanding;
+    // the consumer copies under the lock and holds no position of its own.
+    // Starting an empty buffer over keeps a producer whose consumer keeps up
+    // on the same few pages, still in cache, instead of walking through the
+    // whole capacity and having the system clear every page of it first.
+    if (bytesWritten_ == bytesRead_) readPointer_ = writePointer_ = 0;
+    // A copy that ended exactly at the end of storage leaves the position
+    // there; in-place room starts at the beginning instead of being empty.
+    if (writePointer_ == bufferSize_) writePointer_ = 0;
 }
 
 void QXRingBuffer::clearBuffer() {

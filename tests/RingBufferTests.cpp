@@ -182,9 +182,17 @@ TEST_P(RingBufferTransfer, EveryByteArrivesInOrder) {
         const bool wait = random() % 3 == 0;
         const std::uint64_t limit = wait ? capacity : 3 * capacity;
         const std::uint64_t n = std::min<std::uint64_t>(1 + random() % limit, total - position);
-        std::uint64_t got = r->readBytes(buffer.data(), n, wait);
-        if (wait) {
-            EXPECT_EQ(got, n);
+        std::uint64_t got;
+        if (!wait && random() % 4 == 0) {
+            auto appended = qx::Data::create();
+            got = r->appendBytesToData(*appended, n);
+            EXPECT_EQ(appended->length(), got);
+            std::memcpy(buffer.data(), appended->bytes(), got);
+        } else {
+            got = r->readBytes(buffer.data(), n, wait);
+            if (wait) {
+                EXPECT_EQ(got, n);
+            }
         }
         if (got == 0) got = r->readBytes(buffer.data(), std::min(n, capacity), true);  // empty: wait for data
         for (std::uint64_t i = 0; i < got; ++i) mismatches += buffer[i] != patternByte(position + i);
@@ -257,13 +265,33 @@ TEST(RingBuffer, ReservedRoomEndsAtTheEndOfStorageOrTheOldestUnreadByte) {
     r->close();
     EXPECT_EQ(take(*r, 8), "hijkl");
     r->commitWrite(0);
-    for (const char* piece : {"mnop", "qrst"}) {  // closed but not full: room is still given, in two runs
-        at = r->reserveWrite(&room, true);
-        ASSERT_TRUE(at);
-        ASSERT_EQ(room, 4u);
-        std::memcpy(at, piece, 4);
-        r->commitWrite(4);
-    }
+    // Closed but not full: room is still given. Emptied, the buffer starts
+    // over at its beginning, so all of it is one run again.
+    at = r->reserveWrite(&room, true);
+    ASSERT_TRUE(at);
+    ASSERT_EQ(room, 8u);
+    std::memcpy(at, "mnopqrst", 8);
+    r->commitWrite(8);
     EXPECT_FALSE(r->reserveWrite(&room, true));  // closed and full: no sleeping
-    EXPECT_EQ(take(*r, 8), "mnopqrst");
+    EXPECT_EQ(take(*r, 3), "mno");
+    at = r->reserveWrite(&room, true);  // not empty: no starting over
+    ASSERT_TRUE(at);
+    EXPECT_EQ(room, 3u);
+    std::memcpy(at, "uvw", 3);
+    r->commitWrite(3);
+    EXPECT_EQ(take(*r, 8), "pqrstuvw");
+}
+
+TEST(RingBuffer, AppendToDataTakesWhatIsHeldAcrossTheEndOfStorage) {
+    auto r = ring(8);
+    auto data = qx::Data::withBytes("<", 1);
+    EXPECT_EQ(r->appendBytesToData(*data, 100), 0u);  // empty: nothing, no wait
+    EXPECT_EQ(put(*r, "abcdef"), 6u);
+    EXPECT_EQ(take(*r, 5), "abcde");
+    EXPECT_EQ(put(*r, "ghijk"), 5u);  // "f" and "gh" up to the end, "ijk" from the start
+    EXPECT_EQ(r->appendBytesToData(*data, 4), 4u);
+    EXPECT_EQ(r->appendBytesToData(*data, 100), 2u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(data->bytes()), data->length()), "<fghijk");
+    EXPECT_EQ(r->bytesRead(), 11u);
+    EXPECT_EQ(r->bytesAvailable(), 0u);
 }

@@ -40,6 +40,7 @@
 #include <qx/Operation.h>
 #include <qx/SerialQueue.h>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -145,6 +146,8 @@ private:
     void noteConsumed();
     /// Calls finish() when the operation has started and ended, once.
     void finishIfEnded();
+    /// processData's work, leaving the decoder's turn to its caller.
+    void decodePiece(const qx::Ref<qx::Data>& data, bool isFinal);
 
     mutable std::mutex mutex_;  // guards the flags and the error
     qx::Ref<qx::Error> error_;
@@ -156,6 +159,7 @@ private:
     bool finalQueued_ = false;      // the last piece has been provided (owner's thread)
     bool compressed_ = false;       // automatic detection: input must turn out to be a known format
     bool finishCalled_ = false;
+    std::atomic<std::uint64_t> queuedPieces_{0};  // provided and not yet decoded
     qx::Ref<QXRingBuffer> outputBuffer_;
     qx::Ref<qx::Observable> observable_;
 };

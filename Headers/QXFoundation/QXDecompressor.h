@@ -360,4 +360,10 @@ private:
     // xz routine returns empty data; other decoders still return theirs.
     qx::Ref<QXRingBuffer> directOutput_;
     std::uint64_t directOutputOrder_ = 0;  // the chunk's place among all chunk decoders, oldest lowest
+    // A chunk decoder's turn to run liblzma, kept from one piece of input to
+    // the next while more is queued; given up whenever it is to wait.
+    bool holdsDecodeTurn_ = false;
+    void takeDecodeTurn();
+    void releaseDecodeTurn();
+    void yieldDecodeTurnToOlder();
 };

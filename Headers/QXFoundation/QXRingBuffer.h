@@ -54,6 +54,10 @@ public:
     /// Copies up to length bytes out. Waiting, returns only when all have
     /// arrived; otherwise takes what is there now (0 when empty).
     std::uint64_t readBytes(void* buffer, std::uint64_t length, bool wait = true);
+    /// Appends up to maxLength of the bytes held now to the end of data,
+    /// without waiting, and returns the count (0 when empty). Unlike reading
+    /// into room made with setLength, the new bytes are written once.
+    std::uint64_t appendBytesToData(qx::Data& data, std::uint64_t maxLength);
     /// Reads min(length, size()) bytes at most into a new data of exactly
     /// the count read.
     qx::Ref<qx::Data> readDataOfLength(std::uint64_t length, bool wait = true);
@@ -92,11 +96,11 @@ public:
 
     ~QXRingBuffer() override;
 
-protected:
-    explicit QXRingBuffer(std::uint64_t capacity);
-    void resetLocked();  // empties the buffer and zeroes both totals; the lock is held
-
 private:
+    explicit QXRingBuffer(std::uint64_t capacity);
+    void resetLocked();          // empties the buffer and zeroes both totals; the lock is held
+    void rewindIfEmptyLocked();  // an empty buffer starts over at its beginning; the lock is held
+
     struct Sync;
 
     std::unique_ptr<QXByteStorage> buffer_;
