@@ -9,6 +9,7 @@
 #include <QXFoundation/QXUnshrink.h>
 
 #include "QXFoundationPrivate.h"
+#include "QXStoragePool.h"
 
 #include <qx/Exception.h>
 #include <qx/Log.h>
@@ -208,34 +209,13 @@ constexpr std::size_t kXZRoomSize = 65536;
 // The most output storage kept for reuse between calls.
 constexpr std::size_t kMaxKeptOutput = 64 * kBufferSize;
 
-// Output storage handed back by the last holder of a streaming call's output,
-// on whatever thread lets go of it. The lock, not the reference count, is what
-// tells the decoding thread that the other thread is done with the bytes.
-struct OutputPool {
-    std::mutex mutex;
-    std::vector<std::uint8_t> spare;
-};
-
 // Output storage for one streaming call. A fresh buffer of megabytes per call
 // costs more in page faults than decoding fills it, so storage that an earlier
-// output gave back is used again; an output still held is never touched.
-Ref<Data> reusableOutput(std::shared_ptr<OutputPool>& pool) {
-    if (!pool) pool = std::make_shared<OutputPool>();
-    std::vector<std::uint8_t> storage;
-    {
-        std::lock_guard<std::mutex> lock(pool->mutex);
-        storage.swap(pool->spare);
-    }
-    storage.clear();
-    std::weak_ptr<OutputPool> weakPool = pool;
-    return Ref<Data>(new Data(std::move(storage)), [weakPool](Data* data) {
-        std::vector<std::uint8_t>& bytes = data->vector();
-        if (const auto owner = weakPool.lock(); owner && bytes.capacity() <= kMaxKeptOutput) {
-            std::lock_guard<std::mutex> lock(owner->mutex);
-            if (bytes.capacity() > owner->spare.capacity()) owner->spare.swap(bytes);
-        }
-        delete data;
-    });
+// output gave back is used again; an output still held is never touched. Two
+// are kept: a caller may still hold one output while asking for the next.
+Ref<Data> reusableOutput(std::shared_ptr<QXStoragePool>& pool) {
+    if (!pool) pool = QXStoragePool::create(2, 0, kMaxKeptOutput);
+    return pool->take();
 }
 
 // The generic driver's input: pieces of up to kBufferSize bytes read from a
@@ -345,7 +325,9 @@ std::uint64_t readBigEndian64(const std::uint8_t* p) {
 
 struct QXDecompressor::Decoders {
     // Storage given back by earlier outputs once their holders let go.
-    std::shared_ptr<OutputPool> output;
+    std::shared_ptr<QXStoragePool> output;
+    // PBZX only: storage of input pieces the chunk decoders are done with.
+    std::shared_ptr<QXStoragePool> pieces;
     // Gzip only: filled in by inflate; done once the header is read.
     gz_header gzipHeader{};
     bool checkOff = false;
@@ -931,8 +913,17 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
             operations_.push_back(operation);
             operationQueue()->addOperation(operation);
         }
-        if (staged > 0 && currentOperation_)
-            currentOperation_->provideInputData(Data::withBytes(staging, staged), s->chunk_ended);
+        if (staged > 0 && currentOperation_) {
+            // Pieces queue up behind the chunks being decoded, megabytes at a
+            // time; their storage comes back once a decoder is done with it.
+            if (!decoders_->pieces)
+                decoders_->pieces =
+                    QXStoragePool::create(8 * static_cast<std::size_t>(maxOperationCount()), kBufferSize, kBufferSize);
+            auto piece = decoders_->pieces->take();
+            piece->vector().reserve(kBufferSize);
+            piece->append(staging, staged);
+            currentOperation_->provideInputData(piece, s->chunk_ended);
+        }
         // The container ends here: a chunk cut short is closed with what it
         // has, so that its decoder reports the truncation (xz does) instead of
         // waiting for bytes that never come. An operation ignores pieces after

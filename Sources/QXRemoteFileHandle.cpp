@@ -5,6 +5,7 @@
 #include <QXFoundation/QXRemoteFileHandleConnectionDelegate.h>
 
 #include "QXFoundationPrivate.h"
+#include "QXStoragePool.h"
 
 #include <qx/Format.h>
 #include <qx/SerialQueue.h>
@@ -143,12 +144,13 @@ struct QXRemoteFileHandle::LocalReader {
     bool readerSleeps = false;              // guarded by mutex
     bool delivererSleeps = false;           // guarded by mutex
     std::atomic<bool> stopped{false};
-    std::vector<std::vector<std::uint8_t>> spare;  // storage of chunks let go of; guarded by mutex
+    std::shared_ptr<QXStoragePool> spare;   // storage of chunks let go of
 
     LocalReader(std::uint64_t bufferSize, std::uint64_t limit)
         : bufferSize(bufferSize),
           limit(limit),
-          batch(static_cast<std::size_t>(std::clamp<std::uint64_t>(bufferSize ? limit / bufferSize / 4 : 1, 1, kMaxWakeBatch))) {}
+          batch(static_cast<std::size_t>(std::clamp<std::uint64_t>(bufferSize ? limit / bufferSize / 4 : 1, 1, kMaxWakeBatch))),
+          spare(QXStoragePool::create(kMaxSpareChunks, static_cast<std::size_t>(bufferSize))) {}
 
     // Chunks read and not yet back from the handler: what the limit bounds.
     std::size_t undelivered() const { return pending.size() + (handing ? 1 : 0); }
@@ -190,26 +192,12 @@ struct QXRemoteFileHandle::LocalReader {
     // A chunk whose storage can take `size` bytes read at file position
     // `position`: storage the most recently released chunk gave back
     // (likeliest still in cache), or new storage. Storage the kernel would
-    // copy into slowly is passed over. A chunk gives its storage back when
-    // its last holder lets go, on whatever thread that is, under the lock:
-    // a holder that kept it keeps it intact, and the reader reusing it sees
-    // every access the holder made.
+    // copy into slowly is passed over. A chunk gives its storage back to the
+    // pool when its last holder lets go (see QXStoragePool.h).
     static Ref<Data> spareChunk(const std::shared_ptr<LocalReader>& reader, std::size_t size, std::uint64_t position) {
-        std::vector<std::uint8_t> storage;
-        std::vector<std::vector<std::uint8_t>> passedOver;  // freed outside the lock
-        {
-            std::lock_guard<std::mutex> lock(reader->mutex);
-            while (!reader->spare.empty()) {
-                std::vector<std::uint8_t> candidate = std::move(reader->spare.back());
-                reader->spare.pop_back();
-                if (candidate.capacity() >= size && !copiesSlowly(candidate.data(), size, position)) {
-                    storage = std::move(candidate);
-                    break;
-                }
-                passedOver.push_back(std::move(candidate));
-            }
-        }
-        passedOver.clear();
+        std::vector<std::uint8_t> storage = reader->spare->takeStorage([&](const std::vector<std::uint8_t>& candidate) {
+            return candidate.capacity() >= size && !copiesSlowly(candidate.data(), size, position);
+        });
         if (storage.capacity() < size) {
             storage.reserve(size);
             if (copiesSlowly(storage.data(), size, position)) {
@@ -220,15 +208,7 @@ struct QXRemoteFileHandle::LocalReader {
                 storage.reserve(size);
             }
         }
-        std::weak_ptr<LocalReader> weakReader = reader;
-        return Ref<Data>(new Data(std::move(storage)), [weakReader](Data* data) {
-            std::vector<std::uint8_t>& bytes = data->vector();
-            if (const auto owner = weakReader.lock(); owner && bytes.capacity() >= owner->bufferSize) {
-                std::lock_guard<std::mutex> lock(owner->mutex);
-                if (owner->spare.size() < kMaxSpareChunks) owner->spare.push_back(std::move(bytes));
-            }
-            delete data;
-        });
+        return reader->spare->wrap(std::move(storage));
     }
 
     // The delivery operation: runs on the callback queue until the reader
