@@ -262,6 +262,13 @@ TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndOneThatDiesMidTransfer) {
     }
     const std::string truncated = server.url(HttpTestServer::TruncatedPath);
     expectFailure(qx({truncated, "-o", (work() / "out").string()}), truncated);
+    // An error page is not a payload, not even with detection left automatic.
+    for (const char* path : {HttpTestServer::NotFoundPath, HttpTestServer::ServerErrorPath}) {
+        const std::string url = server.url(path);
+        QxRun run = qx({url, "-o", (work() / "out").string()});
+        expectFailure(run, url);
+        EXPECT_NE(run.err.find("HTTP status"), std::string::npos) << run.describe();
+    }
 }
 
 // --- Failures --------------------------------------------------------------
