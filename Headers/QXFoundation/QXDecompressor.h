@@ -341,6 +341,11 @@ private:
     qx::Ref<qx::Error> failPBZX(int result);
     qx::Ref<qx::Error> drainPBZXOperations(qx::Data& out, bool waitForOutput, bool roomForAnother);
     std::uint8_t* scratch();
+    // A chunk decoder's turn to run liblzma, kept from one piece of input to
+    // the next while more is queued; given up whenever it is to wait.
+    void takeDecodeTurn();
+    void releaseDecodeTurn();
+    void yieldDecodeTurnToOlder();
 
     QXDecompressionAlgorithm algorithm_ = QXDecompressionAlgorithmNone;
     bool setUp_ = false;
@@ -360,10 +365,5 @@ private:
     // xz routine returns empty data; other decoders still return theirs.
     qx::Ref<QXRingBuffer> directOutput_;
     std::uint64_t directOutputOrder_ = 0;  // the chunk's place among all chunk decoders, oldest lowest
-    // A chunk decoder's turn to run liblzma, kept from one piece of input to
-    // the next while more is queued; given up whenever it is to wait.
     bool holdsDecodeTurn_ = false;
-    void takeDecodeTurn();
-    void releaseDecodeTurn();
-    void yieldDecodeTurnToOlder();
 };
