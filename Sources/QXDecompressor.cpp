@@ -871,10 +871,6 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
     s->avail_in = in->length();
     std::uint8_t* staging = scratch();
     auto out = reusableOutput(decoders_->output);
-    // A call that waits for a chunk takes all of its output, tens of
-    // megabytes; room for that is set aside once (only what is written is
-    // ever backed), so the output is not copied over and over as it grows.
-    if (out->vector().capacity() < kMaxKeptOutput) out->vector().reserve(kMaxKeptOutput);
     int result;
     do {
         s->next_out = staging;
@@ -887,6 +883,15 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
         }
         const std::uint64_t staged = s->total_out - before;
         if (staged > 0 && s->chunk_started) {
+            // Waiting here takes an older chunk's whole output, and what the
+            // ones after it have ready: room for about two chunks is set aside
+            // at once (only what is written is ever backed), rather than the
+            // output being copied over and over as it grows. The header's
+            // size is only a hint; the cap keeps a lying one harmless.
+            std::vector<std::uint8_t>& room = out->vector();
+            const std::size_t hint = static_cast<std::size_t>(std::min<std::uint64_t>(s->chunk_uncompressed_size, kMaxKeptOutput));
+            const std::size_t wanted = std::min(kMaxKeptOutput, room.size() + 2 * hint);
+            if (room.capacity() < wanted) room.reserve(wanted);
             // Back-pressure falls on new chunks only: the newest chunk gets
             // all its input while the oldest is awaited, so that it has work
             // for a processor the chunks in between may have left idle.
