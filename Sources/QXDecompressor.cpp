@@ -887,11 +887,14 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
             // ones after it have ready: room for about two chunks is set aside
             // at once (only what is written is ever backed), rather than the
             // output being copied over and over as it grows. The header's
-            // size is only a hint; the cap keeps a lying one harmless.
-            std::vector<std::uint8_t>& room = out->vector();
-            const std::size_t hint = static_cast<std::size_t>(std::min<std::uint64_t>(s->chunk_uncompressed_size, kMaxKeptOutput));
-            const std::size_t wanted = std::min(kMaxKeptOutput, room.size() + 2 * hint);
-            if (room.capacity() < wanted) room.reserve(wanted);
+            // size is only a hint: an implausibly large one is ignored and
+            // the output grows as it must.
+            if (s->chunk_uncompressed_size <= kMaxKeptOutput / 2) {
+                std::vector<std::uint8_t>& room = out->vector();
+                const std::size_t hint = static_cast<std::size_t>(s->chunk_uncompressed_size);
+                const std::size_t wanted = std::min(kMaxKeptOutput, room.size() + 2 * hint);
+                if (room.capacity() < wanted) room.reserve(wanted);
+            }
             // Back-pressure falls on new chunks only: the newest chunk gets
             // all its input while the oldest is awaited, so that it has work
             // for a processor the chunks in between may have left idle.
@@ -925,7 +928,8 @@ Ref<Data> QXDecompressor::pbzxRoutine(const Ref<Data>& input, bool isFinal, bool
                 decoders_->pieces =
                     QXStoragePool::create(8 * static_cast<std::size_t>(maxOperationCount()), kBufferSize, kBufferSize);
             auto piece = decoders_->pieces->take();
-            piece->vector().reserve(kBufferSize);
+            // Only large pieces are worth keeping; a small input stays small.
+            if (staged >= kBufferSize / 4) piece->vector().reserve(kBufferSize);
             piece->append(staging, staged);
             currentOperation_->provideInputData(piece, s->chunk_ended);
         }
