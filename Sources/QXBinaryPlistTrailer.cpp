@@ -1,7 +1,7 @@
 // QXBinaryPlistTrailer.cpp - decoding the trailer and offset table of a binary property list.
 #include <QXFoundation/QXBinaryPlistTrailer.h>
 
-#include "QXBinaryPlistInternal.h"
+#include "Internal/QXBinaryPlistInternal.h"
 
 #include <qx/Log.h>
 

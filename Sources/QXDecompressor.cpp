@@ -8,8 +8,8 @@
 #include <QXFoundation/QXRingBuffer.h>
 #include <QXFoundation/QXUnshrink.h>
 
-#include "QXFoundationPrivate.h"
-#include "QXStoragePool.h"
+#include "Internal/QXFoundationPrivate.h"
+#include "Internal/QXStoragePool.h"
 
 #include <qx/Exception.h>
 #include <qx/Log.h>

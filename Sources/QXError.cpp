@@ -2,7 +2,7 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXErrorReporter.h>
 
-#include "QXFoundationPrivate.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Number.h>
 

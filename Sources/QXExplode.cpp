@@ -1,7 +1,7 @@
 // QXExplode.cpp - decoder for ZIP entries stored with the Imploding method (6).
 #include <QXFoundation/QXExplode.h>
 
-#include "QXPendingBytes.h"
+#include "Internal/QXPendingBytes.h"
 
 #include <algorithm>
 #include <bit>

@@ -3,7 +3,7 @@
 
 #include <QXFoundation/QXError.h>
 
-#include "QXRunLoopTable.h"
+#include "Internal/QXRunLoopTable.h"
 
 #include <qx/Number.h>
 

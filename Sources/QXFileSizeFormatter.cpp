@@ -2,8 +2,8 @@
 #include <QXFoundation/QXFileSizeFormatter.h>
 #include <QXFoundation/QXStringAdditions.h>
 
-#include "QXCharacterSets.h"
-#include "QXFoundationPrivate.h"
+#include "Internal/QXCharacterSets.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Format.h>
 

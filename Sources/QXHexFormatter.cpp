@@ -1,7 +1,7 @@
 // QXHexFormatter.cpp - hexadecimal dumps of byte buffers.
 #include <QXFoundation/QXHexFormatter.h>
 
-#include "QXCharacterSets.h"
+#include "Internal/QXCharacterSets.h"
 
 #include <qx/StringEncoding.h>
 

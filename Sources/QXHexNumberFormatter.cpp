@@ -1,8 +1,8 @@
 // QXHexNumberFormatter.cpp - integers as hexadecimal text.
 #include <QXFoundation/QXHexNumberFormatter.h>
 
-#include "QXCharacterSets.h"
-#include "QXFoundationPrivate.h"
+#include "Internal/QXCharacterSets.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Format.h>
 

@@ -3,7 +3,7 @@
 
 #include <QXFoundation/QXFileHandleInputStream.h>
 
-#include "QXRunLoopTable.h"
+#include "Internal/QXRunLoopTable.h"
 
 #include <qx/Format.h>
 #include <qx/HTTPInputStream.h>

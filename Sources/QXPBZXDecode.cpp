@@ -1,7 +1,7 @@
 // QXPBZXDecode.cpp - splits a PBZX container into its chunks.
 #include <QXFoundation/QXPBZXDecode.h>
 
-#include "QXPendingBytes.h"
+#include "Internal/QXPendingBytes.h"
 
 #include <algorithm>
 #include <cstring>

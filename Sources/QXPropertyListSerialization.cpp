@@ -18,7 +18,7 @@
 #include <QXFoundation/QXBinaryPlistTrailer.h>
 #include <QXFoundation/QXUIDPropertyList.h>
 
-#include "QXBinaryPlistInternal.h"
+#include "Internal/QXBinaryPlistInternal.h"
 
 #include <qx/Array.h>
 #include <qx/Date.h>

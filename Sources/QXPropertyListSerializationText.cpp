@@ -3,8 +3,8 @@
 
 #include <QXFoundation/QXStringAdditions.h>
 
-#include "QXBinaryPlistInternal.h"
-#include "QXFoundationPrivate.h"
+#include "Internal/QXBinaryPlistInternal.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Array.h>
 #include <qx/Date.h>

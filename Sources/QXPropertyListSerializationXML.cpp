@@ -9,7 +9,7 @@
 
 #include <QXFoundation/QXUIDPropertyList.h>
 
-#include "QXBinaryPlistInternal.h"
+#include "Internal/QXBinaryPlistInternal.h"
 
 #include <qx/Array.h>
 #include <qx/Date.h>

@@ -4,8 +4,8 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXRemoteFileHandleConnectionDelegate.h>
 
-#include "QXFoundationPrivate.h"
-#include "QXStoragePool.h"
+#include "Internal/QXFoundationPrivate.h"
+#include "Internal/QXStoragePool.h"
 
 #include <qx/Format.h>
 #include <qx/SerialQueue.h>

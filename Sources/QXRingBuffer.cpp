@@ -3,7 +3,7 @@
 
 #include <QXFoundation/QXError.h>
 
-#include "QXByteStorage.h"
+#include "Internal/QXByteStorage.h"
 
 #include <algorithm>
 #include <cerrno>

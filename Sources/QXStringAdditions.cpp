@@ -3,8 +3,8 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXStringAdditions.h>
 
-#include "QXCharacterSets.h"
-#include "QXFoundationPrivate.h"
+#include "Internal/QXCharacterSets.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Format.h>
 #include <qx/UUID.h>

@@ -2,7 +2,7 @@
 #include <QXFoundation/QXPropertyListSerialization.h>
 #include <QXFoundation/QXSystemVersion.h>
 
-#include "QXSystemVersionPrivate.h"
+#include "Internal/QXSystemVersionPrivate.h"
 
 #include <qx/Assert.h>
 #include <qx/Format.h>

@@ -1,7 +1,7 @@
 // QXUIDPropertyList.cpp - UID values of keyed archives.
 #include <QXFoundation/QXUIDPropertyList.h>
 
-#include "QXBinaryPlistInternal.h"
+#include "Internal/QXBinaryPlistInternal.h"
 
 namespace {
 

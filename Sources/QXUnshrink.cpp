@@ -1,7 +1,7 @@
 // QXUnshrink.cpp - decoder for ZIP entries stored with the Shrinking method (1).
 #include <QXFoundation/QXUnshrink.h>
 
-#include "QXPendingBytes.h"
+#include "Internal/QXPendingBytes.h"
 
 #include <algorithm>
 #include <cstring>

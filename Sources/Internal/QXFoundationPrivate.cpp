@@ -1,5 +1,5 @@
 // QXFoundationPrivate.cpp - load and unload hooks, the library bundle, QXFLocalizedString.
-#include "QXFoundationPrivate.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Assert.h>
 #include <qx/StringsFile.h>

@@ -1,5 +1,5 @@
 // QXStoragePool.cpp - storage given back by data objects, for the next ones.
-#include "QXStoragePool.h"
+#include "Internal/QXStoragePool.h"
 
 std::shared_ptr<QXStoragePool> QXStoragePool::create(std::size_t maxKept, std::size_t minCapacity,
                                                      std::size_t maxCapacity) {

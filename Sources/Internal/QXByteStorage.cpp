@@ -1,5 +1,5 @@
 // QXByteStorage.cpp - heap or mapped storage for the fixed-size buffers.
-#include "QXByteStorage.h"
+#include "Internal/QXByteStorage.h"
 
 #include <cerrno>
 #include <cstdlib>

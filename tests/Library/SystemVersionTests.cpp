@@ -3,7 +3,7 @@
 
 #include <QXFoundation/QXSystemVersion.h>
 
-#include "QXSystemVersionPrivate.h"
+#include "Internal/QXSystemVersionPrivate.h"
 
 #include <qx/ProcessInfo.h>
 

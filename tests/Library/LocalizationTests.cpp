@@ -1,7 +1,7 @@
 // LocalizationTests.cpp - strings files, bundles, the library bundle and QXFLocalizedString.
 #include <gtest/gtest.h>
 
-#include "QXFoundationPrivate.h"
+#include "Internal/QXFoundationPrivate.h"
 
 #include <qx/Bundle.h>
 #include <qx/StringsFile.h>

@@ -1,7 +1,7 @@
 // StringAdditionsTests.cpp - QXStringAdditions and the text encodings under it.
 #include <gtest/gtest.h>
 
-#include "QXFoundationPrivate.h"
+#include "Internal/QXFoundationPrivate.h"
 #include "ScopedLocale.h"
 
 #include <QXFoundation/QXStringAdditions.h>

@@ -1,5 +1,5 @@
 // StoragePoolTests.cpp - storage given back by data objects, across threads.
-#include "QXStoragePool.h"
+#include "Internal/QXStoragePool.h"
 
 #include <gtest/gtest.h>
 
