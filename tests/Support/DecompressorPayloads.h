@@ -2,6 +2,8 @@
 // time by zlib, libbz2 and liblzma (and a PBZX container around xz chunks).
 #pragma once
 
+#include "TestSupport.h"
+
 #include <qx/Data.h>
 
 #include <gtest/gtest.h>
@@ -23,30 +25,13 @@
 
 namespace decompressorpayloads {
 
-using Bytes = std::vector<std::uint8_t>;
+using qxtest::Bytes;
+using qxtest::makePayload;
+using qxtest::randomBytes;
+using qxtest::toBytes;
+using qxtest::toData;
 using qx::Data;
 using qx::Ref;
-
-// Text-like bytes that compress well but not trivially.
-inline Bytes makePayload(std::size_t size, unsigned seed = 1) {
-    static const char* words[] = {"alpha ", "bravo ", "charlie ", "delta\n", "echo ", "foxtrot ", "golf ", "hotel "};
-    std::mt19937 rng(seed);
-    Bytes out;
-    out.reserve(size);
-    while (out.size() < size) {
-        const char* w = words[rng() % 8];
-        for (const char* p = w; *p && out.size() < size; ++p) out.push_back(static_cast<std::uint8_t>(*p));
-        if (rng() % 5 == 0 && out.size() < size) out.push_back(static_cast<std::uint8_t>(rng()));
-    }
-    return out;
-}
-
-inline Bytes randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 rng(seed);
-    Bytes out(size);
-    for (auto& b : out) b = static_cast<std::uint8_t>(rng());
-    return out;
-}
 
 // windowBits: 15 zlib, 31 gzip, -15 raw deflate.
 inline Bytes deflateBytes(const Bytes& in, int windowBits, int level = 6) {
@@ -103,8 +88,6 @@ inline Bytes pbzxBytes(const std::vector<Bytes>& pieces, const std::vector<std::
     return out;
 }
 
-inline Ref<Data> toData(const Bytes& b) { return Data::withBytes(b.data(), b.size()); }
-inline Bytes toBytes(const Ref<Data>& d) { return d ? Bytes(d->bytes(), d->bytes() + d->length()) : Bytes{}; }
 
 struct Payloads {
     Bytes plain = makePayload(300000);
