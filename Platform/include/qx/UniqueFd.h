@@ -22,8 +22,7 @@ public:
     explicit UniqueFd(int fd) noexcept : fd_(fd) {}
 
     UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
         if (this != &other) reset(other.release());
         return *this;
     }
@@ -36,24 +35,21 @@ public:
     explicit operator bool() const noexcept { return fd_ >= 0; }
 
     /// Gives the descriptor up without closing it; the owner then holds nothing.
-    int release() noexcept
-    {
+    int release() noexcept {
         int fd = fd_;
         fd_ = -1;
         return fd;
     }
 
     /// Closes what is held (ignoring errors) and takes fd.
-    void reset(int fd = -1) noexcept
-    {
+    void reset(int fd = -1) noexcept {
         int old = fd_;
         fd_ = fd;
         if (old >= 0 && old != fd) ::close(old);
     }
 
     /// Closes now; 0, or the errno value of a failed close. Holds nothing after.
-    int close() noexcept
-    {
+    int close() noexcept {
         int fd = release();
         if (fd < 0 || ::close(fd) == 0 || errno == EINTR) return 0;
         return errno;
