@@ -50,16 +50,13 @@ TEST(FileHandleInputStream, ReadAheadFindsTheEndWithTheLastBytes) {
     EXPECT_EQ(s.recorder->count(qx::StreamEventEndEncountered), 1);
     // Delivered after the end, readability is left out of every mask.
     EXPECT_FALSE(s.recorder->snapshot().back() & qx::StreamEventHasBytesAvailable);
-}
 
-TEST(FileHandleInputStream, ReadThatFillsExactlyReportsTheEndAtOnce) {
-    TempDir dir;
-    Opened s(qx::FileHandle::fileHandleForReadingAtPath(dir.file("five", "abcde")));
-    std::string got;
-    EXPECT_EQ(readInto(*s.stream, got, 5), 5);
-    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::AtEnd);
+    // A read that fills exactly finds the end too; so does one of nothing.
+    Opened five(qx::FileHandle::fileHandleForReadingAtPath(dir.file("five", "abcde")));
+    EXPECT_EQ(readInto(*five.stream, got, 5), 5);
+    EXPECT_EQ(five.stream->streamStatus(), qx::StreamStatus::AtEnd);
     Opened empty(qx::FileHandle::fileHandleForReadingAtPath(dir.file("empty", "")));
-    EXPECT_EQ(readInto(*empty.stream, got, 0), 0);  // reads nothing but still looks ahead
+    EXPECT_EQ(readInto(*empty.stream, got, 0), 0);
     EXPECT_EQ(empty.stream->streamStatus(), qx::StreamStatus::AtEnd);
 }
 

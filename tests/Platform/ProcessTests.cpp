@@ -40,6 +40,15 @@ int finish(const Ref<Process>& p) {
     return p->terminationStatus();
 }
 
+// Launches the process with its output on a pipe and reads that to the end.
+std::string output(const Ref<Process>& p) {
+    p->setStandardOutput(Process::Stdio::Pipe);
+    EXPECT_TRUE(p->launch());
+    const std::string out = toString(p->standardOutput()->readDataToEndOfFile());
+    p->waitUntilExit();
+    return out;
+}
+
 } // namespace
 
 TEST(Process, ExitStatusesSignalsAndTermination) {
@@ -90,12 +99,9 @@ TEST(Process, PipesCarryEverythingAndClosingInputEndsTheChild) {
 
 TEST(Process, StreamsMergeOrSplitAndTheEnvironmentIsTheOneGiven) {
     auto merged = shell("echo out; echo err >&2; echo out2");
-    merged->setStandardOutput(Process::Stdio::Pipe);
     merged->setStandardError(Process::Stdio::Output);
-    ASSERT_TRUE(merged->launch());
+    EXPECT_EQ(output(merged), "out\nerr\nout2\n");
     EXPECT_EQ(merged->standardError(), merged->standardOutput());
-    EXPECT_EQ(toString(merged->standardOutput()->readDataToEndOfFile()), "out\nerr\nout2\n");
-    merged->waitUntilExit();
 
     auto split = shell("echo out; echo err >&2; read line; echo \"[$line]\"");
     split->setStandardInput(Process::Stdio::Null);
@@ -109,10 +115,7 @@ TEST(Process, StreamsMergeOrSplitAndTheEnvironmentIsTheOneGiven) {
     auto env = shell("echo \"$GREETING:$HOME:$(pwd)\"");
     env->setEnvironment({{"GREETING", "hello there"}, {"PATH", "/usr/bin:/bin"}});
     env->setCurrentDirectory("/");
-    env->setStandardOutput(Process::Stdio::Pipe);
-    ASSERT_TRUE(env->launch());
-    EXPECT_EQ(toString(env->standardOutput()->readDataToEndOfFile()), "hello there::/\n");
-    env->waitUntilExit();
+    EXPECT_EQ(output(env), "hello there::/\n");
 }
 
 TEST(Process, LaunchFailuresLeaveNothingRunning) {
@@ -151,10 +154,7 @@ TEST(Process, TheTerminalEchoesAndIsTheChildsControllingTerminal) {
 
     auto tty = shell("tty; exec 3</dev/tty && echo controlling");
     tty->setStandardInput(Process::Stdio::Terminal);
-    tty->setStandardOutput(Process::Stdio::Pipe);
-    ASSERT_TRUE(tty->launch());
-    const std::string out = toString(tty->standardOutput()->readDataToEndOfFile());
-    tty->waitUntilExit();
+    const std::string out = output(tty);
     EXPECT_EQ(out.rfind("/dev/pts/", 0), 0u) << out;
     EXPECT_NE(out.find("controlling"), std::string::npos) << out;
 }
