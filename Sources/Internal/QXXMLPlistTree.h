@@ -47,7 +47,7 @@ public:
     static qx::Ref<qx::Data> dataWithDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error = nullptr);
     /// The value of a parsed document whose root is a plist element.
     static qx::Ref<qx::Object> propertyListWithDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error = nullptr);
-    /// The value of one element (recursive); see propertyListFromXMLNode's
-    /// rules in QXPropertyListSerialization.h's XML section.
+    /// The value of one element (recursive), by the rules of
+    /// QXPropertyListSerialization::XMLPropertyListWithData.
     static qx::Ref<qx::Object> propertyListFromNode(const _xmlNode& node, qx::Ref<qx::Error>* error = nullptr);
 };
