@@ -36,17 +36,13 @@ TEST(TextPropertyListWriter, LayoutAndLeaves) {
     const std::vector<std::pair<Ref<Object>, std::string>> cases = {
         {dict({{"a", Number::withInt64(1)}, {"b", str("x y")}}), "{\n    a = 1;\n    b = \"x y\";\n}"},
         {array({Number::withInt64(1), Number::withInt64(2)}), "(\n    1,\n    2\n)"},
-        {Dictionary::create(), "{\n}"},
-        {Array::create(), "(\n)"},
+        {Dictionary::create(), "{\n}"}, {Array::create(), "(\n)"},
         // Nested levels indent four more and start on their own line; keys keep the dictionary's order.
         {dict({{"z", array({dict({{"k", str("v")}}), Array::create()})}, {"a", Number::withBool(true)}}),
          "{\n    z = \n    (\n        \n        {\n            k = v;\n        },\n        \n        (\n        )\n    );\n    a = 1;\n}"},
         // Leaves are their descriptions, escaped; keys alike.
-        {str("plain"), "plain"},
-        {Number::withDouble(2.5), "\"2.5\""},
-        {Number::withInt64(-7), "\"-7\""},
-        {Number::withBool(false), "0"},
-        {Data::withString("\x01\xab"), "\"<01ab>\""},
+        {str("plain"), "plain"}, {Number::withDouble(2.5), "\"2.5\""}, {Number::withInt64(-7), "\"-7\""},
+        {Number::withBool(false), "0"}, {Data::withString("\x01\xab"), "\"<01ab>\""},
         {Date::withTimeIntervalSinceReferenceDate(0), "\"2001-01-01 00:00:00 +0000\""},
         {dict({{"two words", str("")}}), "{\n    \"two words\" = \"\";\n}"},
     };
@@ -96,15 +92,10 @@ TEST(TextPropertyListReader, MalformedTextSaysWhereAndWhy) {
     const std::vector<std::tuple<std::string, std::size_t, std::size_t>> cases = {
         {"{a = b}", 1, 7},  // missing ';'
         {"(1, 2", 1, 1},    // unterminated: where it opened
-        {"{\n  a = b;\n  c = @;\n}", 3, 7},
-        {"\"never closed", 1, 1},
-        {"<0a1>", 1, 5},  // odd number of digits
-        {"<0g>", 1, 3},
-        {"(1 2)", 1, 4},
-        {"{a = b;} extra", 1, 10},
-        {"a = b; c", 1, 9},  // strings file cut short
-        {"(a) /* open", 1, 5},
-        {"\r\n\r\n(@)", 3, 2},
+        {"<0a1>", 1, 5},    // odd number of digits
+        {"a = b; c", 1, 9}, // strings file cut short
+        {"{\n  a = b;\n  c = @;\n}", 3, 7}, {"\"never closed", 1, 1}, {"<0g>", 1, 3}, {"(1 2)", 1, 4},
+        {"{a = b;} extra", 1, 10}, {"(a) /* open", 1, 5}, {"\r\n\r\n(@)", 3, 2},
     };
     for (const auto& [text, line, column] : cases) {
         OldStyleParseFailure failure;
