@@ -111,22 +111,6 @@ TEST(LocalizationStringsFile, EncodingsAreDetected) {
     EXPECT_EQ(value(dictionaryFromStringsFileData("\"k\" = \"a\xFF" "b\"; \"n\" = \"m\";"), "n"), "m");
 }
 
-TEST(LocalizationStringsFile, EveryTruncationAndDamageIsSurvived) {
-    const std::string file = englishTableFile();
-    ASSERT_FALSE(file.empty());
-    const auto full = dictionaryFromStringsFileData(file)->count();
-    for (std::size_t n = 0; n < file.size(); ++n) {
-        // A cut can only lose entries, never invent them.
-        EXPECT_LE(dictionaryFromStringsFileData(std::string_view(file).substr(0, n))->count(), full) << n;
-    }
-    std::string damaged = file;
-    for (std::size_t i = 0; i < damaged.size(); i += 7) damaged[i] = "\"\\;=/*\0"[i % 7];
-    dictionaryFromStringsFileData(damaged);
-    dictionaryFromStringsFileData(std::string(1, '\\'));
-    dictionaryFromStringsFileData("\"a\" = \"\\");
-    dictionaryFromStringsFileData("/* never closed");
-}
-
 // --- Bundles ----------------------------------------------------------------
 
 TEST(LocalizationBundle, OverrideDirectoryWinsAndPathsFollowTheLocalisation) {

@@ -44,6 +44,18 @@ protected:
         EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
     }
     std::string out() const { return (work() / "out").string(); }
+    // qx decompress as a process whose standard error, and standard input or output, are pipes.
+    static qx::Ref<qx::Process> launch(const std::vector<std::string>& args, bool inputPipe,
+                                       const std::map<std::string, std::string>& environment = {}) {
+        auto process = qx::Process::create(QX_QX_BINARY, args);
+        if (!environment.empty()) process->setEnvironment(environment);
+        process->setStandardInput(inputPipe ? qx::Process::Stdio::Pipe : qx::Process::Stdio::Null);
+        process->setStandardOutput(inputPipe ? qx::Process::Stdio::Null : qx::Process::Stdio::Pipe);
+        process->setStandardError(qx::Process::Stdio::Pipe);
+        qx::Ref<qx::Error> error;
+        EXPECT_TRUE(process->launch(&error)) << qx::describe(error.get());
+        return process;
+    }
     const std::string plain = toString(payloads().plain);
 };
 
@@ -171,12 +183,7 @@ TEST_F(QxDecompress, FullDiskLeavesNoDestinationAndNoTemporary) {
 }
 
 TEST_F(QxDecompress, ClosedOutputPipeIsReportedNotSilent) {
-    auto process = qx::Process::create(QX_QX_BINARY, {"decompress", input("p.bz2", payloads().bzip2)});
-    process->setStandardInput(qx::Process::Stdio::Null);
-    process->setStandardOutput(qx::Process::Stdio::Pipe);
-    process->setStandardError(qx::Process::Stdio::Pipe);
-    qx::Ref<qx::Error> error;
-    ASSERT_TRUE(process->launch(&error)) << qx::describe(error.get());
+    auto process = launch({"decompress", input("p.bz2", payloads().bzip2)}, false);
     // Some output proves the child is writing; then the reader goes away.
     EXPECT_EQ(process->standardOutput()->readDataOfLength(1000)->length(), 1000u);
     process->standardOutput()->closeFile();
@@ -191,22 +198,13 @@ TEST_F(QxDecompress, InterruptDuringASlowDecodeExitsWithTheSignalAndLeavesNoDest
     // An interrupted command leaves at once, without joining threads that may
     // be blocked on input; a thread sanitizer in the child would report those.
     std::map<std::string, std::string> environment;
-    for (char** entry = environ; *entry; ++entry) {
-        const std::string text = *entry;
-        if (const auto equals = text.find('='); equals != std::string::npos)
-            environment[text.substr(0, equals)] = text.substr(equals + 1);
-    }
+    for (char** e = environ; *e; ++e)
+        if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
     environment["TSAN_OPTIONS"] += (environment["TSAN_OPTIONS"].empty() ? "" : ":") + std::string("report_thread_leaks=0");
     const Bytes& gz = payloads().gzip;
     for (const int signal : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(signal);
-        auto process = qx::Process::create(QX_QX_BINARY, {"decompress", "-", "-o", out()});
-        process->setEnvironment(environment);
-        process->setStandardInput(qx::Process::Stdio::Pipe);
-        process->setStandardOutput(qx::Process::Stdio::Null);
-        process->setStandardError(qx::Process::Stdio::Pipe);
-        qx::Ref<qx::Error> error;
-        ASSERT_TRUE(process->launch(&error)) << qx::describe(error.get());
+        auto process = launch({"decompress", "-", "-o", out()}, true, environment);
         // Half the payload, and the pipe kept open: the decoder waits for more.
         process->standardInput()->writeBytes(gz.data(), gz.size() / 2);
         // Output in the temporary file shows the signal handling set up and the decoder at work.
