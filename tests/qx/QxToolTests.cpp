@@ -203,7 +203,7 @@ TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRangeOfFilesAndPipes) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "00000000  48 65 6C 6C 6F 2C 20 68 65 78 64 75 6D 70 21 0A  Hello, hexdump!.\n"
              "00000010  80 CA 78 79 " + pad + " \u00c4.xy\n"},
-        {{"--offset", "3", "--length", "1000"}, "00000003  6C 6C 6F 2C 20 68 65 78 64 75 6D 70 21 0A 80 CA  lo, hexdump!.\u00c4.\n"
+        {{"--offset", "3", "--length", "1000"}, "00000003  6C 6F 2C 20 68 65 78 64 75 6D 70 21 0A 80 CA 78  lo, hexdump!.\u00c4.x\n"
                                                 "00000013  79 " + onePad + "y\n"},
         {{"--offset", "0x12", "--length", "0X1"}, "00000012  78 " + onePad + "x\n"},
         {{"--offset", "20"}, ""},
