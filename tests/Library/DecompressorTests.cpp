@@ -137,17 +137,17 @@ TEST(DecompressorDetection, RealPayloadsAreRecognisedFromDataAndFiles) {
 
 TEST(DecompressorDetection, ZlibPrefixesAndShortData) {
     for (std::uint8_t second : {0x9C, 0xDA, 0x01})
-        EXPECT_TRUE(QXDecompressor::isDataZlibCompressed(toData({0x78, second, 0x00})));
-    EXPECT_FALSE(QXDecompressor::isDataZlibCompressed(toData({0x78, 0x5E, 0x00})));
-    EXPECT_FALSE(QXDecompressor::isDataGZCompressed(toData({0x1F})));
-    EXPECT_FALSE(QXDecompressor::isDataXZCompressed(toData({0xFD, 0x37, 0x7A, 0x58, 0x5A})));
+        EXPECT_TRUE(QXDecompressor::isDataZlibCompressed(toData(Bytes{0x78, second, 0x00})));
+    EXPECT_FALSE(QXDecompressor::isDataZlibCompressed(toData(Bytes{0x78, 0x5E, 0x00})));
+    EXPECT_FALSE(QXDecompressor::isDataGZCompressed(toData(Bytes{0x1F})));
+    EXPECT_FALSE(QXDecompressor::isDataXZCompressed(toData(Bytes{0xFD, 0x37, 0x7A, 0x58, 0x5A})));
     EXPECT_FALSE(QXDecompressor::isDataCompressed(Data::create()));
     // A prefix list is tried in order and each prefix must fit in the data.
     auto magics = qx::Array::create();
-    magics->addObject(toData({1, 2, 3, 4}));
-    magics->addObject(toData({1, 2}));
-    EXPECT_TRUE(QXDecompressor::doesMagic(magics, toData({1, 2, 3})));
-    EXPECT_FALSE(QXDecompressor::doesMagic(magics, toData({1})));
+    magics->addObject(toData(Bytes{1, 2, 3, 4}));
+    magics->addObject(toData(Bytes{1, 2}));
+    EXPECT_TRUE(QXDecompressor::doesMagic(magics, toData(Bytes{1, 2, 3})));
+    EXPECT_FALSE(QXDecompressor::doesMagic(magics, toData(Bytes{1})));
 }
 
 // ---------------------------------------------------------------------------
@@ -277,7 +277,7 @@ TEST(DecompressorStreaming, ShortFirstChunksAreHeldUntilTheyDecide) {
     const auto& p = payloads();
     // Deflate family, decided from two bytes: one byte is held.
     auto any = QXDecompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithmDeflateAny);
-    auto first = any->decompressedDataFromStreamWithInputData(toData({p.zlib[0]}), false);
+    auto first = any->decompressedDataFromStreamWithInputData(toData(Bytes{p.zlib[0]}), false);
     ASSERT_TRUE(first);
     EXPECT_EQ(first->length(), 0u);
     EXPECT_FALSE(any->isSetUp());
@@ -296,7 +296,7 @@ TEST(DecompressorStreaming, ShortFirstChunksAreHeldUntilTheyDecide) {
 
     // Automatic detection holds bytes that match no prefix yet.
     auto automatic = QXDecompressor::initForStreamingAndReturnError();
-    EXPECT_EQ(automatic->decompressedDataFromStreamWithInputData(toData({0xFD, 0x37, 0x7A}), false)->length(), 0u);
+    EXPECT_EQ(automatic->decompressedDataFromStreamWithInputData(toData(Bytes{0xFD, 0x37, 0x7A}), false)->length(), 0u);
     EXPECT_EQ(automatic->algorithm(), QXDecompressionAlgorithmAutomatic);
     auto xzOut = automatic->decompressedDataFromStreamWithInputData(toData(Bytes(p.xz.begin() + 3, p.xz.end())), true);
     EXPECT_EQ(automatic->algorithm(), QXDecompressionAlgorithmXZ);
@@ -348,7 +348,7 @@ TEST(DecompressorStreaming, ZlibStopsAtItsEndAndIgnoresTrailingBytes) {
     auto out = d->decompressedDataFromStreamWithInputData(toData(input), false);
     EXPECT_EQ(toBytes(out), p.plain);
     EXPECT_TRUE(d->isFinished());
-    auto later = d->decompressedDataFromStreamWithInputData(toData({1, 2, 3}), true);
+    auto later = d->decompressedDataFromStreamWithInputData(toData(Bytes{1, 2, 3}), true);
     ASSERT_TRUE(later);
     EXPECT_EQ(later->length(), 0u);
 }

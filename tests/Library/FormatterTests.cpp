@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "ScopedLocale.h"
+#include "TestSupport.h"
 
 #include <QXFoundation/QXFileSizeFormatter.h>
 #include <QXFoundation/QXHexFormatter.h>
@@ -52,23 +53,13 @@ TEST(FileSizeFormatter, ReadsUnitsOfBothFamilies) {
     for (const auto& [text, expected] : cases) EXPECT_EQ(readInt(*f, text), expected) << text;
 }
 
-TEST(FileSizeFormatter, ShowsAndReadsBackInEnglishAndGerman) {
+TEST(FileSizeFormatter, ShowsAndReadsWithTheLocaleDecimalSeparator) {
     const auto f = QXFileSizeFormatter::create();
-    for (const char* locale : {"en_US", "de_DE"}) {
+    for (const auto& [locale, shown, commaRead] : {std::tuple{"en_US", "1.5 KiB", 1}, {"de_DE", "1,5 KiB", 1536}}) {
         ScopedLocale scoped(locale);
-        const bool german = std::string(locale) == "de_DE";
-        EXPECT_EQ(f->stringForObjectValue(qx::Number::withInt32(1536))->utf8(), german ? "1,5 KiB" : "1.5 KiB");
-        EXPECT_EQ(readInt(*f, "1,5 KiB"), german ? 1536 : 1) << locale;
+        EXPECT_EQ(f->stringForObjectValue(qx::Number::withInt32(1536))->utf8(), shown);
+        EXPECT_EQ(readInt(*f, "1,5 KiB"), commaRead) << locale;
         EXPECT_EQ(readInt(*f, "1.5 KiB"), 1536) << locale;
-        // What it writes reads back to within the one decimal shown.
-        for (std::uint64_t size : {0ull, 1023ull, 1536ull, 123456789ull, 5368709120ull}) {
-            const auto text = f->stringForObjectValue(qx::Number::withUInt64(size));
-            const auto back = readInt(*f, text->utf8());
-            ASSERT_TRUE(back) << text->utf8();
-            const double unit = size < 1024 ? 1 : size < (1u << 20) ? 1024.0 : size < (1u << 30) ? 1048576.0 : 1073741824.0;
-            EXPECT_LE(std::abs(static_cast<double>(*back) - static_cast<double>(size)), unit * 0.05 + 0.5)
-                << locale << " " << text->utf8();
-        }
     }
     EXPECT_FALSE(f->stringForObjectValue(str("12")));
     EXPECT_FALSE(f->stringForObjectValue(nullptr));
@@ -115,15 +106,8 @@ TEST(HexNumberFormatter, ReadsPrefixesAndSaturates) {
 
 // --- Hexadecimal dumps ----------------------------------------------------------
 
-TEST(HexFormatter, LegalTextBytesAreExactlyTheDocumentedRanges) {
-    const auto f = QXHexFormatter::formatter();
-    for (unsigned b = 0; b < 256; ++b) {
-        const bool excluded = b < 32 || b == 127 || b == 161 || b == 202 || b == 255;
-        EXPECT_EQ(f->isAsciiCharLegal(static_cast<std::uint8_t>(b)), !excluded) << b;
-    }
-}
-
 TEST(HexFormatter, DumpsBytesWithTheirTextColumn) {
+    // Control bytes, DEL, and Mac OS Roman's 0xA1, 0xCA and 0xFF show as ".".
     const auto f = QXHexFormatter::formatter();
     qx::Ref<qx::String> text;
     EXPECT_EQ(f->hexStringForData(qx::Data::withString(std::string("A\0", 2)), &text)->utf8(), "41 00 ");
@@ -144,16 +128,14 @@ TEST(HexFormatter, ReadsHexTextIntoBytes) {
     };
     for (const auto& [hex, bytes] : cases) EXPECT_EQ(bytesOf(f->dataFromHexString(qx::String(hex))), bytes) << hex;
 
-    // Any bytes survive a dump and a read.
+    // Any bytes survive a dump and a read, as data or as an object value.
     std::mt19937 random(7);
     for (int round = 0; round < 20; ++round) {
-        std::string bytes(static_cast<std::size_t>(random() % 300), '\0');
-        for (char& b : bytes) b = static_cast<char>(random());
+        const std::string bytes = qxtest::toString(qxtest::randomBytes(random() % 300, round));
         const auto dump = f->hexStringForData(qx::Data::withString(bytes));
-        EXPECT_EQ(bytesOf(f->dataFromHexString(*dump)), bytes);
         qx::Ref<qx::Object> value;
         ASSERT_TRUE(f->getObjectValue(&value, dump));
-        EXPECT_EQ(bytesOf(qx::dyn_cast<qx::Data>(value)), bytes);
+        EXPECT_EQ(bytesOf(f->dataFromHexString(*dump)) + "|" + bytesOf(qx::dyn_cast<qx::Data>(value)), bytes + "|" + bytes);
     }
 }
 

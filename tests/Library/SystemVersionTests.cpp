@@ -9,7 +9,6 @@
 
 #include <sys/utsname.h>
 
-using qx::OperatingSystemVersion;
 using qx::ProcessInfo;
 
 namespace {
@@ -19,7 +18,6 @@ std::string fixture(const char* name) { return std::string(QX_TESTDATA_DIR) + "/
 struct Version {
     std::int64_t major = -1, minor = -1, patch = -1;
 };
-
 Version systemVersion() {
     Version v;
     QXGetSystemVersion(&v.major, &v.minor, &v.patch);
@@ -47,12 +45,10 @@ using SystemVersionFileDeathTest = SystemVersionFile;
 
 TEST_F(SystemVersionFile, TwoAndThreePartVersions) {
     struct Case {
-        const char* file;
+        const char *file, *text;
         std::int64_t major, minor, patch;
-        const char* text;
     };
-    for (const Case& c : {Case{"good-SystemVersion-10.9.plist", 10, 9, 0, "10.9"},
-                          Case{"good-SystemVersion-10.8.5.plist", 10, 8, 5, "10.8.5"}}) {
+    for (const Case& c : {Case{"good-SystemVersion-10.9.plist", "10.9", 10, 9, 0}, Case{"good-SystemVersion-10.8.5.plist", "10.8.5", 10, 8, 5}}) {
         SCOPED_TRACE(c.file);
         use(c.file);
         // Each output may be left out.
@@ -60,17 +56,15 @@ TEST_F(SystemVersionFile, TwoAndThreePartVersions) {
         QXGetSystemVersion(nullptr, &minor, nullptr);
         QXGetSystemVersion(nullptr, nullptr, &patch);
         QXGetSystemVersion(nullptr, nullptr, nullptr);
-        EXPECT_EQ(minor, c.minor);
-        EXPECT_EQ(patch, c.patch);
         const auto v = systemVersion();
-        EXPECT_EQ(std::vector<std::int64_t>({v.major, v.minor, v.patch}), std::vector<std::int64_t>({c.major, c.minor, c.patch}));
+        EXPECT_EQ(std::vector<std::int64_t>({v.major, v.minor, v.patch, minor, patch}),
+                  std::vector<std::int64_t>({c.major, c.minor, c.patch, c.minor, c.patch}));
         EXPECT_EQ(QXGetSystemVersionString()->utf8(), c.text);
-        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch));
-        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major, c.minor - 1, 99));
-        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major - 1, 99, 99));
-        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch + 1));
-        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major, c.minor + 1, 0));
-        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major + 1, 0, 0));
+        // Each part decides only when the ones before it are equal.
+        EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch) && QXSystemVersionIsAtLeast(c.major, c.minor - 1, 99) &&
+                    QXSystemVersionIsAtLeast(c.major - 1, 99, 99));
+        EXPECT_FALSE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch + 1) || QXSystemVersionIsAtLeast(c.major, c.minor + 1, 0) ||
+                     QXSystemVersionIsAtLeast(c.major + 1, 0, 0));
     }
 }
 
@@ -104,12 +98,10 @@ TEST(SystemVersionKernel, AnswersFromTheRunningSystem) {
     ASSERT_EQ(::uname(&u), 0);
     const auto expected = ProcessInfo::versionFromReleaseString(u.release);
     const auto v = systemVersion();
-    EXPECT_EQ(v.major, expected.majorVersion);
-    EXPECT_EQ(v.minor, expected.minorVersion);
-    EXPECT_EQ(v.patch, expected.patchVersion);
+    EXPECT_EQ(std::vector<std::int64_t>({v.major, v.minor, v.patch}),
+              std::vector<std::int64_t>({expected.majorVersion, expected.minorVersion, expected.patchVersion}));
     EXPECT_GT(v.major, 0);
     EXPECT_EQ(QXGetSystemVersionString()->utf8(), std::string(u.sysname) + " " + u.release);
-
     EXPECT_TRUE(QXSystemVersionIsAtLeast(v.major, v.minor, v.patch));
     EXPECT_FALSE(QXSystemVersionIsAtLeast(v.major, v.minor, v.patch + 1));
 }
