@@ -421,6 +421,14 @@ TEST(RemoteFileHandleLocal, APipeIsReadFrontToBackKeepingItsLastBytes) {
         }
         ::close(fd);
     });
+    struct Joiner {  // also when an assertion leaves early: the writer gives up once the reading end is closed
+        std::thread& writer;
+        Ref<Handle>& h;
+        ~Joiner() {
+            h.reset();
+            writer.join();
+        }
+    } joiner{writer, h};
     // Look at the first bytes, go back and read from the start, as a
     // decompressor that detects the format first does.
     EXPECT_EQ(toBytes(h->readDataOfLength(6)), slice(content, 0, 6));
@@ -440,7 +448,6 @@ TEST(RemoteFileHandleLocal, APipeIsReadFrontToBackKeepingItsLastBytes) {
     EXPECT_QX_ERROR(error, NSPOSIXErrorDomain, ESPIPE);
     EXPECT_EQ(h->offsetInFile(), content.size());
     EXPECT_TRUE(toBytes(h->readDataToEndOfFileAndReturnError()).empty());
-    writer.join();
 }
 
 // ---- Resource fork ----
