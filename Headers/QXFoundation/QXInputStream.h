@@ -40,6 +40,8 @@
 //  * stream(Stream&, mask) receives the underlying stream's events; an
 //    override passes the events it wants on to handleEvent(), the single
 //    entry for every event, and ignores streams other than underlyingStream().
+//  * QXInputStream_isLimitedLength() and QXInputStream_bytesLeft() tell an
+//    override whether the read limit is in force and what it still allows.
 //  * the key-path class operations may be hidden by the subclass's own.
 //  * construction: a subclass's factory makes the object with make_shared
 //    (its constructor chaining QXInputStream's protected one, given the
@@ -88,8 +90,6 @@ class QXInputStream : public qx::InputStream, public qx::StreamDelegate {
 public:
     using ReadabilityHandler = std::function<void(QXInputStream& stream)>;
     using EventHandler = std::function<void(QXInputStream& stream, qx::StreamEventMask event)>;
-    /// Names one added private callback, for its removal (never 0).
-    using HandlerToken = std::uint64_t;
 
     static constexpr std::uint64_t kUnlimitedLength = ~std::uint64_t{0};
 
@@ -125,8 +125,6 @@ public:
     /// Up to maxLength bytes (at most what the limit leaves); 0 at the end,
     /// -1 when not open or on failure. Not to be overridden (see above).
     std::int64_t read(std::uint8_t* buffer, std::uint64_t maxLength) final;
-    /// Where read() gets its bytes; the base reads the underlying stream.
-    virtual std::int64_t primitiveRead(std::uint8_t* buffer, std::uint64_t maxLength);
     /// The underlying stream's buffer, clipped to (and counted against) the
     /// limit; false when it has none or the limit is used up.
     bool getBuffer(const std::uint8_t** buffer, std::uint64_t* length) override;
@@ -166,14 +164,6 @@ public:
         return readDataSynchronouslyOfLength(kUnlimitedLength, error);
     }
 
-    /// The underlying stream's delegate entry (on the background thread):
-    /// events of the underlying stream go to handleEvent, others are ignored.
-    void stream(qx::Stream& stream, qx::StreamEventMask event) override;
-    /// The single entry for every event: queues it for delivery and, unless
-    /// it ends the stream, turns an end or error that the status already
-    /// shows into an event of its own.
-    void handleEvent(qx::StreamEventMask event);
-
     const qx::Ref<qx::InputStream>& underlyingStream() const { return underlyingStream_; }
     ReadabilityHandler readabilityHandler() const;
     void setReadabilityHandler(ReadabilityHandler handler);
@@ -181,27 +171,6 @@ public:
     void setEventHandler(EventHandler handler);
     bool sendsReadDataNotifications() const { return sendsReadDataNotifications_.load(); }
     void setSendsReadDataNotifications(bool sends) { sendsReadDataNotifications_.store(sends); }
-
-    // Private callbacks, called after the public ones, in the order added.
-    HandlerToken QXInputStream_addPrivateReadabilityHandler(ReadabilityHandler handler);
-    void QXInputStream_removePrivateReadabilityHandler(HandlerToken token);
-    HandlerToken QXInputStream_addPrivateEventHandler(EventHandler handler);
-    void QXInputStream_removePrivateEventHandler(HandlerToken token);
-    /// Snapshots of the lists.
-    std::vector<ReadabilityHandler> QXInputStream_privateReadabilityHandlers() const;
-    std::vector<EventHandler> QXInputStream_privateEventHandlers() const;
-
-    qx::Ref<qx::StreamDelegate> QXInputStream_streamDelegate() const;
-    bool QXInputStream_isLimitedLength() const { return isLimitedLength_; }
-    std::uint64_t QXInputStream_bytesLeft() const { return bytesLeft_.load(); }
-    bool QXInputStream_isFinished() const { return isFinished_.load(); }
-
-    // Steps of the event path and of the background thread.
-    void QXInputStream_notifyDelegateOfEvent(qx::StreamEventMask event);
-    void QXInputStream_sendNotificationsForEvent(qx::StreamEventMask event);
-    void wakeUpRunLoop();
-    void startBackgroundThread();
-    void stopBackgroundThread();
 
     std::string className() const override { return "QXInputStream"; }
 
@@ -217,7 +186,42 @@ protected:
     static qx::Ref<qx::InputStream> underlyingStreamWithFileHandle(const qx::Ref<qx::FileHandle>& fileHandle,
                                                                    bool closeFileWhenStreamClosed);
 
+    /// Where read() gets its bytes; the base reads the underlying stream.
+    virtual std::int64_t primitiveRead(std::uint8_t* buffer, std::uint64_t maxLength);
+    /// The underlying stream's delegate entry (on the background thread):
+    /// events of the underlying stream go to handleEvent, others are ignored.
+    void stream(qx::Stream& stream, qx::StreamEventMask event) override;
+    /// The single entry for every event: queues it for delivery and, unless
+    /// it ends the stream, turns an end or error that the status already
+    /// shows into an event of its own.
+    void handleEvent(qx::StreamEventMask event);
+    /// The read limit: whether one is in force, and what it still allows.
+    bool QXInputStream_isLimitedLength() const { return isLimitedLength_; }
+    std::uint64_t QXInputStream_bytesLeft() const { return bytesLeft_.load(); }
+
 private:
+    /// Names one added private callback, for its removal (never 0).
+    using HandlerToken = std::uint64_t;
+    // Private callbacks, called after the public ones, in the order added
+    // (the synchronous read waits through them).
+    HandlerToken QXInputStream_addPrivateReadabilityHandler(ReadabilityHandler handler);
+    void QXInputStream_removePrivateReadabilityHandler(HandlerToken token);
+    HandlerToken QXInputStream_addPrivateEventHandler(EventHandler handler);
+    void QXInputStream_removePrivateEventHandler(HandlerToken token);
+    /// Snapshots of the lists.
+    std::vector<ReadabilityHandler> QXInputStream_privateReadabilityHandlers() const;
+    std::vector<EventHandler> QXInputStream_privateEventHandlers() const;
+
+    qx::Ref<qx::StreamDelegate> QXInputStream_streamDelegate() const;
+    bool QXInputStream_isFinished() const { return isFinished_.load(); }
+
+    // Steps of the event path and of the background thread.
+    void QXInputStream_notifyDelegateOfEvent(qx::StreamEventMask event);
+    void QXInputStream_sendNotificationsForEvent(qx::StreamEventMask event);
+    void wakeUpRunLoop();
+    void startBackgroundThread();
+    void stopBackgroundThread();
+
     template <class Handler> struct Entry {
         HandlerToken token;
         Handler handler;

@@ -61,6 +61,8 @@
 /// "QXRemoteFileHandleErrorDomain"; exported for callers, used by no failure path.
 extern const char* const kQXRemoteFileHandleErrorDomain;
 
+class QXRemoteFileHandleStreamWindow;
+
 class QXRemoteFileHandle : public qx::Object {
 public:
     /// A chunked read's callback: (handle, chunk or nothing, done, error or
@@ -106,34 +108,27 @@ public:
     /// Closes the file when closeWhenDone is set (errors are ignored).
     ~QXRemoteFileHandle() override;
 
-    // ---- Properties ----
+    // ---- Properties (set by the initialisers and the handle's own work) ----
 
     bool isSeekable() const { return seekable_.load(); }
-    void setIsSeekable(bool value) { seekable_.store(value); }
     bool isRsrcFork() const { return rsrcFork_.load(); }
-    void setIsRsrcFork(bool value) { rsrcFork_.store(value); }
     bool isReadable() const { return readable_.load(); }
-    void setIsReadable(bool value) { readable_.store(value); }
     bool isWritable() const { return writable_.load(); }
-    void setIsWritable(bool value) { writable_.store(value); }
     bool closeWhenDone() const { return closeWhenDone_.load(); }
     void setCloseWhenDone(bool value) { closeWhenDone_.store(value); }
     /// The open local file; nothing for an HTTP handle.
     const qx::Ref<qx::FileHandle>& systemFileHandle() const { return fileHandle_; }
-    void setSystemFileHandle(qx::Ref<qx::FileHandle> fileHandle) { fileHandle_ = std::move(fileHandle); }
     /// The position of HTTP and resource-fork handles.
     std::uint64_t privateOffsetInFile() const { return privateOffset_.load(); }
-    void setPrivateOffsetInFile(std::uint64_t value) { privateOffset_.store(value); }
     /// Where the handle reads from (set by initForReadingFromURL only).
     const qx::Ref<qx::URL>& URL() const { return url_; }
-    void setURL(qx::Ref<qx::URL> url) { url_ = std::move(url); }
     /// The size once known (read it through fileSize while it may be unknown).
     std::uint64_t privateSize() const { return privateSize_.load(); }
-    void setPrivateSize(std::uint64_t value) { privateSize_.store(value); }
-    /// Held (count 1 taken) while the size is being found; nothing for
-    /// handles that never look their size up.
-    const qx::Ref<qx::Semaphore>& sizeSemaphore() const { return sizeSemaphore_; }
-    void setSizeSemaphore(qx::Ref<qx::Semaphore> semaphore) { sizeSemaphore_ = std::move(semaphore); }
+    /// The status of the last HTTP response (the HEAD, then each ranged
+    /// GET, as each arrives); 0 before any response and for local files
+    /// and resource forks. A ranged GET's status is set before its first
+    /// chunk is delivered.
+    std::int64_t statusCode() const { return statusCode_.load(); }
 
     // ---- Position and size ----
 
@@ -143,16 +138,9 @@ public:
     /// Sets privateOffsetInFile only (a local data-fork handle moves with seekToFileOffset).
     void setOffsetInFile(std::uint64_t offset) { setPrivateOffsetInFile(offset); }
     /// The size; for handles made by initForReadingFromURL it waits until
-    /// calculateFileSize has found it. Other handles report privateSize.
+    /// the size is found (an HTTP handle's HEAD request has been answered).
+    /// Other handles report privateSize.
     std::uint64_t fileSize();
-    /// Finds the size: a local file by seeking to its end and back; an HTTP
-    /// resource by a HEAD request, returning at once (fileSize waits for the
-    /// answer; a transport failure gives size 0 and not seekable).
-    void calculateFileSize();
-    /// Takes the size from a HEAD response: an unknown length gives size 0 and
-    /// not seekable; else the length, seekable only when "Accept-Ranges"
-    /// contains "bytes".
-    void setSizeWithURLResponse(const qx::Ref<qx::HTTPResponse>& response);
     /// The resource fork's length (0 when there is none, at most 0xFFFFFFFF);
     /// POSIX 22 for a handle that is not a resource fork.
     bool getRsrcForkLength(std::uint64_t* length, qx::Ref<qx::Error>* error = nullptr);
@@ -208,16 +196,37 @@ protected:
     QXRemoteFileHandle& operator=(const QXRemoteFileHandle&) = delete;
 
 private:
-    struct LocalReader;
-    struct StreamWindow;
+    void setIsSeekable(bool value) { seekable_.store(value); }
+    void setIsRsrcFork(bool value) { rsrcFork_.store(value); }
+    void setIsReadable(bool value) { readable_.store(value); }
+    void setIsWritable(bool value) { writable_.store(value); }
+    void setPrivateOffsetInFile(std::uint64_t value) { privateOffset_.store(value); }
+    void setPrivateSize(std::uint64_t value) { privateSize_.store(value); }
     qx::Ref<QXRemoteFileHandle> self();
+    qx::Ref<qx::Error> exceptionError(std::int64_t code, const std::exception& exception) const;
+
+    /// Finds the size: a local file by seeking to its end and back; an HTTP
+    /// resource by a HEAD request, returning at once (fileSize waits for the
+    /// answer; a transport failure gives size 0 and not seekable). Holds
+    /// sizeSemaphore_ (count 1) until the size is set.
+    void calculateFileSize();
+    void calculateHTTPFileSize();
+    /// Takes the size from a HEAD response: an unknown length gives size 0 and
+    /// not seekable; else the length, seekable only when "Accept-Ranges"
+    /// contains "bytes".
+    void setSizeWithURLResponse(const qx::Ref<qx::HTTPResponse>& response);
+
+    // The three sources (the HTTP, resource-fork and local units).
     void readHTTP(std::uint64_t length, DataHandler handler);
-    void readRsrcFork(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler);
-    void readLocal(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler);
     qx::Ref<qx::Data> readHTTPSynchronously(std::uint64_t offset, std::uint64_t length, bool toEnd, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> readRsrcForkOfLength(std::uint64_t length, qx::Ref<qx::Error>* error);
+    qx::Ref<qx::Data> readRsrcForkToEnd(qx::Ref<qx::Error>* error);
+    void readRsrcFork(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler);
+    bool writeRsrcFork(const qx::Ref<qx::Data>& data, qx::Ref<qx::Error>* error);
+    bool seekRsrcFork(std::uint64_t offset, qx::Ref<qx::Error>* error);
+    void readLocal(std::uint64_t length, std::uint64_t maxBufferSize, DataHandler handler);
     qx::Ref<qx::Data> readStream(std::uint64_t length, qx::Ref<qx::Error>* error);
     bool seekStream(std::uint64_t offset, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Error> exceptionError(std::int64_t code, const std::exception& exception) const;
 
     std::atomic<bool> seekable_{false};
     std::atomic<bool> rsrcFork_{false};
@@ -228,10 +237,13 @@ private:
     std::atomic<std::uint64_t> privateOffset_{0};
     qx::Ref<qx::URL> url_;
     std::atomic<std::uint64_t> privateSize_{0};
+    std::atomic<std::int64_t> statusCode_{0};
+    // Held (count 1 taken) while the size is being found; nothing for
+    // handles that never look their size up.
     qx::Ref<qx::Semaphore> sizeSemaphore_;
     // The client of the HEAD request; dropping the handle cancels it.
     qx::Ref<qx::HTTPClient> sizeSession_;
     // Only for a local descriptor that cannot seek: its position and the
     // bytes most recently read from it.
-    std::shared_ptr<StreamWindow> stream_;
+    std::shared_ptr<QXRemoteFileHandleStreamWindow> stream_;
 };
