@@ -3,39 +3,23 @@
 
 #include <QXFoundation/QXChecksum.h>
 
-#include <qx/Data.h>
-#include <qx/Error.h>
+#include "TestSupport.h"
+
 #include <qx/URL.h>
 
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
-#include <string>
-
-#include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
+using qxtest::randomBytes;
+using qxtest::toData;
+
 std::string hex(const qx::Ref<qx::Data>& data) {
     if (!data) return "(none)";
-    static const char* digits = "0123456789abcdef";
     std::string text;
-    for (std::size_t i = 0; i < data->length(); ++i) {
-        text += digits[data->bytes()[i] >> 4];
-        text += digits[data->bytes()[i] & 15];
-    }
+    for (std::size_t i = 0; i < data->length(); ++i) text += "0123456789abcdef"[data->bytes()[i] >> 4], text += "0123456789abcdef"[data->bytes()[i] & 15];
     return text;
-}
-
-qx::Ref<qx::Data> randomData(std::size_t size, unsigned seed) {
-    std::mt19937 rng(seed);
-    auto data = qx::Data::create();
-    for (std::size_t i = 0; i < size; ++i) data->appendByte(static_cast<std::uint8_t>(rng()));
-    return data;
 }
 
 struct KnownValue {
@@ -83,7 +67,7 @@ TEST(Checksum, KnownValuesInOnePieceAndInMany) {
 }
 
 TEST(Checksum, RandomPiecesGiveTheOneShotValue) {
-    const auto data = randomData(100000, 1);
+    const auto data = toData(randomBytes(100000, 1));
     std::mt19937 rng(2);
     for (auto algorithm : kAll) {
         SCOPED_TRACE(algorithm);
@@ -99,12 +83,7 @@ TEST(Checksum, RandomPiecesGiveTheOneShotValue) {
     }
 }
 
-TEST(Checksum, OutputLengthsAndIdentifiersWithoutAnAlgorithm) {
-    const std::size_t lengths[] = {4, 4, 16, 16, 20, 28, 32, 48, 64};
-    for (auto algorithm : kAll) {
-        EXPECT_EQ(QXChecksum::checksumForData(qx::Data::withString("x"), algorithm)->length(),
-                  lengths[algorithm - 1]);
-    }
+TEST(Checksum, IdentifiersWithoutAnAlgorithmGiveNothing) {
     for (QXChecksumAlgorithm algorithm : {0, 10, -1, 1000}) {
         SCOPED_TRACE(algorithm);
         EXPECT_FALSE(QXChecksum::checksumForData(qx::Data::withString("abc"), algorithm));
@@ -126,56 +105,38 @@ TEST(Checksum, TheCrosswisePairIsNeitherDigestButIsStable) {
     EXPECT_NE(three, md2OfAbc);
     EXPECT_NE(four, md5OfAbc);
     EXPECT_NE(three, four);
+    EXPECT_EQ(three.size(), 32u);
+    EXPECT_EQ(four.size(), 32u);
     EXPECT_EQ(hex(QXChecksum::checksumForData(abc, QXChecksumAlgorithmMD2)), three);
     EXPECT_NE(hex(QXChecksum::checksumForData(qx::Data::withString("abd"), QXChecksumAlgorithmMD5)), four);
 }
 
-class ChecksumFile : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string tmpl = (fs::temp_directory_path() / "qx-checksum-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr) << std::strerror(errno);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-    fs::path dir_;
-};
-
-TEST_F(ChecksumFile, AFileGivesTheChecksumOfItsBytes) {
+TEST(ChecksumFile, AFileGivesTheChecksumOfItsBytes) {
+    qxtest::TempDir dir;
     // Sizes around the 10,240-byte read.
     for (std::size_t size : {0u, 1u, 10239u, 10240u, 10241u, 30721u}) {
-        const auto data = randomData(size, static_cast<unsigned>(size));
-        const fs::path path = dir_ / ("f" + std::to_string(size));
-        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data->bytes()),
-                                                    static_cast<std::streamsize>(size));
+        const auto bytes = randomBytes(size, static_cast<unsigned>(size));
+        const auto url = qx::URL::fileURLWithPath(dir.file("f", bytes));
         for (auto algorithm : {QXChecksumAlgorithmCRC32, QXChecksumAlgorithmSHA256, QXChecksumAlgorithmSHA512}) {
             qx::Ref<qx::Error> error;
-            const auto sum = QXChecksum::checksumAtURL(qx::URL::fileURLWithPath(path.string()), algorithm, &error);
-            EXPECT_EQ(hex(sum), hex(QXChecksum::checksumForData(data, algorithm))) << size;
+            EXPECT_EQ(hex(QXChecksum::checksumAtURL(url, algorithm, &error)),
+                      hex(QXChecksum::checksumForData(toData(bytes), algorithm))) << size;
             EXPECT_FALSE(error);
         }
     }
 }
 
-TEST_F(ChecksumFile, OpeningAndReadingFailuresAreErrors) {
+TEST(ChecksumFile, OpeningAndReadingFailuresAreErrors) {
+    qxtest::TempDir dir;
     qx::Ref<qx::Error> error;
-    auto missing = qx::URL::fileURLWithPath((dir_ / "missing").string());
-    EXPECT_FALSE(QXChecksum::checksumAtURL(missing, QXChecksumAlgorithmSHA1, &error));
-    ASSERT_TRUE(error);
     // The opening's own error: the platform's "no such file".
-    EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
-    EXPECT_EQ(error->code(), 260);
-
+    EXPECT_FALSE(QXChecksum::checksumAtURL(qx::URL::fileURLWithPath(dir / "missing"), QXChecksumAlgorithmSHA1, &error));
+    EXPECT_QX_ERROR(error, qx::NSCocoaErrorDomain, 260);
     // A directory opens but cannot be read.
     error = nullptr;
-    auto directory = qx::URL::fileURLWithPath(dir_.string());
+    auto directory = qx::URL::fileURLWithPath(dir.path().string());
     EXPECT_FALSE(QXChecksum::checksumAtURL(directory, QXChecksumAlgorithmSHA1, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
-    EXPECT_EQ(error->code(), 256);
+    EXPECT_QX_ERROR(error, qx::NSCocoaErrorDomain, 256);
     EXPECT_NE(error->localizedDescription().find(std::strerror(EISDIR)), std::string::npos)
         << error->localizedDescription();
     EXPECT_FALSE(QXChecksum::checksumAtURL(directory, QXChecksumAlgorithmSHA1));  // no error asked for

@@ -17,8 +17,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -123,28 +121,5 @@ inline std::vector<Format> everyFormat() {
             {"xz", &p.xz, QXDecompressionAlgorithmAutomatic},
             {"pbzx", &p.pbzx, QXDecompressionAlgorithmAutomatic}};
 }
-
-// A temporary directory for payload files, removed with the object.
-class PayloadFiles {
-public:
-    PayloadFiles() {
-        char pattern[] = "/tmp/qx-payloads-XXXXXX";
-        root_ = ::mkdtemp(pattern);
-    }
-    ~PayloadFiles() { std::filesystem::remove_all(root_); }
-    PayloadFiles(const PayloadFiles&) = delete;
-    PayloadFiles& operator=(const PayloadFiles&) = delete;
-    /// Writes the bytes to name; returns its path.
-    std::string write(const std::string& name, const Bytes& bytes) const {
-        const auto path = (root_ / name).string();
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return path;
-    }
-    std::string path(const std::string& name) const { return (root_ / name).string(); }
-
-private:
-    std::filesystem::path root_;
-};
 
 } // namespace decompressorpayloads
