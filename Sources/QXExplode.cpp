@@ -8,7 +8,6 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
-#include <vector>
 
 namespace {
 
@@ -23,23 +22,29 @@ class ShannonFanoTree {
 public:
     static constexpr std::uint32_t kMissing = 0x80000000u;
 
+    explicit ShannonFanoTree(const QXDecoderMemory* memory) : nodes_(Alloc<Node>(memory)), table_(Alloc<std::uint32_t>(memory)) {}
+
     static std::uint32_t bitsOf(std::uint32_t slot) { return (slot >> 16) & 0x1F; }
     static std::uint32_t symbolOf(std::uint32_t slot) { return slot & 0xFFFF; }
 
     bool present() const { return !table_.empty(); }
     std::uint32_t lookup(std::uint64_t bits) const { return table_[bits & mask_]; }
 
-    // Builds the tree from one code length per symbol; 0, QXEXPLODE_BAD_TREE
-    // when two codes collide, or QXEXPLODE_DATA_ERROR when memory runs out.
-    int build(const std::vector<std::uint8_t>& lengths) {
+    // Builds the tree from one code length (1..16) per symbol; 0, or
+    // QXEXPLODE_BAD_TREE when two codes collide. Throws std::bad_alloc when
+    // memory runs out.
+    int build(const QXDecoderVector<std::uint8_t>& lengths) {
         const std::size_t count = lengths.size();
-        std::vector<std::uint32_t> order(count);
-        for (std::size_t i = 0; i < count; ++i) order[i] = static_cast<std::uint32_t>(i);
-        // Stable: the j-th code of a length goes to the j-th symbol of that length.
-        std::stable_sort(order.begin(), order.end(),
-                         [&](std::uint32_t a, std::uint32_t b) { return lengths[a] < lengths[b]; });
+        const Alloc<std::uint32_t> alloc(table_.get_allocator());
+        // Symbols by length, each length in symbol order: the j-th code of a
+        // length goes to the j-th symbol of that length.
+        QXDecoderVector<std::uint32_t> order(alloc);
+        order.reserve(count);
+        for (unsigned length = 1; length <= kMaxCodeLength; ++length)
+            for (std::size_t i = 0; i < count; ++i)
+                if (lengths[i] == length) order.push_back(static_cast<std::uint32_t>(i));
 
-        std::vector<std::uint16_t> codes(count);
+        QXDecoderVector<std::uint16_t> codes(count, alloc);
         std::uint16_t code = 0, increment = 0;
         unsigned lastLength = 0;
         for (std::size_t i = count; i-- > 0;) {
@@ -76,12 +81,14 @@ public:
         table_.assign(std::size_t{1} << maxLength, 0);
         mask_ = (std::uint64_t{1} << maxLength) - 1;
         fill(0, 0, 0);
-        nodes_.clear();
-        nodes_.shrink_to_fit();
+        QXDecoderVector<Node>(nodes_.get_allocator()).swap(nodes_);
         return 0;
     }
 
 private:
+    template <typename T>
+    using Alloc = QXDecoderAllocator<T>;
+
     struct Node {
         std::int32_t child[2] = {-1, -1};
         std::int32_t symbol = -1;  // -1 for an inner node
@@ -111,14 +118,21 @@ private:
         }
     }
 
-    std::vector<Node> nodes_;           // only while building
-    std::vector<std::uint32_t> table_;  // 2^maxLength slots
+    QXDecoderVector<Node> nodes_;           // only while building
+    QXDecoderVector<std::uint32_t> table_;  // 2^maxLength slots
     std::uint64_t mask_ = 0;
 };
 
 struct ExplodeState {
+    explicit ExplodeState(const QXDecoderMemory& hooks)
+        : memory(hooks), pending(&memory), history(QXDecoderAllocator<std::uint8_t>(&memory)),
+          trees{ShannonFanoTree(&memory), ShannonFanoTree(&memory), ShannonFanoTree(&memory)} {}
+    ExplodeState(const ExplodeState&) = delete;
+    ExplodeState& operator=(const ExplodeState&) = delete;
+
+    QXDecoderMemory memory;           // first: everything below allocates from it
     QXPendingBytes pending;           // input taken but not yet decoded
-    std::vector<std::uint8_t> history;
+    QXDecoderVector<std::uint8_t> history;
     std::size_t historyLength = 0;    // bytes of history in use; <= history.size()
     std::size_t handedOut = 0;        // leading history bytes already given to the caller
     unsigned bitPosition = 0;         // 0..7, inside the first pending byte
@@ -139,7 +153,7 @@ int readTree(ExplodeState& state, ShannonFanoTree& tree) {
     const std::size_t size = state.pending.size();
     if (size < 1 || size < std::size_t{in[0]} + 2) return QXEXPLODE_NEED_INPUT;
     const std::size_t runs = std::size_t{in[0]} + 1;
-    std::vector<std::uint8_t> lengths;
+    QXDecoderVector<std::uint8_t> lengths(QXDecoderAllocator<std::uint8_t>(&state.memory));
     lengths.reserve(runs * 16);
     for (std::size_t i = 1; i <= runs; ++i) lengths.insert(lengths.end(), (in[i] >> 4) + 1u, static_cast<std::uint8_t>((in[i] & 0x0F) + 1));
     const int result = tree.build(lengths);
@@ -279,13 +293,23 @@ int decodeSymbols(ExplodeState& state, std::uint64_t producedBefore) {
 } // namespace
 
 extern "C" QXExplodeStream* QXExplodeInit(uint64_t uncompressedSize, bool largeDictionary, bool literalTree) {
-    auto* stream = new (std::nothrow) QXExplodeStream{};
+    return QXExplodeInitWithAllocator(uncompressedSize, largeDictionary, literalTree, nullptr, nullptr, nullptr);
+}
+
+extern "C" QXExplodeStream* QXExplodeInitWithAllocator(uint64_t uncompressedSize, bool largeDictionary,
+                                                       bool literalTree, QXAllocFunction zalloc, QXFreeFunction zfree,
+                                                       void* opaque) {
+    const QXDecoderMemory memory{zalloc, zfree, opaque};
+    auto* stream = memory.create<QXExplodeStream>();
     if (!stream) return nullptr;
-    auto* state = new (std::nothrow) ExplodeState;
+    auto* state = memory.create<ExplodeState>(memory);
     if (!state) {
-        delete stream;
+        memory.destroy(stream);
         return nullptr;
     }
+    stream->zalloc = zalloc;
+    stream->zfree = zfree;
+    stream->opaque = opaque;
     state->uncompressedSize = uncompressedSize;
     state->literalTree = literalTree;
     state->minimumMatch = literalTree ? 3 : 2;
@@ -347,7 +371,9 @@ extern "C" int QXExplode(QXExplodeStream* stream, const uint8_t** output, uint64
 
 extern "C" int QXExplodeCleanup(QXExplodeStream* stream) {
     if (!stream) return 0;
-    delete static_cast<ExplodeState*>(stream->state);
-    delete stream;
+    auto* state = static_cast<ExplodeState*>(stream->state);
+    const QXDecoderMemory memory = state ? state->memory : QXDecoderMemory{stream->zalloc, stream->zfree, stream->opaque};
+    memory.destroy(state);
+    memory.destroy(stream);
     return 0;
 }

@@ -14,6 +14,11 @@ constexpr std::uint8_t kMagic[4] = {0x70, 0x62, 0x7A, 0x78};
 constexpr std::size_t kChunkHeaderLength = 16;
 
 struct PBZXState {
+    explicit PBZXState(const QXDecoderMemory& hooks) : memory(hooks), pending(&memory) {}
+    PBZXState(const PBZXState&) = delete;
+    PBZXState& operator=(const PBZXState&) = delete;
+
+    QXDecoderMemory memory;       // first: the pending input allocates from it
     QXPendingBytes pending;       // input taken but not yet handed out
     std::uint64_t flags = 0;      // from the header; kept, not interpreted
     std::uint64_t lastCopy = 0;   // chunk bytes handed out by the previous call
@@ -29,14 +34,20 @@ std::uint64_t readBigEndian64(const std::uint8_t* p) {
 
 } // namespace
 
-extern "C" QXPBZXDecodeStream* QXPBZXDecodeInit(void) {
-    auto* stream = new (std::nothrow) QXPBZXDecodeStream{};
+extern "C" QXPBZXDecodeStream* QXPBZXDecodeInit(void) { return QXPBZXDecodeInitWithAllocator(nullptr, nullptr, nullptr); }
+
+extern "C" QXPBZXDecodeStream* QXPBZXDecodeInitWithAllocator(QXAllocFunction zalloc, QXFreeFunction zfree, void* opaque) {
+    const QXDecoderMemory memory{zalloc, zfree, opaque};
+    auto* stream = memory.create<QXPBZXDecodeStream>();
     if (!stream) return nullptr;
-    stream->state = new (std::nothrow) PBZXState;
+    stream->state = memory.create<PBZXState>(memory);
     if (!stream->state) {
-        delete stream;
+        memory.destroy(stream);
         return nullptr;
     }
+    stream->zalloc = zalloc;
+    stream->zfree = zfree;
+    stream->opaque = opaque;
     return stream;
 }
 
@@ -103,7 +114,9 @@ extern "C" int QXPBZXDecode(QXPBZXDecodeStream* stream) {
 
 extern "C" int QXPBZXDecodeCleanup(QXPBZXDecodeStream* stream) {
     if (!stream) return 0;
-    delete static_cast<PBZXState*>(stream->state);
-    delete stream;
+    auto* state = static_cast<PBZXState*>(stream->state);
+    const QXDecoderMemory memory = state ? state->memory : QXDecoderMemory{stream->zalloc, stream->zfree, stream->opaque};
+    memory.destroy(state);
+    memory.destroy(stream);
     return 0;
 }

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
-#include <vector>
 
 namespace {
 
@@ -27,16 +26,23 @@ struct Entry {
 };
 
 struct UnshrinkState {
+    explicit UnshrinkState(const QXDecoderMemory& hooks)
+        : memory(hooks), pending(&memory), table(QXDecoderAllocator<Entry>(&memory)),
+          stash(QXDecoderAllocator<std::uint8_t>(&memory)) {}
+    UnshrinkState(const UnshrinkState&) = delete;
+    UnshrinkState& operator=(const UnshrinkState&) = delete;
+
+    QXDecoderMemory memory;              // first: everything below allocates from it
     QXPendingBytes pending;              // input not yet committed as decoded
     std::uint64_t uncompressedSize = 0;
-    std::vector<Entry> table;            // capacity = table.size(), a multiple of 512
+    QXDecoderVector<Entry> table;        // capacity = table.size(), a multiple of 512
     std::size_t nextFree = kFirstFreeCode;
     unsigned bitPosition = 0;            // 0..7, inside the first pending byte
     std::uint16_t previous = 0;
     bool firstCode = true;
     unsigned width = 9;
     std::uint64_t produced = 0;          // bytes decoded: handed out plus stashed
-    std::vector<std::uint8_t> stash;     // decoded bytes that found no output room yet
+    QXDecoderVector<std::uint8_t> stash; // decoded bytes that found no output room yet
     std::size_t stashHead = 0;           // stash[stashHead..] are still to hand out
     std::uint8_t scratch[kMaxCodes + 1];  // one string, rebuilt back to front
 };
@@ -200,20 +206,29 @@ int decode(QXUnshrinkStream& stream, UnshrinkState& state, CodeReader& reader, s
 } // namespace
 
 extern "C" QXUnshrinkStream* QXUnshrinkInit(uint64_t uncompressedSize) {
-    auto* stream = new (std::nothrow) QXUnshrinkStream{};
+    return QXUnshrinkInitWithAllocator(uncompressedSize, nullptr, nullptr, nullptr);
+}
+
+extern "C" QXUnshrinkStream* QXUnshrinkInitWithAllocator(uint64_t uncompressedSize, QXAllocFunction zalloc,
+                                                         QXFreeFunction zfree, void* opaque) {
+    const QXDecoderMemory memory{zalloc, zfree, opaque};
+    auto* stream = memory.create<QXUnshrinkStream>();
     if (!stream) return nullptr;
-    auto* state = new (std::nothrow) UnshrinkState;
+    auto* state = memory.create<UnshrinkState>(memory);
     if (!state) {
-        delete stream;
+        memory.destroy(stream);
         return nullptr;
     }
     try {
         state->table.resize(kTableStep);
     } catch (const std::bad_alloc&) {
-        delete state;
-        delete stream;
+        memory.destroy(state);
+        memory.destroy(stream);
         return nullptr;
     }
+    stream->zalloc = zalloc;
+    stream->zfree = zfree;
+    stream->opaque = opaque;
     for (std::uint32_t b = 0; b < 256; ++b) {
         Entry& entry = state->table[b];
         entry.length = 1;
@@ -257,7 +272,9 @@ extern "C" int QXUnshrink(QXUnshrinkStream* stream) {
 
 extern "C" int QXUnshrinkCleanup(QXUnshrinkStream* stream) {
     if (!stream) return 0;
-    delete static_cast<UnshrinkState*>(stream->state);
-    delete stream;
+    auto* state = static_cast<UnshrinkState*>(stream->state);
+    const QXDecoderMemory memory = state ? state->memory : QXDecoderMemory{stream->zalloc, stream->zfree, stream->opaque};
+    memory.destroy(state);
+    memory.destroy(stream);
     return 0;
 }

@@ -30,6 +30,7 @@ for t in "${targets[@]}"; do
                '1.5 KiB' '2 megabytes' '$FF' 'TEXT' '\x80\xa5\xdb\xf0' 'a.b\\c*?'; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
+    ZipArchive*) find tests/fixtures/zip/archives -type f | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
     Explode*|Unshrink*|PBZXDecode*) python3 fuzz/make-codec-seeds.py "$t" "$corpus" ;;
     DecompressorFuzzer)
       i=0

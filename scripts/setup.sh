@@ -5,6 +5,8 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
+  ccache                           # compiler cache for every build of scripts/test.sh
+  gcovr                            # scripts/coverage.sh
   clang libclang-rt-dev            # fuzzing (libFuzzer) and the sanitizer runtimes
   libicu-dev                       # collation, case mapping, locale-aware formatting
   libcurl4-openssl-dev             # URL parsing, HTTP

@@ -13,8 +13,14 @@
 // valid until the next call or QXExplodeCleanup. Output is never more than the
 // uncompressed size. Whatever the input, the decoder reads and writes only its
 // own buffers and the caller's input, and its memory stays near the dictionary
-// plus one call's output.
+// plus one call's output. Every allocation goes through the stream's zalloc and
+// zfree (see QXExplodeInitWithAllocator); a refused one ends the stream with
+// QXEXPLODE_DATA_ERROR.
+//
+// Thread safety: no global state; one stream per thread.
 #pragma once
+
+#include <QXFoundation/QXDecoderAllocator.h>
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -40,12 +46,20 @@ typedef struct QXExplodeStream {
     uint64_t total_in;       // bytes taken so far
     uint64_t total_out;      // bytes handed out so far
     void* state;             // private; owned by the stream
+    QXAllocFunction zalloc;  // as given at Init; null for malloc
+    QXFreeFunction zfree;    // as given at Init; null for free
+    void* opaque;            // handed to zalloc and zfree
 } QXExplodeStream;
 
 /// A decoder for an entry of uncompressedSize bytes: an 8 KiB dictionary when
 /// largeDictionary (flag bit 1), 4 KiB otherwise; a literal tree when
 /// literalTree (flag bit 2). Null when memory runs out.
 QXExplodeStream* QXExplodeInit(uint64_t uncompressedSize, bool largeDictionary, bool literalTree);
+
+/// QXExplodeInit with memory from zalloc and zfree (null for malloc and free),
+/// the stream itself included. Null when memory runs out.
+QXExplodeStream* QXExplodeInitWithAllocator(uint64_t uncompressedSize, bool largeDictionary, bool literalTree,
+                                            QXAllocFunction zalloc, QXFreeFunction zfree, void* opaque);
 
 /// Takes all input and decodes what it can. With QXEXPLODE_OK or
 /// QXEXPLODE_NEED_INPUT, *output and *outputLength (each optional) give the

@@ -16,8 +16,15 @@
 //
 // The decoder validates nothing about sizes: a chunk header announcing more
 // data than ever comes leaves it inside that chunk, returning 3 on every call.
-// It never reads or writes outside the buffers it was given.
+// It never reads or writes outside the buffers it was given. Every allocation
+// goes through the stream's zalloc and zfree (see
+// QXPBZXDecodeInitWithAllocator); a refused one is QXPBZX_MEM_ERROR, after
+// which only QXPBZXDecodeCleanup may follow.
+//
+// Thread safety: no global state; one stream per thread.
 #pragma once
+
+#include <QXFoundation/QXDecoderAllocator.h>
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -57,11 +64,18 @@ typedef struct QXPBZXDecodeStream {
     uint64_t chunk_compressed_size;    // from the current chunk header
     uint64_t chunk_uncompressed_size;  // from the current chunk header
 
-    void* state;  // private; owned by the stream
+    void* state;             // private; owned by the stream
+    QXAllocFunction zalloc;  // as given at Init; null for malloc
+    QXFreeFunction zfree;    // as given at Init; null for free
+    void* opaque;            // handed to zalloc and zfree
 } QXPBZXDecodeStream;
 
 /// A new stream with every field zero, or null when memory runs out.
 QXPBZXDecodeStream* QXPBZXDecodeInit(void);
+
+/// QXPBZXDecodeInit with memory from zalloc and zfree (null for malloc and
+/// free), the stream itself included. Null when memory runs out.
+QXPBZXDecodeStream* QXPBZXDecodeInitWithAllocator(QXAllocFunction zalloc, QXFreeFunction zfree, void* opaque);
 
 /// Takes all of the input, then hands out what it can of the current chunk.
 /// Returns QXPBZX_OK, QXPBZX_AGAIN or QXPBZX_NEED_INPUT; QXPBZX_MEM_ERROR and

@@ -17,8 +17,15 @@
 // string that does not fit is kept inside and handed out by the next calls.
 // Output is never more than the uncompressed size, and the table never holds
 // more than the 8,192 entries that 13-bit codes can name. Whatever the input,
-// the decoder reads and writes only its own buffers and the caller's.
+// the decoder reads and writes only its own buffers and the caller's. Every
+// allocation goes through the stream's zalloc and zfree (see
+// QXUnshrinkInitWithAllocator); a refused one ends the stream with
+// QXUNSHRINK_MEM_ERROR.
+//
+// Thread safety: no global state; one stream per thread.
 #pragma once
+
+#include <QXFoundation/QXDecoderAllocator.h>
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -47,10 +54,18 @@ typedef struct QXUnshrinkStream {
     uint64_t avail_out;      // bytes of room at next_out
     uint64_t total_out;      // bytes written so far
     void* state;             // private; owned by the stream
+    QXAllocFunction zalloc;  // as given at Init; null for malloc
+    QXFreeFunction zfree;    // as given at Init; null for free
+    void* opaque;            // handed to zalloc and zfree
 } QXUnshrinkStream;
 
 /// A decoder for an entry of uncompressedSize bytes, or null when memory runs out.
 QXUnshrinkStream* QXUnshrinkInit(uint64_t uncompressedSize);
+
+/// QXUnshrinkInit with memory from zalloc and zfree (null for malloc and free),
+/// the stream itself included. Null when memory runs out.
+QXUnshrinkStream* QXUnshrinkInitWithAllocator(uint64_t uncompressedSize, QXAllocFunction zalloc, QXFreeFunction zfree,
+                                              void* opaque);
 
 /// Takes all input and decodes as far as input and output room allow.
 /// Results 1, 3 and 4 end the stream: only QXUnshrinkCleanup may follow.

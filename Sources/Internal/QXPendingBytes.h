@@ -3,16 +3,20 @@
 // A byte queue with append at the back and removal from the front. Removal
 // only moves a read offset; the bytes still wanted are moved down when an
 // append would otherwise grow the storage, so that feeding a decoder many
-// small pieces costs linear, not quadratic, time.
+// small pieces costs linear, not quadratic, time. Its storage comes from the
+// decoder's memory hooks.
 #pragma once
+
+#include "Internal/QXDecoderMemory.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <vector>
 
 class QXPendingBytes {
 public:
+    explicit QXPendingBytes(const QXDecoderMemory* memory) : bytes_(QXDecoderAllocator<std::uint8_t>(memory)) {}
+
     const std::uint8_t* data() const { return bytes_.data() + head_; }
     std::size_t size() const { return bytes_.size() - head_; }
     bool empty() const { return size() == 0; }
@@ -46,6 +50,6 @@ private:
         head_ = 0;
     }
 
-    std::vector<std::uint8_t> bytes_;
+    QXDecoderVector<std::uint8_t> bytes_;
     std::size_t head_ = 0;  // 0 <= head_ <= bytes_.size()
 };

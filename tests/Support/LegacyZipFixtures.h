@@ -2,10 +2,14 @@
 //
 // Archive entries are cut out of their archives at the offsets the per-entry
 // manifests give; raw streams come with their expected output. Each stream
-// knows what its decoded bytes must hash to.
+// knows what its decoded bytes must hash to. Also: input piece sizes and
+// memory hooks that refuse one allocation, shared by the decoders' tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <random>
@@ -43,6 +47,46 @@ inline PieceSize fixed(std::size_t n) { return [n] { return n; }; }
 inline PieceSize randomPieces(unsigned seed, std::size_t largest) {
     auto rng = std::make_shared<std::mt19937>(seed);
     return [rng, largest] { return std::uniform_int_distribution<std::size_t>(1, largest)(*rng); };
+}
+
+/// Memory hooks for a decoder that refuse allocation number failAt (from 0)
+/// and count the blocks still live.
+struct FailingAllocator {
+    std::size_t failAt = SIZE_MAX;
+    std::size_t calls = 0;
+    long live = 0;
+    bool refused() const { return calls > failAt; }
+    static void* alloc(void* self, std::size_t items, std::size_t size) {
+        auto& a = *static_cast<FailingAllocator*>(self);
+        if (a.calls++ == a.failAt) return nullptr;
+        ++a.live;
+        return std::malloc(items * size);
+    }
+    static void release(void* self, void* address) {
+        --static_cast<FailingAllocator*>(self)->live;
+        std::free(address);
+    }
+};
+
+/// decode's result when its Init gave null.
+constexpr int kInitFailed = -1;
+
+/// Runs decode with allocation N refused for N = 0, 1, ... until a run needs
+/// every allocation it asks for: each refused run must end in outOfMemory (or
+/// a failed Init), the last in success, and no run may leave a block behind.
+inline void failEachAllocation(const std::function<int(FailingAllocator&)>& decode, int outOfMemory, int success) {
+    for (std::size_t n = 0;; ++n) {
+        FailingAllocator hooks;
+        hooks.failAt = n;
+        const int result = decode(hooks);
+        ASSERT_EQ(hooks.live, 0) << "a leak after refusing allocation " << n;
+        if (!hooks.refused()) {
+            EXPECT_EQ(result, success);
+            EXPECT_GE(n, 3u) << "the stream, its state and its buffers come from the hooks";
+            return;
+        }
+        ASSERT_TRUE(result == kInitFailed || result == outOfMemory) << result << " after refusing allocation " << n;
+    }
 }
 
 } // namespace legacyzip
