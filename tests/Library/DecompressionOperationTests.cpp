@@ -7,6 +7,7 @@
 #include <QXFoundation/QXError.h>
 
 #include "DecompressorPayloads.h"
+#include "Internal/QXDecompressorTesting.h"
 
 #include <qx/OperationQueue.h>
 
@@ -54,8 +55,8 @@ Bytes drain(QXDecompressionOperation& op) {
 // Sets a small ring buffer for the operations made while it lives.
 class SmallBuffers {
 public:
-    explicit SmallBuffers(std::uint64_t bytes) { QXDecompressionOperation::setBufferSizeOverrideForTesting(bytes); }
-    ~SmallBuffers() { QXDecompressionOperation::setBufferSizeOverrideForTesting(0); }
+    explicit SmallBuffers(std::uint64_t bytes) { QXSetChunkBufferSizeForTesting(bytes); }
+    ~SmallBuffers() { QXSetChunkBufferSizeForTesting(0); }
 };
 
 // Waits, without sleeping a fixed time, until the operation's buffer is full:

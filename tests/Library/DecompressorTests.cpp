@@ -6,6 +6,7 @@
 #include <QXFoundation/QXDecompressor.h>
 
 #include "DecompressorPayloads.h"
+#include "Internal/QXDecompressorTesting.h"
 #include "LegacyZipEncoders.h"
 #include "LegacyZipFixtures.h"
 #include "StreamTestSupport.h"
@@ -19,6 +20,7 @@
 #include <zlib.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +41,9 @@ using qx::Ref;
 using namespace decompressorpayloads;
 
 namespace {
+
+// Byte lists written in place ({0x78, 0x9C}) would match both shared forms.
+Ref<Data> toData(std::initializer_list<std::uint8_t> bytes) { return qxtest::toData(Bytes(bytes)); }
 
 // Feeds input in pieces of `step` bytes, then an empty final call, draining
 // while the decompressor asks to run again. Null on failure.
@@ -783,8 +788,8 @@ const ManyChunks& manyChunks() {
 // Tiny chunk buffers, so that chunk decoders run into full buffers and wait.
 class SmallChunkBuffers {
 public:
-    explicit SmallChunkBuffers(std::uint64_t bytes) { QXDecompressionOperation::setBufferSizeOverrideForTesting(bytes); }
-    ~SmallChunkBuffers() { QXDecompressionOperation::setBufferSizeOverrideForTesting(0); }
+    explicit SmallChunkBuffers(std::uint64_t bytes) { QXSetChunkBufferSizeForTesting(bytes); }
+    ~SmallChunkBuffers() { QXSetChunkBufferSizeForTesting(0); }
 };
 
 // The chunk decoders now in the shared queue, held weakly.
@@ -916,4 +921,28 @@ TEST(DecompressorPBZX, CancelOrDestroyMidStreamWakesAndReleasesEveryChunkDecoder
         d.reset();
         EXPECT_TRUE(allReleased(ops));
     }
+}
+
+// A file only its owner may read must not become readable by everyone when
+// it is replaced by its decompressed content, in place or as a destination.
+TEST(DecompressorDrivers, ReplacingAFileKeepsItsMode) {
+    TempDir dir;
+    const auto& p = payloads();
+    auto modeOf = [](const Ref<qx::URL>& url) {
+        struct stat info {};
+        return ::stat(url->path().c_str(), &info) == 0 ? (info.st_mode & 07777) : 0u;
+    };
+    auto secret = dir.write("secret.xz", p.xz);
+    ASSERT_EQ(::chmod(secret->path().c_str(), 0600), 0);
+    EXPECT_EQ(QXDecompressor::decompressFileAtURL(secret), static_cast<std::int64_t>(p.plain.size()));
+    EXPECT_EQ(dir.read("secret.xz"), p.plain);
+    EXPECT_EQ(modeOf(secret), 0600u);
+
+    auto destination = dir.write("out", Bytes{1, 2, 3});
+    ASSERT_EQ(::chmod(destination->path().c_str(), 0640), 0);
+    EXPECT_EQ(QXDecompressor::decompressFileAtURLToURL(dir.write("a.gz", p.gzip), destination),
+              static_cast<std::int64_t>(p.plain.size()));
+    EXPECT_EQ(dir.read("out"), p.plain);
+    EXPECT_EQ(modeOf(destination), 0640u);
+    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"a.gz", "out", "secret.xz"}));
 }

@@ -133,10 +133,10 @@ std::string httpStatusProblem(const std::string& source) {
     return "the server answered with HTTP status " + std::to_string(code);
 }
 
-// The payload's format from its first bytes, as the library would decide it
-// for automatic detection and for the deflate family. Read here, at the
-// range's start, rather than left to the driver: the trailer check must know
-// the format too, and the driver would look at the handle's position instead.
+// The payload's format from its first bytes, as the library decides it for
+// automatic detection and for the deflate family. Read here, at the range's
+// start, rather than left to the driver: the trailer check must know the
+// format too, and the driver would look at the handle's position instead.
 // The handle is put back at the range's start.
 bool resolveAlgorithm(QXRemoteFileHandle& handle, const DecompressOptions& options, QXDecompressionAlgorithm& algorithm,
                       qx::Ref<qx::Error>* error) {
@@ -146,15 +146,7 @@ bool resolveAlgorithm(QXRemoteFileHandle& handle, const DecompressOptions& optio
     auto head = options.length == 0 ? qx::Data::create()
                                     : handle.readDataOfLength(std::min<std::uint64_t>(options.length, QXDecompressor::maxMagicLength()), error);
     if (!head || !handle.seekToFileOffset(options.offset, error)) return false;
-    if (algorithm == QXDecompressionAlgorithmAutomatic) {
-        if (!QXDecompressor::isDataCompressed(head, &algorithm)) algorithm = QXDecompressionAlgorithmNone;
-    } else if (QXDecompressor::isDataZlibCompressed(head)) {
-        algorithm = QXDecompressionAlgorithmZlib;
-    } else if (QXDecompressor::isDataGZCompressed(head)) {
-        algorithm = QXDecompressionAlgorithmGzip;
-    } else {
-        algorithm = QXDecompressionAlgorithmRawDeflate;
-    }
+    algorithm = QXDecompressor::resolvedAlgorithmForData(head, algorithm);
     return true;
 }
 

@@ -6,6 +6,8 @@
 
 #include <QXFoundation/QXDecompressor.h>
 
+#include <qx/UniqueFd.h>
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -34,14 +36,12 @@ const char* formatName(QXDecompressionAlgorithm algorithm) {
 
 // Empty when the file can be read as a regular file or a stream, else why not.
 std::string unreadableReason(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::strerror(errno);
+    qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return std::strerror(errno);
     struct stat info {};
-    std::string reason;
-    if (::fstat(fd, &info) != 0) reason = std::strerror(errno);
-    else if (S_ISDIR(info.st_mode)) reason = std::strerror(EISDIR);
-    ::close(fd);
-    return reason;
+    if (::fstat(fd.get(), &info) != 0) return std::strerror(errno);
+    if (S_ISDIR(info.st_mode)) return std::strerror(EISDIR);
+    return {};
 }
 
 int runDetect(const std::vector<std::string>& files) {
