@@ -517,6 +517,7 @@ void QXRemoteFileHandle::calculateFileSize() {
     auto task = sizeSession_->dataTaskWithRequest(request, [weak](const Ref<Data>&, const Ref<qx::HTTPResponse>& response, const Ref<Error>& error) {
         const auto handle = weak.lock();
         if (!handle) return;
+        if (response) handle->statusCode_.store(response->statusCode());
         if (error) {
             handle->setPrivateSize(0);
             handle->setIsSeekable(false);
@@ -698,6 +699,9 @@ void QXRemoteFileHandle::readHTTP(std::uint64_t length, DataHandler handler) {
             handle->setOffsetInFile(handle->offsetInFile() + (chunk ? chunk->length() : 0));
             return handler ? handler(handle, chunk, done, error) : true;
         });
+    delegate->setResponseHandler([handle](const Ref<qx::HTTPResponse>& response) {
+        if (response) handle->statusCode_.store(response->statusCode());
+    });
     // The session lives as long as its transfer: the delegate holds it until
     // the completion, the task holds the delegate until then.
     auto session = qx::HTTPClient::create(qx::SerialQueue::create(kConnectionQueueName));

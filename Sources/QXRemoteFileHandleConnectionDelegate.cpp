@@ -31,6 +31,12 @@ void QXRemoteFileHandleConnectionDelegate::setDataHandler(DataHandler handler) {
     handler_ = std::move(shared);
 }
 
+void QXRemoteFileHandleConnectionDelegate::setResponseHandler(ResponseHandler handler) {
+    auto shared = handler ? std::make_shared<const ResponseHandler>(std::move(handler)) : nullptr;
+    std::lock_guard<std::mutex> lock(mutex_);
+    responseHandler_ = std::move(shared);
+}
+
 void QXRemoteFileHandleConnectionDelegate::setSession(Ref<HTTPClient> session) {
     std::lock_guard<std::mutex> lock(mutex_);
     session_ = std::move(session);
@@ -86,6 +92,15 @@ void QXRemoteFileHandleConnectionDelegate::invokeDataHandlerWithConnection(HTTPT
     }
 }
 
+void QXRemoteFileHandleConnectionDelegate::didReceiveResponse(HTTPTask&, const Ref<qx::HTTPResponse>& response) {
+    std::shared_ptr<const ResponseHandler> handler;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        handler = responseHandler_;
+    }
+    if (handler) (*handler)(response);
+}
+
 void QXRemoteFileHandleConnectionDelegate::didReceiveData(HTTPTask& task, const Ref<Data>& data) {
     if (const auto session = this->session())
         URLSessionDataTask(*session, task, data);
@@ -100,6 +115,7 @@ void QXRemoteFileHandleConnectionDelegate::didCompleteWithError(HTTPTask& task, 
         // delegate's only owner) and of the handler with what it holds.
         setSession(nullptr);
         setDataHandler(nullptr);
+        setResponseHandler(nullptr);
     } else if (error) {
         connectionDidFailWithError(task, error);
     } else {

@@ -135,6 +135,12 @@ public:
     const qx::Ref<qx::Semaphore>& sizeSemaphore() const { return sizeSemaphore_; }
     void setSizeSemaphore(qx::Ref<qx::Semaphore> semaphore) { sizeSemaphore_ = std::move(semaphore); }
 
+    /// The status of the last HTTP response (the HEAD, then each ranged
+    /// GET, as each arrives); 0 before any response and for local files
+    /// and resource forks. A ranged GET's status is set before its first
+    /// chunk is delivered.
+    std::int64_t statusCode() const { return statusCode_.load(); }
+
     // ---- Position and size ----
 
     /// The platform handle's position for a local data-fork handle, else
@@ -228,6 +234,7 @@ private:
     std::atomic<std::uint64_t> privateOffset_{0};
     qx::Ref<qx::URL> url_;
     std::atomic<std::uint64_t> privateSize_{0};
+    std::atomic<std::int64_t> statusCode_{0};
     qx::Ref<qx::Semaphore> sizeSemaphore_;
     // The client of the HEAD request; dropping the handle cancels it.
     qx::Ref<qx::HTTPClient> sizeSession_;

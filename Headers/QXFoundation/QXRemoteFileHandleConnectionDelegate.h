@@ -27,12 +27,16 @@
 class QXRemoteFileHandleConnectionDelegate : public qx::Object, public qx::HTTPTaskDelegate {
 public:
     using DataHandler = std::function<bool(const qx::Ref<qx::Data>& chunk, bool done, const qx::Ref<qx::Error>& error)>;
+    /// Told of the response (status and header fields) before any body piece.
+    using ResponseHandler = std::function<void(const qx::Ref<qx::HTTPResponse>& response)>;
 
     static qx::Ref<QXRemoteFileHandleConnectionDelegate> initWithDataHandler(DataHandler handler);
 
     DataHandler dataHandler() const;
     /// Copied when set.
     void setDataHandler(DataHandler handler);
+    /// Copied when set; let go of with the data handler when a session transfer ends.
+    void setResponseHandler(ResponseHandler handler);
     bool isStopped() const { return stopped_.load(); }
     void setIsStopped(bool value) { stopped_.store(value); }
 
@@ -62,6 +66,7 @@ public:
                                          const qx::Ref<qx::Error>& error);
 
     // qx::HTTPTaskDelegate: routed to the session or the connection style.
+    void didReceiveResponse(qx::HTTPTask& task, const qx::Ref<qx::HTTPResponse>& response) override;
     void didReceiveData(qx::HTTPTask& task, const qx::Ref<qx::Data>& data) override;
     void didCompleteWithError(qx::HTTPTask& task, const qx::Ref<qx::Error>& error) override;
 
@@ -74,8 +79,9 @@ private:
     // Shared so that a call takes it with one count instead of a copy.
     std::shared_ptr<const DataHandler> handler() const;
 
-    mutable std::mutex mutex_;  // guards handler_ and session_
+    mutable std::mutex mutex_;  // guards handler_, responseHandler_ and session_
     std::shared_ptr<const DataHandler> handler_;
+    std::shared_ptr<const ResponseHandler> responseHandler_;
     qx::Ref<qx::HTTPClient> session_;
     std::atomic<bool> stopped_{false};
 };

@@ -731,6 +731,34 @@ TEST(RemoteFileHandleHTTP, WhateverTheServerSendsIsDelivered) {
     EXPECT_EQ(bytesOf(moved->readDataInRange(500, 100)), slice(content, 500, 100));
 }
 
+TEST(RemoteFileHandleHTTP, StatusCodeIsThatOfTheLastResponse) {
+    const auto content = HttpTestServer::patternBytes(1000);
+    HttpTestServer server(content);
+    auto ranged = Handle::initForReadingFromURL(URL::URLWithString(server.url(HttpTestServer::RangesPath)));
+    EXPECT_EQ(ranged->fileSize(), 1000u);
+    EXPECT_EQ(ranged->statusCode(), 200);  // the HEAD
+    // A ranged GET's status is there by its first chunk.
+    auto seen = std::make_shared<std::atomic<std::int64_t>>(0);
+    auto d = std::make_shared<Deliveries>();
+    d->answer = [seen](Handle& h, std::size_t, const Ref<Data>&) {
+        if (!seen->load()) seen->store(h.statusCode());
+        return true;
+    };
+    ranged->readDataAtOffset(10, 20, Handle::ToEndOfFile, Deliveries::handler(d));
+    ASSERT_TRUE(d->waitOver());
+    EXPECT_EQ(seen->load(), 206);
+    EXPECT_EQ(ranged->statusCode(), 206);
+
+    auto missing = Handle::initForReadingFromURL(URL::URLWithString(server.url(HttpTestServer::NotFoundPath)));
+    EXPECT_EQ(missing->readDataToEndOfFileAndReturnError()->view(), "no such resource");
+    EXPECT_EQ(missing->statusCode(), 404);
+
+    TempDir dir;
+    auto local = Handle::initForReadingFromURL(fileURL(dir.file("a", content)));
+    EXPECT_EQ(local->readDataOfLength(10)->length(), 10u);
+    EXPECT_EQ(local->statusCode(), 0);
+}
+
 TEST(RemoteFileHandleHTTP, ChunkedReadEndsWithExactlyOneDone) {
     const auto content = HttpTestServer::patternBytes(3 * 1024 * 1024);
     HttpTestServer server(content, 1024 * 1024);
