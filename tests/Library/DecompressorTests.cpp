@@ -42,9 +42,6 @@ using namespace decompressorpayloads;
 
 namespace {
 
-// Byte lists written in place ({0x78, 0x9C}) would match both shared forms.
-Ref<Data> toData(std::initializer_list<std::uint8_t> bytes) { return qxtest::toData(Bytes(bytes)); }
-
 // Feeds input in pieces of `step` bytes, then an empty final call, draining
 // while the decompressor asks to run again. Null on failure.
 Ref<Data> decodeInPieces(const Ref<QXDecompressor>& d, const Bytes& input, std::size_t step, Ref<Error>* error) {

@@ -36,10 +36,10 @@ const char* formatName(QXDecompressionAlgorithm algorithm) {
 
 // Empty when the file can be read as a regular file or a stream, else why not.
 std::string unreadableReason(const std::string& path) {
-    qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) return std::strerror(errno);
+    const qx::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) return std::strerror(errno);
     struct stat info {};
-    if (::fstat(fd.get(), &info) != 0) return std::strerror(errno);
+    if (::fstat(file.get(), &info) != 0) return std::strerror(errno);
     if (S_ISDIR(info.st_mode)) return std::strerror(EISDIR);
     return {};
 }
