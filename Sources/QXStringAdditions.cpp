@@ -8,6 +8,7 @@
 
 #include <qx/Format.h>
 #include <qx/UUID.h>
+#include <qx/UniqueFd.h>
 
 #include <unicode/dcfmtsym.h>
 #include <unicode/locid.h>
@@ -105,11 +106,12 @@ qx::Ref<qx::Data> readURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::Error>* error
         if (error) *error = QXGenerateError(qx::NSCocoaErrorDomain, 262, url);
         return nullptr;
     }
-    const int fd = ::open(url->path().c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const qx::UniqueFd file(::open(url->path().c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
         if (error) *error = fileReadError(errno, url);
         return nullptr;
     }
+    const int fd = file.get();
     struct stat st;
     int failure = 0;
     if (::fstat(fd, &st) != 0) failure = errno;
@@ -123,7 +125,6 @@ qx::Ref<qx::Data> readURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::Error>* error
         else if (n == 0) break;
         else if (errno != EINTR) failure = errno;
     }
-    ::close(fd);
     if (failure) {
         if (error) *error = fileReadError(failure, url);
         return nullptr;

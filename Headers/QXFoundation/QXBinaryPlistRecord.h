@@ -1,7 +1,8 @@
 // QXBinaryPlistRecord.h - a property-list value paired with a file offset.
 //
 // A small record kept for callers that index the objects of a binary file;
-// the reader and writer do not use it.
+// the reader and writer do not use it. Not synchronised: one thread changes a
+// record at a time, and no thread reads it meanwhile.
 #pragma once
 
 #include <qx/Object.h>

@@ -4,7 +4,8 @@
 // offset-table entries and of object references, the object count, the root
 // object's number and where the offset table starts. A trailer object holds
 // those fields and the offset table itself, decoded once so that looking up
-// an object's offset is an index operation. It is read-only after creation.
+// an object's offset is an index operation. It is read-only after creation,
+// so any number of threads may use one trailer at once.
 #pragma once
 
 #include <qx/Data.h>

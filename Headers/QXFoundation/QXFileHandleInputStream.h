@@ -15,6 +15,8 @@
 //
 // Handle faults never escape: a failed read puts the stream in Error with
 // NSCocoaErrorDomain 256 and the fault's text, and returns -1.
+//
+// One reading thread at a time; events may be raised on any thread.
 #pragma once
 
 #include <qx/FileHandle.h>

@@ -5,6 +5,8 @@
 // delegate as ErrorOccurred, at once, on the writing thread; the status is
 // left as it was. The stream has no run-loop behaviour and raises no other
 // events.
+//
+// One writing thread at a time; the stream takes no lock of its own.
 #pragma once
 
 #include <qx/FileHandle.h>

@@ -2,6 +2,7 @@
 //
 // All three look through NSUnderlyingErrorKey, so that an error the library
 // wrapped around a system error still answers for it.
+// They keep no state; any thread.
 #pragma once
 
 #include <qx/Error.h>

@@ -3,6 +3,9 @@
 // The library's own serialiser. Writing never relies on anything else; reading
 // tries the library's readers first and passes data they cannot read to the
 // fallback reader. All operations are class operations.
+//
+// Thread safety: calls on separate values may run on separate threads at once;
+// the only state kept between calls is the shared display formatters, made under a lock.
 #pragma once
 
 #include <qx/Array.h>
@@ -15,7 +18,6 @@
 #include <qx/StringEncoding.h>
 
 #include <cstdint>
-#include <memory>
 
 /// Property-list format codes.
 using QXPropertyListFormat = std::uint64_t;
@@ -24,21 +26,6 @@ inline constexpr QXPropertyListFormat QXPropertyListXMLFormat_v1_0 = 100;
 inline constexpr QXPropertyListFormat QXPropertyListBinaryFormat_v1_0 = 200;
 
 class QXBinaryPlistTrailer;
-
-// The XML document library's node and document (libxml2), owned through
-// these handles so that no caller frees them by hand.
-struct _xmlNode;
-struct _xmlDoc;
-struct QXXMLNodeDeleter {
-    void operator()(_xmlNode* node) const;
-};
-struct QXXMLDocumentDeleter {
-    void operator()(_xmlDoc* document) const;
-};
-/// An XML element with its subtree, not linked into any document.
-using QXXMLElement = std::unique_ptr<_xmlNode, QXXMLNodeDeleter>;
-/// A parsed XML document.
-using QXXMLDocument = std::unique_ptr<_xmlDoc, QXXMLDocumentDeleter>;
 
 /// Containers (the root counts) an XML property list may nest, for reading
 /// and writing alike. The XML parser refuses documents whose elements nest
@@ -170,31 +157,14 @@ public:
     /// The UTF-8 bytes of the whole XML document for plist.
     static qx::Ref<qx::Data> xmlDataWithPropertyList(const qx::Ref<qx::Object>& plist,
                                                      qx::Ref<qx::Error>* error = nullptr);
-    /// The element for plist (recursive). A UID becomes the dictionary
-    /// { "CF$UID": n }, where n is read from the UID's bytes as a binary
-    /// integer object (the first byte taken as the size marker) when they are
-    /// at most 8 bytes, and is the bytes as data otherwise; other writers'
-    /// archives depend on exactly this reading, so it is not int64Value.
-    static QXXMLElement xmlElementWithPropertyList(const qx::Ref<qx::Object>& plist,
-                                                   qx::Ref<qx::Error>* error = nullptr);
-    /// The same document as a libxml2 tree (xmlDataWithPropertyList prints
-    /// exactly what dataWithXMLDocument prints of this tree, without building it).
-    static QXXMLDocument xmlDocumentWithPropertyList(const qx::Ref<qx::Object>& plist,
-                                                     qx::Ref<qx::Error>* error = nullptr);
-    /// libxml2's pretty printing of a document, in UTF-8.
-    static qx::Ref<qx::Data> dataWithXMLDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error = nullptr);
     /// Reads an XML document (the DOCTYPE is neither required nor checked).
+    /// Text in empty "string", "key" and "data" elements is the empty text (so
+    /// empty strings, keys and data read back); empty "integer" and "real"
+    /// elements fail with 256. Number text decides the kind: digits alone make
+    /// an integer (unsigned when above the signed range), anything else that
+    /// parses a real. A dictionary whose only key is "CF$UID" is a UID.
     static qx::Ref<qx::Object> XMLPropertyListWithData(const qx::Ref<qx::Data>& data,
                                                        qx::Ref<qx::Error>* error = nullptr);
-    /// The value of a parsed document whose root is a plist element.
-    static qx::Ref<qx::Object> propertyListWithXMLDocument(const _xmlDoc& document,
-                                                           qx::Ref<qx::Error>* error = nullptr);
-    /// The value of one element (recursive). Text in empty "string", "key" and
-    /// "data" elements is the empty text (so empty strings, keys and data read
-    /// back); empty "integer" and "real" elements fail with 256. Number text
-    /// decides the kind: digits alone make an integer (unsigned when above the
-    /// signed range), anything else that parses a real.
-    static qx::Ref<qx::Object> propertyListFromXMLNode(const _xmlNode& node, qx::Ref<qx::Error>* error = nullptr);
     /// Standard base64 with "=" padding on one line.
     static qx::Ref<qx::String> base64StringWithData(const qx::Ref<qx::Data>& data,
                                                     qx::Ref<qx::Error>* error = nullptr);

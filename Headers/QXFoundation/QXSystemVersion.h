@@ -1,4 +1,6 @@
 // QXSystemVersion.h - the running operating system's version.
+//
+// Any thread: the version is read once, under a lock, and then kept.
 #pragma once
 
 #include <qx/String.h>

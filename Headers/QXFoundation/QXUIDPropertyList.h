@@ -3,7 +3,8 @@
 // A UID is a run of 1 to 16 big-endian bytes that a keyed archive uses to
 // point at another object of its object list. Two UIDs are never equal by
 // content: archives compare them by identity, so isEqual and hash are the
-// root object's.
+// root object's. A UID is not synchronised: one thread changes it at a time,
+// and no thread reads it meanwhile.
 #pragma once
 
 #include <qx/Data.h>

@@ -65,18 +65,14 @@ struct FileHandle::Watcher {
     bool stop = false;                 // guarded by mutex
     std::atomic<std::uint64_t> reads{0};  // reads through the handle
     std::atomic<bool> disarmed{false};    // waiting for a read before looking again
-    int wakeFd = -1;
-    int epollFd = -1;
+    UniqueFd wakeFd;
+    UniqueFd epollFd;
     bool edgeWatched = false;          // fd is in epollFd (pipes, sockets, terminals)
     std::thread thread;
 
-    ~Watcher() {
-        if (epollFd >= 0) ::close(epollFd);
-        if (wakeFd >= 0) ::close(wakeFd);
-    }
     void wake() const {
         const std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = ::write(wakeFd, &one, sizeof one);
+        [[maybe_unused]] ssize_t n = ::write(wakeFd.get(), &one, sizeof one);
     }
     static void run(const std::shared_ptr<Watcher>& w, FileHandle* handle, int fd);
 };
@@ -95,13 +91,13 @@ void FileHandle::Watcher::run(const std::shared_ptr<Watcher>& w, FileHandle* han
             // Sleep until new data arrives (an edge on pipes and sockets), the
             // handle is read (which re-arms), or we are told to stop.
             struct epoll_event events[2];
-            const int n = ::epoll_wait(w->epollFd, events, 2, -1);
+            const int n = ::epoll_wait(w->epollFd.get(), events, 2, -1);
             if (n < 0 && errno != EINTR) return;
             bool edge = false;
             for (int i = 0; i < n; ++i) {
-                if (events[i].data.fd == w->wakeFd) {
+                if (events[i].data.fd == w->wakeFd.get()) {
                     std::uint64_t count;
-                    [[maybe_unused]] ssize_t r = ::read(w->wakeFd, &count, sizeof count);
+                    [[maybe_unused]] ssize_t r = ::read(w->wakeFd.get(), &count, sizeof count);
                 } else {
                     edge = true;
                 }
@@ -137,7 +133,7 @@ FileHandle::FileHandle(int fd, bool closeOnDealloc) : fd_(fd), closeOnDealloc_(c
 
 FileHandle::~FileHandle() {
     stopWatcher();
-    if (closeOnDealloc_ && fd_ >= 0) ::close(fd_);
+    if (!closeOnDealloc_) (void)fd_.release();
 }
 
 Ref<FileHandle> FileHandle::openAtPath(const std::string& path, int flags, Ref<Error>* error, const Ref<URL>& url) {
@@ -187,7 +183,7 @@ Ref<FileHandle> FileHandle::fileHandleWithStandardError() { return initWithFileD
 Ref<FileHandle> FileHandle::fileHandleWithNullDevice() { return openAtPath("/dev/null", O_RDWR, nullptr, nullptr); }
 
 void FileHandle::checkOpen(const char* operation) const {
-    if (fd_ < 0) raise(operation, EBADF);
+    if (fd_.get() < 0) raise(operation, EBADF);
 }
 
 void FileHandle::noteRead() {
@@ -243,7 +239,7 @@ void readInto(int fd, Data& out, std::uint64_t length, bool once, const char* op
 Ref<Data> FileHandle::readDataOfLength(std::uint64_t length) {
     checkOpen("readDataOfLength:");
     auto data = Data::create();
-    if (length > 0) readInto(fd_, *data, length, false, "readDataOfLength:");
+    if (length > 0) readInto(fd_.get(), *data, length, false, "readDataOfLength:");
     noteRead();
     return data;
 }
@@ -255,7 +251,7 @@ std::uint64_t FileHandle::readBytesOfLength(void* buffer, std::uint64_t length) 
     while (done < length) {
         const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(length - done, SSIZE_MAX));
         ssize_t n;
-        do n = ::read(fd_, into + done, want);
+        do n = ::read(fd_.get(), into + done, want);
         while (n < 0 && errno == EINTR);
         if (n < 0) raise("readDataOfLength:", errno);
         if (n == 0) break;
@@ -268,7 +264,7 @@ std::uint64_t FileHandle::readBytesOfLength(void* buffer, std::uint64_t length) 
 Ref<Data> FileHandle::readDataToEndOfFile() {
     checkOpen("readDataToEndOfFile");
     auto data = Data::create();
-    readInto(fd_, *data, std::numeric_limits<std::uint64_t>::max(), false, "readDataToEndOfFile");
+    readInto(fd_.get(), *data, std::numeric_limits<std::uint64_t>::max(), false, "readDataToEndOfFile");
     noteRead();
     return data;
 }
@@ -277,8 +273,8 @@ Ref<Data> FileHandle::availableData() {
     checkOpen("availableData");
     auto data = Data::create();
     struct stat st;
-    const bool regular = ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode);
-    readInto(fd_, *data, std::numeric_limits<std::uint64_t>::max(), !regular, "availableData");
+    const bool regular = ::fstat(fd_.get(), &st) == 0 && S_ISREG(st.st_mode);
+    readInto(fd_.get(), *data, std::numeric_limits<std::uint64_t>::max(), !regular, "availableData");
     noteRead();
     return data;
 }
@@ -301,7 +297,7 @@ void FileHandle::writeBytes(const void* bytes, std::size_t length) {
     int failure = 0;
     const auto* p = static_cast<const std::uint8_t*>(bytes);
     while (length > 0) {
-        const ssize_t n = ::write(fd_, p, std::min<std::size_t>(length, SSIZE_MAX));
+        const ssize_t n = ::write(fd_.get(), p, std::min<std::size_t>(length, SSIZE_MAX));
         if (n < 0) {
             if (errno == EINTR) continue;
             failure = errno;
@@ -325,14 +321,14 @@ void FileHandle::writeBytes(const void* bytes, std::size_t length) {
 
 std::uint64_t FileHandle::offsetInFile() {
     checkOpen("offsetInFile");
-    const off_t at = ::lseek(fd_, 0, SEEK_CUR);
+    const off_t at = ::lseek(fd_.get(), 0, SEEK_CUR);
     if (at < 0) raise("offsetInFile", errno);
     return static_cast<std::uint64_t>(at);
 }
 
 std::uint64_t FileHandle::seekToEndOfFile() {
     checkOpen("seekToEndOfFile");
-    const off_t at = ::lseek(fd_, 0, SEEK_END);
+    const off_t at = ::lseek(fd_.get(), 0, SEEK_END);
     if (at < 0) raise("seekToEndOfFile", errno);
     return static_cast<std::uint64_t>(at);
 }
@@ -340,34 +336,32 @@ std::uint64_t FileHandle::seekToEndOfFile() {
 void FileHandle::seekToFileOffset(std::uint64_t offset) {
     checkOpen("seekToFileOffset:");
     if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) raise("seekToFileOffset:", EINVAL);
-    if (::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) < 0) raise("seekToFileOffset:", errno);
+    if (::lseek(fd_.get(), static_cast<off_t>(offset), SEEK_SET) < 0) raise("seekToFileOffset:", errno);
 }
 
 void FileHandle::truncateFileAtOffset(std::uint64_t offset) {
     checkOpen("truncateFileAtOffset:");
     if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) raise("truncateFileAtOffset:", EINVAL);
     int r;
-    do r = ::ftruncate(fd_, static_cast<off_t>(offset));
+    do r = ::ftruncate(fd_.get(), static_cast<off_t>(offset));
     while (r < 0 && errno == EINTR);
     if (r < 0) raise("truncateFileAtOffset:", errno);
-    if (::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) < 0) raise("truncateFileAtOffset:", errno);
+    if (::lseek(fd_.get(), static_cast<off_t>(offset), SEEK_SET) < 0) raise("truncateFileAtOffset:", errno);
 }
 
 void FileHandle::synchronizeFile() {
     checkOpen("synchronizeFile");
     int r;
-    do r = ::fsync(fd_);
+    do r = ::fsync(fd_.get());
     while (r < 0 && errno == EINTR);
     if (r < 0) raise("synchronizeFile", errno);
 }
 
 void FileHandle::closeFile() {
     stopWatcher();
-    if (fd_ < 0) return;
-    const int fd = fd_;
-    fd_ = -1;
-    // On Linux the descriptor is gone even when close reports EINTR.
-    if (::close(fd) < 0 && errno != EINTR) raise("closeFile", errno);
+    // Closed also when the handle was not to close it on deallocation: the
+    // caller asked. UniqueFd counts EINTR as closed, as the descriptor is gone.
+    if (const int failure = fd_.close(); failure != 0) raise("closeFile", failure);
 }
 
 void FileHandle::setReadabilityHandler(ReadabilityHandler handler) {
@@ -381,22 +375,22 @@ void FileHandle::setReadabilityHandler(ReadabilityHandler handler) {
         watcher_->handler = std::move(handler);
         return;
     }
-    if (fd_ < 0) return;  // a closed handle has nothing to watch
+    if (fd_.get() < 0) return;  // a closed handle has nothing to watch
     auto w = std::make_shared<Watcher>();
     w->handler = std::move(handler);
-    w->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    w->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    if (w->wakeFd < 0 || w->epollFd < 0) raise("setReadabilityHandler:", errno);
+    w->wakeFd.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    w->epollFd.reset(::epoll_create1(EPOLL_CLOEXEC));
+    if (!w->wakeFd || !w->epollFd) raise("setReadabilityHandler:", errno);
     struct epoll_event ev {};
     ev.events = EPOLLIN;
-    ev.data.fd = w->wakeFd;
-    if (::epoll_ctl(w->epollFd, EPOLL_CTL_ADD, w->wakeFd, &ev) < 0) raise("setReadabilityHandler:", errno);
+    ev.data.fd = w->wakeFd.get();
+    if (::epoll_ctl(w->epollFd.get(), EPOLL_CTL_ADD, w->wakeFd.get(), &ev) < 0) raise("setReadabilityHandler:", errno);
     // Regular files and /dev/null cannot be watched for edges (EPERM); they
     // are always readable, so only reads re-arm them.
     ev.events = EPOLLIN | EPOLLRDHUP | EPOLLET;
-    ev.data.fd = fd_;
-    w->edgeWatched = ::epoll_ctl(w->epollFd, EPOLL_CTL_ADD, fd_, &ev) == 0;
-    w->thread = std::thread(&Watcher::run, w, this, fd_);
+    ev.data.fd = fd_.get();
+    w->edgeWatched = ::epoll_ctl(w->epollFd.get(), EPOLL_CTL_ADD, fd_.get(), &ev) == 0;
+    w->thread = std::thread(&Watcher::run, w, this, fd_.get());
     watcher_ = std::move(w);
 }
 
@@ -429,6 +423,6 @@ void FileHandle::stopWatcher() {
         w->thread.join();
 }
 
-std::string FileHandle::description() const { return "<FileHandle fd " + std::to_string(fd_) + ">"; }
+std::string FileHandle::description() const { return "<FileHandle fd " + std::to_string(fd_.get()) + ">"; }
 
 } // namespace qx

@@ -3,7 +3,7 @@
 
 #include <qx/Number.h>
 
-#include <curl/curl.h>
+#include "CurlHandles.h"
 
 #include <algorithm>
 #include <cmath>
@@ -113,7 +113,7 @@ std::string HTTPResponse::description() const {
 
 struct HTTPClient::Engine {
     std::mutex mutex;
-    CURLM* multi = nullptr;                 // nulled (under mutex) once the thread has ended
+    CurlMulti multi;                        // reset (under mutex) once the thread has ended
     bool quit = false;                      // guarded by mutex
     std::vector<Ref<HTTPTask>> incoming;    // guarded by mutex: resumed, not yet added
     std::vector<Ref<HTTPTask>> active;      // transfer thread only
@@ -122,7 +122,7 @@ struct HTTPClient::Engine {
 
     void wake() {
         std::lock_guard<std::mutex> lock(mutex);
-        if (multi) curl_multi_wakeup(multi);
+        if (multi) curl_multi_wakeup(multi.get());
     }
     void run();
     bool setUp(HTTPTask& task);
@@ -138,18 +138,16 @@ struct HTTPTask::Private {
     std::atomic<bool> unpauseRequested{false};
     std::atomic<std::uint64_t> outstanding{0};  // body bytes queued, not yet delivered
 
-    // Transfer thread only.
-    CURL* easy = nullptr;
-    curl_slist* headerList = nullptr;
+    // Transfer thread only. The list is declared first: it must outlive the handle that sends it.
+    CurlSlist headerList;
+    CurlEasy easy;
     char errorBuffer[CURL_ERROR_SIZE] = {};
     std::vector<std::pair<std::string, std::string>> headers;  // of the latest response
     bool responseQueued = false;
 
     void releaseCurl() {
-        if (easy) curl_easy_cleanup(easy);
-        easy = nullptr;
-        if (headerList) curl_slist_free_all(headerList);
-        headerList = nullptr;
+        easy.reset();
+        headerList.reset();
     }
 };
 
@@ -206,7 +204,7 @@ struct HTTPTaskCallbacks {
         auto self = taskRef(task);
         if (!p.responseQueued) {
             p.responseQueued = true;
-            auto response = makeResponse(p.easy, p.headers, task->request_->url());
+            auto response = makeResponse(p.easy.get(), p.headers, task->request_->url());
             task->queue_->async([self, response] { self->deliverResponse(response); });
         }
         if (length == 0) return 0;
@@ -220,9 +218,9 @@ struct HTTPTaskCallbacks {
 bool HTTPClient::Engine::setUp(HTTPTask& task) {
     auto& p = *task.p_;
     const auto& request = *task.request_;
-    p.easy = curl_easy_init();
+    p.easy.reset(curl_easy_init());
     if (!p.easy) return false;
-    CURL* e = p.easy;
+    CURL* e = p.easy.get();
     curl_easy_setopt(e, CURLOPT_URL, request.url()->absoluteString().c_str());
     curl_easy_setopt(e, CURLOPT_PRIVATE, &task);
     curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
@@ -253,22 +251,22 @@ bool HTTPClient::Engine::setUp(HTTPTask& task) {
     for (const auto& [name, value] : request.allHTTPHeaderFields()) {
         hasCacheControl |= sameField(name, "Cache-Control");
         hasPragma |= sameField(name, "Pragma");
-        p.headerList = curl_slist_append(p.headerList, (name + ": " + value).c_str());
+        if (!appendTo(p.headerList, (name + ": " + value).c_str())) return false;
     }
-    if (!hasCacheControl) p.headerList = curl_slist_append(p.headerList, "Cache-Control: no-cache");
-    if (!hasPragma) p.headerList = curl_slist_append(p.headerList, "Pragma: no-cache");
-    curl_easy_setopt(e, CURLOPT_HTTPHEADER, p.headerList);
-    return curl_multi_add_handle(multi, e) == CURLM_OK;
+    if (!hasCacheControl && !appendTo(p.headerList, "Cache-Control: no-cache")) return false;
+    if (!hasPragma && !appendTo(p.headerList, "Pragma: no-cache")) return false;
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, p.headerList.get());
+    return curl_multi_add_handle(multi.get(), e) == CURLM_OK;
 }
 
 void HTTPClient::Engine::finish(const Ref<HTTPTask>& task, Ref<Error> error) {
     auto& p = *task->p_;
     if (p.easy) {
-        curl_multi_remove_handle(multi, p.easy);
+        curl_multi_remove_handle(multi.get(), p.easy.get());
         if (!error && !p.responseQueued) {
             // No body came (HEAD, empty bodies): the response goes out now.
             p.responseQueued = true;
-            auto response = makeResponse(p.easy, p.headers, task->request_->url());
+            auto response = makeResponse(p.easy.get(), p.headers, task->request_->url());
             task->queue_->async([task, response] { task->deliverResponse(response); });
         }
     }
@@ -306,17 +304,17 @@ void HTTPClient::Engine::run() {
                     it = active.erase(it);
                     continue;
                 }
-                if (p.unpauseRequested.exchange(false) && p.paused.exchange(false)) curl_easy_pause(p.easy, CURLPAUSE_CONT);
+                if (p.unpauseRequested.exchange(false) && p.paused.exchange(false)) curl_easy_pause(p.easy.get(), CURLPAUSE_CONT);
                 ++it;
             }
         }
         if (quitting) return;
         int running = 0;
-        curl_multi_perform(multi, &running);
+        curl_multi_perform(multi.get(), &running);
         int left = 0;
-        while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+        while (CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
             if (message->msg != CURLMSG_DONE) continue;
-            auto it = std::find_if(active.begin(), active.end(), [&](const Ref<HTTPTask>& t) { return t->p_->easy == message->easy_handle; });
+            auto it = std::find_if(active.begin(), active.end(), [&](const Ref<HTTPTask>& t) { return t->p_->easy.get() == message->easy_handle; });
             if (it == active.end()) continue;
             Ref<HTTPTask> task = std::move(*it);
             active.erase(it);
@@ -329,7 +327,7 @@ void HTTPClient::Engine::run() {
                 error = urlError(urlErrorCode(rc), p.errorBuffer[0] ? p.errorBuffer : curl_easy_strerror(rc), task->request_->url());
             finish(task, std::move(error));
         }
-        curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr);
     }
 }
 
@@ -337,14 +335,13 @@ void HTTPClient::Engine::shutdown() {
     {
         std::lock_guard<std::mutex> lock(mutex);
         quit = true;
-        if (multi) curl_multi_wakeup(multi);
+        if (multi) curl_multi_wakeup(multi.get());
     }
     if (thread.joinable()) thread.join();
     std::lock_guard<std::mutex> lock(mutex);
     for (auto& task : incoming) task->queue_->async([task] { task->deliverCompletion(cancelledError(task->request_->url())); });
     incoming.clear();
-    if (multi) curl_multi_cleanup(multi);
-    multi = nullptr;
+    multi.reset();
 }
 
 // ---- HTTPClient ----
@@ -353,7 +350,7 @@ HTTPClient::HTTPClient(Ref<SerialQueue> delegateQueue)
     : queue_(delegateQueue ? std::move(delegateQueue) : SerialQueue::create("com.tovarik.qx.HTTPClient.delegate")),
       engine_(std::make_shared<Engine>()) {
     initCurlOnce();
-    engine_->multi = curl_multi_init();
+    engine_->multi.reset(curl_multi_init());
     if (engine_->multi) engine_->thread = std::thread([engine = engine_.get()] { engine->run(); });
 }
 
@@ -422,7 +419,7 @@ void HTTPTask::resume() {
         std::lock_guard<std::mutex> lock(engine->mutex);
         if (engine->multi && !engine->quit) {
             engine->incoming.push_back(self);
-            curl_multi_wakeup(engine->multi);
+            curl_multi_wakeup(engine->multi.get());
             return;
         }
     }

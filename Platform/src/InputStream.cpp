@@ -3,6 +3,7 @@
 
 #include <qx/HTTPInputStream.h>
 #include <qx/Number.h>
+#include <qx/UniqueFd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,24 +76,21 @@ private:
 class FileInputStream final : public InputStream {
 public:
     explicit FileInputStream(std::string path) : path_(std::move(path)) {}
-    ~FileInputStream() override {
-        if (fd_ >= 0) ::close(fd_);
-    }
 
     void open() override {
         std::unique_lock<std::mutex> lock(mutex_);
         if (streamStatus() != StreamStatus::NotOpen) return;
-        int fd;
-        do fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-        while (fd < 0 && errno == EINTR);
-        if (fd < 0 || (startOffset_ > 0 && ::lseek(fd, static_cast<off_t>(startOffset_), SEEK_SET) < 0)) {
+        UniqueFd fd;
+        do fd.reset(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+        while (!fd && errno == EINTR);
+        if (!fd || (startOffset_ > 0 && ::lseek(fd.get(), static_cast<off_t>(startOffset_), SEEK_SET) < 0)) {
             const int errnum = errno;
-            if (fd >= 0) ::close(fd);
+            fd.reset();
             lock.unlock();
             failWithError(Error::create(NSPOSIXErrorDomain, errnum));
             return;
         }
-        fd_ = fd;
+        fd_ = std::move(fd);
         setStatus(StreamStatus::Open);
         lock.unlock();
         queueEvent(StreamEventOpenCompleted | StreamEventHasBytesAvailable);
@@ -100,8 +98,7 @@ public:
 
     void close() override {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
+        fd_.reset();
         setStatus(StreamStatus::Closed);
     }
 
@@ -112,7 +109,7 @@ public:
         if (status != StreamStatus::Open || !buffer) return -1;
         const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(maxLength, SSIZE_MAX));
         ssize_t n;
-        do n = ::read(fd_, buffer, want);
+        do n = ::read(fd_.get(), buffer, want);
         while (n < 0 && errno == EINTR);
         if (n < 0) {
             const int errnum = errno;
@@ -131,8 +128,8 @@ public:
     Ref<Object> propertyForKey(const std::string& key) const override {
         if (key != FileCurrentOffsetKey) return nullptr;
         std::lock_guard<std::mutex> lock(mutex_);
-        if (fd_ < 0) return streamStatus() == StreamStatus::NotOpen ? Number::withUInt64(startOffset_) : nullptr;
-        const off_t at = ::lseek(fd_, 0, SEEK_CUR);
+        if (!fd_) return streamStatus() == StreamStatus::NotOpen ? Number::withUInt64(startOffset_) : nullptr;
+        const off_t at = ::lseek(fd_.get(), 0, SEEK_CUR);
         return at < 0 ? nullptr : Number::withUInt64(static_cast<std::uint64_t>(at));
     }
 
@@ -147,8 +144,8 @@ public:
             startOffset_ = offset;
             return true;
         }
-        if (fd_ < 0 || (status != StreamStatus::Open && status != StreamStatus::AtEnd)) return false;
-        if (::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) < 0) return false;
+        if (!fd_ || (status != StreamStatus::Open && status != StreamStatus::AtEnd)) return false;
+        if (::lseek(fd_.get(), static_cast<off_t>(offset), SEEK_SET) < 0) return false;
         // Moving back from the end makes the rest readable again.
         if (status == StreamStatus::AtEnd) setStatus(StreamStatus::Open);
         return true;
@@ -159,7 +156,7 @@ public:
 private:
     mutable std::mutex mutex_;  // guards fd_ and the reads on it
     std::string path_;
-    int fd_ = -1;
+    UniqueFd fd_;
     std::uint64_t startOffset_ = 0;  // set before the open
 };
 

@@ -2,6 +2,7 @@
 #include <qx/OutputStream.h>
 
 #include <qx/Number.h>
+#include <qx/UniqueFd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -54,9 +55,6 @@ private:
 class FileOutputStream final : public OutputStream {
 public:
     FileOutputStream(std::string path, bool append) : path_(std::move(path)), append_(append) {}
-    ~FileOutputStream() override {
-        if (fd_ >= 0) ::close(fd_);
-    }
 
     void open() override {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -70,7 +68,7 @@ public:
             failWithError(Error::create(NSPOSIXErrorDomain, errnum));
             return;
         }
-        fd_ = fd;
+        fd_.reset(fd);
         setStatus(StreamStatus::Open);
         lock.unlock();
         queueEvent(StreamEventOpenCompleted | StreamEventHasSpaceAvailable);
@@ -78,8 +76,7 @@ public:
 
     void close() override {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
+        fd_.reset();
         setStatus(StreamStatus::Closed);
     }
 
@@ -89,7 +86,7 @@ public:
         length = std::min(length, kMaxWrite);
         std::uint64_t done = 0;
         while (done < length) {
-            const ssize_t n = ::write(fd_, buffer + done, static_cast<std::size_t>(std::min<std::uint64_t>(length - done, SSIZE_MAX)));
+            const ssize_t n = ::write(fd_.get(), buffer + done, static_cast<std::size_t>(std::min<std::uint64_t>(length - done, SSIZE_MAX)));
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) {
                 const int errnum = n < 0 ? errno : EIO;
@@ -109,8 +106,8 @@ public:
     Ref<Object> propertyForKey(const std::string& key) const override {
         if (key != FileCurrentOffsetKey) return nullptr;
         std::lock_guard<std::mutex> lock(mutex_);
-        if (fd_ < 0) return nullptr;
-        const off_t at = ::lseek(fd_, 0, SEEK_CUR);
+        if (!fd_) return nullptr;
+        const off_t at = ::lseek(fd_.get(), 0, SEEK_CUR);
         return at < 0 ? nullptr : Number::withUInt64(static_cast<std::uint64_t>(at));
     }
 
@@ -120,7 +117,7 @@ public:
         const std::uint64_t offset = number->uint64Value();
         if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return false;
         std::lock_guard<std::mutex> lock(mutex_);
-        return fd_ >= 0 && !append_ && ::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) >= 0;
+        return fd_ && !append_ && ::lseek(fd_.get(), static_cast<off_t>(offset), SEEK_SET) >= 0;
     }
 
     std::string className() const override { return "FileOutputStream"; }
@@ -129,7 +126,7 @@ private:
     mutable std::mutex mutex_;  // guards fd_ and the writes on it
     std::string path_;
     bool append_;
-    int fd_ = -1;
+    UniqueFd fd_;
 };
 
 } // namespace

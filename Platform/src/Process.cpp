@@ -2,6 +2,7 @@
 #include <qx/Dictionary.h>
 #include <qx/Process.h>
 #include <qx/String.h>
+#include <qx/UniqueFd.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -22,38 +23,9 @@ namespace qx {
 
 namespace {
 
-// One owned descriptor.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(other.release()) {}
-    Fd& operator=(Fd&& other) noexcept {
-        reset(other.release());
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_ = -1;
-};
-
 // Keeps the descriptors the child is given clear of 0-2, so that wiring
 // one standard stream in the child cannot clobber the source of another.
-bool liftAboveStandardStreams(Fd& fd) {
+bool liftAboveStandardStreams(UniqueFd& fd) {
     if (!fd || fd.get() > 2) return true;
     int lifted = ::fcntl(fd.get(), F_DUPFD_CLOEXEC, 3);
     if (lifted < 0) return false;
@@ -112,7 +84,7 @@ bool Process::launch(Ref<Error>* error) {
     for (auto& e : envStrings) envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    Fd terminalPrimary, terminalSecondary, null;
+    UniqueFd terminalPrimary, terminalSecondary, null;
     if (stdin_ == Stdio::Terminal || stdout_ == Stdio::Terminal || stderr_ == Stdio::Terminal) {
         int primary = -1, secondary = -1;
         struct winsize size = {24, 80, 0, 0};
@@ -129,7 +101,7 @@ bool Process::launch(Ref<Error>* error) {
 
     // For each stream: the descriptor the child gets (-1: inherit) and the
     // end this process keeps.
-    Fd childEnd[3], parentEnd[3];
+    UniqueFd childEnd[3], parentEnd[3];
     const Stdio modes[3] = {stdin_, stdout_, stderr_};
     for (int i = 0; i < 3; ++i) {
         if (modes[i] != Stdio::Pipe) continue;
@@ -152,7 +124,7 @@ bool Process::launch(Ref<Error>* error) {
 
     int report[2];  // the child writes errno here when exec fails
     if (::pipe2(report, O_CLOEXEC) != 0) return fail(errno);
-    Fd reportRead(report[0]), reportWrite(report[1]);
+    UniqueFd reportRead(report[0]), reportWrite(report[1]);
     const char* directory = directory_.empty() ? nullptr : directory_.c_str();
     const bool errorFollowsOutput = stderr_ == Stdio::Output;
     const int secondary = terminalSecondary.get();
@@ -203,7 +175,7 @@ bool Process::launch(Ref<Error>* error) {
     std::lock_guard<std::mutex> lock(mutex_);
     launched_ = true;
     pid_ = pid;
-    pidFd_ = openPidFd(pid);
+    pidFd_.reset(openPidFd(pid));
     if (parentEnd[0]) stdinHandle_ = FileHandle::initWithFileDescriptor(parentEnd[0].release(), true);
     if (parentEnd[1]) stdoutHandle_ = FileHandle::initWithFileDescriptor(parentEnd[1].release(), true);
     if (parentEnd[2]) stderrHandle_ = FileHandle::initWithFileDescriptor(parentEnd[2].release(), true);
@@ -258,7 +230,7 @@ bool Process::waitUntilExit(std::chrono::steady_clock::time_point deadline) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (!launched_ || reaped_) return true;
-        pidFd = pidFd_;
+        pidFd = pidFd_.get();
     }
     const bool forever = deadline == std::chrono::steady_clock::time_point::max();
     if (pidFd < 0) {
@@ -301,7 +273,6 @@ bool Process::sendSignal(int signal) {
 bool Process::terminate() { return sendSignal(SIGTERM); }
 
 Process::~Process() {
-    if (pidFd_ >= 0) ::close(pidFd_);
     if (launched_ && !reaped_ && !reap(false)) {
         // Still running: someone must wait for it, or it stays a zombie.
         std::thread([pid = pid_] {

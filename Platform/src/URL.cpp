@@ -1,7 +1,7 @@
 // URL.cpp - URL parsing through libcurl's URL API.
 #include <qx/URL.h>
 
-#include <curl/curl.h>
+#include "CurlHandles.h"
 
 #include <memory>
 #include <unistd.h>
@@ -9,15 +9,6 @@
 namespace qx {
 
 namespace {
-
-struct CurlUrlDeleter {
-    void operator()(CURLU* u) const { curl_url_cleanup(u); }
-};
-struct CurlFree {
-    void operator()(char* p) const { curl_free(p); }
-};
-using CurlUrl = std::unique_ptr<CURLU, CurlUrlDeleter>;
-using CurlString = std::unique_ptr<char, CurlFree>;
 
 bool getPart(CURLU* u, CURLUPart part, std::string& out, unsigned flags = 0) {
     char* raw = nullptr;

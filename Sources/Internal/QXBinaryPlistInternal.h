@@ -2,7 +2,7 @@
 //
 // Private to Sources/: the error every property-list failure carries, the
 // guard that turns memory exhaustion into that error, and the big-endian
-// reads of the binary format.
+// reads of the binary format. Stateless, so safe from any thread.
 #pragma once
 
 #include <QXFoundation/QXError.h>

@@ -82,7 +82,10 @@ int QXSafeFileWriter::open(const std::string& path) {
     std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
     if (!isOneComponent(name)) return EISDIR;
 
+    // A folder that may be written but not listed can still take the file;
+    // it only cannot be synced.
     qx::UniqueFd folderFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folderFd && errno == EACCES) folderFd.reset(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!folderFd) return errno;
     const int result = start(std::move(folderFd), std::move(name), std::nullopt);
     if (result == 0) targetPath_ = std::move(target);
@@ -100,10 +103,6 @@ int QXSafeFileWriter::openAt(int dirFd, const std::string& name, std::optional<m
 }
 
 int QXSafeFileWriter::start(qx::UniqueFd folder, std::string name, std::optional<mode_t> newFileMode) {
-    // A folder in the way would make the rename fail only after all the writing.
-    struct stat st {};
-    if (::fstatat(folder.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode)) return EISDIR;
-
     for (int attempt = 0; attempt < 100; ++attempt) {
         std::string temporary = temporaryNameFor(name);
         const int fd = ::openat(folder.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0600);

@@ -7,9 +7,13 @@
 #include <qx/Log.h>
 #include <qx/Number.h>
 
-#include <gtest/gtest.h>
-
-using namespace streamtest;
+using streamtest::drain;
+using streamtest::EventRecorder;
+using streamtest::kMode;
+using streamtest::readInto;
+using streamtest::runUntil;
+using qxtest::Pipe;
+using qxtest::TempDir;
 using qx::Ref;
 
 namespace {
@@ -45,18 +49,14 @@ TEST(FileHandleInputStream, ReadAheadFindsTheEndWithTheLastBytes) {
     drain();
     EXPECT_EQ(s.recorder->count(qx::StreamEventEndEncountered), 1);
     // Delivered after the end, readability is left out of every mask.
-    const auto events = s.recorder->snapshot();
-    EXPECT_FALSE(events.back() & qx::StreamEventHasBytesAvailable);
-}
+    EXPECT_FALSE(s.recorder->snapshot().back() & qx::StreamEventHasBytesAvailable);
 
-TEST(FileHandleInputStream, ReadThatFillsExactlyReportsTheEndAtOnce) {
-    TempDir dir;
-    Opened s(qx::FileHandle::fileHandleForReadingAtPath(dir.file("five", "abcde")));
-    std::string got;
-    EXPECT_EQ(readInto(*s.stream, got, 5), 5);
-    EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::AtEnd);
+    // A read that fills exactly finds the end too; so does one of nothing.
+    Opened five(qx::FileHandle::fileHandleForReadingAtPath(dir.file("five", "abcde")));
+    EXPECT_EQ(readInto(*five.stream, got, 5), 5);
+    EXPECT_EQ(five.stream->streamStatus(), qx::StreamStatus::AtEnd);
     Opened empty(qx::FileHandle::fileHandleForReadingAtPath(dir.file("empty", "")));
-    EXPECT_EQ(readInto(*empty.stream, got, 0), 0);  // reads nothing but still looks ahead
+    EXPECT_EQ(readInto(*empty.stream, got, 0), 0);
     EXPECT_EQ(empty.stream->streamStatus(), qx::StreamStatus::AtEnd);
 }
 
@@ -102,16 +102,13 @@ TEST(FileHandleInputStream, HandleFaultsBecomeStreamErrors) {
     EXPECT_EQ(readInto(*s.stream, got, 4), -1);
     EXPECT_EQ(s.stream->streamStatus(), qx::StreamStatus::Error);
     auto error = s.stream->streamError();
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
-    EXPECT_EQ(error->code(), 256);
+    EXPECT_QX_ERROR(error, qx::NSCocoaErrorDomain, 256);
     EXPECT_NE(error->localizedDescription().find("Bad file descriptor"), std::string::npos) << error->localizedDescription();
     ASSERT_TRUE(runUntil([&] { return s.recorder->all() & qx::StreamEventErrorOccurred; }));
     EXPECT_EQ(readInto(*s.stream, got, 4), -1);
     Ref<qx::Error> direct;
     EXPECT_FALSE(s.stream->readDataFromFileHandleWithLength(4, &direct));
-    ASSERT_TRUE(direct);
-    EXPECT_EQ(direct->code(), 256);
+    EXPECT_QX_ERROR(direct, qx::NSCocoaErrorDomain, 256);
     auto readable = QXFileHandleInputStream::initWithFileHandle(qx::FileHandle::fileHandleForReadingAtPath(path), false);
     EXPECT_EQ(readable->readDataFromFileHandleWithLength(100)->view(), "data");
 }
@@ -143,7 +140,7 @@ TEST(FileHandleInputStream, ClosingClosesTheHandleOnlyWhenAsked) {
 
 TEST(FileHandleOutputStream, WritesOnlyWhileOpenAndReportsFaultsToTheDelegate) {
     Pipe pipe;
-    auto handle = qx::FileHandle::initWithFileDescriptor(::dup(pipe.fds[1]), true);
+    auto handle = qx::FileHandle::initWithFileDescriptor(::dup(pipe.writer()), true);
     auto out = QXFileHandleOutputStream::initWithFileHandle(handle, true);
     auto recorder = std::make_shared<EventRecorder>();
     out->setDelegate(recorder);
@@ -159,14 +156,12 @@ TEST(FileHandleOutputStream, WritesOnlyWhileOpenAndReportsFaultsToTheDelegate) {
     EXPECT_TRUE(recorder->snapshot().empty());  // no events for successful writes
 
     // A reader that is gone makes the write fault: told at once, on this thread.
-    ::close(pipe.fds[0]);
-    pipe.fds[0] = -1;
+    pipe.closeReader();
     EXPECT_EQ(out->write(text, 3), -1);
     ASSERT_EQ(recorder->snapshot(), std::vector<qx::StreamEventMask>{qx::StreamEventErrorOccurred});
     EXPECT_EQ(recorder->threads[0], std::this_thread::get_id());
     EXPECT_EQ(out->streamStatus(), qx::StreamStatus::Open);
     EXPECT_FALSE(out->streamError());
-    const std::uint8_t* bytes = nullptr;
     EXPECT_FALSE(out->setProperty(nullptr, qx::Stream::FileCurrentOffsetKey));
 
     qx::ScopedLogCapture log;
@@ -174,5 +169,4 @@ TEST(FileHandleOutputStream, WritesOnlyWhileOpenAndReportsFaultsToTheDelegate) {
     out.reset();
     EXPECT_TRUE(log.contains(line));
     EXPECT_EQ(handle->fileDescriptor(), -1);  // closed with the stream
-    (void)bytes;
 }

@@ -1,9 +1,8 @@
 // SlidingWindowTests.cpp - history kept by the window and copies by distance.
+#include "TestSupport.h"
+
 #include <QXFoundation/QXSlidingWindow.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <random>
 #include <string>
 #include <thread>
@@ -32,32 +31,32 @@ std::string copy(QXSlidingWindow& w, std::uint64_t distance, std::uint64_t lengt
 
 } // namespace
 
-TEST(SlidingWindow, LongWriteKeepsItsTailAndEndsExactlyAtTheEnd) {
+TEST(SlidingWindow, CopiesByDistanceStopAtTheNewestByteAndAcrossTheWrap) {
+    struct Case {
+        std::uint64_t distance, length;
+        const char* expected;
+    };
     auto w = window(8);
-    put(*w, "ABCDEFGHIJ");
+    auto check = [&](const std::vector<Case>& cases) {
+        for (const auto& c : cases) EXPECT_EQ(copy(*w, c.distance, c.length), c.expected) << c.distance << "/" << c.length;
+    };
+    put(*w, "ABCDEFGHIJ");  // a long write keeps its tail; the pointer at the very end, not yet looped
     EXPECT_EQ(w->bytesInBuffer(), 8u);
-    EXPECT_EQ(copy(*w, 8, 8), "CDEFGHIJ");
-    EXPECT_EQ(copy(*w, 3, 2), "HI");
-    EXPECT_EQ(copy(*w, 3, 5), "HIJ");    // stops at the newest byte
-    EXPECT_EQ(copy(*w, 10, 4), "CD");    // two bytes older than the history are dropped
-    EXPECT_EQ(copy(*w, 1, 1), "J");
-    EXPECT_EQ(copy(*w, 0, 4), "");
-    EXPECT_FALSE(w->isLocked());
-}
-
-TEST(SlidingWindow, CopiesAcrossTheWrap) {
-    auto w = window(8);
-    put(*w, "ABCDEFGHIJ");  // pointer at the very end, not yet looped
-    put(*w, "KL");          // wraps first: storage KLEFGHIJ, pointer 2
-    EXPECT_EQ(w->bytesInBuffer(), 8u);
-    EXPECT_EQ(copy(*w, 4, 3), "IJK");
-    EXPECT_EQ(copy(*w, 8, 8), "EFGHIJKL");
-    EXPECT_EQ(copy(*w, 6, 2), "GH");    // wholly in the older part
-    EXPECT_EQ(copy(*w, 2, 2), "KL");    // wholly in the newer part
-    EXPECT_EQ(copy(*w, 12, 6), "EF");
+    check({{8, 8, "CDEFGHIJ"}, {3, 2, "HI"}, {3, 5, "HIJ"}, {10, 4, "CD"}, {1, 1, "J"}, {0, 4, ""}});
+    put(*w, "KL");  // wraps first: storage KLEFGHIJ, pointer 2
+    check({{4, 3, "IJK"}, {8, 8, "EFGHIJKL"}, {6, 2, "GH"}, {2, 2, "KL"}, {12, 6, "EF"}});
     put(*w, "MNOPQRS");  // wraps mid-write
-    EXPECT_EQ(copy(*w, 8, 8), "LMNOPQRS");
+    check({{8, 8, "LMNOPQRS"}});
     EXPECT_EQ(w->dataWithDistanceFromEnd(5, 100)->view(), "OPQRS");
+    EXPECT_FALSE(w->isLocked());
+    w->clearBuffer();  // forgets the history
+    EXPECT_EQ(w->bytesInBuffer(), 0u);
+    EXPECT_EQ(w->dataWithDistanceFromEnd(8, 3)->length(), 0u);  // the whole capacity back: empty, not locked
+    EXPECT_FALSE(w->isLocked());
+    put(*w, "xy");
+    w->writeData(qx::Data::withString("z"));
+    w->writeData(nullptr);
+    check({{3, 4, "xyz"}});
 }
 
 TEST(SlidingWindow, MatchesAModelOverRandomWrites) {
@@ -77,19 +76,6 @@ TEST(SlidingWindow, MatchesAModelOverRandomWrites) {
         const std::string expected = all.substr(all.size() - distance, std::min(distance, length));
         ASSERT_EQ(copy(*w, distance, length), expected) << "round " << round;
     }
-}
-
-TEST(SlidingWindow, ClearBufferForgetsTheHistory) {
-    auto w = window(4);
-    put(*w, "abcdef");
-    w->clearBuffer();
-    EXPECT_EQ(w->bytesInBuffer(), 0u);
-    put(*w, "xy");
-    EXPECT_EQ(w->bytesInBuffer(), 2u);
-    EXPECT_EQ(copy(*w, 2, 4), "xy");
-    w->writeData(qx::Data::withString("z"));
-    w->writeData(nullptr);
-    EXPECT_EQ(copy(*w, 3, 3), "xyz");
 }
 
 TEST(SlidingWindow, CopyOfOnlyOlderBytesLeavesTheLockHeld) {
@@ -113,25 +99,13 @@ TEST(SlidingWindow, CopyOfOnlyOlderBytesLeavesTheLockHeld) {
     EXPECT_FALSE(w->isLocked());
 }
 
-TEST(SlidingWindow, DistanceOfTheCapacityReturnsEmptyWithoutLocking) {
-    auto w = window(8);
-    EXPECT_EQ(w->dataWithDistanceFromEnd(8, 3)->length(), 0u);
-    EXPECT_FALSE(w->isLocked());
-    put(*w, "ab");
-    EXPECT_EQ(w->dataWithDistanceFromEnd(2, 3)->view(), "ab");
-}
-
 TEST(SlidingWindow, CapacityLimits) {
     Ref<qx::Error> error;
     EXPECT_FALSE(QXSlidingWindow::initWithCapacity(0x7FFFFFFFFFFFFFFFull, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
-    EXPECT_EQ(error->code(), EINVAL);
-    error.reset();
+    EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, EINVAL);
     // Just below the limit passes the check and fails only for want of memory.
     EXPECT_FALSE(QXSlidingWindow::initWithCapacity(0x7FFFFFFFFFFFFFFEull, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), ENOMEM);
+    EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, ENOMEM);
     auto empty = window(0);
     put(*empty, "abc");
     EXPECT_EQ(empty->bytesInBuffer(), 0u);

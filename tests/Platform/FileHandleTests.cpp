@@ -1,26 +1,18 @@
 // FileHandleTests.cpp - file handles over real files and pipes.
+#include "TestSupport.h"
+
 #include <qx/FileHandle.h>
-
-#include "StreamTestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <thread>
-#include <unistd.h>
 
 using namespace qx;
 using namespace std::chrono_literals;
-namespace fs = std::filesystem;
+using qxtest::Pipe;
+using qxtest::TempDir;
 
 namespace {
-
-using streamtest::Pipe;
-using streamtest::TempDir;
 
 std::string text(const Ref<Data>& d) { return std::string(d->view()); }
 
@@ -50,49 +42,37 @@ TEST(FileHandle, ReadsWritesAndPositionsAFile) {
 TEST(FileHandle, FailuresThrowTheNamedExceptionWithTheSystemText) {
     TempDir dir;
     const auto path = dir.file("ro", "data");
-    Pipe pipe;
-    struct Case {
-        const char* what;
-        std::function<void()> run;
-        const char* reason;
+    Pipe pipe, readerGone;
+    readerGone.closeReader();  // writing must throw, not end the process
+    const std::vector<std::pair<std::function<void()>, const char*>> cases = {
+        {[&] { auto h = FileHandle::fileHandleForReadingAtPath(path); h->closeFile(); h->readDataOfLength(1); }, "readDataOfLength:]: Bad file descriptor"},
+        {[&] { FileHandle::fileHandleForReadingAtPath(path)->writeData(*Data::withString("x")); }, "writeData:]: Bad file descriptor"},
+        {[&] { FileHandle::initWithFileDescriptor(1 << 20)->availableData(); }, "availableData]: Bad file descriptor"},
+        {[&] { FileHandle::initWithFileDescriptor(pipe.reader(), false)->offsetInFile(); }, "offsetInFile]: Illegal seek"},
+        {[&] { FileHandle::initWithFileDescriptor(pipe.writer(), false)->truncateFileAtOffset(0); }, "truncateFileAtOffset:]: Invalid argument"},
+        {[&] { FileHandle::initWithFileDescriptor(readerGone.writer(), false)->writeData(*Data::withString("lost")); }, "writeData:]: Broken pipe"},
     };
-    const std::vector<Case> cases = {
-        {"read after close", [&] { auto h = FileHandle::fileHandleForReadingAtPath(path); h->closeFile(); h->readDataOfLength(1); }, "readDataOfLength:]: Bad file descriptor"},
-        {"write to a read-only handle", [&] { FileHandle::fileHandleForReadingAtPath(path)->writeData(*Data::withString("x")); }, "writeData:]: Bad file descriptor"},
-        {"bad descriptor", [&] { FileHandle::initWithFileDescriptor(1 << 20)->availableData(); }, "availableData]: Bad file descriptor"},
-        {"offset of a pipe", [&] { FileHandle::initWithFileDescriptor(pipe.fds[0])->offsetInFile(); }, "offsetInFile]: Illegal seek"},
-        {"truncate a pipe", [&] { FileHandle::initWithFileDescriptor(pipe.fds[1])->truncateFileAtOffset(0); }, "truncateFileAtOffset:]: Invalid argument"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [run, reason] : cases) {
+        SCOPED_TRACE(reason);
         try {
-            c.run();
+            run();
             ADD_FAILURE() << "no exception";
         } catch (const Exception& e) {
             EXPECT_EQ(e.name(), Exception::FileHandleOperationException);
-            EXPECT_NE(e.description().find(c.reason), std::string::npos) << e.description();
+            EXPECT_NE(e.description().find(reason), std::string::npos) << e.description();
         }
     }
 }
 
-TEST(FileHandle, WritingToAClosedPipeThrowsInsteadOfEndingTheProcess) {
-    Pipe pipe;
-    ::close(pipe.fds[0]);
-    pipe.fds[0] = -1;
-    auto h = FileHandle::initWithFileDescriptor(pipe.fds[1]);
-    EXPECT_THROW(h->writeData(*Data::withString("lost")), Exception);
-}
-
 TEST(FileHandle, OpeningFailuresExplainThemselves) {
     TempDir dir;
-    const auto missing = URL::fileURLWithPath((dir.path / "missing").string());
+    const auto missing = URL::fileURLWithPath(dir / "missing");
     Ref<Error> error;
     EXPECT_FALSE(FileHandle::fileHandleForReadingFromURL(missing, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code(), 260);
-    EXPECT_EQ(error->underlyingError()->code(), ENOENT);
+    EXPECT_QX_ERROR(error, NSCocoaErrorDomain, 260);
+    EXPECT_QX_ERROR(error->underlyingError(), NSPOSIXErrorDomain, ENOENT);
     EXPECT_FALSE(FileHandle::fileHandleForWritingToURL(missing, &error));
-    EXPECT_EQ(error->code(), 4);
+    EXPECT_QX_ERROR(error, NSCocoaErrorDomain, 4);
     EXPECT_FALSE(FileHandle::fileHandleForReadingAtPath(missing->path()));
 }
 
@@ -107,7 +87,7 @@ TEST(FileHandle, DescriptorsAreClosedWithTheHandleOnlyWhenAsked) {
 
 TEST(FileHandle, PipeReadsWaitForTheWholeLengthOrTheEnd) {
     Pipe pipe;
-    auto h = FileHandle::initWithFileDescriptor(pipe.fds[0]);
+    auto h = FileHandle::initWithFileDescriptor(pipe.reader(), false);
     std::thread writer([&] {
         pipe.write("abc");
         pipe.write("defgh");
@@ -119,9 +99,9 @@ TEST(FileHandle, PipeReadsWaitForTheWholeLengthOrTheEnd) {
     writer.join();
 }
 
-TEST(FileHandle, ReadabilityHandlerSeesEveryByteAndMayClearItself) {
+TEST(FileHandle, ReadabilityHandlerSeesEveryByteOffItsOwnThreadAndMayClearItself) {
     Pipe pipe;
-    auto h = FileHandle::initWithFileDescriptor(pipe.fds[0]);
+    auto h = FileHandle::initWithFileDescriptor(pipe.reader(), false);
     std::mutex mutex;
     std::condition_variable ended;
     std::string received;
@@ -131,18 +111,15 @@ TEST(FileHandle, ReadabilityHandlerSeesEveryByteAndMayClearItself) {
         auto data = handle.availableData();
         std::lock_guard<std::mutex> lock(mutex);
         handlerThread = std::this_thread::get_id();
-        if (data->length() == 0) {
-            atEnd = true;
-            handle.setReadabilityHandler(nullptr);
-            ended.notify_all();
-        }
+        atEnd = data->length() == 0;
+        if (atEnd) handle.setReadabilityHandler(nullptr);
         received += text(data);
+        ended.notify_all();
     });
     std::string expected;
     for (int i = 0; i < 200; ++i) {
-        const std::string piece = std::to_string(i) + ",";
-        pipe.write(piece);
-        expected += piece;
+        pipe.write(std::to_string(i) + ",");
+        expected += std::to_string(i) + ",";
     }
     pipe.closeWriter();
     std::unique_lock<std::mutex> lock(mutex);
@@ -154,7 +131,7 @@ TEST(FileHandle, ReadabilityHandlerSeesEveryByteAndMayClearItself) {
 
 TEST(FileHandle, AHandlerThatLeavesTheDataIsCalledAgainAfterAReadOrNewData) {
     Pipe pipe;
-    auto h = FileHandle::initWithFileDescriptor(pipe.fds[0]);
+    auto h = FileHandle::initWithFileDescriptor(pipe.reader(), false);
     std::mutex mutex;
     std::condition_variable called;
     int calls = 0;
@@ -175,6 +152,4 @@ TEST(FileHandle, AHandlerThatLeavesTheDataIsCalledAgainAfterAReadOrNewData) {
     pipe.write("z");  // new data wakes it even without a read
     ASSERT_TRUE(waitFor(3));
     h->setReadabilityHandler(nullptr);  // stops and waits for the watcher
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_GE(calls, 3);
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <qx/NotificationCenter.h>
-#include <qx/Number.h>
 #include <qx/RunLoop.h>
 
 #include <atomic>
@@ -61,15 +60,13 @@ TEST(PlatformNotificationCenter, DeliversOnThePostingThreadAndHoldsTheSenderWeak
     WeakRef<Object> weak = sender;
     int calls = 0;
     Ref<Notification> seen;
-    std::thread::id observedOn;
+    std::thread::id observedOn, posterId;
     center->addObserver("N", sender, [&](const Ref<Notification>& n) {
         ++calls;
         seen = n;
         observedOn = std::this_thread::get_id();
     });
     auto info = Dictionary::create();
-    info->setObject(Number::withInt32(7), "k");
-    std::thread::id posterId;
     int callsWhenPostReturned = 0;
     std::thread([&] {
         posterId = std::this_thread::get_id();
@@ -78,9 +75,7 @@ TEST(PlatformNotificationCenter, DeliversOnThePostingThreadAndHoldsTheSenderWeak
     }).join();
     EXPECT_EQ(callsWhenPostReturned, 1);
     EXPECT_EQ(observedOn, posterId);
-    EXPECT_EQ(seen->name(), "N");
-    EXPECT_EQ(seen->object(), sender);
-    EXPECT_EQ(seen->userInfo(), info);
+    EXPECT_TRUE(seen->name() == "N" && seen->object() == sender && seen->userInfo() == info);
     seen.reset();
 
     // Registering did not keep the sender alive, and a new object (which may
@@ -126,37 +121,22 @@ TEST(PlatformNotificationCenter, ConcurrentPostsAddsAndRemoves) {
     center->addObserver("Stray", nullptr, [&](const auto&) { ++stray; });
     std::vector<std::thread> threads;
     std::vector<int> counts(kThreads, 0);
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            const std::string name = "T" + std::to_string(t);
             for (int r = 0; r < kRounds; ++r) {
-                auto token = center->addObserver(name, nullptr, [&, t](const auto&) { ++counts[t]; });
-                center->post(name);
+                auto token = center->addObserver("T" + std::to_string(t), nullptr, [&, t](const auto&) { ++counts[t]; });
+                center->post("T" + std::to_string(t));
                 center->post("Stray");
                 center->removeObserver(token);
-                center->post(name);  // nobody listens now
+                center->post("T" + std::to_string(t));  // nobody listens now
             }
         });
-    }
     for (auto& t : threads) t.join();
     EXPECT_EQ(counts, std::vector<int>(kThreads, kRounds));
     EXPECT_EQ(stray.load(), kThreads * kRounds);
 }
 
 // --- Run loops -------------------------------------------------------------
-
-TEST(PlatformRunLoop, OneLoopPerThreadAndMainIsTheFirstThread) {
-    EXPECT_TRUE(RunLoop::isMainThread());
-    EXPECT_EQ(RunLoop::current(), RunLoop::main());
-    Ref<RunLoop> a1, a2, b;
-    bool aIsMain = true;
-    std::thread([&] { a1 = RunLoop::current(); a2 = RunLoop::current(); aIsMain = RunLoop::isMainThread(); }).join();
-    std::thread([&] { b = RunLoop::current(); }).join();
-    EXPECT_FALSE(aIsMain);
-    EXPECT_EQ(a1, a2);
-    EXPECT_NE(a1, b);
-    EXPECT_NE(a1, RunLoop::main());
-}
 
 TEST(PlatformRunLoop, RunsOnlyWorkOfTheModeInQueueOrder) {
     onOwnLoop([](Ref<RunLoop> loop, auto past) {
@@ -234,16 +214,11 @@ TEST(PlatformRunLoop, ThrowingBlockKeepsTheRestQueued) {
 
 // --- Main-thread dispatch --------------------------------------------------
 
-TEST(PlatformDispatch, SyncMainRunsDirectlyOnTheMainThread) {
-    bool ran = false;
-    dispatchSyncMain([&] {
-        ran = true;
-        dispatchSyncMain([&] { EXPECT_TRUE(ran); });  // nested: still direct, no deadlock
-    });
-    EXPECT_TRUE(ran);
-}
+TEST(PlatformDispatch, SyncMainRunsDirectlyOnMainOtherwiseWaitsForTheMainLoopAndRethrows) {
+    int direct = 0;
+    dispatchSyncMain([&] { dispatchSyncMain([&] { ++direct; }); });  // nested: still direct, no deadlock
+    EXPECT_EQ(direct, 1);
 
-TEST(PlatformDispatch, SyncMainFromAnotherThreadWaitsForTheMainLoopAndRethrows) {
     std::atomic<bool> blockRan{false}, callerResumed{false}, resumedBeforeBlock{false}, ranOnMain{false}, done{false};
     std::string caught;
     std::thread caller([&] {

@@ -63,8 +63,8 @@ private:
         do {
             std::string key;
             if (!eat('"') || (--i_, !string(key)) || !eat(':')) return false;
-            v.members.emplace_back(std::move(key), JsonValue{});
-            if (!value(v.members.back().second, depth + 1)) return false;
+            v.members.push_back(JsonMember{std::move(key), JsonValue{}});
+            if (!value(v.members.back().value, depth + 1)) return false;
         } while (eat(','));
         return eat('}');
     }

@@ -9,8 +9,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
+
+struct JsonMember;
 
 struct JsonValue {
     enum class Kind { Null, Bool, Number, String, Array, Object };
@@ -19,7 +20,7 @@ struct JsonValue {
     bool boolean = false;
     std::string text;  // a string's UTF-8, or a number's literal text
     std::vector<JsonValue> items;
-    std::vector<std::pair<std::string, JsonValue>> members;
+    std::vector<JsonMember> members;  // an object's members in document order
 
     /// Parses a whole document; nothing when it is not valid JSON.
     static std::optional<JsonValue> parse(std::string_view json);
@@ -30,4 +31,11 @@ struct JsonValue {
     double real() const;
     /// The member named key, or null.
     const JsonValue* member(std::string_view key) const;
+};
+
+// Defined after JsonValue so that the value is complete where the member
+// needs it (a std::pair would need it inside JsonValue already).
+struct JsonMember {
+    std::string key;
+    JsonValue value;
 };

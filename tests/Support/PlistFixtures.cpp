@@ -1,6 +1,8 @@
 // PlistFixtures.cpp - the property-list fixtures and their expected values.
 #include "PlistFixtures.h"
 
+#include "TestSupport.h"
+
 #include <QXFoundation/QXUIDPropertyList.h>
 
 #include <qx/Array.h>
@@ -12,22 +14,48 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <sstream>
 
 using namespace qx;
 
 namespace plisttest {
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using qxtest::readFile;
 
 Ref<Data> fixture(const std::string& name) { return Data::withString(readFile(QX_PLIST_TESTDATA_DIR "/" + name)); }
+
+Ref<Dictionary> dict(std::initializer_list<std::pair<const char*, Ref<Object>>> entries) {
+    auto d = Dictionary::create();
+    for (const auto& [k, v] : entries) d->setObject(v, k);
+    return d;
+}
+
+Ref<Object> asText(const Ref<Object>& value) {
+    if (auto d = dyn_cast<Dictionary>(value)) {
+        auto out = Dictionary::create();
+        for (const auto& [k, v] : *d) out->setObject(asText(v), k);
+        return out;
+    }
+    if (auto a = dyn_cast<Array>(value)) {
+        auto out = Array::create();
+        for (const auto& v : *a) out->addObject(asText(v));
+        return out;
+    }
+    return dyn_cast<String>(value) ? value : str(value->description());
+}
+
+ScopedTimeZone::ScopedTimeZone(const char* zone) {
+    if (const char* old = std::getenv("TZ")) saved_ = old;
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+}
+
+ScopedTimeZone::~ScopedTimeZone() {
+    if (saved_) ::setenv("TZ", saved_->c_str(), 1);
+    else ::unsetenv("TZ");
+    ::tzset();
+}
 
 bool FixtureEntry::hasIssue(std::string_view text) const {
     return std::any_of(issues.begin(), issues.end(), [&](const auto& i) { return i.find(text) != std::string::npos; });

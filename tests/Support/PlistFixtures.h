@@ -5,15 +5,18 @@
 #include "JsonValue.h"
 
 #include <qx/Data.h>
+#include <qx/Dictionary.h>
 
 #include <cstdint>
+#include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace plisttest {
 
-std::string readFile(const std::string& path);
 /// A fixture's bytes, by its name relative to tests/fixtures/plist.
 qx::Ref<qx::Data> fixture(const std::string& name);
 
@@ -35,5 +38,24 @@ double secondsSince2001(const std::string& iso);
 /// Integers wider than 64 bits compare by their low 8 bytes, 4-byte reals as
 /// single precision.
 std::string mismatch(const qx::Object* actual, const JsonValue& expected, const std::string& path);
+
+/// What the old-style text keeps of a value: containers with every leaf as
+/// its description string.
+qx::Ref<qx::Object> asText(const qx::Ref<qx::Object>& value);
+
+/// A dictionary of the given entries.
+qx::Ref<qx::Dictionary> dict(std::initializer_list<std::pair<const char*, qx::Ref<qx::Object>>> entries);
+
+/// Sets TZ for a scope and puts the old setting back.
+class ScopedTimeZone {
+public:
+    explicit ScopedTimeZone(const char* zone);
+    ~ScopedTimeZone();
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+private:
+    std::optional<std::string> saved_;
+};
 
 } // namespace plisttest

@@ -1,56 +1,27 @@
-// StreamTestSupport.h - pipes, temporary files and an event-recording delegate for the stream suites.
+// StreamTestSupport.h - an event-recording delegate and run-loop helpers for the stream suites.
 #pragma once
+
+#include "TestSupport.h"
 
 #include <qx/InputStream.h>
 #include <qx/RunLoop.h>
 #include <qx/Stream.h>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <cstdio>
-#include <fcntl.h>
-#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace streamtest {
 
 constexpr const char* kMode = "com.tovarik.test.StreamMode";
 
-struct TempDir {
-    std::filesystem::path path;
-    TempDir() {
-        char pattern[] = "/tmp/qx-streams-XXXXXX";
-        path = ::mkdtemp(pattern);
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string file(const std::string& name, const std::string& contents) const {
-        const auto p = (path / name).string();
-        FILE* f = std::fopen(p.c_str(), "wb");
-        std::fwrite(contents.data(), 1, contents.size(), f);
-        std::fclose(f);
-        return p;
-    }
-};
-
-struct Pipe {
-    int fds[2] = {-1, -1};
-    Pipe() { EXPECT_EQ(::pipe2(fds, O_CLOEXEC), 0); }
-    ~Pipe() {
-        closeWriter();
-        if (fds[0] >= 0) ::close(fds[0]);
-    }
-    int reader() const { return fds[0]; }
-    void write(const std::string& s) const { EXPECT_EQ(::write(fds[1], s.data(), s.size()), static_cast<ssize_t>(s.size())); }
-    void closeWriter() {
-        if (fds[1] >= 0) ::close(fds[1]);
-        fds[1] = -1;
-    }
+using qxtest::Pipe;
+// Some suites name the folder as a member rather than a call.
+struct TempDir : qxtest::TempDir {
+    const std::filesystem::path& path = qxtest::TempDir::path();
 };
 
 // Records every delivered mask with the thread it arrived on.

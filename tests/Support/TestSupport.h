@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <iterator>
 #include <random>
 #include <string>
@@ -35,6 +36,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 inline qx::Ref<qx::Data> toData(const Bytes& b) { return qx::Data::withBytes(b.data(), b.size()); }
 inline qx::Ref<qx::Data> toData(const std::string& s) { return qx::Data::withBytes(s.data(), s.size()); }
+inline qx::Ref<qx::Data> toData(std::initializer_list<std::uint8_t> b) { return qx::Data::withBytes(b.begin(), b.size()); }
 inline Bytes toBytes(const qx::Ref<qx::Data>& d) { return d ? Bytes(d->bytes(), d->bytes() + d->length()) : Bytes{}; }
 inline Bytes toBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 inline std::string toString(const Bytes& b) { return std::string(b.begin(), b.end()); }

@@ -6,6 +6,8 @@
 
 #include <QXFoundation/QXChecksum.h>
 
+#include <qx/UniqueFd.h>
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -40,12 +42,14 @@ constexpr std::size_t kReadLength = 128 * 1024;
 std::string checksumOfFile(const std::string& path, QXChecksumAlgorithm algorithm, std::vector<std::uint8_t>& buffer,
                            std::string& reason) {
     int fd = STDIN_FILENO;
+    qx::UniqueFd file;
     if (path != "-") {
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
+        file.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file) {
             reason = std::strerror(errno);
             return {};
         }
+        fd = file.get();
         ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     }
     auto checksum = QXChecksum::initWithAlgorithm(algorithm);
@@ -56,7 +60,7 @@ std::string checksumOfFile(const std::string& path, QXChecksumAlgorithm algorith
         if (n <= 0) break;
         checksum->updateWithInputData(buffer.data(), static_cast<std::uint64_t>(n));
     }
-    if (fd != STDIN_FILENO) ::close(fd);
+    file.reset();
     if (!reason.empty()) return {};
 
     return checksumText(checksum->checksumData(), algorithm);

@@ -2,8 +2,7 @@
 #include "FileIO.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -18,20 +17,6 @@ bool posixFailure(int code, qx::Ref<qx::Error>* error) {
     if (error) *error = qx::Error::create(qx::NSPOSIXErrorDomain, code);
     return false;
 }
-
-// Closes a descriptor this unit opened when the scope ends.
-class DescriptorCloser {
-public:
-    explicit DescriptorCloser(int fd) : fd_(fd) {}
-    ~DescriptorCloser() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    DescriptorCloser(const DescriptorCloser&) = delete;
-    DescriptorCloser& operator=(const DescriptorCloser&) = delete;
-
-private:
-    int fd_;
-};
 
 bool writeAll(int fd, const void* bytes, std::size_t length, qx::Ref<qx::Error>* error) {
     const auto* p = static_cast<const unsigned char*>(bytes);
@@ -50,34 +35,16 @@ bool writeAll(int fd, const void* bytes, std::size_t length, qx::Ref<qx::Error>*
     return true;
 }
 
-mode_t modeForNewFile() {
-    // The process is single-threaded here, so reading the mask by setting it is safe.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return static_cast<mode_t>(0666 & ~mask);
-}
-
-// The temporary file's name: hidden, beside the target, recognisably ours.
-// The base name is shortened so the result stays within NAME_MAX.
-std::string temporaryTemplateFor(const std::string& target) {
-    const auto slash = target.rfind('/');
-    std::string dir = slash == std::string::npos ? std::string(".") : target.substr(0, slash == 0 ? 1 : slash);
-    std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    if (base.size() > 200) base.resize(200);
-    if (dir.back() != '/') dir += '/';
-    return dir + "." + base + ".qx-XXXXXX";
-}
-
 } // namespace
 
 qx::Ref<qx::Data> readInput(const std::string& path, qx::Ref<qx::Error>* error) {
     const bool standardInput = path == "-";
-    const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    const qx::UniqueFd file(standardInput ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    const int fd = standardInput ? STDIN_FILENO : file.get();
     if (fd < 0) {
         posixFailure(errno, error);
         return nullptr;
     }
-    DescriptorCloser closer(standardInput ? -1 : fd);
 
     // A regular file is read into a buffer of its size plus one byte, so the
     // common case takes one allocation and the extra byte detects a file that
@@ -104,66 +71,43 @@ qx::Ref<qx::Data> readInput(const std::string& path, qx::Ref<qx::Error>* error) 
     return std::make_shared<qx::Data>(std::move(bytes));
 }
 
-OutputFile::OutputFile(int fd, bool ownsDescriptor, std::string temporaryPath, std::string targetPath)
-    : fd_(fd), ownsDescriptor_(ownsDescriptor), temporaryPath_(std::move(temporaryPath)),
-      targetPath_(std::move(targetPath)) {}
+OutputFile::OutputFile(int fd, qx::UniqueFd owned, QXSafeFileWriter replacement)
+    : fd_(fd), owned_(std::move(owned)), replacement_(std::move(replacement)) {}
 
 std::unique_ptr<OutputFile> OutputFile::open(const std::string& path, qx::Ref<qx::Error>* error) {
-    if (path == "-") return std::unique_ptr<OutputFile>(new OutputFile(STDOUT_FILENO, false, {}, {}));
+    if (path == "-") return std::unique_ptr<OutputFile>(new OutputFile(STDOUT_FILENO, {}, {}));
     if (path.empty()) {
         posixFailure(ENOENT, error);
         return nullptr;
     }
 
-    // Replace what a link points at, not the link.
-    std::string target = path;
-    struct stat linkStat {};
-    if (::lstat(path.c_str(), &linkStat) == 0 && S_ISLNK(linkStat.st_mode)) {
-        if (char* resolved = ::realpath(path.c_str(), nullptr)) {
-            target = resolved;
-            std::free(resolved);
-        }
-    }
-
     struct stat st {};
-    const bool exists = ::stat(target.c_str(), &st) == 0;
+    const bool exists = ::stat(path.c_str(), &st) == 0;
     if (!exists && errno != ENOENT) {
         posixFailure(errno, error);
         return nullptr;
     }
     if (exists && !S_ISREG(st.st_mode)) {
         // Pipes, terminals and devices are streams, not files to replace.
-        const int fd = ::open(target.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
-        if (fd < 0) {
+        qx::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+        if (!fd) {
             posixFailure(errno, error);
             return nullptr;
         }
-        return std::unique_ptr<OutputFile>(new OutputFile(fd, true, {}, {}));
+        const int raw = fd.get();
+        return std::unique_ptr<OutputFile>(new OutputFile(raw, std::move(fd), {}));
     }
 
-    std::string temporary = temporaryTemplateFor(target);
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
-        posixFailure(errno, error);
+    QXSafeFileWriter replacement;
+    if (const int failure = replacement.open(path); failure != 0) {
+        posixFailure(failure, error);
         return nullptr;
     }
-    // mkostemp creates the file 0600; give it the mode the replaced file had,
-    // or the one a new file would get.
-    const mode_t mode = exists ? static_cast<mode_t>(st.st_mode & 07777) : modeForNewFile();
-    if (::fchmod(fd, mode) != 0) {
-        const int saved = errno;
-        ::close(fd);
-        ::unlink(temporary.c_str());
-        posixFailure(saved, error);
-        return nullptr;
-    }
-    return std::unique_ptr<OutputFile>(new OutputFile(fd, true, std::move(temporary), std::move(target)));
+    const int fd = replacement.fd();
+    return std::unique_ptr<OutputFile>(new OutputFile(fd, {}, std::move(replacement)));
 }
 
-OutputFile::~OutputFile() {
-    if (fd_ >= 0 && ownsDescriptor_) ::close(fd_);
-    if (!temporaryPath_.empty()) ::unlink(temporaryPath_.c_str());
-}
+OutputFile::~OutputFile() = default;
 
 bool OutputFile::write(const void* bytes, std::size_t length, qx::Ref<qx::Error>* error) {
     if (fd_ < 0) return posixFailure(EBADF, error);
@@ -172,12 +116,13 @@ bool OutputFile::write(const void* bytes, std::size_t length, qx::Ref<qx::Error>
 
 bool OutputFile::commit(qx::Ref<qx::Error>* error) {
     if (fd_ < 0) return posixFailure(EBADF, error);
-    const int fd = fd_;
     fd_ = -1;
-    if (ownsDescriptor_ && ::close(fd) != 0) return posixFailure(errno, error);
-    if (temporaryPath_.empty()) return true;
-    if (::rename(temporaryPath_.c_str(), targetPath_.c_str()) != 0) return posixFailure(errno, error);
-    temporaryPath_.clear();
+    if (owned_) {
+        if (const int failure = owned_.close(); failure != 0) return posixFailure(failure, error);
+        return true;
+    }
+    if (replacement_.fd() < 0) return true;  // standard output stays open
+    if (const int failure = replacement_.commit(); failure != 0) return posixFailure(failure, error);
     return true;
 }
 

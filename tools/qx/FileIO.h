@@ -6,6 +6,9 @@
 
 #include <qx/Data.h>
 #include <qx/Error.h>
+#include <qx/UniqueFd.h>
+
+#include "Internal/QXSafeFileWriter.h"
 
 #include <cstddef>
 #include <memory>
@@ -24,10 +27,8 @@ qx::Ref<qx::Data> readInput(const std::string& path, qx::Ref<qx::Error>* error =
 /// object destroyed without commit() removes its temporary file. Anything that
 /// is not a regular file ("-" for standard output, a pipe, a terminal,
 /// /dev/null) is written straight through and is never replaced. A symbolic
-/// link is followed: its target is replaced and the link kept.
-///
-/// The temporary file is not synced before the rename: the guarantee is
-/// against a failed run of this program, not against losing power.
+/// link is followed: its target is replaced and the link kept. The
+/// replacement is QXSafeFileWriter's: mode and owner kept, synced to disk.
 class OutputFile {
 public:
     /// Opens path for writing, or returns null and the reason.
@@ -42,12 +43,11 @@ public:
     bool commit(qx::Ref<qx::Error>* error = nullptr);
 
 private:
-    OutputFile(int fd, bool ownsDescriptor, std::string temporaryPath, std::string targetPath);
+    OutputFile(int fd, qx::UniqueFd owned, QXSafeFileWriter replacement);
 
-    int fd_;                     // -1 once closed
-    bool ownsDescriptor_;        // false for standard output
-    std::string temporaryPath_;  // empty when writing straight through
-    std::string targetPath_;     // what the temporary file becomes on commit
+    int fd_;                          // where writes go; -1 once committed
+    qx::UniqueFd owned_;              // a stream opened here; empty for standard output
+    QXSafeFileWriter replacement_;    // open when a file is being replaced
 };
 
 /// Writes bytes to path as one all-or-nothing OutputFile.

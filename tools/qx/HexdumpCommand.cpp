@@ -6,6 +6,8 @@
 
 #include <QXFoundation/QXHexFormatter.h>
 
+#include <qx/UniqueFd.h>
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -72,11 +74,11 @@ void formatLines(const QXHexFormatter& formatter, const unsigned char* bytes, st
 int runHexdump(const HexdumpOptions& options) {
     const std::string name = inputDisplayName(options.input);
     int fd = STDIN_FILENO;
-    std::unique_ptr<int, void (*)(int*)> closer(nullptr, [](int* p) { ::close(*p); });
+    qx::UniqueFd file;
     if (options.input != "-") {
-        fd = ::open(options.input.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) return reportFailure(name, posixReason(errno));
-        closer.reset(&fd);
+        file.reset(::open(options.input.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file) return reportFailure(name, posixReason(errno));
+        fd = file.get();
     }
     struct stat st;
     if (::fstat(fd, &st) != 0) return reportFailure(name, posixReason(errno));

@@ -193,23 +193,22 @@ std::string zipEntryRefusal(const ZipEntry& entry) {
 }
 
 std::unique_ptr<ZipArchive> ZipArchive::open(const std::string& path, std::string& reason) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
         reason = std::strerror(errno);
         return nullptr;
     }
-    struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         reason = S_ISDIR(st.st_mode) ? std::strerror(EISDIR) : "not a regular file";
-        ::close(fd);
         return nullptr;
     }
-    std::unique_ptr<ZipArchive> archive(new ZipArchive(fd, static_cast<std::uint64_t>(st.st_size)));
+    const auto size = static_cast<std::uint64_t>(st.st_size);
+    std::unique_ptr<ZipArchive> archive(new ZipArchive(std::move(fd), size));
     if (!archive->readDirectory(reason)) return nullptr;
     return archive;
 }
 
-ZipArchive::~ZipArchive() { ::close(fd_); }
 
 bool ZipArchive::read(std::uint64_t offset, void* buffer, std::size_t length, std::string& reason) const {
     if (offset > size_ || length > size_ - offset) {
@@ -218,7 +217,7 @@ bool ZipArchive::read(std::uint64_t offset, void* buffer, std::size_t length, st
     }
     auto* p = static_cast<std::uint8_t*>(buffer);
     while (length > 0) {
-        const ssize_t n = ::pread(fd_, p, length, static_cast<off_t>(offset));
+        const ssize_t n = ::pread(fd_.get(), p, length, static_cast<off_t>(offset));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             reason = n < 0 ? std::strerror(errno) : "the archive is truncated";

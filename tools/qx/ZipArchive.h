@@ -10,10 +10,13 @@
 // once its last byte is out.
 #pragma once
 
+#include <qx/UniqueFd.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qxtool {
@@ -40,7 +43,6 @@ class ZipArchive {
 public:
     /// Opens path and reads its central directory; null and the reason on failure.
     static std::unique_ptr<ZipArchive> open(const std::string& path, std::string& reason);
-    ~ZipArchive();
     ZipArchive(const ZipArchive&) = delete;
     ZipArchive& operator=(const ZipArchive&) = delete;
 
@@ -54,10 +56,10 @@ public:
     bool read(std::uint64_t offset, void* buffer, std::size_t length, std::string& reason) const;
 
 private:
-    ZipArchive(int fd, std::uint64_t size) : fd_(fd), size_(size) {}
+    ZipArchive(qx::UniqueFd fd, std::uint64_t size) : fd_(std::move(fd)), size_(size) {}
     bool readDirectory(std::string& reason);
 
-    int fd_;
+    qx::UniqueFd fd_;
     std::uint64_t size_;
     std::vector<ZipEntry> entries_;
 };

@@ -5,6 +5,10 @@
 #include "FileIO.h"
 #include "ZipArchive.h"
 
+#include "Internal/QXSafeFileWriter.h"
+
+#include <qx/UniqueFd.h>
+
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -12,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -28,29 +31,6 @@ struct ZipOptions {
     std::string archive;
     std::string directory = ".";
     std::vector<std::string> names;
-};
-
-// A descriptor that closes itself.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
 };
 
 // The parts of an entry's name as a relative path; false when the name is
@@ -74,44 +54,24 @@ bool safeComponents(const std::string& name, std::vector<std::string>& parts) {
 
 // Opens (creating when missing) the directory parts[0..count) under base,
 // never following a symbolic link.
-Descriptor openDirectories(int base, const std::vector<std::string>& parts, std::size_t count, std::string& reason) {
-    Descriptor current(::fcntl(base, F_DUPFD_CLOEXEC, 0));
+qx::UniqueFd openDirectories(int base, const std::vector<std::string>& parts, std::size_t count, std::string& reason) {
+    qx::UniqueFd current(::fcntl(base, F_DUPFD_CLOEXEC, 0));
     for (std::size_t i = 0; i < count && current.get() >= 0; ++i) {
         int fd = ::openat(current.get(), parts[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0 && errno == ENOENT) {
-            if (::mkdirat(current.get(), parts[i].c_str(), 0755) != 0 && errno != EEXIST) break;
-            fd = ::openat(current.get(), parts[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            // A failed mkdir is reported below like a failed open, never taken as the folder.
+            if (::mkdirat(current.get(), parts[i].c_str(), 0755) == 0 || errno == EEXIST)
+                fd = ::openat(current.get(), parts[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         }
         if (fd < 0) {
             reason = "cannot make directory \"" + parts[i] + "\": " +
                      (errno == ELOOP || errno == ENOTDIR ? "a file or symbolic link is in the way" : std::strerror(errno));
-            return Descriptor();
+            return qx::UniqueFd();
         }
-        current = Descriptor(fd);
+        current.reset(fd);
     }
     if (current.get() < 0 && reason.empty()) reason = std::strerror(errno);
     return current;
-}
-
-bool writeAll(int fd, const std::uint8_t* bytes, std::size_t n, std::string& reason) {
-    while (n > 0) {
-        const ssize_t w = ::write(fd, bytes, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w < 0) {
-            reason = std::string("cannot write: ") + std::strerror(errno);
-            return false;
-        }
-        bytes += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
-}
-
-std::string temporaryName() {
-    static std::mt19937_64 rng{std::random_device{}()};
-    char name[32];
-    std::snprintf(name, sizeof name, ".qx-zip-%012" PRIx64, static_cast<std::uint64_t>(rng() & 0xFFFFFFFFFFFFu));
-    return name;
 }
 
 // Extracts one file entry; false and the reason on failure, leaving nothing behind.
@@ -127,38 +87,27 @@ bool extractEntry(const ZipArchive& archive, const ZipEntry& entry, int destinat
     }
     if (entry.isDirectory()) return openDirectories(destination, parts, parts.size(), reason).get() >= 0;
 
-    Descriptor parent = openDirectories(destination, parts, parts.size() - 1, reason);
-    if (parent.get() < 0) return false;
-    std::string temporary;
-    Descriptor file;
-    for (int attempt = 0; attempt < 100 && file.get() < 0; ++attempt) {
-        temporary = temporaryName();
-        file = Descriptor(::openat(parent.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-        if (file.get() < 0 && errno != EEXIST) break;
-    }
-    if (file.get() < 0) {
-        reason = std::string("cannot create a file: ") + std::strerror(errno);
-        return false;
-    }
-    const bool decoded = decodeZipEntry(
-        archive, entry,
-        [&](const std::uint8_t* bytes, std::size_t n, std::string& why) { return writeAll(file.get(), bytes, n, why); },
-        reason);
+    qx::UniqueFd parent = openDirectories(destination, parts, parts.size() - 1, reason);
+    if (!parent) return false;
     // Permission bits from Unix archivers; everything else gets the usual default.
     const bool unixMade = (entry.versionMadeBy >> 8) == 3 && (entry.externalAttributes >> 16) != 0;
     const mode_t mode = unixMade ? static_cast<mode_t>((entry.externalAttributes >> 16) & 0777) : 0644;
-    bool ok = decoded && ::fchmod(file.get(), mode) == 0;
-    if (decoded && !ok) reason = std::string("cannot set permissions: ") + std::strerror(errno);
-    if (::close(file.release()) != 0 && ok) {
-        reason = std::string("cannot write: ") + std::strerror(errno);
-        ok = false;
+    QXSafeFileWriter file;
+    if (const int failure = file.openAt(parent.get(), parts.back(), mode); failure != 0) {
+        reason = std::string("cannot create a file: ") + std::strerror(failure);
+        return false;
     }
-    if (ok && ::renameat(parent.get(), temporary.c_str(), parent.get(), parts.back().c_str()) != 0) {
-        reason = std::string("cannot rename into place: ") + std::strerror(errno);
-        ok = false;
+    const auto write = [&](const std::uint8_t* bytes, std::size_t n, std::string& why) {
+        const int failure = file.writeAll(bytes, n);
+        if (failure != 0) why = std::string("cannot write: ") + std::strerror(failure);
+        return failure == 0;
+    };
+    if (!decodeZipEntry(archive, entry, write, reason)) return false;  // the writer removes its temporary
+    if (const int failure = file.commit(); failure != 0) {
+        reason = std::string("cannot rename into place: ") + std::strerror(failure);
+        return false;
     }
-    if (!ok) ::unlinkat(parent.get(), temporary.c_str(), 0);
-    return ok;
+    return true;
 }
 
 int runList(const ZipOptions& options) {
@@ -212,7 +161,7 @@ int runExtract(const ZipOptions& options) {
 
     std::error_code ec;
     std::filesystem::create_directories(options.directory, ec);
-    Descriptor destination(::open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const qx::UniqueFd destination(::open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (destination.get() < 0) return reportFailure(options.directory, std::strerror(errno));
 
     for (const ZipEntry* entry : selected) {

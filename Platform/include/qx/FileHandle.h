@@ -22,6 +22,7 @@
 #include <qx/Error.h>
 #include <qx/Exception.h>
 #include <qx/URL.h>
+#include <qx/UniqueFd.h>
 
 #include <cstdint>
 #include <functional>
@@ -58,7 +59,7 @@ public:
     ~FileHandle() override;
 
     /// The descriptor, or -1 once closed.
-    int fileDescriptor() const { return fd_; }
+    int fileDescriptor() const { return fd_.get(); }
 
     /// Reads until length bytes have arrived or the end is reached (fewer
     /// bytes, possibly none, then); blocks on pipes and sockets meanwhile.
@@ -111,7 +112,7 @@ private:
     void noteRead();
     void stopWatcher();
 
-    int fd_;
+    UniqueFd fd_;           // given up unclosed at destruction unless closeOnDealloc_
     bool closeOnDealloc_;
     std::shared_ptr<Watcher> watcher_;  // guarded by watcherMutex_
     mutable std::mutex watcherMutex_;

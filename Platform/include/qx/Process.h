@@ -18,6 +18,7 @@
 
 #include <qx/Error.h>
 #include <qx/FileHandle.h>
+#include <qx/UniqueFd.h>
 
 #include <sys/types.h>
 
@@ -97,7 +98,7 @@ private:
 
     Ref<FileHandle> stdinHandle_, stdoutHandle_, stderrHandle_, terminalHandle_;
     pid_t pid_ = -1;
-    int pidFd_ = -1;  // readable once the child has ended; -1 without kernel support
+    UniqueFd pidFd_;  // readable once the child has ended; -1 without kernel support
     mutable std::mutex mutex_;
     bool launched_ = false;
     bool reaped_ = false;
