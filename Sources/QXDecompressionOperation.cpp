@@ -3,6 +3,10 @@
 
 #include <QXFoundation/QXError.h>
 
+#include "Internal/QXDecompressorTesting.h"
+#include "Internal/QXPBZXFanOut.h"
+#include "Internal/QXStreamingDecoder.h"
+
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -13,7 +17,12 @@ using qx::Ref;
 
 namespace {
 
+// Ring buffer size for operations made without one; 0 for the default.
 std::atomic<std::uint64_t> bufferSizeOverride{0};
+
+// Orders the chunks of every decompressor for their decode turns (see
+// Internal/QXPBZXFanOut.h for why the order is process-wide).
+std::atomic<std::uint64_t> chunksMade{0};
 
 // qx::Observable can only be made by a subclass.
 class Notifier final : public qx::Observable {
@@ -38,7 +47,9 @@ std::uint64_t QXDecompressionOperation::bufferSizePerOperation() {
     return 524288000ULL / processors / 2;
 }
 
-void QXDecompressionOperation::setBufferSizeOverrideForTesting(std::uint64_t bytes) { bufferSizeOverride = bytes; }
+void QXSetChunkBufferSizeForTesting(std::uint64_t bytes) { bufferSizeOverride = bytes; }
+
+QXDecompressionOperation::QXDecompressionOperation() = default;
 
 Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                           Ref<Error>* error) {
@@ -48,8 +59,6 @@ Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDeco
 Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                           const Ref<QXRingBuffer>& outputBuffer,
                                                                           Ref<Error>* error) {
-    auto decompressor = QXDecompressor::initForStreamingWithAlgorithm(algorithm, error);
-    if (!decompressor) return nullptr;
     Ref<QXRingBuffer> ring = outputBuffer;
     if (ring) {
         ring->reopen();
@@ -61,12 +70,11 @@ Ref<QXDecompressionOperation> QXDecompressionOperation::initWithAlgorithm(QXDeco
         if (!ring) return nullptr;
     }
     Ref<QXDecompressionOperation> operation(new QXDecompressionOperation());
-    operation->decompressor_ = std::move(decompressor);
+    operation->turn_ = std::make_unique<QXDecodeTurn>(chunksMade.fetch_add(1));
+    operation->decoder_ = QXStreamingDecoder::create(algorithm, QXChunkOutput{ring, operation->turn_.get()}, error);
+    if (!operation->decoder_) return nullptr;
     operation->queue_ = qx::SerialQueue::create("com.tovarik.QXFoundation.QXDecompressionOperation");
     operation->outputBuffer_ = std::move(ring);
-    static std::atomic<std::uint64_t> chunksMade{0};
-    operation->decompressor_->directOutput_ = operation->outputBuffer_;
-    operation->decompressor_->directOutputOrder_ = chunksMade.fetch_add(1);
     operation->observable_ = std::make_shared<Notifier>();
     operation->compressed_ = algorithm == QXDecompressionAlgorithmAutomatic;
     return operation;
@@ -155,13 +163,13 @@ void QXDecompressionOperation::provideInputData(const Ref<Data>& data, bool isFi
         // The decoder keeps its turn at liblzma only while its next piece is
         // already queued behind this one, so that a later chunk does not take
         // the processor between two pieces of an older one.
-        if (self->queuedPieces_.fetch_sub(1) == 1) self->decompressor_->releaseDecodeTurn();
+        if (self->queuedPieces_.fetch_sub(1) == 1) self->turn_->release();
     });
 }
 
 void QXDecompressionOperation::processData(const Ref<Data>& data, bool isFinal) {
     decodePiece(data, isFinal);
-    decompressor_->releaseDecodeTurn();
+    turn_->release();
 }
 
 void QXDecompressionOperation::decodePiece(const Ref<Data>& data, bool isFinal) {
@@ -179,7 +187,7 @@ void QXDecompressionOperation::decodePiece(const Ref<Data>& data, bool isFinal) 
     do {
         again = false;
         Ref<Error> error;
-        auto out = decompressor_->decompressedDataFromStreamWithInputData(piece, isFinal, &again, &error);
+        auto out = decoder_->decode(piece, isFinal, &again, &error);
         if (!out) {
             fail(error ? error : QXGenerateError(qx::NSCocoaErrorDomain, 259));
             return;
@@ -200,7 +208,7 @@ void QXDecompressionOperation::decodePiece(const Ref<Data>& data, bool isFinal) 
         piece = Data::create();
     } while (again);
     if (!isFinal) return;
-    if (compressed_ && !decompressor_->isSetUp()) {
+    if (compressed_ && !decoder_->isSetUp()) {
         // Data that was to be compressed never looked like any known format:
         // that is corrupt data, not an empty piece.
         fail(QXGenerateError(qx::NSCocoaErrorDomain, 259));

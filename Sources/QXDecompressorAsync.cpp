@@ -26,6 +26,17 @@ constexpr std::uint64_t kReadAheadPerOperation = 2097152;
 
 Ref<Error> cancelledError() { return QXGenerateError(qx::NSCocoaErrorDomain, 3072); }
 
+// A server that answers with an error status sends a page about it, which
+// must not be taken for the payload: automatic detection would find no format
+// in it and pass it through as the output. Nothing when the status is fine
+// (0 for local sources).
+Ref<Error> httpStatusError(const QXRemoteFileHandle& handle) {
+    const std::int64_t status = handle.statusCode();
+    if (status < 400) return nullptr;
+    return QXGenerateError(qx::NSURLErrorDomain, -1011, handle.URL(), nullptr, nullptr,
+                           "the server answered with HTTP status %ld", static_cast<long>(status));
+}
+
 // One running checksum fed on a serial queue of its own, so hashing a chunk
 // overlaps decoding the next one.
 class ChecksumLane {
@@ -63,9 +74,11 @@ public:
     }
 
     /// One chunk from the remote handle; returns whether reading is to go on.
-    bool onChunk(const Ref<Data>& chunk, bool isFinal, const Ref<Error>& error) {
+    bool onChunk(const QXRemoteFileHandle* handle, const Ref<Data>& chunk, bool isFinal, const Ref<Error>& error) {
         if (finished_) return false;
         if (error) return fail(error);
+        if (handle)
+            if (auto statusError = httpStatusError(*handle)) return fail(statusError);
 
         const Ref<Data> input = chunk ? chunk : Data::create();
 
@@ -147,6 +160,7 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
         if (!handle->seekToFileOffset(offset, &error)) return AsyncRun::failBeforeReading(handler, error);
         Ref<Data> magic = handle->readDataOfLength(QXDecompressor::maxMagicLength(), &error);
         if (!magic) return AsyncRun::failBeforeReading(handler, error);
+        if (auto statusError = httpStatusError(*handle)) return AsyncRun::failBeforeReading(handler, statusError);
         QXDecompressionAlgorithm found = QXDecompressionAlgorithmNone;
         if (QXDecompressor::isDataCompressed(magic, &found)) algorithm = found;
     }
@@ -158,8 +172,8 @@ void runWorker(const Ref<QXRemoteFileHandle>& handle, std::uint64_t offset, std:
     const std::uint64_t maxBufferSize =
         static_cast<std::uint64_t>(QXDecompressor::maxOperationCount()) * kReadAheadPerOperation;
     handle->readDataAtOffset(offset, length, maxBufferSize,
-                             [run](const Ref<QXRemoteFileHandle>&, const Ref<Data>& chunk, bool done,
-                                   const Ref<Error>& failure) { return run->onChunk(chunk, done, failure); });
+                             [run](const Ref<QXRemoteFileHandle>& source, const Ref<Data>& chunk, bool done,
+                                   const Ref<Error>& failure) { return run->onChunk(source.get(), chunk, done, failure); });
 }
 
 } // namespace

@@ -29,6 +29,10 @@
 // The plain qx::Operation::cancel() has no such hook; it takes effect at the
 // next input piece. Queued input pieces hold the operation weakly: an
 // operation released early skips the rest of its input.
+//
+// Thread safety: provideInputData and the consume calls come from the one
+// owner thread; the queries, cancelWithError and waitForOutputData may come
+// from any thread.
 #pragma once
 
 #include <QXFoundation/QXDecompressor.h>
@@ -42,7 +46,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+
+class QXDecodeTurn;
+class QXStreamingDecoder;
 
 class QXDecompressionOperation final : public qx::Operation {
 public:
@@ -50,11 +58,6 @@ public:
     /// QXDecompressor::maxOperationCount() operations (two per processor)
     /// hold at most 500 MiB of decoded, unconsumed output together.
     static std::uint64_t bufferSizePerOperation();
-
-    /// For tests: operations made from now on get ring buffers of this many
-    /// bytes instead of bufferSizePerOperation() (0 restores the default), so
-    /// that a test can fill them with little data. Not for production use.
-    static void setBufferSizeOverrideForTesting(std::uint64_t bytes);
 
     /// A streaming decompressor for the algorithm, the private queue and the
     /// ring buffer; nothing with the error of whichever could not be made.
@@ -130,7 +133,7 @@ public:
     std::string className() const override { return "QXDecompressionOperation"; }
 
 protected:
-    QXDecompressionOperation() = default;
+    QXDecompressionOperation();
     /// Marks the operation started; finishes it at once when it is already
     /// done or failed.
     void main() override;
@@ -151,7 +154,10 @@ private:
 
     mutable std::mutex mutex_;  // guards the flags and the error
     qx::Ref<qx::Error> error_;
-    qx::Ref<QXDecompressor> decompressor_;  // used on the private queue only
+    // The chunk's turn at liblzma among all chunk decoders, oldest first;
+    // declared before the decoder, which holds on to it.
+    std::unique_ptr<QXDecodeTurn> turn_;
+    std::unique_ptr<QXStreamingDecoder> decoder_;  // used on the private queue only
     qx::Ref<qx::SerialQueue> queue_;
     bool started_ = false;
     bool done_ = false;

@@ -34,12 +34,11 @@
 //
 // Algorithm values outside -1..7 are accepted and pass input through.
 //
-// A single streaming object is not safe for concurrent calls; the class
-// operations are thread-safe.
+// Thread safety: a single streaming object is not safe for concurrent calls;
+// the class operations are thread-safe.
 #pragma once
 
 #include <QXFoundation/QXChecksum.h>
-#include <QXFoundation/QXRemoteFileHandle.h>
 
 #include <qx/Array.h>
 #include <qx/Data.h>
@@ -54,8 +53,7 @@
 #include <memory>
 #include <vector>
 
-class QXDecompressionOperation;
-class QXRingBuffer;
+class QXRemoteFileHandle;  // QXRemoteFileHandle.h, for the asynchronous drivers
 
 using QXDecompressionAlgorithm = std::int64_t;
 inline constexpr QXDecompressionAlgorithm QXDecompressionAlgorithmAutomatic = -1;
@@ -128,10 +126,10 @@ public:
     qx::Ref<qx::Error> operationError() const;
 
     /// The algorithm in use (set-up replaces -1 and 1 by what it detected).
-    QXDecompressionAlgorithm algorithm() const { return algorithm_; }
-    bool isSetUp() const { return setUp_; }
+    QXDecompressionAlgorithm algorithm() const;
+    bool isSetUp() const;
     /// True once the decoder reported the end of its stream.
-    bool isFinished() const { return finished_; }
+    bool isFinished() const;
 
     std::string className() const override { return "QXDecompressor"; }
 
@@ -147,6 +145,12 @@ public:
     /// Tries gzip, zlib, bzip2, xz, PBZX in this order (zlib comes earlier than
     /// for files on purpose); stores the first hit's algorithm, else 0.
     static bool isDataCompressed(const qx::Ref<qx::Data>& data, QXDecompressionAlgorithm* algorithm = nullptr);
+    /// The algorithm set-up takes for a stream that starts with data: -1 as
+    /// isDataCompressed finds it (0 when nothing matches, where the drivers
+    /// pass the bytes through); 1 as zlib or gzip by their prefixes, else raw
+    /// deflate; any other algorithm as it is.
+    static QXDecompressionAlgorithm resolvedAlgorithmForData(const qx::Ref<qx::Data>& data,
+                                                             QXDecompressionAlgorithm algorithm);
     static bool isFileGZCompressedAtURL(const qx::Ref<qx::URL>& url);
     static bool isFileZlibCompressedAtURL(const qx::Ref<qx::URL>& url);
     static bool isFileBZ2CompressedAtURL(const qx::Ref<qx::URL>& url);
@@ -322,48 +326,6 @@ protected:
     QXDecompressor();
 
 private:
-    // A chunk decoder has xz output written straight into its ring buffer.
-    friend class QXDecompressionOperation;
-    struct Decoders;
-
-    qx::Ref<qx::Data> zlibRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    bool zlibFeed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> bzip2Routine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    bool bzip2Feed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> xzRoutine(const qx::Ref<qx::Data>& input, bool isFinal, qx::Ref<qx::Error>* error);
-    bool xzIntoRing(bool isFinal, qx::Ref<qx::Error>* error);
-    enum class XZStep { More, Stop, Failed };  // go on calling liblzma, stop for now, or fail
-    XZStep xzStep(int result, bool isFinal, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> pbzxRoutine(const qx::Ref<qx::Data>& input, bool isFinal, bool* shouldRunAgain,
-                                  qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> explodeRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Data> unshrinkRoutine(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    qx::Ref<qx::Error> failPBZX(int result);
-    qx::Ref<qx::Error> drainPBZXOperations(qx::Data& out, bool waitForOutput, bool roomForAnother);
-    std::uint8_t* scratch();
-    // A chunk decoder's turn to run liblzma, kept from one piece of input to
-    // the next while more is queued; given up whenever it is to wait.
-    void takeDecodeTurn();
-    void releaseDecodeTurn();
-    void yieldDecodeTurnToOlder();
-
-    QXDecompressionAlgorithm algorithm_ = QXDecompressionAlgorithmNone;
-    bool setUp_ = false;
-    bool firstDataRead_ = false;
-    std::unique_ptr<Decoders> decoders_;  // at most one decoder state exists at a time
-    // PBZX only: chunk decoders, oldest first, and the one receiving bytes.
-    std::vector<std::shared_ptr<QXDecompressionOperation>> operations_;
-    std::shared_ptr<QXDecompressionOperation> currentOperation_;
-    std::vector<qx::Ref<QXRingBuffer>> spareBuffers_;  // of chunk decoders that are done, for the next ones
-    bool pbzxInputEnded_ = false;  // a final call was made: later input is only drained
-    qx::Ref<qx::Data> streamIn_;  // input held back between calls
-    bool finished_ = false;
-    bool cancelled_ = false;
-    qx::Ref<qx::Error> cancelError_;   // what PBZX calls fail with after a cancel
-    std::unique_ptr<std::uint8_t[]> buffer_;  // decoders' output room, made on first use
-    // When set, xz output goes into it in place (waiting for room) and the
-    // xz routine returns empty data; other decoders still return theirs.
-    qx::Ref<QXRingBuffer> directOutput_;
-    std::uint64_t directOutputOrder_ = 0;  // the chunk's place among all chunk decoders, oldest lowest
-    bool holdsDecodeTurn_ = false;
+    struct Impl;  // the streaming state, private to the library
+    std::unique_ptr<Impl> impl_;
 };

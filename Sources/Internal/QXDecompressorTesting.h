@@ -1,8 +1,11 @@
-// QXDecompressorTesting.h - knobs that only tests turn.
+// QXDecompressorTesting.h - test-only settings of the decompressor's PBZX
+// chunk decoders. Not installed; no production code calls these.
 #pragma once
 
 #include <cstdint>
 
-// Gives the PBZX chunk decoders made from now on ring buffers of this many
-// bytes (0 restores the default), so tests can make them wait on full buffers.
+/// Chunk decoders (QXDecompressionOperations) made from now on without a
+/// ring buffer of their own get one of this many bytes instead of
+/// QXDecompressionOperation::bufferSizePerOperation(), so that a test can fill
+/// them with little data; 0 restores the default. Process-wide.
 void QXSetChunkBufferSizeForTesting(std::uint64_t bytes);

@@ -16,8 +16,6 @@
 #include <QXFoundation/QXDecompressor.h>
 #include <QXFoundation/QXRemoteFileHandle.h>
 
-#include <qx/HTTPClient.h>
-
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -26,7 +24,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -109,34 +106,10 @@ qx::Ref<QXRemoteFileHandle> openSource(const std::string& source, qx::Ref<qx::Er
     return QXRemoteFileHandle::initForReadingFromURL(qx::URL::fileURLWithPath(source), error);
 }
 
-// A server that answers with an error status sends a page about it, which
-// would otherwise be taken for the payload: such a page is in no compressed
-// format, so automatic detection would copy it through as the output. Asked
-// once, up front; a server that does not answer HEAD requests (405, 501) is
-// left to the transfer itself. An empty reason means go on.
-std::string httpStatusProblem(const std::string& source) {
-    auto url = qx::URL::URLWithString(source);
-    if (!url) return {};
-    auto request = qx::HTTPRequest::requestWithURL(url);
-    request->setHTTPMethod("HEAD");
-    std::promise<int> status;
-    auto answered = status.get_future();
-    auto client = qx::HTTPClient::create();
-    auto task = client->dataTaskWithRequest(
-        request, [&status](const qx::Ref<qx::Data>&, const qx::Ref<qx::HTTPResponse>& response, const qx::Ref<qx::Error>&) {
-            // A failed request is reported by the transfer, with its own error.
-            status.set_value(response ? response->statusCode() : 0);
-        });
-    task->resume();
-    const int code = answered.get();
-    if (code < 400 || code == 405 || code == 501) return {};
-    return "the server answered with HTTP status " + std::to_string(code);
-}
-
-// The payload's format from its first bytes, as the library would decide it
-// for automatic detection and for the deflate family. Read here, at the
-// range's start, rather than left to the driver: the trailer check must know
-// the format too, and the driver would look at the handle's position instead.
+// The payload's format from its first bytes, as the library decides it for
+// automatic detection and for the deflate family. Read here, at the range's
+// start, rather than left to the driver: the trailer check must know the
+// format too, and the driver would look at the handle's position instead.
 // The handle is put back at the range's start.
 bool resolveAlgorithm(QXRemoteFileHandle& handle, const DecompressOptions& options, QXDecompressionAlgorithm& algorithm,
                       qx::Ref<qx::Error>* error) {
@@ -146,15 +119,7 @@ bool resolveAlgorithm(QXRemoteFileHandle& handle, const DecompressOptions& optio
     auto head = options.length == 0 ? qx::Data::create()
                                     : handle.readDataOfLength(std::min<std::uint64_t>(options.length, QXDecompressor::maxMagicLength()), error);
     if (!head || !handle.seekToFileOffset(options.offset, error)) return false;
-    if (algorithm == QXDecompressionAlgorithmAutomatic) {
-        if (!QXDecompressor::isDataCompressed(head, &algorithm)) algorithm = QXDecompressionAlgorithmNone;
-    } else if (QXDecompressor::isDataZlibCompressed(head)) {
-        algorithm = QXDecompressionAlgorithmZlib;
-    } else if (QXDecompressor::isDataGZCompressed(head)) {
-        algorithm = QXDecompressionAlgorithmGzip;
-    } else {
-        algorithm = QXDecompressionAlgorithmRawDeflate;
-    }
+    algorithm = QXDecompressor::resolvedAlgorithmForData(head, algorithm);
     return true;
 }
 
@@ -238,10 +203,6 @@ int runDecompress(const DecompressOptions& options) {
     const std::string destinationPath = options.inPlace ? options.source : options.destination.empty() ? "-" : options.destination;
     const std::string destinationName = outputDisplayName(destinationPath);
 
-    if (http) {
-        const std::string problem = httpStatusProblem(options.source);
-        if (!problem.empty()) return reportFailure(sourceName, problem);
-    }
     qx::Ref<qx::Error> error;
     auto handle = openSource(options.source, &error);
     if (!handle) return reportFailure(sourceName, reasonFromError(error));

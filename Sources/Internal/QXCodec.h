@@ -1,0 +1,82 @@
+// QXCodec.h - the one interface every format's decoder has towards the
+// streaming decompressor, and what the decoders share.
+//
+// The streaming decompressor detects the format, makes one codec for it and
+// then hands it every chunk of input. A codec keeps back whatever input it
+// cannot use yet (a header cut short, the gzip trailer) and processes it
+// ahead of the next chunk. Failures come back through QXCodecError (see
+// QXCodecError.h), so every format reports with the same domains and log lines.
+#pragma once
+
+#include <qx/Data.h>
+#include <qx/Error.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+class QXStoragePool;
+
+// The output room of one decoder call, and the size of an input piece.
+inline constexpr std::size_t kQXCodecBufferSize = 1048576;
+// The most one zlib or libbz2 call can take (their counts are 32-bit).
+inline constexpr std::uint64_t kQXCodecMaxPieceLength = 4294967295ULL;
+// The most output storage kept for reuse between calls.
+inline constexpr std::size_t kQXCodecMaxKeptOutput = 64 * kQXCodecBufferSize;
+
+class QXCodec {
+public:
+    virtual ~QXCodec();
+    QXCodec(const QXCodec&) = delete;
+    QXCodec& operator=(const QXCodec&) = delete;
+
+    /// Decodes one chunk (never null) and returns the output it produced,
+    /// possibly empty, or nothing with the error. Once the stream has ended
+    /// every call returns empty output. runAgain (never null, false on entry)
+    /// asks the caller to call again with empty input for output still on
+    /// its way.
+    qx::Ref<qx::Data> decode(const qx::Ref<qx::Data>& input, bool isFinal, bool* runAgain, qx::Ref<qx::Error>* error);
+
+    /// True once the decoder reported the end of its stream.
+    bool isFinished() const { return finished_; }
+
+    /// Stops work running on other threads (PBZX chunk decoders) with the
+    /// error; later calls fail with it. Nothing for the other formats.
+    virtual void cancelWithError(const qx::Ref<qx::Error>& error);
+    /// The first error of work on other threads, or nothing.
+    virtual qx::Ref<qx::Error> operationError() const;
+
+protected:
+    QXCodec();
+
+    /// decode's work for one format; started() is false on the first call.
+    virtual qx::Ref<qx::Data> decodeChunk(const qx::Ref<qx::Data>& input, bool isFinal, bool* runAgain,
+                                          qx::Ref<qx::Error>* error) = 0;
+
+    /// Whether an earlier chunk has reached the codec.
+    bool started() const { return started_; }
+    /// The held-back input joined in front of input (no copy when none is held).
+    qx::Ref<qx::Data> joinHeld(const qx::Ref<qx::Data>& input);
+    /// Input kept back for the next call.
+    qx::Data& held() { return *held_; }
+    /// Empty output storage, reused from outputs their holders have let go of.
+    qx::Ref<qx::Data> reusableOutput();
+    /// kQXCodecBufferSize bytes of room that stay with the codec, made on
+    /// first use and left uninitialised: decoders only hand back bytes they wrote.
+    std::uint8_t* scratch();
+
+    bool finished_ = false;
+
+private:
+    bool started_ = false;
+    qx::Ref<qx::Data> held_;
+    std::shared_ptr<QXStoragePool> output_;
+    std::unique_ptr<std::uint8_t[]> scratch_;
+};
+
+/// Algorithm 0 and values outside the known ones: input passes through.
+class QXStoredCodec final : public QXCodec {
+protected:
+    qx::Ref<qx::Data> decodeChunk(const qx::Ref<qx::Data>& input, bool isFinal, bool* runAgain,
+                                  qx::Ref<qx::Error>* error) override;
+};
