@@ -14,8 +14,6 @@ using streamtest::runUntil;
 
 namespace {
 
-constexpr const char* kOtherMode = "com.tovarik.test.Other";
-
 // A delegate that reads up to chunk bytes into bytes at every HasBytesAvailable.
 std::shared_ptr<EventRecorder> reader(std::string& bytes, std::size_t chunk = 4) {
     auto r = std::make_shared<EventRecorder>();
