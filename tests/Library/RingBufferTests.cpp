@@ -54,56 +54,11 @@ TEST(RingBuffer, WholeCapacityIsUsableAndNonWaitingCallsStopAtTheEdges) {
     EXPECT_EQ(none->readBytes(&c, 0, true), 0u);
 }
 
-TEST(RingBuffer, BytesStayInOrderAcrossTheEndOfStorage) {
-    auto r = ring(5);
-    // Offsets that leave the pointers at every position, including one past
-    // the end, before a copy that has to wrap.
-    std::string expected;
-    std::uint64_t serial = 0;
-    for (int round = 0; round < 40; ++round) {
-        std::string chunk;
-        const std::uint64_t room = r->spaceAvailable();
-        for (std::uint64_t i = 0; i < 1 + round % room; ++i) chunk += static_cast<char>('A' + serial++ % 26);
-        ASSERT_EQ(put(*r, chunk), chunk.size());
-        expected += chunk;
-        const std::uint64_t n = 1 + (round * 7) % r->bytesAvailable();
-        ASSERT_EQ(take(*r, n), expected.substr(0, n)) << "round " << round;
-        expected.erase(0, n);
-        ASSERT_EQ(r->bytesAvailable(), expected.size());
-    }
-    EXPECT_EQ(take(*r, 5), expected);
-    EXPECT_EQ(r->bytesWritten(), r->bytesRead());
-}
-
 TEST(RingBuffer, ImpossibleCapacityFailsWithAnError) {
     Ref<qx::Error> error;
     EXPECT_FALSE(QXRingBuffer::initWithCapacity(~std::uint64_t{0}, &error));
     EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, ENOMEM);
     EXPECT_FALSE(QXRingBuffer::initWithCapacity(std::uint64_t{1} << 62));  // no out-parameter: just nothing
-    auto big = ring(64u << 20);  // large storage is mapped lazily; its far end must work too
-    std::vector<std::uint8_t> chunk(1 << 20, 0x5a);
-    for (int i = 0; i < 64; ++i) ASSERT_EQ(big->writeBytes(chunk.data(), chunk.size(), false), chunk.size());
-    EXPECT_EQ(big->spaceAvailable(), 0u);
-}
-
-TEST(RingBuffer, WaitingCallsSleepUntilTheOtherSideMakesRoomOrBringsBytes) {
-    auto r = ring(4);
-    ASSERT_EQ(put(*r, "abcd"), 4u);
-    std::uint64_t written = 0;
-    std::thread writer([&] { written = r->writeBytes("efgh", 4, true); });
-    // The writer can only finish after reads have made room for all 4 bytes;
-    // each waiting read here returns once it has its bytes.
-    std::string got = take(*r, 2, true);
-    got += take(*r, 2, true);
-    got += take(*r, 4, true);
-    writer.join();
-    EXPECT_EQ(written, 4u);
-    EXPECT_EQ(got, "abcdefgh");
-
-    std::thread reader([&] { got = take(*r, 4, true); });
-    for (const char* piece : {"i", "jk", "l"}) put(*r, piece, true);
-    reader.join();
-    EXPECT_EQ(got, "ijkl");
 }
 
 // One producer and one consumer with random call sizes, mixing waiting and
@@ -238,18 +193,4 @@ TEST(RingBuffer, ReservedRoomEndsAtTheEndOfStorageOrTheOldestUnreadByte) {
     EXPECT_EQ(take(*r, 3), "mno");
     reserve(true, 3, "uvw");  // not empty: no starting over
     EXPECT_EQ(take(*r, 8), "pqrstuvw");
-}
-
-TEST(RingBuffer, AppendToDataTakesWhatIsHeldAcrossTheEndOfStorage) {
-    auto r = ring(8);
-    auto data = qx::Data::withBytes("<", 1);
-    EXPECT_EQ(r->appendBytesToData(*data, 100), 0u);  // empty: nothing, no wait
-    EXPECT_EQ(put(*r, "abcdef"), 6u);
-    EXPECT_EQ(take(*r, 5), "abcde");
-    EXPECT_EQ(put(*r, "ghijk"), 5u);  // "f" and "gh" up to the end, "ijk" from the start
-    EXPECT_EQ(r->appendBytesToData(*data, 4), 4u);
-    EXPECT_EQ(r->appendBytesToData(*data, 100), 2u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(data->bytes()), data->length()), "<fghijk");
-    EXPECT_EQ(r->bytesRead(), 11u);
-    EXPECT_EQ(r->bytesAvailable(), 0u);
 }

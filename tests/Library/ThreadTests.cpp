@@ -1,6 +1,5 @@
-// Thread objects: their own run loop, names, joins, lifetime of the body.
+// Thread objects: names, joins, lifetime of the body.
 #include <QXFoundation/QXThread.h>
-#include <qx/RunLoop.h>
 #include <qx/Semaphore.h>
 #include <qx/Thread.h>
 
@@ -11,38 +10,9 @@
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 using namespace qx;
-using namespace std::chrono_literals;
-
-TEST(Thread, BodyRunsOnItsOwnThreadWithAUsableRunLoop) {
-    std::promise<Ref<RunLoop>> loopOfThread;
-    std::atomic<bool> sawItself{false}, sawMain{true};
-    RunLoop::RunResult result{};
-    Ref<Thread> thread;
-    thread = Thread::create([&] {
-        sawItself = Thread::current() == thread;
-        sawMain = Thread::isMainThread();
-        auto loop = RunLoop::current();
-        loopOfThread.set_value(loop);
-        result = loop->runMode("work", 60s);  // woken by the block queued from the test thread
-    });
-    EXPECT_FALSE(thread->isExecuting());
-    EXPECT_TRUE(thread->start());
-    EXPECT_FALSE(thread->start());
-    auto loop = loopOfThread.get_future().get();
-    EXPECT_NE(loop, RunLoop::main());
-    int ran = 0;
-    loop->performBlock("work", [&] { ++ran; });
-    thread->join();
-    thread->join();  // joining again returns at once
-    EXPECT_TRUE(thread->isFinished() && !thread->isExecuting());
-    EXPECT_EQ(result, RunLoop::RunResult::Handled);
-    EXPECT_EQ(ran, 1);
-    EXPECT_TRUE(sawItself && !sawMain);
-    EXPECT_TRUE(Thread::isMainThread());
-    EXPECT_EQ(Thread::current(), nullptr);
-}
 
 TEST(Thread, NamesReachTheSystemAndJoiningItselfIsRefused) {
     std::promise<std::string> systemName;
@@ -68,24 +38,6 @@ TEST(Thread, NamesReachTheSystemAndJoiningItselfIsRefused) {
     auto never = Thread::create([] {});
     never->join();  // never started: nothing to wait for
     EXPECT_FALSE(never->isFinished());
-}
-
-TEST(Thread, AStartedThreadOutlivesItsLastOutsideReference) {
-    auto gate = Semaphore::create();
-    auto reached = Semaphore::create();
-    WeakRef<Thread> weak;
-    {
-        auto thread = Thread::detachNewThread([gate, reached] {
-            reached->signal();
-            gate->wait();
-        });
-        weak = thread;
-    }
-    reached->wait();
-    auto again = weak.lock();
-    ASSERT_NE(again, nullptr);
-    gate->signal();
-    again->join();
 }
 
 TEST(QXThread, TheClosuresCapturesAreReleasedOnItsThreadBeforeJoinReturns) {
@@ -117,10 +69,4 @@ TEST(QXThread, TheClosuresCapturesAreReleasedOnItsThreadBeforeJoinReturns) {
     thread->join();
     EXPECT_TRUE(released.load());
     EXPECT_EQ(releasedOn, ranOn.get_future().get());
-
-    int ran = 0;
-    auto later = QXThread::initWithClosure([&] { ++ran; });  // not started until asked
-    EXPECT_TRUE(later->start());
-    later->join();
-    EXPECT_EQ(ran, 1);
 }

@@ -1,5 +1,5 @@
 // Operation queues under real worker threads: concurrency limits, order,
-// cancellation, asynchronous operations, dependencies and count-change waits.
+// cancellation, dependencies and count-change waits.
 #include <qx/Operation.h>
 #include <qx/OperationQueue.h>
 #include <qx/Semaphore.h>
@@ -16,29 +16,6 @@ using namespace qx;
 using namespace std::chrono_literals;
 
 namespace {
-
-// Starts its work on a thread of its own and finishes only when released.
-class DetachedWork final : public Operation {
-public:
-    explicit DetachedWork(Ref<Semaphore> release) : release_(std::move(release)) {}
-    bool isAsynchronous() const override { return true; }
-    std::atomic<bool> mainReturned{false};
-    Ref<Semaphore> mainDone = Semaphore::create();
-
-protected:
-    void main() override {
-        auto self = std::static_pointer_cast<DetachedWork>(shared_from_this());
-        std::thread([self] {
-            self->release_->wait();
-            self->finish();
-        }).detach();
-        mainReturned = true;
-        mainDone->signal();
-    }
-
-private:
-    Ref<Semaphore> release_;
-};
 
 void raiseMax(std::atomic<int>& max, int value) {
     int seen = max.load();
@@ -78,18 +55,6 @@ TEST(OperationQueue, NeverRunsMoreThanTheLimitAndFillsNewPlacesAtOnce) {
     EXPECT_EQ(queue->operationCount(), 0u);
 }
 
-TEST(OperationQueue, OneAtATimeKeepsTheOrderAdded) {
-    auto queue = OperationQueue::create("test.serial");
-    queue->setMaxConcurrentOperationCount(1);
-    std::vector<int> order, expected;  // touched by one operation at a time only
-    for (int i = 0; i < 600; ++i) {
-        queue->addOperationWithBlock([&order, i] { order.push_back(i); });
-        expected.push_back(i);
-    }
-    queue->waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(order, expected);
-}
-
 TEST(OperationQueue, CancelledBeforeStartFinishesWithoutRunning) {
     auto queue = OperationQueue::create("test.cancel");
     queue->setSuspended(true);
@@ -116,26 +81,6 @@ TEST(OperationQueue, CancelledBeforeStartFinishesWithoutRunning) {
     queue->setSuspended(false);
     queue->waitUntilAllOperationsAreFinished();
     EXPECT_EQ(ran.load(), 8);
-}
-
-TEST(OperationQueue, AnAsynchronousOperationHoldsItsPlaceUntilItFinishes) {
-    auto queue = OperationQueue::create("test.async");
-    queue->setMaxConcurrentOperationCount(1);
-    auto release = Semaphore::create();
-    auto first = std::make_shared<DetachedWork>(release);
-    auto second = BlockOperation::create([] {});
-    auto completed = Semaphore::create();
-    first->setCompletionBlock([completed] { completed->signal(); });
-    queue->addOperation(first);
-    queue->addOperation(second);
-    first->mainDone->wait();
-    EXPECT_TRUE(first->isExecuting() && !first->isFinished());
-    EXPECT_FALSE(second->isExecuting() || second->isFinished());
-    EXPECT_EQ(queue->operationCount(), 2u);
-    release->signal();
-    second->waitUntilFinished();
-    EXPECT_TRUE(first->isFinished());
-    completed->wait();  // runs after the operation has finished, so maybe after second
 }
 
 TEST(OperationQueue, DependenciesAcrossQueuesHoldBackTheDependent) {
@@ -204,22 +149,4 @@ TEST(OperationQueue, CountChangeWaitsMissNoChangeUnderRacingProducers) {
     for (auto& t : threads) t.join();
     EXPECT_FALSE(timedOut);
     EXPECT_LE(passes, 2 * producers * perProducer);  // one add and one finish per operation at most
-}
-
-TEST(OperationQueue, CurrentQueueIsKnownInsideItsOperationsOnly) {
-    auto queue = OperationQueue::create("test.current");
-    Ref<OperationQueue> seen;
-    queue->addOperationWithBlock([&] { seen = OperationQueue::currentQueue(); });
-    queue->waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(seen, queue);
-    EXPECT_EQ(OperationQueue::currentQueue(), nullptr);
-
-    // Run by hand, an operation finishes on the caller's thread.
-    auto op = BlockOperation::create([] {});
-    op->addExecutionBlock([&] { seen = OperationQueue::currentQueue(); });
-    op->start();
-    EXPECT_TRUE(op->isFinished() && !seen);
-    bool late = false;
-    op->setCompletionBlock([&] { late = true; });  // already finished: runs at once
-    EXPECT_TRUE(late);
 }

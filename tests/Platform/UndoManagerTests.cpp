@@ -43,7 +43,7 @@ using Items = std::vector<std::string>;
 
 } // namespace
 
-TEST(UndoManager, EachLooseRegistrationIsAGroupAndExplicitGroupsNest) {
+TEST(UndoManager, LooseRegistrationsAreGroupsExplicitGroupsNestAndRedoReplaysThem) {
     auto undo = UndoManager::create();
     auto list = std::make_shared<List>(undo);
     list->insert(0, "a");
@@ -69,36 +69,18 @@ TEST(UndoManager, EachLooseRegistrationIsAGroupAndExplicitGroupsNest) {
     EXPECT_TRUE(list->items.empty());
     EXPECT_FALSE(undo->canUndo() || undo->undo());
 
-    ASSERT_TRUE(undo->redo() && undo->redo() && undo->redo());
-    EXPECT_EQ(list->items, (Items{"z", "b", "c"}));
-    EXPECT_FALSE(undo->canRedo());
-    ASSERT_TRUE(undo->undo());  // a redone group undoes as one again
-    EXPECT_EQ(list->items, (Items{"a", "b"}));
-}
-
-TEST(UndoManager, InversesRegisterOnTheOppositeStackAndNewEditsClearRedo) {
-    auto undo = UndoManager::create();
-    auto list = std::make_shared<List>(undo);
-    list->insert(0, "a");
-    list->insert(1, "b");
+    // Inverses registered while undoing land on the redo stack and the other way round.
     list->seenUndoing.clear();
     list->seenRedoing.clear();
-
-    undo->undo();
-    EXPECT_TRUE(undo->canRedo() && undo->canUndo());
-    undo->redo();
+    ASSERT_TRUE(undo->redo() && undo->redo() && undo->redo());
+    EXPECT_EQ(list->items, (Items{"z", "b", "c"}));
+    EXPECT_EQ(list->seenRedoing, std::vector<bool>(list->seenRedoing.size(), true));
+    EXPECT_FALSE(undo->canRedo() || undo->isRedoing());
+    ASSERT_TRUE(undo->undo());  // a redone group undoes as one again
     EXPECT_EQ(list->items, (Items{"a", "b"}));
-    EXPECT_EQ(list->seenUndoing, (std::vector<bool>{true, false}));
-    EXPECT_EQ(list->seenRedoing, (std::vector<bool>{false, true}));
-    EXPECT_FALSE(undo->isUndoing() || undo->isRedoing());
-
-    undo->undo();
-    EXPECT_TRUE(undo->canRedo());
+    EXPECT_EQ(list->seenUndoing.back(), true);
     list->insert(0, "new");  // a fresh edit makes the undone future unreachable
     EXPECT_FALSE(undo->canRedo());
-    undo->undo();
-    undo->undo();
-    EXPECT_TRUE(list->items.empty());
 }
 
 TEST(UndoManager, RemovalByTargetAndVanishedTargets) {
@@ -125,10 +107,6 @@ TEST(UndoManager, RemovalByTargetAndVanishedTargets) {
     third.reset();
     EXPECT_TRUE(undo->undo());
     EXPECT_FALSE(undo->canRedo());
-
-    first->insert(0, "again");
-    undo->removeAllActions();
-    EXPECT_FALSE(undo->canUndo() || undo->canRedo());
 }
 
 TEST(UndoManager, OpenGroupsLimitsDisablingAndThrowingInverses) {
