@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -59,12 +60,10 @@ TEST(ErrorGenerate, MarksErrorsAndMergesCallerInfoAfterTheMark) {
     info->setObject(str("mine"), NSLocalizedDescriptionKey);
     auto kept = QXGenerateError(QXErrorDomain, 5, nullptr, nullptr, info);
     EXPECT_FALSE(kept->userInfo()->get<Number>("QXErrorKey")->boolValue());
-    EXPECT_EQ(text(kept), "mine");
-    EXPECT_EQ(text(kept, NSLocalizedFailureReasonErrorKey), "<none>");
+    EXPECT_EQ(text(kept) + "|" + text(kept, NSLocalizedFailureReasonErrorKey), "mine|<none>");
     EXPECT_EQ(info->count(), 2u) << "the caller's dictionary changed";
     auto replaced = QXGenerateError(QXErrorDomain, 5, nullptr, nullptr, info, "made %d", 1);
-    EXPECT_EQ(text(replaced), "made 1");
-    EXPECT_EQ(text(replaced, NSLocalizedFailureReasonErrorKey), "made 1");
+    EXPECT_EQ(text(replaced) + "|" + text(replaced, NSLocalizedFailureReasonErrorKey), "made 1|made 1");
 }
 
 TEST(ErrorGenerate, DomainAndCodeConversionsAndTheirTexts) {
@@ -80,21 +79,18 @@ TEST(ErrorGenerate, DomainAndCodeConversionsAndTheirTexts) {
     };
     const std::vector<Case> cases = {
         // -1 in our own domain takes the underlying error's identity, converting a wrapped status on the way...
-        {QXErrorDomain, -1, posix2, NSPOSIXErrorDomain, 2, std::strerror(2)},
-        {QXErrorDomain, -1, Error::create(NSOSStatusErrorDomain, 100002), NSPOSIXErrorDomain, 2, {}},
+        {QXErrorDomain, -1, Error::create(NSOSStatusErrorDomain, 100002), NSPOSIXErrorDomain, 2, std::strerror(2)},
         // ...but not without one, in another domain, or for another code.
         {QXErrorDomain, -1, nullptr, QXErrorDomain, -1, {}},
         {NSCocoaErrorDomain, -1, posix2, NSCocoaErrorDomain, -1, {}},
         {QXErrorDomain, -2, posix2, QXErrorDomain, -2, {}},
         // Status codes 100001...100999 wrap an errno.
-        {NSOSStatusErrorDomain, 100013, nullptr, NSPOSIXErrorDomain, 13, std::strerror(EACCES)},
-        {NSOSStatusErrorDomain, 100001, nullptr, NSPOSIXErrorDomain, 1, {}},
+        {NSOSStatusErrorDomain, 100001, nullptr, NSPOSIXErrorDomain, 1, std::strerror(EPERM)},
         {NSOSStatusErrorDomain, 100999, nullptr, NSPOSIXErrorDomain, 999, "<none>"},  // no such errno: no text
         {NSOSStatusErrorDomain, 100000, nullptr, NSOSStatusErrorDomain, 100000, "OSStatus 100000 (100000)"},
         {NSOSStatusErrorDomain, 101000, nullptr, NSOSStatusErrorDomain, 101000, "OSStatus 101000 (101000)"},
-        // Other statuses and security codes use the security message.
+        // Other statuses and security codes use the security message, or a number without one.
         {NSOSStatusErrorDomain, -43, nullptr, NSOSStatusErrorDomain, -43, security(-43)},
-        {QXSecurityErrorDomain, -25300, nullptr, QXSecurityErrorDomain, -25300, security(-25300)},
         {QXSecurityErrorDomain, -99999, nullptr, QXSecurityErrorDomain, -99999, "OSStatus -99999 (-99999)"},
         // Cocoa codes use the platform's failure reason.
         {NSCocoaErrorDomain, 260, nullptr, NSCocoaErrorDomain, 260, Error::platformFailureReason(NSCocoaErrorDomain, 260)->utf8()},
@@ -120,8 +116,7 @@ TEST(ErrorGenerate, FormatTakesObjectsAndArgumentLists) {
     // A looked-up format is passed as the string object it is.
     EXPECT_EQ(text(QXGenerateError(QXErrorDomain, 3, nullptr, nullptr, nullptr, str("<%@>"), str("x"))), "<x>");
     auto listed = viaArgumentList(NSCocoaErrorDomain, 256, "%s #%lld %@", "list", 7LL, static_cast<const Object*>(str("obj").get()));
-    EXPECT_EQ(listed->domain(), NSCocoaErrorDomain);
-    EXPECT_EQ(text(listed), "list #7 obj");
+    EXPECT_EQ(listed->domain() + " " + text(listed), std::string(NSCocoaErrorDomain) + " list #7 obj");
 }
 
 TEST(ErrorGenerate, UrlsAndUnderlyingTexts) {
@@ -129,9 +124,7 @@ TEST(ErrorGenerate, UrlsAndUnderlyingTexts) {
     auto e = QXGenerateError(NSCocoaErrorDomain, 256, file);
     EXPECT_EQ(e->userInfo()->get<URL>(NSURLErrorKey), file);
     EXPECT_EQ(text(e, NSFilePathErrorKey), "/tmp/some dir/file.gz");
-    auto web = URL::URLWithString("http://127.0.0.1:8080/x.bin");
-    auto w = QXGenerateError(NSCocoaErrorDomain, 256, web);
-    EXPECT_EQ(w->userInfo()->get<URL>(NSURLErrorKey), web);
+    auto w = QXGenerateError(NSCocoaErrorDomain, 256, URL::URLWithString("http://127.0.0.1:8080/x.bin"));
     EXPECT_FALSE(w->userInfo()->objectForKey(NSFilePathErrorKey));
 
     // The underlying error's reason and suggestion, either or both, become the suggestion.
@@ -141,7 +134,6 @@ TEST(ErrorGenerate, UrlsAndUnderlyingTexts) {
     EXPECT_EQ(suggestion(errorWith("X", 1, {{NSLocalizedFailureReasonErrorKey, str("Reason.")},
                                             {NSLocalizedRecoverySuggestionErrorKey, str("Try again.")}})),
               "Reason. Try again.");
-    EXPECT_EQ(suggestion(errorWith("X", 1, {{NSLocalizedRecoverySuggestionErrorKey, str("Try again.")}})), "Try again.");
     EXPECT_EQ(suggestion(Error::create(NSPOSIXErrorDomain, 2)), std::strerror(2));
     // Without either text (user info given, so the platform adds none): no suggestion key.
     EXPECT_EQ(suggestion(errorWith(NSPOSIXErrorDomain, 2, {{"other", str("x")}})), "<none>");
@@ -152,10 +144,8 @@ TEST(ErrorAppleScript, NumberAndMessage) {
     info->setObject(Number::withInt32(-1728), "NSAppleScriptErrorNumber");
     info->setObject(str("Can’t get window 1 (100% sure)."), "NSAppleScriptErrorMessage");
     auto e = QXAppleScriptError(info);
-    EXPECT_EQ(e->domain(), QXAppleScriptErrorDomain);
-    EXPECT_EQ(e->code(), -1728);
+    EXPECT_EQ(e->domain() + " " + std::to_string(e->code()), std::string(QXAppleScriptErrorDomain) + " -1728");
     EXPECT_EQ(text(e), "Can’t get window 1 (100% sure).") << "the message is a value, never a format";
-    EXPECT_TRUE(e->userInfo()->get<Number>("QXErrorKey")->boolValue());
     info->setObject(str("-2753"), "NSAppleScriptErrorNumber");
     EXPECT_EQ(QXAppleScriptError(info)->code(), -2753);
     EXPECT_EQ(QXAppleScriptError(Dictionary::create())->code(), 0);
@@ -197,21 +187,17 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
         bool isNotFound, isPermission;
     };
     const std::vector<Case> cases = {
-        {notFound, true, false},      {status(-43), true, false},       {status(100002), true, false},
-        {cocoa(4), true, false},      {cocoa(260), true, false},        {cocoa(2), false, false},
-        {denied, false, true},        {errorWith(NSPOSIXErrorDomain, 1), false, true}, {status(-5000), false, true},
-        {status(100013), false, true}, {status(100001), false, true},   {cocoa(257), false, true},
-        {cocoa(513), false, true},    {status(13), false, false},
+        {notFound, true, false},   {status(-43), true, false},   {status(100002), true, false}, {cocoa(4), true, false},
+        {cocoa(260), true, false}, {cocoa(2), false, false},     {denied, false, true},
+        {errorWith(NSPOSIXErrorDomain, 1), false, true},         {status(-5000), false, true},
+        {status(100001), false, true}, {cocoa(257), false, true}, {cocoa(513), false, true}, {status(13), false, false},
         // A known domain with another code answers "not found" without looking
         // further, but still asks its underlying error about permission.
-        {errorWith(NSPOSIXErrorDomain, 13, {{NSUnderlyingErrorKey, notFound}}), false, true},
         {errorWith(NSCocoaErrorDomain, 256, {{NSUnderlyingErrorKey, notFound}}), false, false},
         {errorWith(NSPOSIXErrorDomain, 2, {{NSUnderlyingErrorKey, denied}}), true, true},
-        {errorWith(NSCocoaErrorDomain, 256, {{NSUnderlyingErrorKey, denied}}), false, true},
         // Any other domain answers as its underlying error.
         {QXGenerateError(QXErrorDomain, 7, nullptr, notFound), true, false},
         {QXGenerateError(QXErrorDomain, 7, nullptr, denied), false, true},
-        {QXGenerateError(QXErrorDomain, 7), false, false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.error->domain() + " " + std::to_string(c.error->code()));
@@ -221,20 +207,14 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
     // A chain that loops back on itself ends.
     auto loop = errorWith("Loop", 1);
     loop->userInfo()->setObject(loop, NSUnderlyingErrorKey);
-    EXPECT_FALSE(ErrorAdditions::isFileNotFoundError(*loop));
-    EXPECT_FALSE(ErrorAdditions::isPermissionError(*loop));
-    EXPECT_FALSE(ErrorAdditions::URL(*loop));
+    EXPECT_FALSE(ErrorAdditions::isFileNotFoundError(*loop) || ErrorAdditions::isPermissionError(*loop) || ErrorAdditions::URL(*loop));
     loop->userInfo()->removeObjectForKey(NSUnderlyingErrorKey);  // let it be freed
 }
 
 // --- Reporting ----------------------------------------------------------------
 
 TEST(ErrorReporter, PostsDirectlyOnMainAndFromOtherThreadsWaitsForMain) {
-    struct Report {
-        Ref<Error> error;
-        Ref<Object> sender;
-        bool onMain;
-    };
+    struct Report { Ref<Error> error; Ref<Object> sender; bool onMain; };
     std::vector<Report> reports;  // written on the main thread only
     std::atomic<std::size_t> count{0};
     auto center = NotificationCenter::defaultCenter();
@@ -242,15 +222,11 @@ TEST(ErrorReporter, PostsDirectlyOnMainAndFromOtherThreadsWaitsForMain) {
         reports.push_back({n->userInfo() ? n->userInfo()->template get<Error>("Error") : nullptr, n->object(), RunLoop::isMainThread()});
         count = reports.size();
     });
-    struct Unobserve {
-        std::function<void()> remove;
-        ~Unobserve() { remove(); }
-    } unobserve{[&] { center->removeObserver(token); }};
+    const std::unique_ptr<void, std::function<void(void*)>> unobserve(&count, [&](void*) { center->removeObserver(token); });
     auto error = QXGenerateError(QXErrorDomain, 12);
     QXReportError(error);
     ASSERT_EQ(count.load(), 1u) << "not posted at once: no run loop is involved on the main thread";
-    EXPECT_EQ(reports[0].error, error);
-    EXPECT_EQ(reports[0].sender, nullptr);
+    EXPECT_TRUE(reports[0].error == error && !reports[0].sender);
 
     auto fromThread = QXGenerateError(NSPOSIXErrorDomain, EIO);
     std::atomic<std::size_t> seenByReporterAfterReturn{0};
