@@ -70,12 +70,8 @@ TEST(ErrorGenerate, DomainAndCodeConversionsAndTheirTexts) {
     const auto posix2 = Error::create(NSPOSIXErrorDomain, 2);
     const auto security = [](std::int64_t c) { return Error::securityErrorMessage(c)->utf8() + " (" + std::to_string(c) + ")"; };
     struct Case {
-        std::string domain;
-        std::int64_t code;
-        Ref<Error> underlying;
-        std::string expectedDomain;
-        std::int64_t expectedCode;
-        std::optional<std::string> description;  // unchecked when empty
+        std::string domain; std::int64_t code; Ref<Error> underlying;
+        std::string expectedDomain; std::int64_t expectedCode; std::optional<std::string> description;  // unchecked when empty
     };
     const std::vector<Case> cases = {
         // -1 in our own domain takes the underlying error's identity, converting a wrapped status on the way...
@@ -98,8 +94,7 @@ TEST(ErrorGenerate, DomainAndCodeConversionsAndTheirTexts) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.domain + " " + std::to_string(c.code));
         auto e = QXGenerateError(c.domain, c.code, nullptr, c.underlying);
-        EXPECT_EQ(e->domain(), c.expectedDomain);
-        EXPECT_EQ(e->code(), c.expectedCode);
+        EXPECT_EQ(e->domain() + " " + std::to_string(e->code()), c.expectedDomain + " " + std::to_string(c.expectedCode));
         if (c.description) { EXPECT_EQ(text(e) + "|" + text(e, NSLocalizedFailureReasonErrorKey), *c.description + "|" + *c.description); }
         if (c.underlying) { EXPECT_EQ(e->userInfo()->get<Error>(NSUnderlyingErrorKey), c.underlying); }
     }
@@ -160,16 +155,13 @@ TEST(ErrorAdditionsURL, LookupOrder) {
 
     EXPECT_EQ(ErrorAdditions::URL(*errorWith("X", 1, {{NSURLErrorKey, direct}, {NSFilePathErrorKey, str("/a")}})), direct);
     auto fromPath = ErrorAdditions::URL(*errorWith("X", 1, {{NSFilePathErrorKey, str("/a/b.txt")}, {NSUnderlyingErrorKey, withDeep}}));
-    ASSERT_TRUE(fromPath);
-    EXPECT_TRUE(fromPath->isFileURL());
-    EXPECT_EQ(fromPath->path(), "/a/b.txt");
+    EXPECT_EQ(fromPath && fromPath->isFileURL() ? fromPath->path() : "", "/a/b.txt");
 
     // The failing-URL keys count only in the URL domain...
     EXPECT_EQ(ErrorAdditions::URL(*errorWith(NSURLErrorDomain, -1001, {{NSURLErrorFailingURLErrorKey, failing}})), failing);
     EXPECT_EQ(ErrorAdditions::URL(*errorWith("X", 1, {{NSURLErrorFailingURLErrorKey, failing}, {NSUnderlyingErrorKey, withDeep}})), deep);
     auto parsed = ErrorAdditions::URL(*errorWith(NSURLErrorDomain, -1001, {{NSURLErrorFailingURLStringErrorKey, str("http://s.example/p")}}));
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ(parsed->host(), "s.example");
+    EXPECT_EQ(parsed ? parsed->host() : "", "s.example");
     // ...and a failing-URL string ends the search even when it does not parse.
     EXPECT_FALSE(ErrorAdditions::URL(*errorWith(NSURLErrorDomain, -1001, {{NSURLErrorFailingURLStringErrorKey, str("::not a url::")},
                                                                          {NSUnderlyingErrorKey, withDeep}})));
@@ -182,10 +174,7 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
     const auto notFound = errorWith(NSPOSIXErrorDomain, 2), denied = errorWith(NSPOSIXErrorDomain, 13);
     const auto status = [](std::int64_t c) { return errorWith(NSOSStatusErrorDomain, c); };
     const auto cocoa = [](std::int64_t c) { return errorWith(NSCocoaErrorDomain, c); };
-    struct Case {
-        Ref<Error> error;
-        bool isNotFound, isPermission;
-    };
+    struct Case { Ref<Error> error; bool isNotFound, isPermission; };
     const std::vector<Case> cases = {
         {notFound, true, false},   {status(-43), true, false},   {status(100002), true, false}, {cocoa(4), true, false},
         {cocoa(260), true, false}, {cocoa(2), false, false},     {denied, false, true},
@@ -200,9 +189,8 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
         {QXGenerateError(QXErrorDomain, 7, nullptr, denied), false, true},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.error->domain() + " " + std::to_string(c.error->code()));
-        EXPECT_EQ(ErrorAdditions::isFileNotFoundError(*c.error), c.isNotFound);
-        EXPECT_EQ(ErrorAdditions::isPermissionError(*c.error), c.isPermission);
+        EXPECT_EQ(std::pair(ErrorAdditions::isFileNotFoundError(*c.error), ErrorAdditions::isPermissionError(*c.error)),
+                  std::pair(c.isNotFound, c.isPermission)) << c.error->domain() << " " << c.error->code();
     }
     // A chain that loops back on itself ends.
     auto loop = errorWith("Loop", 1);
@@ -230,15 +218,11 @@ TEST(ErrorReporter, PostsDirectlyOnMainAndFromOtherThreadsWaitsForMain) {
 
     auto fromThread = QXGenerateError(NSPOSIXErrorDomain, EIO);
     std::atomic<std::size_t> seenByReporterAfterReturn{0};
-    std::thread reporter([&] {
-        QXReportError(fromThread);
-        seenByReporterAfterReturn = count.load();
-    });
+    std::thread reporter([&] { QXReportError(fromThread); seenByReporterAfterReturn = count.load(); });
     const auto giveUp = RunLoop::Clock::now() + 60s;
     while (count.load() < 2 && RunLoop::Clock::now() < giveUp) RunLoop::main()->runMode(RunLoop::DefaultMode, 5s);
     reporter.join();
     ASSERT_EQ(count.load(), 2u) << "the main run loop never got the report";
     EXPECT_EQ(seenByReporterAfterReturn.load(), 2u) << "the reporter resumed before the observer ran";
-    EXPECT_EQ(reports[1].error, fromThread);
-    EXPECT_TRUE(reports[0].onMain && reports[1].onMain);
+    EXPECT_TRUE(reports[1].error == fromThread && reports[0].onMain && reports[1].onMain);
 }

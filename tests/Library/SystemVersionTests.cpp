@@ -44,11 +44,9 @@ using SystemVersionFileDeathTest = SystemVersionFile;
 } // namespace
 
 TEST_F(SystemVersionFile, TwoAndThreePartVersions) {
-    struct Case {
-        const char *file, *text;
-        std::int64_t major, minor, patch;
-    };
-    for (const Case& c : {Case{"good-SystemVersion-10.9.plist", "10.9", 10, 9, 0}, Case{"good-SystemVersion-10.8.5.plist", "10.8.5", 10, 8, 5}}) {
+    struct Case { const char *file, *text; std::int64_t major, minor, patch; };
+    for (const Case& c : {Case{"good-SystemVersion-10.9.plist", "10.9", 10, 9, 0},
+                          Case{"good-SystemVersion-10.8.5.plist", "10.8.5", 10, 8, 5}}) {
         SCOPED_TRACE(c.file);
         use(c.file);
         std::int64_t patch = -1;
