@@ -46,8 +46,6 @@ Ref<Error> viaArgumentList(const std::string& domain, std::int64_t code, const c
 
 } // namespace
 
-// --- QXGenerateError --------------------------------------------------------
-
 TEST(ErrorGenerate, MarksErrorsAndMergesCallerInfoAfterTheMark) {
     auto plain = QXGenerateError(QXErrorDomain, 5);
     EXPECT_TRUE(plain->userInfo()->get<Number>("QXErrorKey")->boolValue());
@@ -126,9 +124,9 @@ TEST(ErrorGenerate, UrlsAndUnderlyingTexts) {
     const auto suggestion = [](const Ref<Error>& underlying) {
         return text(QXGenerateError(QXErrorDomain, 9, nullptr, underlying), NSLocalizedRecoverySuggestionErrorKey);
     };
-    EXPECT_EQ(suggestion(errorWith("X", 1, {{NSLocalizedFailureReasonErrorKey, str("Reason.")},
-                                            {NSLocalizedRecoverySuggestionErrorKey, str("Try again.")}})),
-              "Reason. Try again.");
+    const auto reasonAndSuggestion = errorWith("X", 1, {{NSLocalizedFailureReasonErrorKey, str("Reason.")},
+                                                        {NSLocalizedRecoverySuggestionErrorKey, str("Try again.")}});
+    EXPECT_EQ(suggestion(reasonAndSuggestion), "Reason. Try again.");
     EXPECT_EQ(suggestion(Error::create(NSPOSIXErrorDomain, 2)), std::strerror(2));
     // Without either text (user info given, so the platform adds none): no suggestion key.
     EXPECT_EQ(suggestion(errorWith(NSPOSIXErrorDomain, 2, {{"other", str("x")}})), "<none>");
@@ -145,8 +143,6 @@ TEST(ErrorAppleScript, NumberAndMessage) {
     EXPECT_EQ(QXAppleScriptError(info)->code(), -2753);
     EXPECT_EQ(QXAppleScriptError(Dictionary::create())->code(), 0);
 }
-
-// --- Queries ----------------------------------------------------------------
 
 TEST(ErrorAdditionsURL, LookupOrder) {
     auto direct = URL::URLWithString("https://direct.example/"), failing = URL::URLWithString("https://failing.example/");
@@ -198,8 +194,6 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
     EXPECT_FALSE(ErrorAdditions::isFileNotFoundError(*loop) || ErrorAdditions::isPermissionError(*loop) || ErrorAdditions::URL(*loop));
     loop->userInfo()->removeObjectForKey(NSUnderlyingErrorKey);  // let it be freed
 }
-
-// --- Reporting ----------------------------------------------------------------
 
 TEST(ErrorReporter, PostsDirectlyOnMainAndFromOtherThreadsWaitsForMain) {
     struct Report { Ref<Error> error; Ref<Object> sender; bool onMain; };

@@ -36,8 +36,6 @@ std::string bytesOf(const qx::Ref<qx::Data>& data) { return data ? std::string(d
 
 } // namespace
 
-// --- File sizes ------------------------------------------------------------------
-
 TEST(FileSizeFormatter, ReadsUnitsOfBothFamilies) {
     ScopedLocale scoped("en_US");
     const auto f = QXFileSizeFormatter::create();
@@ -54,7 +52,7 @@ TEST(FileSizeFormatter, ReadsUnitsOfBothFamilies) {
 TEST(FileSizeFormatter, ShowsAndReadsWithTheLocaleDecimalSeparator) {
     const auto f = QXFileSizeFormatter::create();
     for (const auto& [locale, shown, commaRead] : {std::tuple{"en_US", "1.5 KiB", 1}, {"de_DE", "1,5 KiB", 1536}}) {
-        ScopedLocale scoped(locale);
+        ScopedLocale scoped(locale);  // shown as the string additions show it
         EXPECT_EQ(f->stringForObjectValue(qx::Number::withInt32(1536))->utf8(), shown);
         EXPECT_EQ(readInt(*f, "1,5 KiB"), commaRead) << locale;
         EXPECT_EQ(readInt(*f, "1.5 KiB"), 1536) << locale;
@@ -62,8 +60,6 @@ TEST(FileSizeFormatter, ShowsAndReadsWithTheLocaleDecimalSeparator) {
     qx::Ref<qx::Object> value;
     EXPECT_FALSE(f->stringForObjectValue(str("12")) || f->stringForObjectValue(nullptr) || f->getObjectValue(&value, nullptr));
 }
-
-// --- Hexadecimal numbers ------------------------------------------------------
 
 TEST(HexNumberFormatter, ShowsEachStoredWidth) {
     const auto f = QXHexNumberFormatter::create();
@@ -90,8 +86,6 @@ TEST(HexNumberFormatter, ReadsPrefixesAndSaturates) {
     ASSERT_TRUE(f->getObjectValue(&value, str("$10")));
     EXPECT_EQ(qx::dyn_cast<qx::Number>(value)->kind(), qx::Number::Kind::UInt32);
 }
-
-// --- Hexadecimal dumps ----------------------------------------------------------
 
 TEST(HexFormatter, DumpsBytesWithTheirTextColumn) {
     // Control bytes, DEL, and Mac OS Roman's 0xA1, 0xCA and 0xFF show as ".".
@@ -148,8 +142,6 @@ TEST(HexFormatter, ObjectValuesAndEditing) {
     auto attributes = qx::Dictionary::create();
     attributes->setObject(str("Menlo"), "font");
     auto attributed = f->attributedStringForObjectValue(qx::Data::withString("A"), attributes);
-    ASSERT_TRUE(attributed);
-    EXPECT_EQ(attributed->string()->utf8(), "41 ");
-    EXPECT_TRUE(attributed->attributes()->isEqual(*attributes));
+    EXPECT_TRUE(attributed && attributed->string()->utf8() == "41 " && attributed->attributes()->isEqual(*attributes));
     EXPECT_FALSE(f->attributedStringForObjectValue(qx::Number::withInt32(1), attributes));
 }

@@ -143,8 +143,7 @@ TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
     TempDir dir;
     {
         ScopedBundleWithoutResources bundle(dir.path());
-        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b&c"))->utf8(), "a&#60;b&#38;c");
-        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("\u00e9"))->utf8(), "&#233;");
+        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b&\u00e9"))->utf8(), "a&#60;b&#38;&#233;");
 
         // A table that is not ASCII text is not read.
         dir.file("Entities.txt", "<!ENTITY lt CDATA \"&#60;\" -- \xc3\xa9 -->");
@@ -157,9 +156,7 @@ TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
                   "<!ENTITY lt CDATA \"&#60;\" -- less-than -->\n"
                   "<!ENTITY\tcommat   CDATA \"&#64;\">\n"
                   "<!ENTITY old CDATA \"&#233;\">\n<!ENTITY eacute CDATA \"&#233;\">\n"
-                  "<!ENTITY sys SYSTEM \"&#38;\">\n"
-                  "<!ENTITY bad CDATA \"&#x26;\">\n"
-                  "<!ENTITY huge CDATA \"&#128512;\">\n");
+                  "<!ENTITY sys SYSTEM \"&#38;\">\n<!ENTITY bad CDATA \"&#x26;\">\n<!ENTITY huge CDATA \"&#128512;\">\n");
         EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b@c&\u00e9"))->utf8(), "a&lt;b&commat;c&#38;&eacute;");
     }
     // The library's own table again after the bundle is restored.
@@ -180,7 +177,8 @@ TEST(StringAdditions, TextFilesFallBackOnTheDefaultEncoding) {
         // Too short for any guess: Mac OS Roman decodes whatever bytes there are.
         {"roman.txt", "\x80\xff", "\u00c4\u02c7", qx::NSMacOSRomanStringEncoding},
         // A byte-order mark before bytes that do not decode is no answer either.
-        {"odd16.txt", std::string("\xff\xfeh\0i", 5), std::string("\u02c7\u02dbh\0i", 7), qx::NSMacOSRomanStringEncoding},
+        {"odd16.txt", std::string("\xff\xfeh\0i", 5), std::string("\u02c7\u02dbh\0i", 7),
+         qx::NSMacOSRomanStringEncoding},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -219,8 +217,6 @@ TEST(StringAdditions, UnreadableTextFilesReportTheReadingError) {
         if (posix > 0) { EXPECT_EQ(error->underlyingError() ? error->underlyingError()->code() : -1, posix); }
     }
 }
-
-// --- Locale-sensitive operations ----------------------------------------------
 
 TEST(StringAdditionsLocale, NumericCaseInsensitiveCompareFollowsTheLocale) {
     // The same in English and German: numbers by value, case ignored, accents not.

@@ -96,8 +96,7 @@ TEST_F(QxCodecTool, ChecksumReportsUnreadableFilesAndRefusesOtherAlgorithms) {
     EXPECT_EQ(run.errLines(), 2u) << run.err;
     EXPECT_EQ(run.err.rfind("qx: " + missing + ": " + std::strerror(ENOENT) + "\n", 0), 0u) << run.err;
     const QxRun refused = runQx({"checksum", "-a", "md5", good});
-    EXPECT_EQ(refused.exitStatus, 2);
-    EXPECT_TRUE(refused.out.empty());
+    EXPECT_TRUE(refused.exitStatus == 2 && refused.out.empty()) << refused.describe();
 }
 
 TEST_F(QxCodecTool, ListShowsEveryEntryAndExtractCanPickByName) {
@@ -132,9 +131,7 @@ TEST_F(QxCodecTool, NamesThatLeaveTheDestinationAreRefused) {
     EXPECT_EQ(run.exitStatus, 1) << run.describe();
     EXPECT_EQ(run.errLines(), 5u) << run.err;
     EXPECT_EQ(filesUnder(dir() / "elsewhere"), std::vector<std::string>{});
-    EXPECT_FALSE(fs::exists(dir() / "deep" / "evil1"));
-    EXPECT_FALSE(fs::exists(dir() / "evil2"));
-    EXPECT_FALSE(fs::exists("/tmp/qx-evil-absolute"));
+    EXPECT_FALSE(fs::exists(dir() / "deep" / "evil1") || fs::exists(dir() / "evil2") || fs::exists("/tmp/qx-evil-absolute"));
     EXPECT_EQ(filesUnder(out), (std::vector<std::string>{"link", "ok/fine.txt"}));
 }
 

@@ -110,9 +110,9 @@ TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndFailingOnes) {
         ASSERT_EQ(run.exitStatus, 0) << path << ": " << run.describe();
         EXPECT_TRUE(run.out == plain) << path;
     }
-    expectFailure(qx({server.url(HttpTestServer::TruncatedPath), "-o", out()}), server.url(HttpTestServer::TruncatedPath));
     // An error page is not a payload, not even with detection left automatic.
-    for (const auto& [path, status] : {std::pair{HttpTestServer::NotFoundPath, "404"}, {HttpTestServer::ServerErrorPath, "500"}}) {
+    for (const auto& [path, status] : {std::pair{HttpTestServer::NotFoundPath, "404"}, {HttpTestServer::ServerErrorPath, "500"},
+                                       {HttpTestServer::TruncatedPath, ""}}) {
         const QxRun run = qx({server.url(path), "-o", out()});
         expectFailure(run, server.url(path));
         EXPECT_NE(run.err.find(status), std::string::npos) << run.describe();
@@ -125,7 +125,6 @@ TEST_F(QxDecompress, DamagedOrMislabelledInputFailsAndLeavesNothing) {
     const std::vector<std::tuple<std::string, Bytes, std::vector<std::string>>> cases = {
         {"gzip length", flipped(p.gzip, 1), {}},
         {"zlib Adler-32", flipped(p.zlib, 1), {}},
-        {"xz cut by one byte", Bytes(p.xz.begin(), p.xz.end() - 1), {}},
         {"gzip forced as bzip2", p.gzip, {"-a", "bzip2"}},
     };
     for (const auto& [what, bytes, algorithm] : cases) {
@@ -213,8 +212,6 @@ TEST_F(QxDecompress, CombinationsThatMakeNoSenseAreRefused) {
     EXPECT_EQ(workEntries(), std::vector<std::string>{});
     expectFailure(qx({(dir() / "missing.gz").string(), "-o", out()}), (dir() / "missing.gz").string());
 }
-
-// --- qx detect ---------------------------------------------------------------
 
 TEST_F(QxDecompress, DetectNamesEachFormatAndReportsUnreadableFiles) {
     const std::string gz = input("gz", payloads().gzip), pbzx = input("pbzx", payloads().pbzx), none = input("x", payloads().plain);
