@@ -175,7 +175,8 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
         {notFound, true, false},   {status(-43), true, false},   {status(100002), true, false}, {cocoa(4), true, false},
         {cocoa(260), true, false}, {cocoa(2), false, false},     {denied, false, true},
         {errorWith(NSPOSIXErrorDomain, 1), false, true},         {status(-5000), false, true},
-        {status(100001), false, true}, {cocoa(257), false, true}, {cocoa(513), false, true}, {status(13), false, false},
+        {status(100013), false, true}, {status(100001), false, true}, {cocoa(257), false, true}, {cocoa(513), false, true},
+        {status(13), false, false},
         // A known domain with another code answers "not found" without looking
         // further, but still asks its underlying error about permission.
         {errorWith(NSCocoaErrorDomain, 256, {{NSUnderlyingErrorKey, notFound}}), false, false},
