@@ -192,7 +192,8 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
     // A chain that loops back on itself ends.
     auto loop = errorWith("Loop", 1);
     loop->userInfo()->setObject(loop, NSUnderlyingErrorKey);
-    EXPECT_FALSE(ErrorAdditions::isFileNotFoundError(*loop) || ErrorAdditions::isPermissionError(*loop) || ErrorAdditions::URL(*loop));
+    EXPECT_FALSE(ErrorAdditions::isFileNotFoundError(*loop) || ErrorAdditions::isPermissionError(*loop));
+    EXPECT_FALSE(ErrorAdditions::URL(*loop));
     loop->userInfo()->removeObjectForKey(NSUnderlyingErrorKey);  // let it be freed
 }
 

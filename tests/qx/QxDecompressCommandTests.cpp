@@ -203,14 +203,15 @@ TEST_F(QxDecompress, CombinationsThatMakeNoSenseAreRefused) {
              {"--in-place", "-"}, {"--in-place", "http://127.0.0.1:9/x.gz"}, {"--in-place", gz, "-o", out()},
              {"--in-place", "/dev/null"}}) {
         const QxRun run = qx(args);
-        EXPECT_TRUE(run.exitStatus == 2 && run.err.rfind("qx: decompress: --in-place", 0) == 0) << args[1] << ": " << run.describe();
+        EXPECT_TRUE(run.exitStatus == 2 && run.err.rfind("qx: decompress: --in-place", 0) == 0) << args[1] << run.describe();
     }
     EXPECT_EQ(workEntries(), std::vector<std::string>{});
     expectFailure(qx({(dir() / "missing.gz").string(), "-o", out()}), (dir() / "missing.gz").string());
 }
 
 TEST_F(QxDecompress, DetectNamesEachFormatAndReportsUnreadableFiles) {
-    const std::string gz = input("gz", payloads().gzip), pbzx = input("pbzx", payloads().pbzx), none = input("x", payloads().plain);
+    const std::string gz = input("gz", payloads().gzip), pbzx = input("pbzx", payloads().pbzx);
+    const std::string none = input("none", payloads().plain);
     QxRun run = runQx({"detect", gz, pbzx, none});
     EXPECT_EQ(run.exitStatus, 0) << run.describe();
     EXPECT_EQ(run.out, gz + ": gzip\n" + pbzx + ": pbzx\n" + none + ": none\n");
