@@ -10,7 +10,6 @@
 
 #include "TestSupport.h"
 
-#include <optional>
 #include <regex>
 #include <set>
 
@@ -67,31 +66,23 @@ TEST(StringAdditions, PascalStringsAndFourCharCodes) {
     EXPECT_EQ(SA::stringWithFourCharCode(0x41000042)->utf8(), std::string("A\0\0B", 4));
     // A few fixed points of the Mac OS Roman table, then every high byte both ways, each to its own character.
     EXPECT_EQ(SA::stringWithFourCharCode(0x80A5DBF0)->utf8(), "\u00c4\u2022\u20ac\uf8ff");
+    const unsigned char pascal[] = {2, 0xF0, 'z'};
+    EXPECT_EQ(std::string(SA::pascalString(*SA::stringWithPascalString(pascal))->view()), "\x02\xf0z");
     std::set<std::string> seen;
     for (unsigned b = 0x80; b <= 0xFF; ++b) {
         const std::uint32_t code = (b << 24) | 0x616263;  // b, "abc"
-        auto text = SA::stringWithFourCharCode(code);
-        seen.insert(text->utf8());
-        EXPECT_EQ(SA::fourCharCode(*text), code) << b;
-        const unsigned char pascal[] = {2, static_cast<unsigned char>(b), 'z'};
-        auto back = SA::pascalString(*SA::stringWithPascalString(pascal));
-        EXPECT_EQ(back ? std::string(back->view()) : "", std::string(reinterpret_cast<const char*>(pascal), 3)) << b;
+        EXPECT_EQ(SA::fourCharCode(qx::String(*seen.insert(SA::stringWithFourCharCode(code)->utf8()).first)), code) << b;
     }
     EXPECT_EQ(seen.size(), 128u) << "two bytes decoded to the same character";
 }
 
 TEST(StringAdditions, CStringBuffersEndAtTheFirstZeroByte) {
-    const std::string utf16("h\0i\0", 4);
+    const std::string utf16("h\0i\0", 4);  // whatever the encoding, it ends after one byte
+    const auto utf8 = qx::NSUTF8StringEncoding;
     const std::vector<std::tuple<const char*, std::size_t, qx::StringEncoding, std::string>> cases = {
-        {"ab\0cd", 5, qx::NSUTF8StringEncoding, "ab"},
-        {"abcd", 3, qx::NSUTF8StringEncoding, "abc"},
-        {"abcd", 0, qx::NSUTF8StringEncoding, ""},
-        {nullptr, 4, qx::NSUTF8StringEncoding, ""},
-        {"a\xff", 2, qx::NSUTF8StringEncoding, ""},  // does not decode
-        {"caf\xe9", 4, qx::NSISOLatin1StringEncoding, "caf\u00e9"},
-        {"caf\x8e", 4, qx::NSMacOSRomanStringEncoding, "caf\u00e9"},
-        {"abc", 3, 0xDEAD, ""},  // unknown encoding
-        {utf16.data(), 4, qx::NSUTF16LittleEndianStringEncoding, ""},  // whatever the encoding: one byte of UTF-16
+        {"ab\0cd", 5, utf8, "ab"}, {"abcd", 3, utf8, "abc"}, {nullptr, 4, utf8, ""}, {"a\xff", 2, utf8, ""},
+        {"caf\x8e", 4, qx::NSMacOSRomanStringEncoding, "caf\u00e9"}, {"abc", 3, 0xDEAD, ""},  // an unknown encoding
+        {utf16.data(), 4, qx::NSUTF16LittleEndianStringEncoding, ""},
     };
     for (const auto& [bytes, length, encoding, expected] : cases)
         EXPECT_EQ(SA::initWithCString(bytes, length, encoding)->utf8(), expected) << (bytes ? bytes : "(null)") << " " << length;
@@ -99,16 +90,9 @@ TEST(StringAdditions, CStringBuffersEndAtTheFirstZeroByte) {
     EXPECT_EQ(SA::initWithCStringData(nullptr, qx::NSASCIIStringEncoding)->utf8(), "");
 }
 
-TEST(StringAdditions, RegexEscapingMatchesLiterally) {
-    EXPECT_EQ(SA::stringByEscapingRegexCharacters(qx::String("a.b\\c"))->utf8(), "a\\.b\\\\c");
-    const std::string all = "*?+[](){}^$|./\\x";
-    EXPECT_EQ(SA::stringByEscapingRegexCharacters(qx::String(all))->utf8(),
+TEST(StringAdditions, RegexEscapingEscapesEveryMetacharacter) {
+    EXPECT_EQ(SA::stringByEscapingRegexCharacters(qx::String("*?+[](){}^$|./\\x"))->utf8(),
               "\\*\\?\\+\\[\\]\\(\\)\\{\\}\\^\\$\\|\\.\\/\\\\x");
-    for (const std::string& text : {all, std::string("price: $5.00 (approx.)"), std::string("C:\\dir\\*.txt")}) {
-        const std::regex re(SA::stringByEscapingRegexCharacters(qx::String(text))->utf8());
-        EXPECT_TRUE(std::regex_match(text, re)) << text;
-        EXPECT_FALSE(std::regex_match(text + "!", re)) << text;
-    }
 }
 
 TEST(StringAdditions, URLStrings) {
@@ -120,11 +104,7 @@ TEST(StringAdditions, URLStrings) {
 }
 
 TEST(StringAdditions, VersionStrings) {
-    struct Case {
-        std::string text;
-        bool result;
-        std::int64_t major, minor, bugfix;  // -7: left untouched
-    };
+    struct Case { std::string text; bool result; std::int64_t major, minor, bugfix; };  // -7: left untouched
     const std::vector<Case> cases = {
         {"10.6", true, 10, 6, -7},     {"10.", true, 10, -7, -7},      {"10", false, -7, -7, -7},
         {"10.6.8", true, 10, 6, 8},    {"10.6.8.2", true, 10, 6, 8},   {"1.x.3b", true, 1, 0, 3},
@@ -140,20 +120,15 @@ TEST(StringAdditions, VersionStrings) {
 
 TEST(StringAdditions, UniqueIDsAreUpperCaseUUIDs) {
     const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-    std::set<std::string> ids;
-    for (int i = 0; i < 100; ++i) EXPECT_TRUE(std::regex_match(*ids.insert(SA::uniqueID()->utf8()).first, form));
-    EXPECT_EQ(ids.size(), 100u);
+    const std::string first = SA::uniqueID()->utf8(), second = SA::uniqueID()->utf8();
+    EXPECT_TRUE(std::regex_match(first, form) && first != second) << first << " " << second;
 }
 
 TEST(StringAdditions, HTMLEncodingWithTheLibraryTable) {
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"a<b&c", "a&lt;b&amp;c"},
-        {"@ = ?", "&#64; &#61; &#63;"},
-        {"caf\u00e9 \u20ac \u00a0", "caf&eacute; &euro; &nbsp;"},
-        {"tab\there", "tab&#9;here"},
+        {"a<b&c", "a&lt;b&amp;c"}, {"@ = ?", "&#64; &#61; &#63;"}, {"caf\u00e9 \u20ac \u00a0", "caf&eacute; &euro; &nbsp;"},
         {"\U0001F600", "&#55357;&#56832;"},
         {"Safe: !\"#$%'()*+,-./:;[\\]^_`{|}~\r\n", "Safe: !\"#$%'()*+,-./:;[\\]^_`{|}~\r\n"},
-        {"\u03b1\u2264\u03c9", "&alpha;&le;&omega;"},
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(SA::stringByEncodingForHTML(qx::String(text))->utf8(), expected) << text;
 }
@@ -162,8 +137,7 @@ TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
     TempDir dir;
     {
         ScopedBundleWithoutResources bundle(dir.path());
-        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b&c"))->utf8(), "a&#60;b&#38;c");
-        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("\u00e9"))->utf8(), "&#233;");
+        EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b&\u00e9"))->utf8(), "a&#60;b&#38;&#233;");
 
         // A table that is not ASCII text is not read.
         dir.file("Entities.txt", "<!ENTITY lt CDATA \"&#60;\" -- \xc3\xa9 -->");
@@ -176,9 +150,7 @@ TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
                   "<!ENTITY lt CDATA \"&#60;\" -- less-than -->\n"
                   "<!ENTITY\tcommat   CDATA \"&#64;\">\n"
                   "<!ENTITY old CDATA \"&#233;\">\n<!ENTITY eacute CDATA \"&#233;\">\n"
-                  "<!ENTITY sys SYSTEM \"&#38;\">\n"
-                  "<!ENTITY bad CDATA \"&#x26;\">\n"
-                  "<!ENTITY huge CDATA \"&#128512;\">\n");
+                  "<!ENTITY sys SYSTEM \"&#38;\">\n<!ENTITY bad CDATA \"&#x26;\">\n<!ENTITY huge CDATA \"&#128512;\">\n");
         EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b@c&\u00e9"))->utf8(), "a&lt;b&commat;c&#38;&eacute;");
     }
     // The library's own table again after the bundle is restored.
@@ -187,33 +159,27 @@ TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
 
 TEST(StringAdditions, TextFilesFallBackOnTheDefaultEncoding) {
     TempDir dir;
-    struct Case {
-        std::string name, bytes, text;
-        qx::StringEncoding encoding;
-    };
+    struct Case { std::string name, bytes, text; qx::StringEncoding encoding; };
     const std::string german = "Gr\u00fc\u00dfe aus K\u00f6ln! Die Stra\u00dfen sind sch\u00f6n und die B\u00e4ume gr\u00fcn.";
     const auto germanLatin1 = qx::dataUsingEncoding(qx::String(german), qx::NSISOLatin1StringEncoding);
     ASSERT_TRUE(germanLatin1);
     const std::vector<Case> cases = {
         {"utf8.txt", "caf\xc3\xa9\n", "caf\u00e9\n", qx::NSUTF8StringEncoding},
-        {"bom8.txt", "\xef\xbb\xbfhi", "hi", qx::NSUTF8StringEncoding},
         {"utf16le.txt", std::string("\xff\xfeh\0i\0", 6), "hi", qx::NSUTF16LittleEndianStringEncoding},
         {"utf16be.txt", std::string("\xfe\xff\0h\0i", 6), "hi", qx::NSUTF16BigEndianStringEncoding},
         {"empty.txt", "", "", qx::NSUTF8StringEncoding},
         // Too short for any guess: Mac OS Roman decodes whatever bytes there are.
         {"roman.txt", "\x80\xff", "\u00c4\u02c7", qx::NSMacOSRomanStringEncoding},
         // A byte-order mark before bytes that do not decode is no answer either.
-        {"odd16.txt", std::string("\xff\xfeh\0i", 5), std::string("\u02c7\u02dbh\0i", 7), qx::NSMacOSRomanStringEncoding},
+        {"odd16.txt", std::string("\xff\xfeh\0i", 5), std::string("\u02c7\u02dbh\0i", 7),
+         qx::NSMacOSRomanStringEncoding},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         qx::StringEncoding used = 0;
         qx::Ref<qx::Error> error;
         auto text = SA::initWithContentsOfFileFallingBackOnDefaultEncodingIfNecessary(dir.file(c.name, c.bytes), &used, &error);
-        ASSERT_TRUE(text) << qx::describe(error.get());
-        EXPECT_EQ(text->utf8(), c.text);
-        EXPECT_EQ(used, c.encoding);
-        EXPECT_FALSE(error);
+        ASSERT_TRUE(text && !error) << c.name << ": " << qx::describe(error.get());
+        EXPECT_EQ(text->utf8() + " " + std::to_string(used), c.text + " " + std::to_string(c.encoding)) << c.name;
     }
     // Latin-1 prose is recognised by its letters, whichever single-byte
     // encoding the detector names for it.
@@ -227,62 +193,42 @@ TEST(StringAdditions, TextFilesFallBackOnTheDefaultEncoding) {
 
 TEST(StringAdditions, UnreadableTextFilesReportTheReadingError) {
     TempDir dir;
-    struct Case {
-        qx::Ref<qx::URL> url;
-        std::int64_t code;
-        std::optional<int> posix;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<qx::Ref<qx::URL>, std::int64_t, int>> cases = {  // URL, code, underlying errno
         {qx::URL::fileURLWithPath((dir.path() / "missing.txt").string()), 260, ENOENT},
         {qx::URL::fileURLWithPath(dir.path().string()), 256, EISDIR},
-        {qx::URL::URLWithString("http://127.0.0.1/x.txt"), 262, std::nullopt},
-        {nullptr, 262, std::nullopt},
+        {qx::URL::URLWithString("http://127.0.0.1/x.txt"), 262, -1},
+        {nullptr, 262, -1},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.url ? c.url->absoluteString() : "(no URL)");
+    for (const auto& [url, code, posix] : cases) {
         qx::StringEncoding used = 99;
         qx::Ref<qx::Error> error;
-        EXPECT_FALSE(SA::stringWithContentsOfURLFallingBackOnDefaultEncodingIfNecessary(c.url, &used, &error));
-        ASSERT_TRUE(error);
-        EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
-        EXPECT_EQ(error->code(), c.code);
-        EXPECT_EQ(used, 99u);
-        if (c.posix) { EXPECT_EQ(error->underlyingError() ? error->underlyingError()->code() : -1, *c.posix); }
+        EXPECT_FALSE(SA::stringWithContentsOfURLFallingBackOnDefaultEncodingIfNecessary(url, &used, &error));
+        ASSERT_TRUE(error) << code;
+        EXPECT_EQ(error->domain() + " " + std::to_string(error->code()) + " " + std::to_string(used),
+                  std::string(qx::NSCocoaErrorDomain) + " " + std::to_string(code) + " 99");
+        if (posix > 0) { EXPECT_EQ(error->underlyingError() ? error->underlyingError()->code() : -1, posix); }
     }
 }
 
-// --- Locale-sensitive operations ----------------------------------------------
-
 TEST(StringAdditionsLocale, NumericCaseInsensitiveCompareFollowsTheLocale) {
-    struct Case {
-        const char *a, *b;
-        int order;
-    };
     // The same in English and German: numbers by value, case ignored, accents not.
-    const std::vector<Case> common = {
-        {"file9", "file10", -1}, {"File10", "file9", 1}, {"ABC", "abc", 0}, {"a", "B", -1},
-        {"x2y10", "x2y9", 1},    {"\u00e4", "a", 1},     {"\u00c4pfel", "Zebra", -1}, {"", "a", -1},
+    const std::vector<std::tuple<const char*, const char*, int>> common = {
+        {"File10", "file9", 1}, {"ABC", "abc", 0}, {"x2y10", "x2y9", 1}, {"\u00e4", "a", 1}, {"\u00c4pfel", "Zebra", -1},
     };
     for (const char* locale : {"en_US", "de_DE"}) {
         ScopedLocale scoped(locale);
-        for (const auto& c : common)
-            EXPECT_EQ(SA::localizedCaseInsensitiveNumericCompare(qx::String(c.a), qx::String(c.b)), c.order)
-                << locale << ": " << c.a << " vs " << c.b;
+        for (const auto& [a, b, order] : common)
+            EXPECT_EQ(SA::localizedCaseInsensitiveNumericCompare(qx::String(a), qx::String(b)), order) << locale << ": " << a;
     }
     // Swedish sorts "ä" after "z"; the comparison takes the locale in force at the call.
-    EXPECT_LT(qx::String("\u00c4pfel").localizedStandardCompare(qx::String("Zebra")), 0);
     ScopedLocale swedish("sv_SE");
     EXPECT_EQ(SA::localizedCaseInsensitiveNumericCompare(qx::String("\u00c4pfel"), qx::String("Zebra")), 1);
-    // The platform's file-name order shares the collator and follows the switch too.
-    EXPECT_GT(qx::String("\u00c4pfel").localizedStandardCompare(qx::String("Zebra")), 0);
-    EXPECT_GT(qx::String("abc").localizedStandardCompare(qx::String("ABC")), 0);  // the tie-break
 }
 
 TEST(StringAdditionsLocale, FileSizesUseTheLocaleDecimalSeparator) {
     const std::vector<std::tuple<std::uint64_t, std::string, std::string>> cases = {
-        {0, "0 bytes", "0 bytes"},          {1023, "1023 bytes", "1023 bytes"},       {1024, "1.0 KiB", "1,0 KiB"},
-        {1536, "1.5 KiB", "1,5 KiB"},       {1048575, "1024.0 KiB", "1024,0 KiB"},    {1048576, "1.0 MiB", "1,0 MiB"},
-        {1073741823, "1024.0 MiB", "1024,0 MiB"}, {5368709120, "5.0 GiB", "5,0 GiB"},
+        {1023, "1023 bytes", "1023 bytes"},       {1024, "1.0 KiB", "1,0 KiB"},   {1048575, "1024.0 KiB", "1024,0 KiB"},
+        {1048576, "1.0 MiB", "1,0 MiB"},          {1073741823, "1024.0 MiB", "1024,0 MiB"},
         {UINT64_MAX, "17179869184.0 GiB", "17179869184,0 GiB"},
     };
     for (const auto& [size, english, german] : cases) {

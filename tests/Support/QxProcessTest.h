@@ -1,9 +1,5 @@
-// QxProcessTest.h - running the built qx program as a child process.
-//
-// The tests that judge the program from the outside all need the same few
-// things: temporary folders, a shell command line whose standard streams go to
-// files, and the program's promise about failures (exit status 1, one line
-// "qx: NAME: reason", nothing on standard output).
+// QxProcessTest.h - running the built qx program as a child process, its
+// standard streams going to files.
 #pragma once
 
 #include "TestSupport.h"
@@ -38,9 +34,7 @@ protected:
     std::filesystem::path work() const { return work_.path(); }
     std::vector<std::string> workEntries() const { return work_.names(); }
 
-    // Runs a bash command line with standard input from `stdinPath` (none when
-    // empty: a pipe in the command line feeds it); the redirections apply to
-    // its last command.
+    // Standard input from `stdinPath`; when empty, a pipe in the command line feeds it.
     QxRun runShell(const std::string& command, const std::string& stdinPath = "/dev/null") const {
         const std::string out = dir_ / ".stdout", err = dir_ / ".stderr";
         std::string full = command;
@@ -50,8 +44,7 @@ protected:
         return {status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
     }
 
-    // Runs qx with `args`; `before` goes ahead of it on the command line, to
-    // set variables or limits, or to pipe something in (with an empty stdinPath).
+    // `before` goes ahead of qx on the command line: variables, limits or a pipe.
     QxRun runQx(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null",
                 const std::string& before = "") const {
         std::string command = before + " " + shellQuote(QX_QX_BINARY);
@@ -59,8 +52,7 @@ protected:
         return runShell(command, stdinPath);
     }
 
-    // A failure as the program promises it: status 1, one line naming the file
-    // and giving a reason, nothing on standard output.
+    // Status 1, one line naming the file and giving a reason, nothing on standard output.
     static void expectOneLineFailure(const QxRun& run, const std::string& name) {
         EXPECT_EQ(run.exitStatus, 1) << run.describe();
         EXPECT_EQ(run.errLines(), 1u) << run.describe();

@@ -1,9 +1,5 @@
-// QxDecompressCommandTests.cpp - `qx decompress` and `qx detect`, run as child processes.
-//
-// How each format decodes is the library suites' business. Here: the routes
-// in and out (files, "-", HTTP, ranges, in place), the formats where the tool
-// itself decides (detection, the deflate family, its trailer checks), and what
-// a failure leaves behind.
+// QxDecompressCommandTests.cpp - `qx decompress` and `qx detect`, run as child processes: the
+// routes in and out, where the tool itself decides the format, and what a failure leaves behind.
 #include "DecompressorPayloads.h"
 #include "HttpTestServer.h"
 #include "LegacyZipFixtures.h"
@@ -11,8 +7,6 @@
 
 #include <qx/FileHandle.h>
 #include <qx/Process.h>
-
-#include <zlib.h>
 
 #include <chrono>
 #include <csignal>
@@ -64,81 +58,55 @@ protected:
 TEST_F(QxDecompress, TheToolDecidesTheFormatFromTheFirstBytesOrTheDeflateFamily) {
     const auto& p = payloads();
     const std::vector<std::pair<std::vector<std::string>, const Bytes*>> cases = {
-        {{}, &p.gzip}, {{}, &p.zlib}, {{}, &p.bzip2}, {{}, &p.xz},       // each trailer check, and none
-        {{"-a", "deflate"}, &p.gzip}, {{"-a", "deflate"}, &p.zlib}, {{"-a", "deflate"}, &p.raw},
-        {{"-a", "raw-deflate"}, &p.raw}, {{}, &p.plain},                 // not compressed: copied through
+        {{}, &p.zlib}, {{}, &p.bzip2}, {{"-a", "deflate"}, &p.gzip}, {{"-a", "deflate"}, &p.raw},
+        {{}, &p.plain},  // not compressed: copied through
     };
     for (const auto& [algorithm, bytes] : cases) {
-        SCOPED_TRACE(::testing::PrintToString(algorithm) + " " + std::to_string(bytes->size()));
         auto args = algorithm;
         args.push_back(input("payload", *bytes));
         const QxRun run = qx(args);
-        ASSERT_EQ(run.exitStatus, 0) << run.describe();
-        EXPECT_TRUE(run.out == plain) << "output differs";
-        EXPECT_TRUE(run.err.empty()) << run.err;
+        EXPECT_TRUE(run.exitStatus == 0 && run.out == plain && run.err.empty())
+            << ::testing::PrintToString(algorithm) << " " << bytes->size() << ": " << run.describe();
     }
 }
 
-TEST_F(QxDecompress, OutputToAFileInPlaceFromAPipeAndARange) {
+TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
     const std::string gz = input("p.gz", payloads().gzip);
     QxRun run = qx({"-a", "GZIP", gz, "-o", out()});
     ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_TRUE(run.out.empty() && run.err.empty()) << run.describe();
-    EXPECT_TRUE(readFile(out()) == plain);
+    EXPECT_TRUE(run.out.empty() && run.err.empty() && readFile(out()) == plain) << run.describe();
     fs::remove(out());
 
-    const fs::path copy = work() / "copy.gz";
-    fs::copy_file(gz, copy);
-    ASSERT_EQ(qx({"--in-place", copy.string()}).exitStatus, 0);
-    EXPECT_TRUE(readFile(copy) == plain) << "replaced file differs";
-    EXPECT_EQ(workEntries(), std::vector<std::string>{"copy.gz"});
-
-    run = qx({"-", "-o", "-"}, "", pipeFrom(gz));
-    ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_TRUE(run.out == plain) << "from a pipe";
-
     // A payload inside a larger file, from the file and from a pipe (skipped, then read).
-    const Bytes before = randomBytes(4099, 3), after = randomBytes(777, 4);
-    Bytes container = before;
+    Bytes container = randomBytes(4099, 3);
     container.insert(container.end(), payloads().gzip.begin(), payloads().gzip.end());
-    container.insert(container.end(), after.begin(), after.end());
-    const std::string path = input("container", container);
-    const std::vector<std::string> range = {"--offset", std::to_string(before.size()), "--length",
-                                            std::to_string(payloads().gzip.size())};
+    container.resize(container.size() + 777, 0x1F);
+    const std::string path = input("container", container), length = std::to_string(payloads().gzip.size());
     for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
-        auto args = range;
-        args.push_back(source);
-        run = qx(args, pipe.empty() ? "/dev/null" : "", pipe);
+        run = qx({"--offset", "4099", "--length", length, source}, pipe.empty() ? "/dev/null" : "", pipe);
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.out == plain) << source;
     }
 }
 
 TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {
-    const std::string gz = input("p.gz", payloads().gzip);
-    QxRun run = qx({"--checksum", "sha256", gz, "-o", out()});
+    // Beside output on standard output, it stays out of the data.
+    const QxRun run = qx({"--checksum", "SHA256", input("p.gz", payloads().gzip)});
     ASSERT_EQ(run.exitStatus, 0) << run.describe();
     EXPECT_EQ(run.err, "sha256 (decompressed): " + legacyzip::sha256Hex(payloads().plain) + "\n");
-    // Beside output on standard output, it stays out of the data; a CRC-32 is a number.
-    char crc[16];
-    std::snprintf(crc, sizeof crc, "%08lx", ::crc32(0, payloads().plain.data(), static_cast<uInt>(plain.size())));
-    run = qx({"--checksum", "CRC32", gz});
-    ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_EQ(run.err, "crc32 (decompressed): " + std::string(crc) + "\n");
     EXPECT_TRUE(run.out == plain);
 }
 
 TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndFailingOnes) {
     HttpTestServer server(payloads().gzip, payloads().gzip.size() / 2);
     for (const char* path : {HttpTestServer::RangesPath, HttpTestServer::NoRangesPath}) {
-        const QxRun run = qx({server.url(path), "-o", out()});
+        const QxRun run = qx({server.url(path)});
         ASSERT_EQ(run.exitStatus, 0) << path << ": " << run.describe();
-        EXPECT_TRUE(readFile(out()) == plain) << path;
-        fs::remove(out());
+        EXPECT_TRUE(run.out == plain) << path;
     }
-    expectFailure(qx({server.url(HttpTestServer::TruncatedPath), "-o", out()}), server.url(HttpTestServer::TruncatedPath));
     // An error page is not a payload, not even with detection left automatic.
-    for (const auto& [path, status] : {std::pair{HttpTestServer::NotFoundPath, "404"}, {HttpTestServer::ServerErrorPath, "500"}}) {
+    for (const auto& [path, status] : {std::pair{HttpTestServer::NotFoundPath, "404"}, {HttpTestServer::ServerErrorPath, "500"},
+                                       {HttpTestServer::TruncatedPath, ""}}) {
         const QxRun run = qx({server.url(path), "-o", out()});
         expectFailure(run, server.url(path));
         EXPECT_NE(run.err.find(status), std::string::npos) << run.describe();
@@ -147,18 +115,10 @@ TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndFailingOnes) {
 
 TEST_F(QxDecompress, DamagedOrMislabelledInputFailsAndLeavesNothing) {
     const auto& p = payloads();
-    const auto flipped = [](Bytes bytes, std::size_t fromEnd) {
-        bytes[bytes.size() - fromEnd] ^= 1;
-        return bytes;
-    };
-    const auto cut = [](const Bytes& bytes, std::size_t length) { return Bytes(bytes.begin(), bytes.begin() + length); };
+    const auto flipped = [](Bytes b, std::size_t fromEnd) { b[b.size() - fromEnd] ^= 1; return b; };
     const std::vector<std::tuple<std::string, Bytes, std::vector<std::string>>> cases = {
-        {"gzip CRC-32", flipped(p.gzip, 8), {}},
         {"gzip length", flipped(p.gzip, 1), {}},
         {"zlib Adler-32", flipped(p.zlib, 1), {}},
-        {"bzip2 cut by one byte", cut(p.bzip2, p.bzip2.size() - 1), {}},
-        {"gzip cut at two thirds", cut(p.gzip, p.gzip.size() * 2 / 3), {}},
-        {"xz cut by one byte", cut(p.xz, p.xz.size() - 1), {}},
         {"gzip forced as bzip2", p.gzip, {"-a", "bzip2"}},
     };
     for (const auto& [what, bytes, algorithm] : cases) {
@@ -168,7 +128,7 @@ TEST_F(QxDecompress, DamagedOrMislabelledInputFailsAndLeavesNothing) {
         args.insert(args.end(), {path, "-o", out()});
         expectFailure(qx(args), path);
     }
-    // The trailer of a pipe is checked from the tail it kept.
+    // The trailer of a pipe (its CRC-32 here) is checked from the tail it kept.
     const std::string path = input("damaged.gz", flipped(p.gzip, 8));
     const QxRun run = qx({"-", "-o", out()}, "", pipeFrom(path));
     expectFailure(run, "(standard input)");
@@ -202,76 +162,63 @@ TEST_F(QxDecompress, InterruptDuringASlowDecodeExitsWithTheSignalAndLeavesNoDest
         if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
     environment["TSAN_OPTIONS"] += (environment["TSAN_OPTIONS"].empty() ? "" : ":") + std::string("report_thread_leaks=0");
     const Bytes& gz = payloads().gzip;
-    for (const int signal : {SIGINT, SIGTERM}) {
-        SCOPED_TRACE(signal);
-        auto process = launch({"decompress", "-", "-o", out()}, true, environment);
-        // Half the payload, and the pipe kept open: the decoder waits for more.
-        process->standardInput()->writeBytes(gz.data(), gz.size() / 2);
-        // Output in the temporary file shows the signal handling set up and the decoder at work.
-        const auto deadline = std::chrono::steady_clock::now() + 60s;
-        bool writing = false;
-        while (!writing && std::chrono::steady_clock::now() < deadline) {
-            for (const auto& entry : fs::directory_iterator(work())) writing = writing || fs::file_size(entry.path()) > 0;
-            if (!writing) std::this_thread::yield();
-        }
-        ASSERT_TRUE(writing) << "no output appeared";
-        ASSERT_TRUE(process->sendSignal(signal));
-        const std::string err(process->standardError()->readDataToEndOfFile()->view());
-        ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + 60s));
-        EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
-        EXPECT_EQ(process->terminationStatus(), 128 + signal) << err;
-        EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
-        process->standardInput()->closeFile();
+    auto process = launch({"decompress", "-", "-o", out()}, true, environment);
+    // Half the payload, and the pipe kept open: the decoder waits for more.
+    process->standardInput()->writeBytes(gz.data(), gz.size() / 2);
+    // Output in the temporary file shows the signal handling set up and the decoder at work.
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    bool writing = false;
+    while (!writing && std::chrono::steady_clock::now() < deadline) {
+        for (const auto& entry : fs::directory_iterator(work())) writing = writing || fs::file_size(entry.path()) > 0;
+        if (!writing) std::this_thread::yield();
     }
+    ASSERT_TRUE(writing) << "no output appeared";
+    ASSERT_TRUE(process->sendSignal(SIGTERM));
+    const std::string err(process->standardError()->readDataToEndOfFile()->view());
+    ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + 60s));
+    EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
+    EXPECT_EQ(process->terminationStatus(), 128 + SIGTERM) << err;
+    EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
+    process->standardInput()->closeFile();
 }
 
-TEST_F(QxDecompress, InPlaceKeepsTheSourceUnlessSomethingCameOut) {
+TEST_F(QxDecompress, InPlaceReplacesTheSourceOnlyWhenSomethingCameOut) {
     const fs::path copy = work() / "copy.gz";
-    Bytes bytes = payloads().gzip;
-    bytes[bytes.size() / 2] ^= 0x55;
-    for (const Bytes& kept : {bytes, deflateBytes({}, 31)}) {  // corrupt; nothing decompressed
-        writeFile(copy, kept);
+    Bytes corrupt = payloads().gzip;
+    corrupt[corrupt.size() / 2] ^= 0x55;
+    const Bytes empty = deflateBytes({}, 31);
+    for (const auto& [source, status, after] : std::vector<std::tuple<Bytes, int, Bytes>>{
+             {payloads().gzip, 0, payloads().plain}, {corrupt, 1, corrupt}, {empty, 0, empty}}) {
+        writeFile(copy, source);
         const QxRun run = qx({"--in-place", copy.string()});
-        EXPECT_EQ(run.exitStatus, kept.size() == bytes.size() ? 1 : 0) << run.describe();
-        EXPECT_EQ(run.errLines(), kept.size() == bytes.size() ? 1u : 0u) << run.describe();
-        EXPECT_TRUE(readBytes(copy) == kept) << "the source changed";
+        EXPECT_EQ(run.exitStatus, status) << run.describe();
+        EXPECT_TRUE(readBytes(copy) == after) << "the source is not as expected, status " << status;
         EXPECT_EQ(workEntries(), std::vector<std::string>{"copy.gz"});
     }
 }
 
 TEST_F(QxDecompress, CombinationsThatMakeNoSenseAreRefused) {
     const std::string gz = input("p.gz", payloads().gzip);
-    for (const auto& args : std::vector<std::vector<std::string>>{{"--in-place", "-"},
-                                                                   {"--in-place", "http://127.0.0.1:9/x.gz"},
-                                                                   {"--in-place", gz, "-o", out()},
-                                                                   {"--in-place", "/dev/null"}}) {
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"--in-place", "-"}, {"--in-place", "http://127.0.0.1:9/x.gz"}, {"--in-place", gz, "-o", out()},
+             {"--in-place", "/dev/null"}}) {
         const QxRun run = qx(args);
-        EXPECT_EQ(run.exitStatus, 2) << args[1] << ": " << run.describe();
-        EXPECT_EQ(run.errLines(), 1u) << run.describe();
-        EXPECT_EQ(run.err.rfind("qx: decompress: --in-place", 0), 0u) << run.describe();
+        EXPECT_TRUE(run.exitStatus == 2 && run.err.rfind("qx: decompress: --in-place", 0) == 0) << args[1] << run.describe();
     }
     EXPECT_EQ(workEntries(), std::vector<std::string>{});
     expectFailure(qx({(dir() / "missing.gz").string(), "-o", out()}), (dir() / "missing.gz").string());
 }
 
-// --- qx detect ---------------------------------------------------------------
-
 TEST_F(QxDecompress, DetectNamesEachFormatAndReportsUnreadableFiles) {
-    const auto& p = payloads();
-    std::vector<std::string> args = {"detect"};
-    std::string expected;
-    for (const auto& [name, bytes] : std::vector<std::pair<std::string, const Bytes*>>{
-             {"gzip", &p.gzip}, {"zlib", &p.zlib}, {"bzip2", &p.bzip2}, {"xz", &p.xz}, {"pbzx", &p.pbzx}, {"none", &p.plain}}) {
-        args.push_back(input(name, *bytes));
-        expected += args.back() + ": " + name + "\n";
-    }
-    QxRun run = runQx(args);
+    const std::string gz = input("gz", payloads().gzip), pbzx = input("pbzx", payloads().pbzx);
+    const std::string none = input("none", payloads().plain);
+    QxRun run = runQx({"detect", gz, pbzx, none});
     EXPECT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_EQ(run.out, expected);
+    EXPECT_EQ(run.out, gz + ": gzip\n" + pbzx + ": pbzx\n" + none + ": none\n");
     // An unreadable file fails alone; the rest are still named.
-    run = runQx({"detect", (dir() / "missing").string(), dir().string(), args[1]});
+    run = runQx({"detect", (dir() / "missing").string(), dir().string(), gz});
     EXPECT_EQ(run.exitStatus, 1) << run.describe();
-    EXPECT_EQ(run.out, args[1] + ": gzip\n");
+    EXPECT_EQ(run.out, gz + ": gzip\n");
     EXPECT_EQ(run.err, "qx: " + (dir() / "missing").string() + ": " + std::strerror(ENOENT) + "\nqx: " + dir().string() +
                            ": " + std::strerror(EISDIR) + "\n");
 }

@@ -1,7 +1,5 @@
-// QxToolTests.cpp - `qx plist` and `qx hexdump`, run as child processes.
-//
-// What the reader makes of each property list is the library suites'
-// business; here it is how the program reads, writes and reports.
+// QxToolTests.cpp - `qx plist` and `qx hexdump`, run as child processes: how the program
+// reads, writes and reports (what the reader makes of a property list is the library's business).
 #include "QxProcessTest.h"
 
 #include <QXFoundation/QXPropertyListSerialization.h>
@@ -16,9 +14,8 @@ using namespace qxtest;
 
 namespace {
 
-const fs::path kFixtures = QX_PLIST_TESTDATA_DIR;
-const fs::path kGoodInput = kFixtures / "biplist/simple_binary.plist";
-const fs::path kBadInput = kFixtures / "cpython/invalid-19-too-large-reference-index.bplist";
+const fs::path kGoodInput = fs::path(QX_PLIST_TESTDATA_DIR) / "biplist/simple_binary.plist";
+const fs::path kBadInput = fs::path(QX_PLIST_TESTDATA_DIR) / "cpython/invalid-19-too-large-reference-index.bplist";
 
 qx::Ref<qx::Object> readWithLibrary(const fs::path& path, qx::Ref<qx::Error>* error = nullptr) {
     QXPropertyListFormat format = 0;
@@ -27,59 +24,44 @@ qx::Ref<qx::Object> readWithLibrary(const fs::path& path, qx::Ref<qx::Error>* er
 
 class QxTool : public QxProcessTest {
 protected:
-    QxRun qx(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
-        return runQx(args, stdinPath, before);
-    }
     QxRun convert(const fs::path& input, const fs::path& output, const std::string& format = "binary") {
-        return qx({"plist", "convert", "--format", format, input.string(), "-o", output.string()});
+        return runQx({"plist", "convert", "--format", format, input.string(), "-o", output.string()});
     }
 };
 
 } // namespace
 
-// --- Converting and printing -------------------------------------------------
-
-TEST_F(QxTool, ConvertWritesWhatTheLibraryWritesAndPrintShowsTheDescription) {
+TEST_F(QxTool, ConvertWritesWhatTheLibraryWritesInEachFormatAndPrintShowsTheDescription) {
     const auto value = readWithLibrary(kGoodInput);
     ASSERT_TRUE(value);
     const std::string written(PLS::binaryDataWithPropertyList(value)->view());
     const fs::path output = work() / "out.plist";
     QxRun run = convert(kGoodInput, output);
     ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_TRUE(run.err.empty() && run.out.empty()) << run.describe();
+    EXPECT_EQ(run.err + run.out, "");
     EXPECT_EQ(readFile(output), written);
-    EXPECT_EQ(workEntries(), std::vector<std::string>{"out.plist"});
     // "-" is standard input or standard output.
-    for (const auto& [input, stdinPath] : {std::pair{std::string("-"), kGoodInput.string()}, {kGoodInput.string(), "/dev/null"}}) {
-        run = qx({"plist", "convert", "--format", "binary", input, "-o", "-"}, stdinPath);
-        ASSERT_EQ(run.exitStatus, 0) << run.describe();
-        EXPECT_EQ(run.out, written);
-        run = qx({"plist", "print", input}, stdinPath);
-        ASSERT_EQ(run.exitStatus, 0) << run.describe();
-        EXPECT_TRUE(run.err.empty()) << run.err;
-        EXPECT_EQ(run.out, value->description() + "\n");
+    run = runQx({"plist", "convert", "--format", "binary", "-", "-o", "-"}, kGoodInput.string());
+    ASSERT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_EQ(run.out, written);
+    run = runQx({"plist", "print", kGoodInput.string()});
+    ASSERT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_EQ(run.out + run.err, value->description() + "\n");
+    expectOneLineFailure(runQx({"plist", "print", "-"}, kBadInput.string()), "(standard input)");
+    for (const auto& [name, code] : {std::pair{"xml", QXPropertyListXMLFormat_v1_0}, {"text", QXPropertyListOpenStepFormat}}) {
+        ASSERT_EQ(convert(kGoodInput, work() / name, name).exitStatus, 0) << name;
+        EXPECT_EQ(readFile(work() / name), std::string(PLS::dataWithPropertyList(value, code, nullptr)->view())) << name;
     }
-    expectOneLineFailure(qx({"plist", "convert", "-f", "binary", "-", "-o", "-"}, kBadInput.string()), "(standard input)");
-    expectOneLineFailure(qx({"plist", "print", "-"}), "(standard input)");
 }
 
 TEST_F(QxTool, RefusedInputsFailWithOneLineAndKeepThePreviousOutput) {
-    const std::string good = readFile(kGoodInput);
-    const std::vector<std::string> inputs = {kBadInput.string(), dir() / "empty", dir() / "cut"};
-    writeFile(inputs[1], "");
-    writeFile(inputs[2], good.substr(0, good.size() - 1));
     const fs::path output = work() / "out.plist";
-    for (const auto& input : inputs) {
-        SCOPED_TRACE(input);
-        expectOneLineFailure(convert(input, output), input);
-        EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "an output or a temporary file was left behind";
-        writeFile(output, "previous");
-        expectOneLineFailure(convert(input, output), input);
-        EXPECT_EQ(readFile(output), "previous");
-        EXPECT_EQ(workEntries(), std::vector<std::string>{"out.plist"});
-        fs::remove(output);
-        expectOneLineFailure(qx({"plist", "print", input}), input);
-    }
+    expectOneLineFailure(convert(kBadInput, output), kBadInput);
+    EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "an output or a temporary file was left behind";
+    writeFile(output, "previous");
+    expectOneLineFailure(convert(kBadInput, output), kBadInput);
+    EXPECT_EQ(readFile(output), "previous");
+    EXPECT_EQ(workEntries(), std::vector<std::string>{"out.plist"});
 }
 
 TEST_F(QxTool, MalformedDataIsReportedWithTheLibrarysReasonAndLogOnlyWhenVerbose) {
@@ -87,59 +69,30 @@ TEST_F(QxTool, MalformedDataIsReportedWithTheLibrarysReasonAndLogOnlyWhenVerbose
     ASSERT_FALSE(readWithLibrary(kBadInput, &error));
     ASSERT_TRUE(error);
     // The reader logs why it refuses this file; that stays out of a plain run.
-    QxRun run = qx({"plist", "print", kBadInput.string()}, "/dev/null", "QX_LOG_STDERR=1");
+    QxRun run = runQx({"plist", "print", kBadInput.string()}, "/dev/null", "QX_LOG_STDERR=1");
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_EQ(run.err, "qx: " + kBadInput.string() + ": " + error->localizedDescription() + "\n");
 
-    run = qx({"--verbose", "plist", "print", kBadInput.string()});
+    run = runQx({"--verbose", "plist", "print", kBadInput.string()});
     EXPECT_EQ(run.exitStatus, 1) << run.describe();
     EXPECT_GE(run.errLines(), 2u) << run.describe();
     const std::string last = run.err.substr(run.err.rfind('\n', run.err.size() - 2) + 1);
     EXPECT_EQ(last.rfind("qx: " + kBadInput.string() + ": ", 0), 0u) << "the failure line comes last: " << run.err;
 }
 
-TEST_F(QxTool, OtherOutputFormatsAreWhatTheLibraryWrites) {
-    const auto value = readWithLibrary(kGoodInput);
-    ASSERT_TRUE(value);
-    for (const auto& [name, code] : {std::pair{"xml", QXPropertyListXMLFormat_v1_0}, {"text", QXPropertyListOpenStepFormat}}) {
-        const auto expected = PLS::dataWithPropertyList(value, code, nullptr);
-        ASSERT_TRUE(expected) << name;
-        const QxRun run = convert(kGoodInput, work() / name, name);
-        ASSERT_EQ(run.exitStatus, 0) << name << ": " << run.describe();
-        EXPECT_EQ(readFile(work() / name), std::string(expected->view())) << name;
-    }
-}
+TEST_F(QxTool, OutputReplacesFilesAndWritesIntoPipes) {
+    const std::string expected(PLS::binaryDataWithPropertyList(readWithLibrary(kGoodInput))->view());
 
-// --- Where output goes -------------------------------------------------------
-
-TEST_F(QxTool, OutputReplacesFilesKeepingTheirModeFollowsLinksAndWritesIntoPipes) {
-    const fs::path reference = dir() / "reference.plist";
-    ASSERT_EQ(convert(kGoodInput, reference).exitStatus, 0);
-    const std::string expected = readFile(reference);
-
-    // A replaced file keeps its permissions; a new one gets the usual mode, not the temporary file's 0600.
-    const fs::path replaced = work() / "replaced", fresh = work() / "new", same = work() / "same";
+    // A file is replaced the safe writer's way (its mode, links and the rest are the library's business);
+    // one converted onto itself is read before it is replaced.
+    const fs::path replaced = work() / "replaced", same = work() / "same";
     writeFile(replaced, "old");
     fs::permissions(replaced, static_cast<fs::perms>(0640));
     ASSERT_EQ(convert(kGoodInput, replaced).exitStatus, 0);
-    EXPECT_EQ(readFile(replaced), expected);
-    EXPECT_EQ(fileMode(replaced), 0640u);
-    ASSERT_EQ(convert(kGoodInput, fresh).exitStatus, 0);
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    EXPECT_EQ(fileMode(fresh), 0666 & ~mask);
-    // A file converted onto itself.
+    EXPECT_EQ(readFile(replaced) == expected ? fileMode(replaced) : 0u, 0640u);
     fs::copy_file(kGoodInput, same);
     ASSERT_EQ(convert(same, same).exitStatus, 0);
     EXPECT_EQ(readFile(same), expected);
-
-    // A symbolic link is followed and kept.
-    const fs::path target = work() / "target", link = work() / "link";
-    writeFile(target, "old");
-    fs::create_symlink(target, link);
-    ASSERT_EQ(convert(kGoodInput, link).exitStatus, 0);
-    EXPECT_TRUE(fs::is_symlink(link));
-    EXPECT_EQ(readFile(target), expected);
 
     // A pipe is written to, not replaced.
     const fs::path fifo = work() / "fifo";
@@ -150,7 +103,7 @@ TEST_F(QxTool, OutputReplacesFilesKeepingTheirModeFollowsLinksAndWritesIntoPipes
     reader.join();
     ASSERT_EQ(run.exitStatus, 0) << run.describe();
     EXPECT_EQ(received, expected);
-    EXPECT_EQ(workEntries(), (std::vector<std::string>{"fifo", "link", "new", "replaced", "same", "target"}));
+    EXPECT_EQ(workEntries(), (std::vector<std::string>{"fifo", "replaced", "same"}));
 }
 
 TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason) {
@@ -158,9 +111,8 @@ TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason)
     const std::vector<std::tuple<QxRun, std::string, int>> cases = {
         {convert(kGoodInput, noDir), noDir.string(), ENOENT},
         {convert(kGoodInput, work()), work().string(), 0},  // a directory is not a file to replace
-        {convert(missing, work() / "out"), missing.string(), ENOENT},
-        {qx({"plist", "print", missing.string()}), missing.string(), ENOENT},
-        {qx({"plist", "print", work().string()}), work().string(), EISDIR},
+        {runQx({"plist", "print", missing.string()}), missing.string(), ENOENT},
+        {runQx({"plist", "print", work().string()}), work().string(), EISDIR},
     };
     for (const auto& [run, name, code] : cases) {
         expectOneLineFailure(run, name);
@@ -172,20 +124,17 @@ TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason)
 TEST_F(QxTool, ArgumentErrorsExitWithStatusTwo) {
     const std::string input = kGoodInput.string(), output = (work() / "out").string();
     for (const auto& args : std::vector<std::vector<std::string>>{
-             {}, {"nonsense"}, {"plist"}, {"plist", "convert", "--format", "json", input, "-o", output},
+             {}, {"nonsense"}, {"plist", "convert", "--format", "json", input, "-o", output},
              {"plist", "convert", input, "-o", output}, {"plist", "convert", "--format", "binary", input},
-             {"plist", "convert", "--format", "binary", "-o", output}, {"plist", "print"}, {"plist", "print", input, "extra"}}) {
-        const QxRun run = qx(args);
-        EXPECT_EQ(run.exitStatus, 2) << ::testing::PrintToString(args) << run.describe();
-        EXPECT_FALSE(run.err.empty());
+             {"plist", "print", input, "extra"}, {"hexdump"}, {"hexdump", input, "--offset", "-1"},
+             {"hexdump", input, "--length", "18446744073709551616"}}) {
+        const QxRun run = runQx(args);
+        EXPECT_TRUE(run.exitStatus == 2 && !run.err.empty()) << ::testing::PrintToString(args) << run.describe();
     }
     EXPECT_EQ(workEntries(), std::vector<std::string>{});
-    const QxRun help = qx({"plist", "convert", "--help"});
-    EXPECT_EQ(help.exitStatus, 0);
-    EXPECT_NE(help.out.find("--format"), std::string::npos);
+    const QxRun help = runQx({"plist", "convert", "--help"});
+    EXPECT_TRUE(help.exitStatus == 0 && help.out.find("--format") != std::string::npos) << help.describe();
 }
-
-// --- Hex dumps ---------------------------------------------------------------
 
 TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRangeOfFilesAndPipes) {
     const std::string input = dir() / "bytes.bin";
@@ -194,22 +143,17 @@ TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRangeOfFilesAndPipes) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "00000000  48 65 6C 6C 6F 2C 20 68 65 78 64 75 6D 70 21 0A  Hello, hexdump!.\n"
              "00000010  80 CA 78 79 " + pad + " \u00c4.xy\n"},
-        {{"--offset", "3", "--length", "1000"}, "00000003  6C 6F 2C 20 68 65 78 64 75 6D 70 21 0A 80 CA 78  lo, hexdump!.\u00c4.x\n"
-                                                "00000013  79 " + onePad + "y\n"},
         {{"--offset", "0x12", "--length", "0X1"}, "00000012  78 " + onePad + "x\n"},
         {{"--offset", "20"}, ""},
-        {{"--length", "0"}, ""},
     };
     for (const auto& [options, expected] : cases) {
         std::vector<std::string> args{"hexdump", input};
         args.insert(args.end(), options.begin(), options.end());
-        QxRun run = qx(args);
-        EXPECT_EQ(run.exitStatus, 0) << run.describe();
-        EXPECT_EQ(run.out, expected) << ::testing::PrintToString(options);
-        EXPECT_TRUE(run.err.empty()) << run.err;
+        QxRun run = runQx(args);
+        EXPECT_EQ(run.out + run.err, expected) << ::testing::PrintToString(options) << run.describe();
         // From a pipe, which cannot seek, the same lines.
         args[1] = "-";
-        run = qx(args, "", "cat " + shellQuote(input) + " |");
+        run = runQx(args, "", "cat " + shellQuote(input) + " |");
         EXPECT_EQ(run.out, expected) << "piped " << ::testing::PrintToString(options);
     }
 }
@@ -217,12 +161,7 @@ TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRangeOfFilesAndPipes) {
 TEST_F(QxTool, HexdumpFailuresNameTheInput) {
     const std::string input = dir() / "small.bin", missing = dir() / "missing";
     writeFile(input, "abc");
-    expectOneLineFailure(qx({"hexdump", input, "--offset", "4"}), input);
-    expectOneLineFailure(qx({"hexdump", missing}), missing);
-    expectOneLineFailure(qx({"hexdump", dir().string()}), dir().string());
-    expectOneLineFailure(qx({"hexdump", "-", "--offset", "4"}, "", "cat " + shellQuote(input) + " |"), "(standard input)");
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {"hexdump"}, {"hexdump", input, "--offset", "-1"}, {"hexdump", input, "--length", "x"},
-             {"hexdump", input, "--length", "18446744073709551616"}, {"hexdump", input, "--offset", "0x"}})
-        EXPECT_EQ(qx(args).exitStatus, 2) << ::testing::PrintToString(args);
+    expectOneLineFailure(runQx({"hexdump", input, "--offset", "4"}), input);
+    expectOneLineFailure(runQx({"hexdump", missing}), missing);
+    expectOneLineFailure(runQx({"hexdump", "-", "--offset", "4"}, "", "cat " + shellQuote(input) + " |"), "(standard input)");
 }
