@@ -258,11 +258,11 @@ TEST(BinaryPropertyListReader, ObjectsThatAreNothingOrDamaged) {
         EXPECT_FALSE(r.value || r.error || !r.log.empty()) << int(object[0]);
     }
     // The general reader then has nowhere else to go.
-    QXPropertyListFormat format = 0;
+    QXPropertyListFormat found = 0;
     Ref<Error> error;
-    EXPECT_FALSE(PLS::propertyListWithData(toData(assemble({{{0x00}}})), &format, &error));
+    EXPECT_FALSE(PLS::propertyListWithData(toData(assemble({{{0x00}}})), &found, &error));
     EXPECT_QX_ERROR(error, NSCocoaErrorDomain, 3840);
-    EXPECT_EQ(format, 0u);
+    EXPECT_EQ(found, 0u);
     for (std::uint8_t marker : {0x01, 0x0E, 0x34, 0x70, 0x9A, 0xB0, 0xE1, 0xFF}) {
         auto r = readPlist(assemble({{{marker, 0, 0, 0, 0, 0, 0, 0, 0}}}));
         EXPECT_FALSE(r.value || r.error);
@@ -387,7 +387,7 @@ TEST(BinaryPropertyListHardening, KeysWhoseHashesCollideAreBounded) {
     EXPECT_EQ(r.log, Log{"property list has too many containers or data objects as keys"});
 }
 
-TEST(BinaryPropertyListHardening, TruncationAndRandomDamageAreClean) {
+TEST(BinaryPropertyListHardening, TruncationIsClean) {
     auto nested = dict({{"list", std::make_shared<Array>(Array{str("\xE2\x82\xAC uro"), Number::withDouble(2.5),
                                                                Data::withString(std::string(20, 'd')),
                                                                QXUIDPropertyList::initWithInt64Value(7)})},
@@ -395,26 +395,6 @@ TEST(BinaryPropertyListHardening, TruncationAndRandomDamageAreClean) {
     for (const auto& file : {write(nested), toBytes(fixture("cpython/testdata-apple.bplist"))})
         for (std::size_t n = 0; n < file.size(); ++n)
             EXPECT_TRUE(readPlist(Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(n))).clean()) << n;
-
-    std::mt19937 rng(20240611);
-    int readable = 0;
-    for (const auto& e : fixtures("binary")) {
-        const Bytes original = toBytes(fixture(e.file));
-        for (int round = 0; round < 40 && !original.empty(); ++round) {
-            Bytes damaged = original;
-            for (int h = 0, hits = 1 + static_cast<int>(rng() % 4); h < hits; ++h)
-                damaged[rng() % damaged.size()] = static_cast<std::uint8_t>(rng());
-            auto r = readPlist(damaged);
-            EXPECT_TRUE(r.clean()) << e.file;
-            if (!r.value) continue;
-            ++readable;
-            // Whatever was read is written or refused cleanly, and reads cleanly.
-            Ref<Error> error;
-            if (auto again = PLS::binaryDataWithPropertyList(r.value, &error)) EXPECT_TRUE(readPlist(toBytes(again)).clean());
-            else EXPECT_QX_ERROR(error, NSCocoaErrorDomain, 3840);
-        }
-    }
-    EXPECT_GT(readable, 0);
 }
 
 // --- Format detection and UIDs ----------------------------------------------------------------

@@ -155,7 +155,6 @@ TEST(QXInputStream, EventsArrivingTogetherAreDeliveredOnceInTheFixedOrder) {
     stream.setDelegate(delegate);
     stream.setEventHandler([&](QXInputStream&, qx::StreamEventMask e) { order.push_back("event " + std::to_string(e)); });
     stream.setReadabilityHandler([&](QXInputStream&) { order.push_back("readable"); });
-    NotificationLog ended(kQXInputStreamReachedEndNotification, q.stream), failed(kQXInputStreamErrorOccurredNotification, q.stream);
     auto endToken = qx::NotificationCenter::defaultCenter()->addObserver(
         kQXInputStreamReachedEndNotification, q.stream, [&](const Ref<qx::Notification>&) { order.push_back("end"); });
     auto errorToken = qx::NotificationCenter::defaultCenter()->addObserver(

@@ -8,8 +8,8 @@
 #include <condition_variable>
 #include <mutex>
 #include <strings.h>
-#include <tuple>
 #include <thread>
+#include <tuple>
 
 struct HttpTestServer::Impl {
     httplib::Server server;
@@ -26,9 +26,11 @@ struct HttpTestServer::Impl {
 
     // Writes content[from, from + length) to the sink in pieces of 1 MiB.
     bool send(std::size_t from, std::size_t length, httplib::DataSink& sink) const {
-        for (std::size_t n; length > 0; from += n, length -= n)
-            if (n = std::min<std::size_t>(length, 1 << 20); !sink.write(reinterpret_cast<const char*>(content.data() + from), n))
-                return false;
+        while (length > 0) {
+            const std::size_t n = std::min<std::size_t>(length, 1 << 20);
+            if (!sink.write(reinterpret_cast<const char*>(content.data() + from), n)) return false;
+            from += n, length -= n;
+        }
         return true;
     }
 };
