@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cctype>
 #include <sys/stat.h>
 
 using namespace streamtest;
@@ -76,22 +75,6 @@ struct QuietStream {
         EXPECT_TRUE(runUntil([&] { return !events.empty(); }));
         drain();
         events.clear();
-    }
-};
-
-// Upper-cases what it reads: a subclass built the way the header describes.
-class UpperCaseStream : public QXInputStream {
-public:
-    static Ref<UpperCaseStream> initWithData(const Ref<qx::Data>& data, std::uint64_t limit) {
-        auto s = std::make_shared<UpperCaseStream>(underlyingStreamWithData(data), limit);
-        s->adoptUnderlyingStream();
-        return s;
-    }
-    UpperCaseStream(Ref<qx::InputStream> underlying, std::uint64_t limit) : QXInputStream(std::move(underlying), limit) {}
-    std::int64_t primitiveRead(std::uint8_t* buffer, std::uint64_t length) override {
-        const auto n = QXInputStream::primitiveRead(buffer, length);
-        for (std::int64_t i = 0; i < n; ++i) buffer[i] = static_cast<std::uint8_t>(std::toupper(buffer[i]));
-        return n;
     }
 };
 
@@ -172,7 +155,6 @@ TEST(QXInputStream, EventsArrivingTogetherAreDeliveredOnceInTheFixedOrder) {
     stream.setDelegate(delegate);
     stream.setEventHandler([&](QXInputStream&, qx::StreamEventMask e) { order.push_back("event " + std::to_string(e)); });
     stream.setReadabilityHandler([&](QXInputStream&) { order.push_back("readable"); });
-    NotificationLog ended(kQXInputStreamReachedEndNotification, q.stream), failed(kQXInputStreamErrorOccurredNotification, q.stream);
     auto endToken = qx::NotificationCenter::defaultCenter()->addObserver(
         kQXInputStreamReachedEndNotification, q.stream, [&](const Ref<qx::Notification>&) { order.push_back("end"); });
     auto errorToken = qx::NotificationCenter::defaultCenter()->addObserver(
@@ -211,15 +193,12 @@ TEST(QXInputStream, StatusShowingTheEndBecomesAnEventOfItsOwn) {
     // The read finds the end of the pipe; the read itself raises EndEncountered.
     EXPECT_EQ(readInto(*q.stream, got, 10), 0);
     EXPECT_EQ(q.stream->streamStatus(), qx::StreamStatus::AtEnd);
-    ASSERT_TRUE(runUntil([&] {
-        for (auto e : q.events)
-            if (e & qx::StreamEventEndEncountered) return true;
-        return false;
-    }));
+    const auto ends = [&] {
+        return std::count_if(q.events.begin(), q.events.end(), [](auto e) { return e & qx::StreamEventEndEncountered; });
+    };
+    ASSERT_TRUE(runUntil([&] { return ends() > 0; }));
     drain();
-    int ends = 0;
-    for (auto e : q.events) ends += (e & qx::StreamEventEndEncountered) ? 1 : 0;
-    EXPECT_EQ(ends, 1);  // the underlying stream's own end event came after and was dropped
+    EXPECT_EQ(ends(), 1);  // the underlying stream's own end event came after and was dropped
 }
 
 TEST(QXInputStream, DelegateDefaultsToTheStreamItself) {
@@ -237,9 +216,7 @@ TEST(QXInputStream, SynchronousReadsAndTheirFailures) {
     Ref<qx::Error> error;
     auto never = QXInputStream::initWithData(qx::Data::withString("abc"));
     EXPECT_FALSE(never->readDataSynchronouslyOfLength(3, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
-    EXPECT_EQ(error->code(), 9);
+    EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, EBADF);
     EXPECT_EQ(never->read(nullptr, 0), -1);
 
     auto data = QXInputStream::initWithData(qx::Data::withString("abcdefgh"));
@@ -253,21 +230,15 @@ TEST(QXInputStream, SynchronousReadsAndTheirFailures) {
     ASSERT_TRUE(missing);  // the platform stream finds out at the open
     missing->open();
     EXPECT_EQ(missing->streamStatus(), qx::StreamStatus::Error);
-    error.reset();
     EXPECT_FALSE(missing->readDataSynchronouslyOfLength(1, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), qx::NSPOSIXErrorDomain);
-    EXPECT_EQ(error->code(), ENOENT);
+    EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, ENOENT);
 
     qxtest::TempDir dir;
     const auto path = dir.file("w", "data");
     auto failing = QXInputStream::initWithFileHandle(qx::FileHandle::fileHandleForWritingAtPath(path), true);
     failing->open();
-    error.reset();
     EXPECT_FALSE(failing->readDataSynchronouslyOfLength(4, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->domain(), qx::NSCocoaErrorDomain);
-    EXPECT_EQ(error->code(), 256);
+    EXPECT_QX_ERROR(error, qx::NSCocoaErrorDomain, 256);
 }
 
 TEST(QXInputStream, SynchronousReadGathersShortReadsUntilTheEnd) {
@@ -301,16 +272,10 @@ TEST(QXInputStream, SynchronousReadOfAPipeStopsAtTheLengthAsked) {
         for (int i = 0; i < 8; ++i) pipe.write(digits(1000));
     });
     auto first = stream->readDataSynchronouslyOfLength(5000);
-    EXPECT_EQ(first->length(), 5000u);
     writer.join();
     pipe.closeWriter();
-    auto rest = stream->readDataSynchronouslyToEndOfStream();
-    ASSERT_TRUE(rest);
-    EXPECT_EQ(text(first) + text(rest), [] {
-        std::string s;
-        for (int i = 0; i < 8; ++i) s += digits(1000);
-        return s;
-    }());
+    EXPECT_EQ(text(first), digits(5000));
+    EXPECT_EQ(text(stream->readDataSynchronouslyToEndOfStream()), digits(3000));
 }
 
 TEST(QXInputStream, AvailableDataWithMaxLengthReadsAtMostOneHundredMebibytes) {
@@ -364,15 +329,6 @@ TEST(QXInputStream, URLRoutesSendHeadersAndFollowRedirects) {
     EXPECT_FALSE(QXInputStream::initWithURL(nullptr));
     EXPECT_FALSE(QXInputStream::initWithData(nullptr));
     EXPECT_FALSE(QXInputStream::initWithFileHandle(nullptr, false));
-}
-
-TEST(QXInputStream, SubclassesTransformBytesUnderTheBaseLimit) {
-    auto stream = UpperCaseStream::initWithData(qx::Data::withString("hello, world"), 5);
-    stream->open();
-    std::string got;
-    EXPECT_EQ(readInto(*stream, got, 100), 5);
-    EXPECT_EQ(got, "HELLO");
-    EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
 }
 
 TEST(QXInputStream, LentBuffersCountAgainstTheLimit) {

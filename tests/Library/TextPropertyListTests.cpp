@@ -191,23 +191,3 @@ TEST(TextPropertyListDisplay, NumberBooleanDataAndTypedTextParsers) {
     EXPECT_EQ(number("3,5")->doubleValue(), 3.5);
     EXPECT_EQ(dyn_cast<Number>(item("1.234,5"))->doubleValue(), 1234.5);
 }
-
-TEST(TextPropertyListTool, ConvertsThroughEveryFormatAndPrintsAny) {
-    TempDir dir("qx-text-tool");
-    const std::string qx = QX_QX_BINARY " plist ", input = QX_PLIST_TESTDATA_DIR "/dd-plist/test1-binary.plist";
-    for (const std::string& args : {"convert --format xml " + input + " -o " + dir / "a.xml",
-                                    "convert --format text " + dir / "a.xml" + " -o " + dir / "a.txt",
-                                    "convert --format binary " + dir / "a.txt" + " -o " + dir / "a.bplist",
-                                    "print " + dir / "a.xml" + " >" + dir / "print-xml.txt",
-                                    "print " + dir / "a.txt" + " >" + dir / "print-text.txt"})
-        ASSERT_EQ(std::system((qx + args + " 2>/dev/null").c_str()), 0) << args;
-    // The text form keeps every value as text: what it reads is what the writer gave it.
-    auto original = PLS::propertyListWithData(fixture("dd-plist/test1-binary.plist"), nullptr, nullptr);
-    auto fromXML = PLS::propertyListWithData(toData(readFile(dir / "a.xml")), nullptr, nullptr);
-    auto fromText = PLS::propertyListWithData(toData(readFile(dir / "a.bplist")), nullptr, nullptr);
-    ASSERT_TRUE(original && fromXML && fromText);
-    EXPECT_TRUE(fromXML->isEqual(*original));
-    EXPECT_TRUE(fromText->isEqual(*asText(original)));
-    EXPECT_EQ(readFile(dir / "print-xml.txt"), fromXML->description() + "\n");
-    EXPECT_EQ(readFile(dir / "print-text.txt"), fromText->description() + "\n");
-}

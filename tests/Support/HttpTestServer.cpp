@@ -9,10 +9,7 @@
 #include <mutex>
 #include <strings.h>
 #include <thread>
-
-namespace {
-constexpr std::size_t kWriteChunk = 1 << 20;
-}
+#include <tuple>
 
 struct HttpTestServer::Impl {
     httplib::Server server;
@@ -27,22 +24,20 @@ struct HttpTestServer::Impl {
     std::vector<Request> log;
     std::atomic<bool> listenReturned{false};
 
-    // Writes content[from, from + length) to the sink in large pieces.
+    // Writes content[from, from + length) to the sink in pieces of 1 MiB.
     bool send(std::size_t from, std::size_t length, httplib::DataSink& sink) const {
         while (length > 0) {
-            const std::size_t n = std::min(length, kWriteChunk);
+            const std::size_t n = std::min<std::size_t>(length, 1 << 20);
             if (!sink.write(reinterpret_cast<const char*>(content.data() + from), n)) return false;
-            from += n;
-            length -= n;
+            from += n, length -= n;
         }
         return true;
     }
 };
 
 std::string HttpTestServer::Request::header(const std::string& name) const {
-    for (const auto& [key, value] : headers)
-        if (::strcasecmp(key.c_str(), name.c_str()) == 0) return value;
-    return {};
+    auto it = std::find_if(headers.begin(), headers.end(), [&](auto& h) { return !::strcasecmp(h.first.c_str(), name.c_str()); });
+    return it == headers.end() ? "" : it->second;
 }
 
 std::vector<std::uint8_t> HttpTestServer::patternBytes(std::size_t length) {
@@ -78,19 +73,15 @@ HttpTestServer::HttpTestServer(std::vector<std::uint8_t> content, std::size_t tr
         res.set_header("Accept-Ranges", "bytes");
         whole(res);  // the library answers a Range with 206 and the slice
     });
-    server.Get(NoRangesPath, [whole](const httplib::Request& req, httplib::Response& res) {
-        // Ranges are applied by the library after the handler; this resource
-        // must not, so the parsed ranges are dropped.
-        const_cast<httplib::Request&>(req).ranges.clear();
-        res.status = 200;
-        whole(res);
-    });
-    server.Get(RangesNonePath, [whole](const httplib::Request& req, httplib::Response& res) {
-        const_cast<httplib::Request&>(req).ranges.clear();
-        res.status = 200;
-        res.set_header("Accept-Ranges", "none");
-        whole(res);
-    });
+    for (const auto& [path, none] : {std::pair{NoRangesPath, false}, {RangesNonePath, true}}) {
+        server.Get(path, [whole, none = none](const httplib::Request& req, httplib::Response& res) {
+            // The library applies ranges after the handler; these resources must not, so they are dropped.
+            const_cast<httplib::Request&>(req).ranges.clear();
+            res.status = 200;
+            if (none) res.set_header("Accept-Ranges", "none");
+            whole(res);
+        });
+    }
     server.Get(ChunkedPath, [&s](const httplib::Request& req, httplib::Response& res) {
         const_cast<httplib::Request&>(req).ranges.clear();
         res.set_chunked_content_provider("application/octet-stream", [&s](std::size_t offset, httplib::DataSink& sink) {
@@ -113,14 +104,12 @@ HttpTestServer::HttpTestServer(std::vector<std::uint8_t> content, std::size_t tr
         const int hops = req.matches.size() > 1 && req.matches[1].matched ? std::stoi(req.matches[1].str()) : 1;
         res.set_redirect(hops > 1 ? std::string(RedirectPath) + "/" + std::to_string(hops - 1) : std::string(RangesPath));
     });
-    server.Get(NotFoundPath, [](const httplib::Request&, httplib::Response& res) {
-        res.status = 404;
-        res.set_content("no such resource", "text/plain");
-    });
-    server.Get(ServerErrorPath, [](const httplib::Request&, httplib::Response& res) {
-        res.status = 500;
-        res.set_content("server failure", "text/plain");
-    });
+    for (const auto& [path, status, body] :
+         {std::tuple{NotFoundPath, 404, "no such resource"}, {ServerErrorPath, 500, "server failure"}})
+        server.Get(path, [status = status, body = body](const httplib::Request&, httplib::Response& res) {
+            res.status = status;
+            res.set_content(body, "text/plain");
+        });
     server.Get(HangPath, [&s](const httplib::Request&, httplib::Response& res) {
         std::unique_lock<std::mutex> lock(s.mutex);
         s.released.wait(lock, [&s] { return s.stopping; });

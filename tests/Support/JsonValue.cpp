@@ -78,8 +78,8 @@ private:
     }
 
     static void appendUTF8(std::string& out, std::uint32_t cp) {
-        const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
-        static const unsigned char lead[] = {0x00, 0xC0, 0xE0, 0xF0};
+        const int extra = cp < 0x80 ? 0 : cp < 0x800 ? 1 : 2;
+        static const unsigned char lead[] = {0x00, 0xC0, 0xE0};
         out += static_cast<char>(lead[extra] | (cp >> (6 * extra)));
         for (int k = extra - 1; k >= 0; --k) out += static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3F));
     }
@@ -100,20 +100,9 @@ private:
                 out += to[k];
                 continue;
             }
-            std::uint32_t cp, low;
-            if (e != 'u' || !hex4(cp)) return false;
-            // A lone surrogate becomes U+FFFD, as the UTF-16 decoder does.
-            if (cp >= 0xD800 && cp < 0xDC00) {
-                const std::size_t save = i_;
-                if (s_.substr(i_, 2) == "\\u" && (i_ += 2, hex4(low)) && low >= 0xDC00 && low < 0xE000) {
-                    cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-                } else {
-                    i_ = save;
-                    cp = 0xFFFD;
-                }
-            } else if (cp >= 0xDC00 && cp < 0xE000) {
-                cp = 0xFFFD;
-            }
+            // Code points of the basic plane only: no manifest escapes anything beyond it.
+            std::uint32_t cp;
+            if (e != 'u' || !hex4(cp) || (cp >= 0xD800 && cp < 0xE000)) return false;
             appendUTF8(out, cp);
         }
         return false;
@@ -127,16 +116,13 @@ private:
 
 std::optional<JsonValue> JsonValue::parse(std::string_view json) { return Parser(json).document(); }
 
-bool JsonValue::isInteger() const { return kind == Kind::Number && text.find_first_of(".eE") == std::string::npos; }
+bool JsonValue::isInteger() const { return kind == Kind::Number && text.find_first_of("-.eE") == std::string::npos; }
 
 std::uint64_t JsonValue::low64() const {
     std::uint64_t v = 0;
-    const bool negative = !text.empty() && text[0] == '-';
-    for (std::size_t k = negative ? 1 : 0; k < text.size(); ++k) v = v * 10 + static_cast<std::uint64_t>(text[k] - '0');
-    return negative ? ~v + 1 : v;
+    for (char c : text) v = v * 10 + static_cast<std::uint64_t>(c - '0');
+    return v;
 }
-
-double JsonValue::real() const { return std::strtod(text.c_str(), nullptr); }
 
 const JsonValue* JsonValue::member(std::string_view key) const {
     for (const auto& [k, v] : members)

@@ -1,8 +1,5 @@
-// JsonValue.h - a small JSON reader for test expectations.
-//
-// Enough JSON for the fixtures' expected values: objects keep their member
-// order, and numbers keep their text so that integers wider than 64 bits and
-// reals are compared exactly.
+// JsonValue.h - a small JSON reader for the fixtures' manifests: objects keep their
+// member order, numbers their text.
 #pragma once
 
 #include <cstdint>
@@ -25,10 +22,9 @@ struct JsonValue {
     /// Parses a whole document; nothing when it is not valid JSON.
     static std::optional<JsonValue> parse(std::string_view json);
 
-    bool isInteger() const;  // a number without fraction or exponent
-    /// An integer's value modulo 2^64 (two's complement for negatives).
+    bool isInteger() const;  // a number without sign, fraction or exponent
+    /// An integer's value modulo 2^64.
     std::uint64_t low64() const;
-    double real() const;
     /// The member named key, or null.
     const JsonValue* member(std::string_view key) const;
 };
