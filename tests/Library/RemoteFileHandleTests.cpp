@@ -339,7 +339,7 @@ TEST(RemoteFileHandleLocal, StopEndsDeliveriesEvenOfChunksAlreadyRead) {
     // A large limit lets the reader run ahead; small ones hold it at the
     // limit while the last accepted chunk is with the handler.
     for (const auto& row : {std::pair<std::uint64_t, std::size_t>{16 * MiB, 3}, {MiB, 1}, {2 * MiB, 2}}) {
-        const auto limit = row.first;  // named copies: lambdas cannot capture structured bindings before C++20 in clang 14
+        const auto limit = row.first;  // named copies: clang 14 cannot capture structured bindings
         const auto calls = row.second;
         SCOPED_TRACE(limit);
         auto h = Handle::initForReadingFromURL(fileURL(path));
