@@ -11,6 +11,7 @@
 
 #include <qx/OperationQueue.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -57,65 +58,56 @@ bool releasedInTime(qx::WeakRef<QXDecompressionOperation> weak) {
 
 } // namespace
 
-TEST(DecompressionOperation, FinishedOnlyAfterStartAndAnnouncedToObservers) {
-    auto op = QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithmNone);
-    ASSERT_TRUE(op);
-    EXPECT_TRUE(op->isAsynchronous());
-    std::vector<std::string> seen;
-    op->observable()->addObserver("isFinished", [&](qx::Observable&, const std::string& key, const qx::Observable::Change&) {
-        seen.push_back(key);
-    });
-    op->observable()->addObserver("isExecuting", [&](qx::Observable&, const std::string& key, const qx::Observable::Change&) {
-        seen.push_back(key);
-    });
-
-    auto error = QXGenerateError("test", 7);
-    op->cancelWithError(error);
-    EXPECT_EQ(op->error(), error);
-    EXPECT_TRUE(op->isCancelled());
-    EXPECT_FALSE(op->isFinished());  // an error alone does not finish an operation not started
-    EXPECT_FALSE(op->isExecuting());
-    EXPECT_EQ(seen, (std::vector<std::string>{"isFinished", "isExecuting"}));
-
-    op->cancelWithError(QXGenerateError("later", 8));
-    EXPECT_EQ(op->error(), error);  // the first error is kept
-    op->start();
-    EXPECT_TRUE(op->isFinished());
-    EXPECT_FALSE(op->isExecuting());
-}
-
-TEST(DecompressionOperation, StartedOperationFinishesWhenItsOutputIsAllTaken) {
-    auto op = QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithmNone);
-    ASSERT_TRUE(op);
-    // Nothing provided yet: an empty answer at once, never a wait.
-    EXPECT_EQ(op->consumeOutputDataWithMaxLength(100)->length(), 0u);
-    EXPECT_EQ(op->availableOutputDataSize(), 0u);
-    op->start();
-    EXPECT_TRUE(op->isExecuting());
-    std::vector<std::string> seen;
-    op->observable()->addObserver("isFinished", [&](qx::Observable&, const std::string& key, const qx::Observable::Change&) {
-        seen.push_back(key);
-    });
-
-    op->provideInputData(Data::withString("hello "), false);
-    op->provideInputData(Data::withString("world"), true);
-    op->provideInputData(Data::withString("ignored"), true);  // after the last piece
-    Bytes out;
-    while (out.size() < 11) {
-        op->waitForOutputData();
-        auto piece = op->consumeOutputDataWithMaxLength(3);  // never more than asked
-        EXPECT_LE(piece->length(), 3u);
-        out.insert(out.end(), piece->bytes(), piece->bytes() + piece->length());
+// Finished only once started, and then once its output is all taken or an
+// error ended it; each change announced to observers.
+TEST(DecompressionOperation, LifeCycle) {
+    for (bool failFirst : {true, false}) {
+        SCOPED_TRACE(failFirst);
+        auto op = QXDecompressionOperation::initWithAlgorithm(QXDecompressionAlgorithmNone);
+        ASSERT_TRUE(op);
+        EXPECT_TRUE(op->isAsynchronous());
+        // Nothing provided yet: an empty answer at once, never a wait.
+        EXPECT_EQ(op->consumeOutputDataWithMaxLength(100)->length(), 0u);
+        std::vector<std::string> seen;
+        for (const char* key : {"isFinished", "isExecuting"})
+            op->observable()->addObserver(key, [&](qx::Observable&, const std::string& k, const qx::Observable::Change&) {
+                seen.push_back(k);
+            });
+        if (failFirst) {
+            auto error = QXGenerateError("test", 7);
+            op->cancelWithError(error);
+            op->cancelWithError(QXGenerateError("later", 8));
+            EXPECT_EQ(op->error(), error);  // the first error is kept
+            EXPECT_TRUE(op->isCancelled());
+            EXPECT_FALSE(op->isFinished());  // an error alone does not finish an operation not started
+            EXPECT_EQ(seen, (std::vector<std::string>{"isFinished", "isExecuting"}));
+            op->start();
+            EXPECT_TRUE(op->isFinished());
+            EXPECT_FALSE(op->isExecuting());
+            continue;
+        }
+        op->start();
+        EXPECT_TRUE(op->isExecuting());
+        seen.clear();
+        op->provideInputData(Data::withString("hello "), false);
+        op->provideInputData(Data::withString("world"), true);
+        op->provideInputData(Data::withString("ignored"), true);  // after the last piece
+        Bytes out;
+        while (out.size() < 11) {
+            op->waitForOutputData();
+            auto piece = op->consumeOutputDataWithMaxLength(3);  // never more than asked
+            EXPECT_LE(piece->length(), 3u);
+            out.insert(out.end(), piece->bytes(), piece->bytes() + piece->length());
+        }
+        EXPECT_EQ(qxtest::toString(out), "hello world");
+        // Output taken, but done is only noticed by a consume that finds it empty
+        // after the last piece; waitForOutputData returns once nothing more can come.
+        EXPECT_EQ(op->waitForOutputData(), 0u);
+        EXPECT_EQ(op->consumeOutputDataWithMaxLength(100)->length(), 0u);
+        EXPECT_TRUE(op->isDone() && op->isFinished() && !op->isExecuting());
+        EXPECT_FALSE(op->error());
+        EXPECT_EQ(std::count(seen.begin(), seen.end(), "isFinished"), 1);
     }
-    EXPECT_EQ(std::string(out.begin(), out.end()), "hello world");
-    // Output taken, but done is only noticed by a consume that finds it empty
-    // after the last piece; waitForOutputData returns once nothing more can come.
-    EXPECT_EQ(op->waitForOutputData(), 0u);
-    EXPECT_EQ(op->consumeOutputDataWithMaxLength(100)->length(), 0u);
-    EXPECT_TRUE(op->isDone());
-    EXPECT_TRUE(op->isFinished());
-    EXPECT_FALSE(op->error());
-    EXPECT_EQ(seen, std::vector<std::string>{"isFinished"});
 }
 
 TEST(DecompressionOperation, XZInPiecesOnTheSharedQueueWithASmallBuffer) {

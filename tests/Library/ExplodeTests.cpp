@@ -1,9 +1,12 @@
-// ExplodeTests.cpp - the implode decoder on real entries, round trips and crafted streams.
+// ExplodeTests.cpp - the implode decoder on real entries, round trips and crafted
+// streams; the invalid arguments of all three legacy C decoders.
 #include "LegacyZipEncoders.h"
 #include "LegacyZipFixtures.h"
 #include "TestSupport.h"
 
 #include <QXFoundation/QXExplode.h>
+#include <QXFoundation/QXPBZXDecode.h>
+#include <QXFoundation/QXUnshrink.h>
 
 namespace {
 
@@ -80,20 +83,15 @@ TEST(Explode, TruncatedOrCorruptedAtEveryOffset) {
     const auto it = std::find_if(streams.begin(), streams.end(), [](const auto& s) { return s.uncompressedSize == 256; });
     ASSERT_NE(it, streams.end());
     const Bytes full = explode(it->compressed, it->uncompressedSize, it->flags, whole()).out;
-    for (std::size_t at = 0; at < it->compressed.size(); ++at) {
-        SCOPED_TRACE(at);
-        // Cut here: asks for more, and what it gave is the start of the output.
-        const Bytes head(it->compressed.begin(), it->compressed.begin() + static_cast<std::ptrdiff_t>(at));
+    forEveryOffset(it->compressed, [&](const Bytes& head, const Bytes& damaged, std::size_t at) {
+        // Cut: asks for more, and what it gave is the start of the output.
         auto run = explode(head, it->uncompressedSize, it->flags, whole());
         ASSERT_EQ(run.result, QXEXPLODE_NEED_INPUT);
         ASSERT_LT(run.out.size(), full.size());
         ASSERT_TRUE(std::equal(run.out.begin(), run.out.end(), full.begin()));
-        // Damaged here: any result but a crash or more than the size (which explode() checks).
-        Bytes damaged = it->compressed;
-        damaged[at] ^= static_cast<std::uint8_t>(1u << (at % 8));
-        run = explode(damaged, it->uncompressedSize, it->flags, fixed(at % 5 + 1));
-        EXPECT_NE(run.result, QXEXPLODE_INVALID_ARGUMENT);
-    }
+        // Damaged: any result but a crash or more than the size (which explode() checks).
+        EXPECT_NE(explode(damaged, it->uncompressedSize, it->flags, fixed(at % 5 + 1)).result, QXEXPLODE_INVALID_ARGUMENT);
+    });
 }
 
 // A two-tree, 4 KiB stream (minimum match 2, 6 low distance bits) written by
@@ -148,13 +146,25 @@ TEST(Explode, CraftedStreams) {
     }
 }
 
-TEST(Explode, InvalidArguments) {
+// All three legacy decoders: no stream, or input announced without its bytes.
+TEST(LegacyDecoders, InvalidArgumentsAreRefused) {
     EXPECT_EQ(QXExplode(nullptr, nullptr, nullptr), QXEXPLODE_INVALID_ARGUMENT);
-    QXExplodeStream* stream = QXExplodeInit(1, true, true);
-    stream->avail_in = 5;
-    EXPECT_EQ(QXExplode(stream, nullptr, nullptr), QXEXPLODE_INVALID_ARGUMENT);
-    EXPECT_EQ(QXExplodeCleanup(stream), 0);
-    EXPECT_EQ(QXExplodeCleanup(nullptr), 0);
+    EXPECT_EQ(QXUnshrink(nullptr), QXUNSHRINK_INVALID_ARGUMENT);
+    EXPECT_EQ(QXPBZXDecode(nullptr), QXPBZX_INVALID_ARGUMENT);
+    QXExplodeStream* e = QXExplodeInit(1, true, true);
+    e->avail_in = 5;
+    EXPECT_EQ(QXExplode(e, nullptr, nullptr), QXEXPLODE_INVALID_ARGUMENT);
+    QXUnshrinkStream* u = QXUnshrinkInit(10);
+    u->avail_in = 3;
+    EXPECT_EQ(QXUnshrink(u), QXUNSHRINK_INVALID_ARGUMENT);
+    u->avail_in = 0;
+    u->avail_out = 3;  // and output room without its buffer
+    EXPECT_EQ(QXUnshrink(u), QXUNSHRINK_INVALID_ARGUMENT);
+    QXPBZXDecodeStream* p = QXPBZXDecodeInit();
+    p->avail_in = 1;
+    EXPECT_EQ(QXPBZXDecode(p), QXPBZX_INVALID_ARGUMENT);
+    EXPECT_EQ(QXExplodeCleanup(e) + QXUnshrinkCleanup(u) + QXPBZXDecodeCleanup(p), 0);
+    EXPECT_EQ(QXExplodeCleanup(nullptr) + QXUnshrinkCleanup(nullptr) + QXPBZXDecodeCleanup(nullptr), 0);
 }
 
 TEST(Explode, EveryRefusedAllocationIsReportedAndNothingLeaks) {

@@ -1,4 +1,5 @@
 // PBZXDecodeTests.cpp - splitting PBZX containers into chunks.
+#include "DecompressorPayloads.h"
 #include "LegacyZipFixtures.h"
 #include "TestSupport.h"
 
@@ -15,17 +16,13 @@ struct Chunk {
     bool operator==(const Chunk&) const = default;
 };
 
-void putBigEndian64(Bytes& out, std::uint64_t v) {
-    for (int i = 7; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-
 Bytes container(const std::vector<Chunk>& chunks, bool magic) {
     Bytes out;
     if (magic) out = {'p', 'b', 'z', 'x'};
-    putBigEndian64(out, 0x1000000);
+    decompressorpayloads::appendBigEndian64(out, 0x1000000);
     for (const auto& c : chunks) {
-        putBigEndian64(out, c.uncompressedSize);
-        putBigEndian64(out, c.data.size());
+        decompressorpayloads::appendBigEndian64(out, c.uncompressedSize);
+        decompressorpayloads::appendBigEndian64(out, c.data.size());
         out.insert(out.end(), c.data.begin(), c.data.end());
     }
     return out;
@@ -123,29 +120,21 @@ TEST(PBZXDecode, ContainersWithAndWithoutMagicSplitAnywhere) {
 TEST(PBZXDecode, EveryTruncationWaitsForInputUnlessAtAChunkBoundary) {
     const Bytes in = container({{{'x', 'y'}, false, 2}, {{'z'}, true, 9}}, true);
     const std::size_t boundaries[] = {12, 30, in.size()};  // after the header and after each chunk
-    for (std::size_t cut = 0; cut <= in.size(); ++cut) {
+    Bytes withByteMore = in;  // so that the whole container is a cut too
+    withByteMore.push_back(0);
+    legacyzip::forEveryOffset(withByteMore, [&](const Bytes& head, const Bytes&, std::size_t cut) {
         int result = -1;
-        const Bytes head(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(cut));
         const auto chunks = split(head, {}, 64, &result);
         const bool boundary = std::find(std::begin(boundaries), std::end(boundaries), cut) != std::end(boundaries);
-        EXPECT_EQ(result, boundary ? QXPBZX_OK : QXPBZX_NEED_INPUT) << "cut at " << cut;
-        EXPECT_EQ(chunks.size(), cut <= 28 ? 0u : cut <= 46 ? 1u : 2u) << "cut at " << cut;
-    }
+        EXPECT_EQ(result, boundary ? QXPBZX_OK : QXPBZX_NEED_INPUT);
+        EXPECT_EQ(chunks.size(), cut <= 28 ? 0u : cut <= 46 ? 1u : 2u);
+    });
     // A chunk announcing more than ever comes keeps waiting for it.
     Bytes endless = container({{qxtest::randomBytes(100), true, ~0ull}}, true);
     std::fill_n(endless.begin() + 20, 8, 0xFF);
     int result = -1;
     EXPECT_EQ(split(endless, {}, 64, &result).at(0).data.size(), 100u);
     EXPECT_EQ(result, QXPBZX_NEED_INPUT);
-}
-
-TEST(PBZXDecode, BadArgumentsAreRefused) {
-    QXPBZXDecodeStream* s = QXPBZXDecodeInit();
-    s->avail_in = 1;
-    EXPECT_EQ(QXPBZXDecode(s), QXPBZX_INVALID_ARGUMENT);
-    EXPECT_EQ(QXPBZXDecode(nullptr), QXPBZX_INVALID_ARGUMENT);
-    EXPECT_EQ(QXPBZXDecodeCleanup(s), 0);
-    EXPECT_EQ(QXPBZXDecodeCleanup(nullptr), 0);
 }
 
 TEST(PBZXDecode, EveryRefusedAllocationIsReportedAndNothingLeaks) {

@@ -12,13 +12,8 @@
 #include <lzma.h>
 #include <zlib.h>
 
-#include <QXFoundation/QXDecompressor.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
-#include <random>
-#include <string>
 #include <vector>
 
 namespace decompressorpayloads {
@@ -86,7 +81,6 @@ inline Bytes pbzxBytes(const std::vector<Bytes>& pieces, const std::vector<std::
     return out;
 }
 
-
 struct Payloads {
     Bytes plain = makePayload(300000);
     Bytes zlib = deflateBytes(plain, 15);
@@ -102,24 +96,6 @@ struct Payloads {
 inline const Payloads& payloads() {
     static const Payloads p;
     return p;
-}
-
-// Every format of payloads() with the algorithm that reads it; raw deflate has
-// no magic, so it is the one named explicitly.
-struct Format {
-    const char* name;
-    const Bytes* compressed;
-    QXDecompressionAlgorithm algorithm;
-};
-
-inline std::vector<Format> everyFormat() {
-    const Payloads& p = payloads();
-    return {{"zlib", &p.zlib, QXDecompressionAlgorithmAutomatic},
-            {"gzip", &p.gzip, QXDecompressionAlgorithmAutomatic},
-            {"raw deflate", &p.raw, QXDecompressionAlgorithmRawDeflate},
-            {"bzip2", &p.bzip2, QXDecompressionAlgorithmAutomatic},
-            {"xz", &p.xz, QXDecompressionAlgorithmAutomatic},
-            {"pbzx", &p.pbzx, QXDecompressionAlgorithmAutomatic}};
 }
 
 } // namespace decompressorpayloads

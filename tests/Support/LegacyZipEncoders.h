@@ -1,9 +1,6 @@
-// LegacyZipEncoders.h - small writers of imploded and shrunk streams.
-//
-// For tests and benchmarks only: they make streams of any size and shape the
-// real fixtures lack (the 8 KiB / two-tree and 4 KiB / three-tree implode
-// variants, long runs, a full 13-bit code table) so that the decoders can be
-// checked by round trip. They aim at being obviously right, not small.
+// LegacyZipEncoders.h - small, obviously right writers of imploded and shrunk
+// streams of the sizes and shapes the real fixtures lack (every implode
+// variant, long runs, a full 13-bit code table), for round trips.
 #pragma once
 
 #include <cstddef>
@@ -36,12 +33,6 @@ private:
 
 /// The description of a flat implode tree: 64 symbols of 6 bits.
 inline std::vector<std::uint8_t> flatSixBitTree() { return {3, 0xF5, 0xF5, 0xF5, 0xF5}; }
-/// The description of a flat implode tree: 256 symbols of 8 bits.
-inline std::vector<std::uint8_t> flatEightBitTree() {
-    std::vector<std::uint8_t> tree(17, 0xF7);
-    tree[0] = 15;
-    return tree;
-}
 
 /// Symbol s of a flat tree of the given width: its code's bits, in stream
 /// order, are those of 2^width - 1 - s from the top down.
@@ -56,7 +47,10 @@ inline std::vector<std::uint8_t> implode(const std::vector<std::uint8_t>& data, 
                                          bool literalTree) {
     BitWriter out;
     auto symbol = [&](unsigned s, unsigned width) { putFlatSymbol(out, s, width); };
-    if (literalTree) out.putBytes(flatEightBitTree());
+    if (literalTree) {  // a flat tree of 256 symbols of 8 bits
+        out.putBytes({15});
+        out.putBytes(std::vector<std::uint8_t>(16, 0xF7));
+    }
     out.putBytes(flatSixBitTree());
     out.putBytes(flatSixBitTree());
 

@@ -35,7 +35,6 @@ FixtureStream describe(const JsonValue& entry) {
     s.method = static_cast<int>(jsonInteger(entry, "method"));
     s.flags = static_cast<unsigned>(jsonInteger(entry, "flags"));
     s.uncompressedSize = jsonInteger(entry, "uncompressed_size");
-    s.crc32 = static_cast<std::uint32_t>(std::stoul(jsonString(entry, "crc32"), nullptr, 16));
     if (const JsonValue* stats = entry.member("shrink_stats")) s.orphans = jsonInteger(*stats, "orphans");
     return s;
 }
@@ -81,7 +80,6 @@ std::vector<FixtureStream> fixtureStreams(int method) {
             for (const auto& entry : manifest->member("entries")->items) {
                 if (static_cast<int>(jsonInteger(entry, "method")) != method) continue;
                 FixtureStream s = describe(entry);
-                s.archive = archivePath;
                 s.label = archivePath.filename().string() + ":" + s.name;
                 const std::uint64_t offset = jsonInteger(entry, "data_offset");
                 const std::uint64_t size = jsonInteger(entry, "compressed_size");

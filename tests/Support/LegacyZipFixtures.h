@@ -21,12 +21,10 @@ namespace legacyzip {
 
 struct FixtureStream {
     std::string label;                       // archive or raw file, and entry name
-    std::filesystem::path archive;           // empty for raw streams
     std::string name;                        // the entry's stored name
     int method = 0;                          // 1 shrink, 6 implode
     unsigned flags = 0;                      // general-purpose flags
     std::uint64_t uncompressedSize = 0;
-    std::uint32_t crc32 = 0;
     std::vector<std::uint8_t> compressed;
     std::string expectedSha256;              // lower-case hex
     std::uint64_t orphans = 0;               // shrink only: see the fixtures' README
@@ -67,6 +65,18 @@ struct FailingAllocator {
         std::free(address);
     }
 };
+
+/// Calls check(head, damaged, at) for every offset of a stream: head is the
+/// stream cut there, damaged the whole stream with one bit of that byte flipped.
+using Check = std::function<void(const std::vector<std::uint8_t>&, const std::vector<std::uint8_t>&, std::size_t)>;
+inline void forEveryOffset(const std::vector<std::uint8_t>& stream, const Check& check) {
+    for (std::size_t at = 0; at < stream.size() && !::testing::Test::HasFatalFailure(); ++at) {
+        SCOPED_TRACE("offset " + std::to_string(at));
+        auto damaged = stream;
+        damaged[at] ^= static_cast<std::uint8_t>(1u << (at % 8));
+        check({stream.begin(), stream.begin() + static_cast<std::ptrdiff_t>(at)}, damaged, at);
+    }
+}
 
 /// decode's result when its Init gave null.
 constexpr int kInitFailed = -1;
