@@ -127,7 +127,8 @@ public:
     /// The status of the last HTTP response (the HEAD, then each ranged
     /// GET, as each arrives); 0 before any response and for local files
     /// and resource forks. A ranged GET's status is set before its first
-    /// chunk is delivered.
+    /// chunk is delivered; the HEAD, which runs beside the reads, sets it
+    /// only while no GET has answered.
     std::int64_t statusCode() const { return statusCode_.load(); }
 
     // ---- Position and size ----

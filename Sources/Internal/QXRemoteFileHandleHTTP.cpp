@@ -40,7 +40,10 @@ void QXRemoteFileHandle::calculateHTTPFileSize() {
     auto task = sizeSession_->dataTaskWithRequest(request, [weak](const Ref<Data>&, const Ref<qx::HTTPResponse>& response, const Ref<Error>& error) {
         const auto handle = weak.lock();
         if (!handle) return;
-        if (response) handle->statusCode_.store(response->statusCode());
+        // The HEAD runs beside the reads: an answer that comes after a ranged
+        // GET's must not hide the GET's status.
+        std::int64_t none = 0;
+        if (response) handle->statusCode_.compare_exchange_strong(none, response->statusCode());
         if (error) {
             handle->setPrivateSize(0);
             handle->setIsSeekable(false);
