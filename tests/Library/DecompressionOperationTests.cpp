@@ -45,17 +45,6 @@ void waitUntilFull(QXDecompressionOperation& op, std::uint64_t capacity) {
     while (op.availableOutputDataSize() < capacity) std::this_thread::yield();
 }
 
-// A thread asleep on a full buffer keeps its operation alive; once woken it
-// lets go. True when the operation went away before the deadline.
-bool releasedInTime(qx::WeakRef<QXDecompressionOperation> weak) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!weak.expired()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 } // namespace
 
 // Finished only once started, and then once its output is all taken or an
@@ -176,7 +165,7 @@ TEST(DecompressionOperation, CancelWakesADecoderAsleepOnAFullBuffer) {
         EXPECT_QX_ERROR(op->error(), "test", 1);
         qx::WeakRef<QXDecompressionOperation> weak = op;
         op.reset();
-        EXPECT_TRUE(releasedInTime(weak));
+        EXPECT_TRUE(qxtest::allExpired(std::vector{weak}));
     }
 }
 
@@ -192,5 +181,5 @@ TEST(DecompressionOperation, ReleasingTheOperationStopsItsQueuedInput) {
     // and the queued pieces find the operation gone.
     op->cancelWithError(nullptr);
     op.reset();
-    EXPECT_TRUE(releasedInTime(weak));
+    EXPECT_TRUE(qxtest::allExpired(std::vector{weak}));
 }

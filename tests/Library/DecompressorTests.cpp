@@ -496,15 +496,7 @@ std::function<bool()> chunkDecodersReleased() {
     for (const auto& op : QXDecompressor::operationQueue()->operations())
         if (auto chunk = qx::dyn_cast<QXDecompressionOperation>(op)) ops.push_back(chunk);
     EXPECT_FALSE(ops.empty());
-    return [ops] {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        for (const auto& weak : ops)
-            while (!weak.expired()) {
-                if (std::chrono::steady_clock::now() > deadline) return false;
-                std::this_thread::yield();
-            }
-        return true;
-    };
+    return [ops] { return qxtest::allExpired(ops); };
 }
 
 } // namespace

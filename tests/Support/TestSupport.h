@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +23,11 @@
 #include <functional>
 #include <initializer_list>
 #include <iterator>
+#include <memory>
 #include <random>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -79,6 +82,20 @@ inline void forEachPiece(const Bytes& input, std::size_t step,
         const std::size_t n = std::min(step, input.size() - at);
         feed(input.data() + at, n, at + n == input.size());
     }
+}
+
+// True when every weak reference lets go before a generous deadline: one that
+// stays is held by a thread that never woke. Nothing is timed; the deadline
+// only keeps a broken build from hanging the suite.
+template <class T>
+bool allExpired(const std::vector<std::weak_ptr<T>>& refs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (const auto& weak : refs)
+        while (!weak.expired()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::yield();
+        }
+    return true;
 }
 
 // ---- files ---------------------------------------------------------------
