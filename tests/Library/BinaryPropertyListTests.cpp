@@ -1,6 +1,5 @@
 // BinaryPropertyListTests.cpp - the binary reader and writer byte for byte, the trailer, format
 // detection, UIDs, hostile and damaged files, and every fixture through every format.
-#include <gtest/gtest.h>
 
 #include <QXFoundation/QXBinaryPlistRecord.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
@@ -16,8 +15,6 @@
 #include <qx/Null.h>
 #include <qx/Set.h>
 #include <qx/String.h>
-
-#include <cmath>
 
 using namespace qx;
 using namespace qxtest;

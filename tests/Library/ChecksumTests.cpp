@@ -1,14 +1,10 @@
 // ChecksumTests.cpp - QXChecksum: known values, pieces, files, the crosswise pair.
-#include <gtest/gtest.h>
 
 #include <QXFoundation/QXChecksum.h>
 
 #include "TestSupport.h"
 
 #include <qx/URL.h>
-
-#include <cstring>
-#include <random>
 
 namespace {
 

@@ -2,7 +2,8 @@
 // every creation route with one format (and PBZX, which drains after its
 // input), read sizes from one byte to megabytes, the overflow after the
 // source's end, the limit, and corrupt sources.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXDecompressionStream.h>
 
@@ -11,10 +12,6 @@
 #include <qx/FileHandle.h>
 #include <qx/InputStream.h>
 #include <qx/URL.h>
-
-#include <functional>
-#include <string>
-#include <vector>
 
 using namespace decompressorpayloads;
 using qx::Error;

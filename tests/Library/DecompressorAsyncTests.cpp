@@ -1,7 +1,8 @@
 // DecompressorAsyncTests.cpp - the handler-based drivers over local files, open
 // handles, pipes and the in-process HTTP server: the calls a run makes, their
 // totals and checksums, stops, and failures at every stage.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXChecksum.h>
 #include <QXFoundation/QXDecompressor.h>
@@ -13,13 +14,8 @@
 #include <qx/FileHandle.h>
 #include <qx/URL.h>
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 using namespace decompressorpayloads;
 using qx::Error;

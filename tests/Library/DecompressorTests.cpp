@@ -1,7 +1,8 @@
 // DecompressorTests.cpp - detection, the streaming decompressor (every format
 // is tested here and only here), the synchronous drivers and the PBZX chunks
 // decoded in parallel.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXDecompressionOperation.h>
 #include <QXFoundation/QXDecompressor.h>
@@ -12,12 +13,6 @@
 
 #include <qx/Log.h>
 #include <qx/OperationQueue.h>
-
-#include <sys/stat.h>
-
-#include <chrono>
-#include <random>
-#include <thread>
 
 using qx::Error;
 using namespace decompressorpayloads;

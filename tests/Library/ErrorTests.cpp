@@ -1,5 +1,6 @@
 // ErrorTests.cpp - building, converting, querying and reporting errors.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXErrorReporter.h>
@@ -8,14 +9,6 @@
 #include <qx/NotificationCenter.h>
 #include <qx/Number.h>
 #include <qx/RunLoop.h>
-
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 using namespace std::chrono_literals;

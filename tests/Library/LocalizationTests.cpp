@@ -1,5 +1,4 @@
 // LocalizationTests.cpp - strings files, bundles, the library bundle and QXFLocalizedString.
-#include <gtest/gtest.h>
 
 #include "Internal/QXFoundationPrivate.h"
 
@@ -8,8 +7,6 @@
 
 #include "ScopedLocale.h"
 #include "TestSupport.h"
-
-#include <optional>
 
 using namespace qx;
 namespace fs = std::filesystem;

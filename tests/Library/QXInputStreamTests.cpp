@@ -8,11 +8,6 @@
 #include <qx/NotificationCenter.h>
 #include <qx/Thread.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <sys/stat.h>
-
 using namespace streamtest;
 using qx::Ref;
 

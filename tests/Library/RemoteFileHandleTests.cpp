@@ -6,17 +6,7 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXRemoteFileHandle.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <fcntl.h>
-#include <future>
-#include <mutex>
 #include <sys/xattr.h>
-#include <thread>
-#include <tuple>
-#include <unistd.h>
 
 using namespace qx;
 using namespace std::chrono_literals;

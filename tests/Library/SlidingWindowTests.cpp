@@ -3,10 +3,6 @@
 
 #include <QXFoundation/QXSlidingWindow.h>
 
-#include <random>
-#include <string>
-#include <thread>
-
 using qx::Ref;
 
 namespace {

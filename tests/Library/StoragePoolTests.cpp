@@ -1,10 +1,7 @@
 // StoragePoolTests.cpp - storage given back by data objects.
+
+#include "TestSupport.h"
 #include "Internal/QXStoragePool.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 TEST(StoragePool, StorageComesBackOnlyWhenTheLastHolderLetsGo) {
     auto pool = QXStoragePool::create(4, 16, 1024);

@@ -1,5 +1,4 @@
 // StringAdditionsTests.cpp - QXStringAdditions and the text encodings under it.
-#include <gtest/gtest.h>
 
 #include "Internal/QXFoundationPrivate.h"
 #include "ScopedLocale.h"

@@ -1,5 +1,6 @@
 // SystemVersionTests.cpp - the system version from the version file and from the running kernel.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXSystemVersion.h>
 

@@ -1,7 +1,6 @@
 // TextPropertyListTests.cpp - the old-style writer and escaping, the old-style reader that
 // serves as the fallback and reads strings files, and the display texts with their parsers
 // under several locales.
-#include <gtest/gtest.h>
 
 #include <QXFoundation/QXPropertyListSerialization.h>
 #include <QXFoundation/QXStringAdditions.h>

@@ -1,16 +1,13 @@
 // Thread objects: names, joins, lifetime of the body.
+
+#include "TestSupport.h"
 #include <QXFoundation/QXThread.h>
 #include <qx/Semaphore.h>
 #include <qx/Thread.h>
 
-#include <gtest/gtest.h>
-
 #include <pthread.h>
 
-#include <atomic>
-#include <future>
 #include <stdexcept>
-#include <thread>
 
 using namespace qx;
 

@@ -1,7 +1,6 @@
 // XMLPropertyListTests.cpp - the XML property-list writer and reader: each kind as its element,
 // the document layout, dates in the local zone, every refusal, and hostile documents.
 // (Other programs' files go through every format in BinaryPropertyListTests.cpp.)
-#include <gtest/gtest.h>
 
 #include <QXFoundation/QXPropertyListSerialization.h>
 #include <QXFoundation/QXUIDPropertyList.h>
@@ -16,8 +15,6 @@
 #include <qx/Null.h>
 #include <qx/Set.h>
 #include <qx/String.h>
-
-#include <cmath>
 
 using namespace qx;
 using namespace qxtest;

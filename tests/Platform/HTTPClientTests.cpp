@@ -5,10 +5,8 @@
 #include <qx/HTTPClient.h>
 
 #include <arpa/inet.h>
-#include <condition_variable>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <thread>
 
 using namespace qx;
 using namespace std::chrono_literals;

@@ -1,7 +1,7 @@
 // ObjectModelTests.cpp - the platform's value objects and formatting.
-#include <gtest/gtest.h>
 
-#include <qx/Data.h>
+#include "TestSupport.h"
+
 #include <qx/Dictionary.h>
 #include <qx/Format.h>
 #include <qx/Number.h>

@@ -1,13 +1,11 @@
 // Change announcements: dependent keys in order, observers added and
 // removed by token, index sets.
+
+#include "TestSupport.h"
 #include <qx/IndexSet.h>
 #include <qx/Observable.h>
 
-#include <gtest/gtest.h>
-
 #include <limits>
-#include <string>
-#include <vector>
 
 using namespace qx;
 

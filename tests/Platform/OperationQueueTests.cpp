@@ -1,16 +1,10 @@
 // Operation queues under real worker threads: concurrency limits, order,
 // cancellation, dependencies and count-change waits.
+
+#include "TestSupport.h"
 #include <qx/Operation.h>
 #include <qx/OperationQueue.h>
 #include <qx/Semaphore.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <mutex>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 using namespace std::chrono_literals;

@@ -1,13 +1,11 @@
 // PlatformRuntimeTests.cpp - notification centre, run loops and main-thread dispatch.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <qx/NotificationCenter.h>
 #include <qx/RunLoop.h>
 
-#include <atomic>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 using namespace std::chrono_literals;

@@ -8,9 +8,6 @@
 
 #include <signal.h>
 
-#include <chrono>
-#include <thread>
-
 using namespace qx;
 using namespace std::chrono_literals;
 using qxtest::toString;

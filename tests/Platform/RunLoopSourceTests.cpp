@@ -1,16 +1,10 @@
 // Run-loop sources: modes, wake-ups from other threads, coalescing,
 // removal and invalidation, and one handling per signal across loops.
+
+#include "TestSupport.h"
 #include <qx/RunLoop.h>
 #include <qx/RunLoopSource.h>
 #include <qx/Semaphore.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <future>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 using namespace std::chrono_literals;

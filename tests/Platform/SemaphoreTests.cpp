@@ -1,12 +1,7 @@
 // Counting semaphores: timed waits, and counts kept across many threads.
+
+#include "TestSupport.h"
 #include <qx/Semaphore.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 using namespace std::chrono_literals;

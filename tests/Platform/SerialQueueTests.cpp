@@ -1,12 +1,7 @@
 // Order, exclusion, sync re-entry and drain of serial queues under real threads.
+
+#include "TestSupport.h"
 #include <qx/SerialQueue.h>
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <future>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 

@@ -1,4 +1,6 @@
 // StreamTests.cpp - stream statuses, reads and writes, and where events arrive.
+
+#include "TestSupport.h"
 #include "HttpTestServer.h"
 #include "StreamTestSupport.h"
 

@@ -1,12 +1,10 @@
 // Undo and redo over a small editable model whose edits register their own
 // inverses, the way document objects use the undo manager.
+
+#include "TestSupport.h"
 #include <qx/UndoManager.h>
 
-#include <gtest/gtest.h>
-
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 using namespace qx;
 

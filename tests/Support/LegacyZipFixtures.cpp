@@ -7,7 +7,6 @@
 
 #include <nettle/sha2.h>
 
-
 namespace fs = std::filesystem;
 using nlohmann::json;
 using qxtest::readBytes;

@@ -9,8 +9,6 @@
 #include <qx/Dictionary.h>
 #include <qx/String.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <ctime>
 
 using namespace qx;
