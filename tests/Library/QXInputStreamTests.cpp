@@ -196,17 +196,6 @@ TEST(QXInputStream, StatusShowingTheEndBecomesAnEventOfItsOwn) {
     EXPECT_EQ(ends(), 1);  // the underlying stream's own end event came after and was dropped
 }
 
-TEST(QXInputStream, DelegateDefaultsToTheStreamItself) {
-    auto stream = QXInputStream::initWithData(qx::Data::withString("xyz"));
-    stream->setDelegate(std::make_shared<EventRecorder>());  // held weakly: gone at once
-    EXPECT_EQ(stream->delegate().get(), static_cast<qx::StreamDelegate*>(stream.get()));
-    // Delivering to itself does nothing (and does not loop back into the event path).
-    stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
-    stream->open();
-    EXPECT_EQ(text(stream->readDataSynchronouslyToEndOfStream()), "xyz");
-    drain();
-}
-
 TEST(QXInputStream, SynchronousReadsAndTheirFailures) {
     Ref<qx::Error> error;
     auto never = QXInputStream::initWithData(qx::Data::withString("abc"));

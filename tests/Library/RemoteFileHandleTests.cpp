@@ -368,19 +368,6 @@ TEST(RemoteFileHandleLocal, ReadAheadStaysWithinTheLimit) {
     EXPECT_LE(worst, kLimit + MiB);
 }
 
-TEST(RemoteFileHandleLocal, WithoutAHandlerTheReaderStillReadsTheLength) {
-    TempDir dir;
-    constexpr std::uint64_t kBuffer = 64 * 1024;
-    auto h = Handle::initForReadingFromURL(fileURL(dir.file("a", HttpTestServer::patternBytes(40 * kBuffer + 7))));
-    // Nobody takes the chunks, so nothing may hold the reader at the limit.
-    h->readDataOfLengthMaxBufferSize(30 * kBuffer + 5, kBuffer, nullptr);
-    const int fd = h->systemFileHandle()->fileDescriptor();
-    const auto end = static_cast<off_t>(30 * kBuffer + 5);
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    while (::lseek(fd, 0, SEEK_CUR) < end && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), end);
-}
-
 TEST(RemoteFileHandleLocal, APipeIsReadFrontToBackKeepingItsLastBytes) {
     const auto content = HttpTestServer::patternBytes(300 * 1024 + 17);
     int fds[2];
