@@ -248,20 +248,6 @@ TEST(QXInputStream, SynchronousReadGathersShortReadsUntilTheEnd) {
     EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
 }
 
-TEST(QXInputStream, SynchronousReadOfAPipeStopsAtTheLengthAsked) {
-    qxtest::Pipe pipe;
-    auto stream = QXInputStream::initWithFileHandle(qx::FileHandle::initWithFileDescriptor(pipe.reader()), false);
-    stream->open();
-    std::thread writer([&] {
-        for (int i = 0; i < 8; ++i) pipe.write(digits(1000));
-    });
-    auto first = stream->readDataSynchronouslyOfLength(5000);
-    writer.join();
-    pipe.closeWriter();
-    EXPECT_EQ(text(first), digits(5000));
-    EXPECT_EQ(text(stream->readDataSynchronouslyToEndOfStream()), digits(3000));
-}
-
 TEST(QXInputStream, AvailableDataWithMaxLengthReadsAtMostOneHundredMebibytes) {
     qxtest::TempDir dir;
     const auto path = dir.file("sparse", "");
