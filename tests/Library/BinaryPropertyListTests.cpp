@@ -243,7 +243,7 @@ TEST(BinaryPropertyListReader, TrailersThatDoNotFitTheData) {
              {tooFar, "Data insufficient size: length is 42, but 241 needed"},
              {wraps, "Data insufficient size: length is 42, but 18446744073709551615 needed"},
              {assemble({{}, 1, 3}), "Weird offset size! But hopefully it shouldn't get here"}})
-        EXPECT_TRUE(refusedWith(file, {log}));
+        EXPECT_TRUE(refusedWith(file, {log})) << log;
 }
 
 TEST(BinaryPropertyListReader, ObjectsThatAreNothingOrDamaged) {
@@ -311,7 +311,7 @@ TEST(BinaryPropertyListHardening, ReferencesOutOfRangeCyclesAndCountsLargerThanT
         {{{{0xA1, 0x01}, {0xAF, 0x13, 0x40, 0, 0, 0, 0, 0, 0, 0}}, 0, 1, 1},
          "object 1 holds 4611686018427387904 entries, more than the data can reference"},
     };
-    for (const auto& [file, log] : files) EXPECT_TRUE(refusedWith(assemble(file), {log}));
+    for (const auto& [file, log] : files) EXPECT_TRUE(refusedWith(assemble(file), {log})) << log;
 }
 
 TEST(BinaryPropertyListHardening, NestingDepthIsBounded) {
