@@ -31,7 +31,8 @@ TEST(SlidingWindow, CopiesByDistanceStopAtTheNewestByteAndAcrossTheWrap) {
     using Case = std::tuple<std::uint64_t, std::uint64_t, const char*>;  // distance, length, expected
     auto w = window(8);
     auto check = [&](const std::vector<Case>& cases) {
-        for (const auto& [distance, length, expected] : cases) EXPECT_EQ(copy(*w, distance, length), expected) << distance << "/" << length;
+        for (const auto& [distance, length, expected] : cases)
+            EXPECT_EQ(copy(*w, distance, length), expected) << distance << "/" << length;
     };
     put(*w, "ABCDEFGHIJ");  // a long write keeps its tail; the pointer at the very end, not yet looped
     EXPECT_EQ(w->bytesInBuffer(), 8u);
