@@ -18,6 +18,8 @@
 #include <qx/StringEncoding.h>
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 /// Property-list format codes.
 using QXPropertyListFormat = std::uint64_t;
@@ -220,6 +222,16 @@ public:
 
     /// UTF-8.
     static qx::StringEncoding defaultDataEncoding();
+
+    // --- Names ----------------------------------------------------------------------
+    /// name when no name in names equals it. Otherwise a base: the text
+    /// before the last separator when what follows it is not empty and holds
+    /// no decimal digit, else the whole name; then the base itself when free,
+    /// else the first free base + separator + 1, 2, ... So a taken "a" gives
+    /// "a - 1", and a taken "a - 1" gives "a - 1 - 1" (deliberately: the
+    /// editor's copies of copies are named so).
+    static qx::Ref<qx::String> uniqueNameBasedOnName(const qx::String& name, const std::vector<std::string>& names,
+                                                     const std::string& separator = " - ");
     /// The shared display formatter for dates: medium date and time styles in
     /// the current locale and local time zone. Made once, and made again only
     /// when the current locale or the TZ setting has changed since.
