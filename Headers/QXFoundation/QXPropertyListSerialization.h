@@ -29,6 +29,15 @@ inline constexpr QXPropertyListFormat QXPropertyListBinaryFormat_v1_0 = 200;
 
 class QXBinaryPlistTrailer;
 
+/// Options of the binary writer.
+using QXBinaryPlistWriteOptions = std::uint64_t;
+/// The writer's one width for references and offsets is chosen from the value
+/// count without dictionary keys, and a file that outgrows it is written with
+/// its references and offsets cut (readers of such files expect that width,
+/// so it stays the default). With this option the width grows until it holds
+/// every object number (keys counted) and every offset, so the file reads back.
+inline constexpr QXBinaryPlistWriteOptions QXBinaryPlistWidenReferences = 1;
+
 /// Containers (the root counts) an XML property list may nest, for reading
 /// and writing alike. The XML parser refuses documents whose elements nest
 /// deeper than 256 (the plist element and the innermost value element
@@ -70,9 +79,17 @@ public:
     /// NSPOSIXErrorDomain 22.
     static qx::Ref<qx::Data> dataWithPropertyList(const qx::Ref<qx::Object>& plist, QXPropertyListFormat format,
                                                   qx::Ref<qx::Error>* error = nullptr);
+    /// The same with options for the binary writer (ignored by the other formats).
+    static qx::Ref<qx::Data> dataWithPropertyList(const qx::Ref<qx::Object>& plist, QXPropertyListFormat format,
+                                                  QXBinaryPlistWriteOptions options,
+                                                  qx::Ref<qx::Error>* error = nullptr);
 
     /// Writes the binary "bplist00" form.
     static qx::Ref<qx::Data> binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                        qx::Ref<qx::Error>* error = nullptr);
+    /// The same with writer options (QXBinaryPlistWriteOptions).
+    static qx::Ref<qx::Data> binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                        QXBinaryPlistWriteOptions options,
                                                         qx::Ref<qx::Error>* error = nullptr);
 
     /// Reads the binary form (the header is not looked at).
