@@ -52,9 +52,15 @@ bool matchAt(const icu::UnicodeString& text, const icu::UnicodeString& pattern, 
 
 // Collators of the current locale, one per strength, made
 // once per thread (a collator is not to be shared between threads).
+//
+// The POSIX locale (what ICU makes of an environment without a language) has
+// a collation that orders by code point and so gives case distinct primary
+// weights: nothing could be found ignoring case. Searches there use the root
+// collation, as a locale without a collation of its own would.
 icu::Collator* collator(UColAttributeValue strength) {
     thread_local std::map<std::pair<std::string, int>, std::unique_ptr<icu::Collator>> cache;
-    const icu::Locale& locale = icu::Locale::getDefault();
+    const icu::Locale& current = icu::Locale::getDefault();
+    const icu::Locale locale = std::string(current.getVariant()) == "POSIX" ? icu::Locale::getRoot() : current;
     auto key = std::make_pair(std::string(locale.getName()), static_cast<int>(strength));
     auto& slot = cache[key];
     if (!slot) {

@@ -135,6 +135,10 @@ TEST(PropertyListSearch, MatchingOneNode) {
     for (const auto& c : cases)
         EXPECT_EQ(node(c.key)->containsSearchString(str(c.text), c.scope, c.options, all), c.expected)
             << c.key << " / " << c.text << " / " << c.options;
+    {
+        ScopedLocale posix("en_US_POSIX");  // what an environment without a language gives
+        EXPECT_TRUE(node("Title")->containsSearchString(str("menu"), 2, QXCaseInsensitiveSearch, all));
+    }
     const auto inArray = node("list")->objectInChildrenAtIndex(0);
     EXPECT_FALSE(inArray->containsSearchString(str("0"), QXPropertyListSearchKeys, 0, all));
     EXPECT_FALSE(node("year")->containsSearchString(str("2024"), 2, 0, std::set<QXPropertyListType>{1}));
