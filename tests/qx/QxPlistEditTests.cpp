@@ -67,7 +67,8 @@ std::string pathOf(const PL::Ref& node) {
     std::string path;
     for (auto n = node; n->parent(); n = n->parent()) {
         std::string component;
-        for (char c : n->key()->utf8()) component += c == '.' ? std::string("\\.") : std::string(1, c);
+        const auto key = n->key();
+        for (char c : key->utf8()) component += c == '.' ? std::string("\\.") : std::string(1, c);
         path = path.empty() ? component : component + "." + path;
     }
     return path;
