@@ -201,6 +201,25 @@ TEST(BinaryPropertyListWriter, ReferenceWidthComesFromTheValueCountAlone) {
     EXPECT_FALSE(back && back->isEqual(*dictionary));
 }
 
+// Widening on request: by the object count with keys, and by the offsets of a
+// file that outgrows its width (few values, large strings); small files keep 2.
+TEST(BinaryPropertyListWriter, WideningOptionGrowsTheWidthUntilTheFileReadsBack) {
+    const auto width = [](const Bytes& d) { return d[d.size() - 25]; };
+    auto dictionary = Dictionary::create();
+    for (int i = 0; i < 40000; ++i) dictionary->setObject(Number::withBool(true), "k" + std::to_string(i));
+    auto array = Array::create();
+    for (int i = 0; i < 70; ++i) array->addObject(str(std::string(1000, static_cast<char>('a' + i % 26))));
+    auto small = falses(100);
+    for (const auto& [value, expected] : std::vector<std::pair<Ref<Object>, int>>{{dictionary, 4}, {array, 4}, {small, 2}}) {
+        EXPECT_EQ(PLS::countPlists(value) < 65535, true);
+        const Bytes data = toBytes(PLS::binaryDataWithPropertyList(value, QXBinaryPlistWidenReferences));
+        EXPECT_EQ(width(data), expected);
+        auto back = readPlist(data).value;
+        EXPECT_TRUE(back && back->isEqual(*value));
+    }
+    EXPECT_EQ(width(write(array)), 2);  // without the option, unchanged
+}
+
 TEST(BinaryPropertyListWriter, RefusedValuesAndFormats) {
     auto nonStringKey = Dictionary::create();
     nonStringKey->setObject(str("v"), Number::withInt64(1));
