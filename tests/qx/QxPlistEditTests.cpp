@@ -7,7 +7,8 @@
 
 #include <QXFoundation/QXPropertyList.h>
 
-#include <functional>
+#include <nlohmann/json.hpp>
+
 #include <sstream>
 
 namespace fs = std::filesystem;
@@ -15,53 +16,6 @@ using namespace qxtest;
 using PL = QXPropertyList;
 
 namespace {
-
-// Edits the original with plistlib as described by each JSON line, and
-// prints "ok" when qx's output reads back equal to that, else the output's name.
-const char* kPythonEdits = R"(
-import base64, datetime, json, plistlib, sys
-def split(p):
-    out, cur, i = [], '', 0
-    while i < len(p):
-        if p[i] == '\\' and i + 1 < len(p) and p[i + 1] == '.': cur += '.'; i += 2; continue
-        if p[i] == '.': out.append(cur); cur = ''
-        else: cur += p[i]
-        i += 1
-    return out + [cur]
-def typed(t, v):
-    return {'string': lambda: v, 'integer': lambda: int(v), 'real': lambda: float(v),
-            'bool': lambda: v.lower() in ('true', 'yes', '1'), 'data': lambda: base64.b64decode(v),
-            'date': lambda: datetime.datetime.strptime(v, '%Y-%m-%dT%H:%M:%SZ'),
-            'array': lambda: [], 'dict': lambda: {}}[t]()
-for line in sys.stdin:
-    e = json.loads(line)
-    root = plistlib.load(open(e['original'], 'rb'))
-    if e['op'] != 'none':
-        comps = split(e['path'])
-        parent = root
-        for c in comps[:-1]: parent = parent[int(c)] if isinstance(parent, list) else parent[c]
-        last = int(comps[-1]) if isinstance(parent, list) else comps[-1]
-        if e['op'] == 'set': parent[last] = typed(e['type'], e['value'])
-        elif e['op'] == 'remove': del parent[last]
-        elif isinstance(parent, list): parent.insert(last, typed(e['type'], e['value']))
-        else: parent[last] = typed(e['type'], e['value'])
-    print('ok' if plistlib.load(open(e['output'], 'rb')) == root else 'differs ' + e['output'])
-)";
-
-std::string jsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') out += '\\';
-        if (c < 0x20) {
-            char buffer[8];
-            std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-            out += buffer;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
 
 std::string pathOf(const PL::Ref& node) {
     std::string path;
@@ -120,9 +74,8 @@ TEST_F(QxPlistEdit, EditsMatchPlistlibDoingTheSame) {
                 ASSERT_EQ(run.exitStatus, 0) << entry.file << " " << op << " " << run.describe();
                 // The format is kept: binary stays binary.
                 EXPECT_EQ(readFile(out).rfind("bplist00", 0) == 0, std::string(format) == "binary") << out;
-                manifest += "{\"op\": " + jsonString(op) + ", \"original\": " + jsonString(original.string()) +
-                            ", \"output\": " + jsonString(out) + ", \"path\": " + jsonString(path) +
-                            ", \"value\": " + jsonString(value) + ", \"type\": " + jsonString(type) + "}\n";
+                manifest += nlohmann::json{{"op", op}, {"original", original.string()}, {"output", out}, {"path", path},
+                                           {"value", value}, {"type", type}}.dump() + "\n";
             };
             add("none", {}, "", "", "");
             for (const auto& node : nodes)
@@ -142,10 +95,9 @@ TEST_F(QxPlistEdit, EditsMatchPlistlibDoingTheSame) {
         }
     // "none" lines replace the file's rewrite as the check for files plistlib and
     // the library read alike; other files' edits cannot be compared.
-    const std::string manifestPath = dir() / "manifest.jsonl", script = dir() / "edit.py";
+    const std::string manifestPath = dir() / "manifest.jsonl";
     writeFile(manifestPath, manifest);
-    writeFile(script, std::string(kPythonEdits));
-    const QxRun python = runShell("python3 " + shellQuote(script), manifestPath);
+    const QxRun python = runShell("python3 " + shellQuote(QX_SOURCE_DIR "/tests/Support/plist-edit.py"), manifestPath);
     ASSERT_EQ(python.exitStatus, 0) << python.err;
     std::istringstream lines(python.out);
     std::string line;
@@ -154,7 +106,7 @@ TEST_F(QxPlistEdit, EditsMatchPlistlibDoingTheSame) {
     std::istringstream manifestLines(manifest);
     std::string entry;
     while (std::getline(lines, line) && std::getline(manifestLines, entry)) {
-        const bool isBaseline = entry.find("\"op\": \"none\"") != std::string::npos;
+        const bool isBaseline = nlohmann::json::parse(entry)["op"] == "none";
         if (isBaseline) {
             baselineOk = line == "ok";
             baselineFailures += !baselineOk;
