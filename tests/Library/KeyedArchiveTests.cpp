@@ -40,23 +40,6 @@ std::string run(const std::string& command) {
     return out;
 }
 
-// Unarchives the plain kinds with plistlib alone and prints them as JSON.
-const char* kPythonReader = R"(
-import json, plistlib, sys
-a = plistlib.load(open(sys.argv[1], 'rb'))
-objs = a['$objects']
-assert a['$archiver'] == 'NSKeyedArchiver' and a['$version'] == 100000 and objs[0] == '$null'
-# XML carries a UID as a dictionary whose only key is CF$UID, which plistlib leaves a dictionary.
-def get(u):
-    o = objs[u.data if isinstance(u, plistlib.UID) else u['CF$UID']]
-    if not isinstance(o, dict) or '$classname' in o: return o
-    cls = get(o['$class'])['$classname']
-    if cls.endswith('Array'): return [get(x) for x in o['NS.objects']]
-    if cls.endswith('Dictionary'): return {get(k): get(v) for k, v in zip(o['NS.keys'], o['NS.objects'])}
-    return cls
-print(json.dumps(get(a['$top']['root']), sort_keys=True), sum(1 for o in objs if o == 'shared'))
-)";
-
 } // namespace
 
 TEST(KeyedArchive, PlainGraphsRoundTripInBothFormats) {
@@ -80,7 +63,7 @@ TEST(KeyedArchive, PlainGraphsRoundTripInBothFormats) {
 TEST(KeyedArchive, ReadByPlistlib) {
     if (std::system("python3 -c 'import plistlib' >/dev/null 2>&1") != 0) GTEST_SKIP() << "no python3";
     qxtest::TempDir dir;
-    const std::string script = dir.file("read.py", kPythonReader);
+    const std::string script = QX_SOURCE_DIR "/tests/Support/keyed-archive-read.py";
     for (bool binary : {true, false}) {
         auto data = KeyedArchiver::archivedDataWithRootObject(sampleGraph(), binary);
         ASSERT_TRUE(data);
