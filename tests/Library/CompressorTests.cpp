@@ -168,7 +168,7 @@ TEST(CompressorDrivers, FileRangesAndTheCountConsumed) {
     const struct {
         std::uint64_t offset, length, expected;
     } cases[] = {{0, 0, 500000}, {1000, 300000, 300000}, {250000, 0, 250000}, {499999, 1, 1},
-                 {400000, 900000, 100000}, {102400, 102400, 102400}, {500000, 0, 0}};
+                 {400000, 900000, 100000}, {102400, 102400, 102400}, {7, 102401, 102401}, {500000, 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.length));
         const Bytes slice(content.begin() + static_cast<long>(c.offset),
