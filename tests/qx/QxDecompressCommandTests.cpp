@@ -59,7 +59,7 @@ TEST_F(QxDecompress, TheToolDecidesTheFormatFromTheFirstBytesOrTheDeflateFamily)
     const auto& p = payloads();
     const std::vector<std::pair<std::vector<std::string>, const Bytes*>> cases = {
         {{}, &p.zlib}, {{}, &p.bzip2}, {{"-a", "deflate"}, &p.gzip}, {{"-a", "deflate"}, &p.raw},
-        {{}, &p.plain},  // not compressed: copied through
+        {{"-a", "none"}, &p.plain},  // not compressed: copied on request
     };
     for (const auto& [algorithm, bytes] : cases) {
         auto args = algorithm;
@@ -67,6 +67,17 @@ TEST_F(QxDecompress, TheToolDecidesTheFormatFromTheFirstBytesOrTheDeflateFamily)
         const QxRun run = qx(args);
         EXPECT_TRUE(run.exitStatus == 0 && run.out == plain && run.err.empty())
             << ::testing::PrintToString(algorithm) << " " << bytes->size() << ": " << run.describe();
+    }
+}
+
+TEST_F(QxDecompress, AutomaticDetectionRefusesWhatItDoesNotRecognise) {
+    Bytes damagedXZ = payloads().xz;
+    damagedXZ[1] ^= 0x20;  // the header magic
+    for (const auto& [name, bytes] : {std::pair{"text", payloads().plain}, {"damaged xz", damagedXZ}, {"empty", Bytes{}}}) {
+        const std::string path = input("unknown", bytes);
+        const QxRun run = qx({path, "-o", out()});
+        expectFailure(run, path);
+        EXPECT_NE(run.err.find("not in a known compressed format"), std::string::npos) << name << run.describe();
     }
 }
 

@@ -208,6 +208,13 @@ int runDecompress(const DecompressOptions& options) {
     if (!handle) return reportFailure(sourceName, reasonFromError(error));
     QXDecompressionAlgorithm algorithm = QXDecompressionAlgorithmNone;
     if (!resolveAlgorithm(*handle, options, algorithm, &error)) return reportFailure(sourceName, reasonFromError(error));
+    // As the standard decompressors do: a copy is made only on request (-a none).
+    // An HTTP error page is reported as what it is, not as an unknown format.
+    if (options.algorithm == QXDecompressionAlgorithmAutomatic && algorithm == QXDecompressionAlgorithmNone) {
+        if (http && handle->statusCode() >= 400)
+            return reportFailure(sourceName, "the server answered with HTTP status " + std::to_string(handle->statusCode()));
+        return reportFailure(sourceName, "not in a known compressed format");
+    }
 
     auto transfer = std::make_shared<Transfer>(algorithm);
     transfer->output = OutputFile::open(destinationPath, &error);

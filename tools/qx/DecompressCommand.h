@@ -9,7 +9,7 @@
 // them. --offset and --length select the compressed bytes within SOURCE
 // (default: all of it). -a auto, the default, names the format from the
 // first bytes of that range; a range that starts with no known format is
-// copied unchanged, as the library does for automatic detection.
+// refused ("not in a known compressed format"), while -a none copies it.
 //
 // The output goes to DEST, else to standard output. A regular-file DEST is
 // written beside itself and renamed into place only once everything
