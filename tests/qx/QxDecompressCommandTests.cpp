@@ -4,6 +4,7 @@
 #include "HttpTestServer.h"
 #include "LegacyZipFixtures.h"
 #include "QxProcessTest.h"
+#include "ToolDecode.h"
 
 #include <qx/FileHandle.h>
 #include <qx/Process.h>
@@ -98,6 +99,46 @@ TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.out == plain) << source;
     }
+}
+
+TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecodedAsTheToolsDo) {
+    const Bytes first = makePayload(200000, 5), second = randomBytes(70000, 6), empty;
+    const auto concatenated = [](std::initializer_list<Bytes> parts) {
+        Bytes out;
+        for (const auto& part : parts) out.insert(out.end(), part.begin(), part.end());
+        return out;
+    };
+    const Bytes both = concatenated({first, second});
+    const Bytes gz = concatenated({deflateBytes(first, 31), deflateBytes(empty, 31), deflateBytes(second, 31)});
+    const Bytes bz2 = concatenated({decompressorpayloads::bzip2Bytes(first), decompressorpayloads::bzip2Bytes(second)});
+    const struct {
+        const char* name;
+        Bytes input;
+        QXDecompressionAlgorithm tool;
+        bool garbage;
+    } cases[] = {
+        {"gzip members", gz, QXDecompressionAlgorithmGzip, false},
+        {"bzip2 streams", bz2, QXDecompressionAlgorithmBZip2, false},
+        {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), QXDecompressionAlgorithmGzip, true},
+        {"bzip2 and text", concatenated({bz2, toBytes(std::string("BZ"))}), QXDecompressionAlgorithmBZip2, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = input("payload", c.input);
+        if (!c.garbage) {
+            EXPECT_EQ(toolDecode(c.tool, c.input), std::optional<Bytes>(both));
+        }
+        for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
+            const QxRun run = qx({source}, pipe.empty() ? "/dev/null" : "", pipe);
+            EXPECT_EQ(run.exitStatus, 0) << run.describe();
+            EXPECT_TRUE(toBytes(run.out) == both) << source;
+            EXPECT_EQ(run.err, c.garbage ? "qx: " + (source == "-" ? std::string("(standard input)") : source) + ": warning: trailing garbage ignored\n" : "");
+        }
+    }
+    // A member whose trailer does not match its data fails, wherever it lies.
+    Bytes damaged = gz;
+    damaged[deflateBytes(first, 31).size() - 1] ^= 1;  // the first member's length
+    expectFailure(qx({input("damaged", damaged), "-o", out()}), (dir() / "damaged").string());
 }
 
 TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {
