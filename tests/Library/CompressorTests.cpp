@@ -6,6 +6,7 @@
 #include <QXFoundation/QXCompressor.h>
 
 #include "DecompressorPayloads.h"
+#include "Internal/QXParallelCompressor.h"
 #include "ToolDecode.h"
 
 #include <qx/Log.h>
@@ -156,6 +157,52 @@ TEST(Compressor, RefusalsGiveTheirDomainCodeTextAndLogLine) {
     Ref<Error> error;
     EXPECT_FALSE(finished->compressedDataFromStreamWithInputData(toData("late"), &error));
     EXPECT_QX_ERROR(error, "NSPOSIXErrorDomain", 22);
+}
+
+TEST(ParallelCompressor, SameBytesForAnyThreadCountReadByTheTools) {
+    // Several deflate blocks and bzip2 streams (level 1: 100,000-byte streams), with the cuts inside pieces.
+    Bytes mixed = makePayload(450000, 9);
+    const Bytes noise = randomBytes(140000, 9);
+    mixed.insert(mixed.begin() + 200000, noise.begin(), noise.end());
+    const std::pair<const char*, Bytes> inputs[] = {
+        {"empty", {}}, {"one byte", {'y'}}, {"one block", makePayload(131072, 3)}, {"mixed", mixed}};
+    const std::pair<QXDecompressionAlgorithm, int> algorithms[] = {
+        {QXDecompressionAlgorithmGzip, 6}, {QXDecompressionAlgorithmZlib, 9}, {QXDecompressionAlgorithmRawDeflate, 1},
+        {QXDecompressionAlgorithmBZip2, 1}, {QXDecompressionAlgorithmXZ, 0}};
+    for (const auto& [algorithm, level] : algorithms)
+        for (const auto& [name, input] : inputs) {
+            SCOPED_TRACE(std::string(name) + ", algorithm " + std::to_string(algorithm));
+            std::optional<Bytes> first;
+            for (unsigned threads : {2u, 4u, 8u}) {
+                auto c = QXParallelCompressor::create(algorithm, level, threads, nullptr);
+                ASSERT_TRUE(c);
+                std::mt19937 rng(threads);
+                Bytes out;
+                for (std::size_t at = 0; at < input.size();) {
+                    const std::size_t n = std::min<std::size_t>(rng() % 300000, input.size() - at);
+                    const Bytes piece = toBytes(c->compress(input.data() + at, n, nullptr));
+                    out.insert(out.end(), piece.begin(), piece.end());
+                    at += n;
+                }
+                const Bytes last = toBytes(c->finish(nullptr));
+                out.insert(out.end(), last.begin(), last.end());
+                if (!first) {
+                    first = out;
+                    EXPECT_EQ(toolDecode(algorithm, out), std::optional<Bytes>(input));
+                } else {
+                    EXPECT_TRUE(out == *first) << threads << " threads";
+                }
+            }
+        }
+    // Blocks primed with the input before them lose almost nothing against one stream.
+    const Bytes text = makePayload(1000000, 12);
+    auto parallel = QXParallelCompressor::create(QXDecompressionAlgorithmGzip, 6, 2, nullptr);
+    const std::size_t parallelSize = parallel->compress(text.data(), text.size(), nullptr)->length() +
+                                     parallel->finish(nullptr)->length();
+    EXPECT_LE(parallelSize, deflateBytes(text, 31, 6).size() * 1005 / 1000);
+    Ref<Error> error;
+    EXPECT_FALSE(QXParallelCompressor::create(QXDecompressionAlgorithmGzip, 10, 2, &error));
+    EXPECT_QX_ERROR(error, "QXCompressorZLIBErrorDomain", Z_STREAM_ERROR);
 }
 
 // ---------------------------------------------------------------------------

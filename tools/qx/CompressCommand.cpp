@@ -13,6 +13,8 @@
 #include <QXFoundation/QXCompressor.h>
 #include <QXFoundation/QXError.h>
 
+#include "Internal/QXParallelCompressor.h"
+
 #include <CLI/CLI.hpp>
 
 #include <atomic>
@@ -26,6 +28,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,9 +61,18 @@ constexpr std::size_t kReadSize = 1 << 20;
 std::atomic<int> gSignal{0};
 static_assert(std::atomic<int>::is_always_lock_free);
 
-extern "C" void noteCompressSignal(int signal) { gSignal.store(signal); }
+// Written by the handler, watched by every read: a signal that lands just
+// before a read begins would otherwise leave that read blocked on a quiet pipe.
+int gWakePipe[2] = {-1, -1};
+
+extern "C" void noteCompressSignal(int signal) {
+    gSignal.store(signal);
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t ignored = ::write(gWakePipe[1], &byte, 1);
+}
 
 void installSignalHandlers() {
+    if (::pipe2(gWakePipe, O_CLOEXEC | O_NONBLOCK) != 0) gWakePipe[0] = gWakePipe[1] = -1;
     struct sigaction action {};
     action.sa_handler = noteCompressSignal;
     sigemptyset(&action.sa_mask);
@@ -100,6 +112,7 @@ public:
         if (::lseek(fd_, static_cast<off_t>(offset), SEEK_SET) >= 0) return 0;
         std::vector<std::uint8_t> discard(kReadSize);
         while (offset > 0) {
+            if (!waitReadable()) return errno;
             const ssize_t n = ::read(fd_, discard.data(), std::min<std::uint64_t>(offset, discard.size()));
             if (n < 0 && errno == EINTR && gSignal.load() == 0) continue;
             if (n < 0) return errno;
@@ -114,6 +127,7 @@ public:
     ssize_t read(std::uint8_t* buffer, std::size_t size) {
         std::size_t filled = 0;
         while (filled < size && left_ > 0) {
+            if (!waitReadable()) return -1;
             const std::size_t want = std::min<std::uint64_t>(size - filled, left_);
             const ssize_t n = ::read(fd_, buffer + filled, want);
             if (n < 0 && errno == EINTR && gSignal.load() == 0) continue;
@@ -126,6 +140,18 @@ public:
     }
 
 private:
+    // False with errno EINTR once a signal came.
+    bool waitReadable() const {
+        pollfd fds[2] = {{fd_, POLLIN, 0}, {gWakePipe[0], POLLIN, 0}};
+        for (;;) {
+            if (gSignal.load() != 0) {
+                errno = EINTR;
+                return false;
+            }
+            if (::poll(fds, gWakePipe[0] >= 0 ? 2 : 1, -1) >= 0 || errno != EINTR) return true;
+        }
+    }
+
     int fd_;
     std::uint64_t left_;
 };
@@ -162,11 +188,23 @@ int runCompress(const CompressOptions& options) {
     if (!regular && ::fstat(sourceFd, &sourceStat) == 0 && S_ISDIR(sourceStat.st_mode))
         return reportFailure(sourceName, reasonFromError(posixError(EISDIR)));
     RangeReader reader(sourceFd, options.length);
-    if (const int code = reader.skip(options.offset)) return reportFailure(sourceName, reasonFromError(posixError(code)));
+    if (const int code = reader.skip(options.offset)) {
+        if (const int signal = gSignal.load()) return 128 + signal;
+        return reportFailure(sourceName, reasonFromError(posixError(code)));
+    }
 
+    // One thread is the library's single stream; more cut the input into
+    // blocks (output the same for any count of two or more).
     qx::Ref<qx::Error> error;
-    auto compressor = QXCompressor::initForStreamingWithAlgorithm(options.algorithm, level, &error);
-    if (!compressor) return reportFailure(sourceName, reasonFromError(error));
+    const bool parallel = QXParallelCompressor::resolvedThreadCount(options.threads) > 1;
+    qx::Ref<QXCompressor> compressor;
+    std::unique_ptr<QXParallelCompressor> blocks;
+    if (parallel) {
+        blocks = QXParallelCompressor::create(options.algorithm, level, options.threads, &error);
+    } else {
+        compressor = QXCompressor::initForStreamingWithAlgorithm(options.algorithm, level, &error);
+    }
+    if (!compressor && !blocks) return reportFailure(sourceName, reasonFromError(error));
     auto output = OutputFile::open(destinationPath, &error);
     if (!output) return reportFailure(destinationName, reasonFromError(error));
 
@@ -189,7 +227,8 @@ int runCompress(const CompressOptions& options) {
         if (n < 0) return reportFailure(sourceName, reasonFromError(posixError(errno)));
         if (n == 0) break;
         buffer->setLength(static_cast<std::size_t>(n));
-        auto out = compressor->compressedDataFromStreamWithInputData(buffer, &error);
+        auto out = blocks ? blocks->compress(buffer->bytes(), buffer->length(), &error)
+                          : compressor->compressedDataFromStreamWithInputData(buffer, &error);
         if (!out) return reportFailure(sourceName, reasonFromError(error));
         if (!write(out)) return reportFailure(destinationName, reasonFromError(error));
         consumed += static_cast<std::uint64_t>(n);
@@ -197,10 +236,11 @@ int runCompress(const CompressOptions& options) {
     }
     if (const int signal = gSignal.load()) {
         progress.clear();
+        blocks.reset();  // stops the workers
         output.reset();  // removes the temporary; SOURCE was never touched
         return 128 + signal;
     }
-    auto last = compressor->finalDataFromStreamWithError(&error);
+    auto last = blocks ? blocks->finish(&error) : compressor->finalDataFromStreamWithError(&error);
     if (!last) return reportFailure(sourceName, reasonFromError(error));
     if (!write(last)) return reportFailure(destinationName, reasonFromError(error));
     progress.clear();
