@@ -1,7 +1,7 @@
 // CompressCommand.cpp - `qx compress`: bytes to a compressed payload.
 //
-// One thread reads SOURCE, feeds the library's streaming compressor and
-// writes what it returns. SIGINT and SIGTERM interrupt a blocked read (their
+// One thread reads SOURCE, feeds the library's streaming compressor (or the
+// parallel one, whose own threads do the work) and writes what it returns. SIGINT and SIGTERM interrupt a blocked read (their
 // handler is installed without SA_RESTART and only notes the signal); the
 // loop then stops and the output object's destruction removes the temporary.
 #include "CompressCommand.h"

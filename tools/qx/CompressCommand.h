@@ -10,8 +10,10 @@
 // level: 0..9 for the deflate family (default 6), 1..9 for bzip2 (its block
 // size in 100 KB, default 9), 0..9 for xz (its preset, default 6); anything
 // else is a usage error. -T is the number of threads, 0 (the default) one per
-// processor; -T 1 writes the library's single stream, exactly what zlib,
-// libbz2 or liblzma write at that level.
+// processor; one thread writes the library's single stream, exactly what
+// zlib, libbz2 or liblzma write at that level; two or more write blocks (see
+// Internal/QXParallelCompressor.h) that the standard tools read, the same
+// bytes for any count of two or more.
 //
 // The output goes to DEST, else to standard output ("-" too). A
 // regular-file DEST is written beside itself and renamed into place only once
