@@ -10,8 +10,7 @@
 
 namespace qxtest {
 
-// The command that decodes algorithm's output from standard input to standard
-// output: gzip, bzip2 and xz themselves, python3's zlib for zlib and raw deflate.
+// The standard decoder of algorithm's output, stdin to stdout (python3's zlib for zlib and raw deflate).
 inline std::string decoderCommand(QXDecompressionAlgorithm algorithm) {
     switch (algorithm) {
     case QXDecompressionAlgorithmGzip: return "gzip -dc";
@@ -39,8 +38,7 @@ inline std::optional<Bytes> runFilter(const std::string& filter, const Bytes& in
     return readBytes(out);
 }
 
-// What the tool makes of input; nothing when it fails (a damaged, truncated
-// or unfinished stream, or bytes after its end).
+// What the tool makes of input; nothing when it fails (damaged, truncated, or bytes after the end).
 inline std::optional<Bytes> toolDecode(QXDecompressionAlgorithm algorithm, const Bytes& input) {
     return runFilter(decoderCommand(algorithm), input);
 }

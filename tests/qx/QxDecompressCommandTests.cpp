@@ -4,7 +4,6 @@
 #include "HttpTestServer.h"
 #include "LegacyZipFixtures.h"
 #include "QxProcessTest.h"
-#include "ToolDecode.h"
 
 #include <qx/FileHandle.h>
 #include <qx/Process.h>
@@ -101,7 +100,7 @@ TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
     }
 }
 
-TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecodedAsTheToolsDo) {
+TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
     const Bytes first = makePayload(200000, 5), second = randomBytes(70000, 6), empty;
     const auto concatenated = [](std::initializer_list<Bytes> parts) {
         Bytes out;
@@ -114,20 +113,16 @@ TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecodedAsTheToolsDo) {
     const struct {
         const char* name;
         Bytes input;
-        QXDecompressionAlgorithm tool;
         bool garbage;
     } cases[] = {
-        {"gzip members", gz, QXDecompressionAlgorithmGzip, false},
-        {"bzip2 streams", bz2, QXDecompressionAlgorithmBZip2, false},
-        {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), QXDecompressionAlgorithmGzip, true},
-        {"bzip2 and text", concatenated({bz2, toBytes(std::string("BZ"))}), QXDecompressionAlgorithmBZip2, true},
+        {"gzip members", gz, false},
+        {"bzip2 streams", bz2, false},
+        {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), true},
+        {"bzip2 and text", concatenated({bz2, toBytes(std::string("BZ"))}), true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string path = input("payload", c.input);
-        if (!c.garbage) {
-            EXPECT_EQ(toolDecode(c.tool, c.input), std::optional<Bytes>(both));
-        }
         for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
             const QxRun run = qx({source}, pipe.empty() ? "/dev/null" : "", pipe);
             EXPECT_EQ(run.exitStatus, 0) << run.describe();
