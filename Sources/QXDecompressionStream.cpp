@@ -101,8 +101,17 @@ std::vector<std::string> QXDecompressionStream::keyPathsForValuesAffectingHasByt
     return joined(QXInputStream::keyPathsForValuesAffectingHasBytesAvailable(), {"overflowBuffer.length", "needsRunAgain"});
 }
 
-bool QXDecompressionStream::isHoldingOutputLocked() const {
-    return (overflowBuffer_ && overflowBuffer_->length() > overflowStart_) || needsRunAgain_;
+bool QXDecompressionStream::isHoldingOutputLocked(bool sourceEnded) const {
+    // A source that has ended before the decoder was told still owes a read:
+    // the one that tells it, which may bring the last output (PBZX chunks
+    // still decoding, or a format that finishes late).
+    return (overflowBuffer_ && overflowBuffer_->length() > overflowStart_) || needsRunAgain_ ||
+           (sourceEnded && !finalInputGiven_);
+}
+
+bool QXDecompressionStream::hasSourceEnded() const {
+    const auto& source = underlyingStream();
+    return source && source->streamStatus() == qx::StreamStatus::AtEnd;
 }
 
 Ref<Error> QXDecompressionStream::decompressionStreamError() const {
@@ -136,12 +145,15 @@ bool QXDecompressionStream::isLimitUsedUp() const {
 
 qx::StreamStatus QXDecompressionStream::streamStatus() const {
     const qx::StreamStatus base = QXInputStream::streamStatus();
+    const bool sourceEnded = hasSourceEnded();
     std::lock_guard<std::mutex> lock(stateLock_);
     if (decompressionStreamError_) return qx::StreamStatus::Error;
     // The source's end is not the stream's while decoded bytes still wait;
     // the limit's end is. A stream that was never opened, or was closed,
     // stays what it is.
-    if (base == qx::StreamStatus::AtEnd && isHoldingOutputLocked() && !isLimitUsedUp()) return qx::StreamStatus::Open;
+    // A read under way may hold output it has yet to store.
+    if (base == qx::StreamStatus::AtEnd && (isHoldingOutputLocked(sourceEnded) || reading_) && !isLimitUsedUp())
+        return qx::StreamStatus::Open;
     return base;
 }
 
@@ -154,8 +166,9 @@ bool QXDecompressionStream::hasBytesAvailable() const {
     // A failed decoder has nothing more to give, whatever the source holds.
     if (streamStatus() != qx::StreamStatus::Open) return false;
     if (QXInputStream::hasBytesAvailable()) return true;
+    const bool sourceEnded = hasSourceEnded();
     std::lock_guard<std::mutex> lock(stateLock_);
-    return isHoldingOutputLocked();
+    return isHoldingOutputLocked(sourceEnded);
 }
 
 bool QXDecompressionStream::getBuffer(const std::uint8_t**, std::uint64_t*) { return false; }
@@ -167,7 +180,7 @@ void QXDecompressionStream::stream(qx::Stream& stream, qx::StreamEventMask event
         // Bytes are still to be read (or being decoded): say so instead. The
         // read that takes the last of them raises the end, and so does the
         // delivery of this event if that read has already happened.
-        if (isHoldingOutputLocked() || reading_)
+        if (isHoldingOutputLocked(true) || reading_)
             event = (event & ~qx::StreamEventEndEncountered) | qx::StreamEventHasBytesAvailable;
     }
     handleEvent(event);
@@ -176,6 +189,22 @@ void QXDecompressionStream::stream(qx::Stream& stream, qx::StreamEventMask event
 // ---- reading -------------------------------------------------------------------
 
 std::int64_t QXDecompressionStream::primitiveRead(std::uint8_t* buffer, std::uint64_t maxLength) {
+    const std::int64_t n = readDecoded(buffer, maxLength);
+    // A read gives at most one decoder run's output. What is left (overflow,
+    // or chunks a draining decoder has yet to hand over) brings no event from
+    // the source, which may have ended long ago: announce it, or a reader that
+    // reads only when told would wait for ever.
+    bool more = false;
+    if (n > 0) {
+        const bool sourceEnded = hasSourceEnded();
+        std::lock_guard<std::mutex> lock(stateLock_);
+        more = isHoldingOutputLocked(sourceEnded);
+    }
+    if (more) handleEvent(qx::StreamEventHasBytesAvailable);
+    return n;
+}
+
+std::int64_t QXDecompressionStream::readDecoded(std::uint8_t* buffer, std::uint64_t maxLength) {
     if (!buffer) return -1;
     const std::uint64_t wanted = std::min(maxLength, kMaxRead);
     std::uint64_t given = 0;

@@ -13,7 +13,6 @@
 #include "Internal/QXUnshrinkCodec.h"
 
 #include <algorithm>
-#include <mutex>
 #include <thread>
 
 using qx::Data;
@@ -107,11 +106,12 @@ std::int64_t QXDecompressor::maxOperationCount() {
 }
 
 Ref<qx::OperationQueue> QXDecompressor::operationQueue() {
-    static std::once_flag once;
-    static Ref<qx::OperationQueue> queue;
-    std::call_once(once, [] {
-        queue = qx::OperationQueue::create("com.tovarik.QXFoundation.QXDecompressor");
-        queue->setMaxConcurrentOperationCount(static_cast<int>(maxOperationCount()));
-    });
-    return queue;
+    // Never destroyed: its workers may still be finishing operations while
+    // the process exits, and they ask for the queue.
+    static const Ref<qx::OperationQueue>* const queue = [] {
+        auto created = qx::OperationQueue::create("com.tovarik.QXFoundation.QXDecompressor");
+        created->setMaxConcurrentOperationCount(static_cast<int>(maxOperationCount()));
+        return new Ref<qx::OperationQueue>(std::move(created));
+    }();
+    return *queue;
 }

@@ -173,6 +173,20 @@ qx::Ref<qx::Data> QXPropertyListSerialization::binaryDataWithPropertyList(const 
     return failingOnExhaustion(error, [&] { return writeBinary(plist, error); });
 }
 
+qx::Ref<qx::Data> QXPropertyListSerialization::binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                                          QXBinaryPlistWriteOptions options,
+                                                                          qx::Ref<qx::Error>* error) {
+    return failingOnExhaustion(error, [&] { return writeBinary(plist, error, options & QXBinaryPlistWidenReferences); });
+}
+
+qx::Ref<qx::Data> QXPropertyListSerialization::dataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                                    QXPropertyListFormat format,
+                                                                    QXBinaryPlistWriteOptions options,
+                                                                    qx::Ref<qx::Error>* error) {
+    if (format == QXPropertyListBinaryFormat_v1_0) return binaryDataWithPropertyList(plist, options, error);
+    return dataWithPropertyList(plist, format, error);
+}
+
 qx::Ref<qx::Object> QXPropertyListSerialization::binaryPropertyListWithData(const qx::Ref<qx::Data>& data,
                                                                             qx::Ref<qx::Error>* error) {
     if (!data) {

@@ -17,6 +17,7 @@ packages=(
   libcpp-httplib-dev libssl-dev libbrotli-dev  # the tests' in-process HTTP server (its .pc needs both)
   curl                             # peer for the HTTP benchmark
   libgtest-dev libgmock-dev googletest
+  nlohmann-json3-dev               # the test fixtures' JSON manifests
   libbenchmark-dev
   libcli11-dev                     # qx's argument parsing
   libplist-utils python3           # peers for the property-list benchmark and the interop tests

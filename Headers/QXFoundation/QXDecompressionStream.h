@@ -102,8 +102,12 @@ protected:
 private:
     static qx::Ref<QXDecompressionStream> make(const qx::Ref<qx::InputStream>& underlying, std::uint64_t maxDataLength,
                                                QXDecompressionAlgorithm algorithm);
-    /// Output still to come: overflow bytes, or a decoder still draining.
-    bool isHoldingOutputLocked() const;
+    /// Output still to come: overflow bytes, a decoder still draining, or
+    /// one not yet told that the source (sourceEnded) has ended.
+    bool isHoldingOutputLocked(bool sourceEnded) const;
+    bool hasSourceEnded() const;
+    /// One read's decompressed bytes, without announcing what is left.
+    std::int64_t readDecoded(std::uint8_t* buffer, std::uint64_t maxLength);
     bool isLimitUsedUp() const;
 
     qx::Ref<QXDecompressor> decompressor_;  // used by the reading thread only

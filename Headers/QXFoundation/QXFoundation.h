@@ -9,6 +9,8 @@
 #include <QXFoundation/QXFoundationNSErrorAdditions.h>
 #include <QXFoundation/QXHexFormatter.h>
 #include <QXFoundation/QXHexNumberFormatter.h>
+#include <QXFoundation/QXClassCluster.h>
+#include <QXFoundation/QXPropertyList.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
 #include <QXFoundation/QXRemoteFileHandle.h>
 #include <QXFoundation/QXRemoteFileHandleConnectionDelegate.h>

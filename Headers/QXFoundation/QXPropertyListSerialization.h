@@ -18,6 +18,8 @@
 #include <qx/StringEncoding.h>
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 /// Property-list format codes.
 using QXPropertyListFormat = std::uint64_t;
@@ -26,6 +28,15 @@ inline constexpr QXPropertyListFormat QXPropertyListXMLFormat_v1_0 = 100;
 inline constexpr QXPropertyListFormat QXPropertyListBinaryFormat_v1_0 = 200;
 
 class QXBinaryPlistTrailer;
+
+/// Options of the binary writer.
+using QXBinaryPlistWriteOptions = std::uint64_t;
+/// The writer's one width for references and offsets is chosen from the value
+/// count without dictionary keys, and a file that outgrows it is written with
+/// its references and offsets cut (readers of such files expect that width,
+/// so it stays the default). With this option the width grows until it holds
+/// every object number (keys counted) and every offset, so the file reads back.
+inline constexpr QXBinaryPlistWriteOptions QXBinaryPlistWidenReferences = 1;
 
 /// Containers (the root counts) an XML property list may nest, for reading
 /// and writing alike. The XML parser refuses documents whose elements nest
@@ -68,9 +79,17 @@ public:
     /// NSPOSIXErrorDomain 22.
     static qx::Ref<qx::Data> dataWithPropertyList(const qx::Ref<qx::Object>& plist, QXPropertyListFormat format,
                                                   qx::Ref<qx::Error>* error = nullptr);
+    /// The same with options for the binary writer (ignored by the other formats).
+    static qx::Ref<qx::Data> dataWithPropertyList(const qx::Ref<qx::Object>& plist, QXPropertyListFormat format,
+                                                  QXBinaryPlistWriteOptions options,
+                                                  qx::Ref<qx::Error>* error = nullptr);
 
     /// Writes the binary "bplist00" form.
     static qx::Ref<qx::Data> binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                        qx::Ref<qx::Error>* error = nullptr);
+    /// The same with writer options (QXBinaryPlistWriteOptions).
+    static qx::Ref<qx::Data> binaryDataWithPropertyList(const qx::Ref<qx::Object>& plist,
+                                                        QXBinaryPlistWriteOptions options,
                                                         qx::Ref<qx::Error>* error = nullptr);
 
     /// Reads the binary form (the header is not looked at).
@@ -220,6 +239,16 @@ public:
 
     /// UTF-8.
     static qx::StringEncoding defaultDataEncoding();
+
+    // --- Names ----------------------------------------------------------------------
+    /// name when no name in names equals it. Otherwise a base: the text
+    /// before the last separator when what follows it is not empty and holds
+    /// no decimal digit, else the whole name; then the base itself when free,
+    /// else the first free base + separator + 1, 2, ... So a taken "a" gives
+    /// "a - 1", and a taken "a - 1" gives "a - 1 - 1" (deliberately: the
+    /// editor's copies of copies are named so).
+    static qx::Ref<qx::String> uniqueNameBasedOnName(const qx::String& name, const std::vector<std::string>& names,
+                                                     const std::string& separator = " - ");
     /// The shared display formatter for dates: medium date and time styles in
     /// the current locale and local time zone. Made once, and made again only
     /// when the current locale or the TZ setting has changed since.

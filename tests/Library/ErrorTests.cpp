@@ -1,5 +1,7 @@
 // ErrorTests.cpp - building, converting, querying and reporting errors.
-#include <gtest/gtest.h>
+
+#include "PlistFixtures.h"
+#include "TestSupport.h"
 
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXErrorReporter.h>
@@ -9,30 +11,19 @@
 #include <qx/Number.h>
 #include <qx/RunLoop.h>
 
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <optional>
-#include <thread>
-#include <vector>
-
 using namespace qx;
 using namespace std::chrono_literals;
 namespace ErrorAdditions = QXFoundationNSErrorAdditions;
 
 namespace {
 
-// A text from the user info, or "<none>".
 std::string text(const Ref<Error>& e, const char* key = NSLocalizedDescriptionKey) {
     auto d = e->userInfo()->get<String>(key);
     return d ? d->utf8() : "<none>";
 }
 
 Ref<Error> errorWith(const std::string& domain, std::int64_t code, std::initializer_list<std::pair<const char*, Ref<Object>>> info = {}) {
-    auto dict = Dictionary::create();
-    for (const auto& [k, v] : info) dict->setObject(v, k);
-    return Error::create(domain, code, dict);
+    return Error::create(domain, code, plisttest::dict(info));
 }
 
 // The list-taking form, as a caller with its own variadic function uses it.
@@ -53,9 +44,7 @@ TEST(ErrorGenerate, MarksErrorsAndMergesCallerInfoAfterTheMark) {
 
     // The caller's entries may replace the mark, and their description
     // survives when none is produced, but not when one is.
-    auto info = Dictionary::create();
-    info->setObject(Number::withBool(false), "QXErrorKey");
-    info->setObject(str("mine"), NSLocalizedDescriptionKey);
+    auto info = plisttest::dict({{"QXErrorKey", Number::withBool(false)}, {NSLocalizedDescriptionKey, str("mine")}});
     auto kept = QXGenerateError(QXErrorDomain, 5, nullptr, nullptr, info);
     EXPECT_FALSE(kept->userInfo()->get<Number>("QXErrorKey")->boolValue());
     EXPECT_EQ(text(kept) + "|" + text(kept, NSLocalizedFailureReasonErrorKey), "mine|<none>");
@@ -133,9 +122,8 @@ TEST(ErrorGenerate, UrlsAndUnderlyingTexts) {
 }
 
 TEST(ErrorAppleScript, NumberAndMessage) {
-    auto info = Dictionary::create();
-    info->setObject(Number::withInt32(-1728), "NSAppleScriptErrorNumber");
-    info->setObject(str("Can’t get window 1 (100% sure)."), "NSAppleScriptErrorMessage");
+    auto info = plisttest::dict({{"NSAppleScriptErrorNumber", Number::withInt32(-1728)},
+                                 {"NSAppleScriptErrorMessage", str("Can’t get window 1 (100% sure).")}});
     auto e = QXAppleScriptError(info);
     EXPECT_EQ(e->domain() + " " + std::to_string(e->code()), std::string(QXAppleScriptErrorDomain) + " -1728");
     EXPECT_EQ(text(e), "Can’t get window 1 (100% sure).") << "the message is a value, never a format";
@@ -198,19 +186,18 @@ TEST(ErrorAdditionsPredicates, FileNotFoundAndPermission) {
 }
 
 TEST(ErrorReporter, PostsDirectlyOnMainAndFromOtherThreadsWaitsForMain) {
-    struct Report { Ref<Error> error; Ref<Object> sender; bool onMain; };
-    std::vector<Report> reports;  // written on the main thread only
+    std::vector<Ref<Error>> reports;  // written on the main thread only
     std::atomic<std::size_t> count{0};
     auto center = NotificationCenter::defaultCenter();
     auto token = center->addObserver(QXErrorOccurredNotification, nullptr, [&](const auto& n) {
-        reports.push_back({n->userInfo() ? n->userInfo()->template get<Error>("Error") : nullptr, n->object(), RunLoop::isMainThread()});
+        EXPECT_TRUE(RunLoop::isMainThread() && !n->object());
+        reports.push_back(n->userInfo() ? n->userInfo()->template get<Error>("Error") : nullptr);
         count = reports.size();
     });
     const std::unique_ptr<void, std::function<void(void*)>> unobserve(&count, [&](void*) { center->removeObserver(token); });
     auto error = QXGenerateError(QXErrorDomain, 12);
     QXReportError(error);
     ASSERT_EQ(count.load(), 1u) << "not posted at once: no run loop is involved on the main thread";
-    EXPECT_TRUE(reports[0].error == error && !reports[0].sender);
 
     auto fromThread = QXGenerateError(NSPOSIXErrorDomain, EIO);
     std::atomic<std::size_t> seenByReporterAfterReturn{0};
@@ -220,5 +207,5 @@ TEST(ErrorReporter, PostsDirectlyOnMainAndFromOtherThreadsWaitsForMain) {
     reporter.join();
     ASSERT_EQ(count.load(), 2u) << "the main run loop never got the report";
     EXPECT_EQ(seenByReporterAfterReturn.load(), 2u) << "the reporter resumed before the observer ran";
-    EXPECT_TRUE(reports[1].error == fromThread && reports[0].onMain && reports[1].onMain);
+    EXPECT_EQ(reports, (std::vector<Ref<Error>>{error, fromThread}));
 }

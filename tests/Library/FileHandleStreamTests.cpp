@@ -1,4 +1,6 @@
 // FileHandleStreamTests.cpp - input and output streams over files and pipes.
+
+#include "TestSupport.h"
 #include "StreamTestSupport.h"
 
 #include <QXFoundation/QXFileHandleInputStream.h>

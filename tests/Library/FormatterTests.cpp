@@ -1,5 +1,4 @@
 // FormatterTests.cpp - QXFileSizeFormatter, QXHexNumberFormatter, QXHexFormatter.
-#include <gtest/gtest.h>
 
 #include "ScopedLocale.h"
 #include "TestSupport.h"
@@ -9,9 +8,6 @@
 #include <QXFoundation/QXHexNumberFormatter.h>
 
 #include <qx/Number.h>
-
-#include <optional>
-#include <vector>
 
 using qx::str;
 

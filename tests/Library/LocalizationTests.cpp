@@ -1,5 +1,4 @@
 // LocalizationTests.cpp - strings files, bundles, the library bundle and QXFLocalizedString.
-#include <gtest/gtest.h>
 
 #include "Internal/QXFoundationPrivate.h"
 
@@ -8,8 +7,6 @@
 
 #include "ScopedLocale.h"
 #include "TestSupport.h"
-
-#include <optional>
 
 using namespace qx;
 namespace fs = std::filesystem;
@@ -29,7 +26,6 @@ std::string utf16Bytes(std::u16string text, bool bigEndian, bool bom) {
     return out;
 }
 
-// Writes a file under dir, making the folders on the way.
 void put(const TempDir& dir, const std::string& relative, const std::string& bytes) {
     fs::create_directories((dir.path() / relative).parent_path());
     qxtest::writeFile(dir.path() / relative, bytes);
@@ -147,26 +143,19 @@ TEST(LocalizationLibrary, EnglishTableIsCompiledIn) {
 }
 
 TEST(LocalizationLibrary, TranslationThenEnglishThenKey) {
-    TempDir dir;
-    put(dir, "de.lproj/Localizable.strings", "/* German */\n\"Yes\" = \"Ja\";\n\"NEW_OBJECT\" = \"Neues Objekt\";\n");
-    ScopedLocale locale("de_DE");
-    ScopedLibraryResources resources(dir.path());
-
-    EXPECT_EQ(QXFLocalizedString("NEW_OBJECT")->utf8(), "Neues Objekt");
-    // Missing from the translation: the compiled-in English text.
-    EXPECT_EQ(QXFLocalizedString("INVALID_KEY")->utf8(), "The key is not valid.");
-    // Missing everywhere: the key.
-    EXPECT_EQ(QXFLocalizedString("No such key %@")->utf8(), "No such key %@");
-    EXPECT_EQ(QXFLocalizedString("")->utf8(), "");
-}
-
-TEST(LocalizationLibrary, OverriddenEnglishTableIsTheFallBack) {
-    TempDir dir;
-    put(dir, "en.lproj/Localizable.strings", "\"KiB\" = \"kibibytes\";");
-    ScopedLocale locale("fr_FR");  // no French table anywhere
-    ScopedLibraryResources resources(dir.path());
-    EXPECT_EQ(QXFLocalizedString("KiB")->utf8(), "kibibytes");
-    EXPECT_EQ(QXFLocalizedString("MiB")->utf8(), "MiB");  // not in the override: the key
+    struct Case { const char *locale, *file, *table; std::vector<std::pair<const char*, const char*>> lookups; };
+    for (const Case& c : {
+             // Missing from the translation: the compiled-in English text; missing everywhere: the key.
+             Case{"de_DE", "de.lproj/Localizable.strings", "\"NEW_OBJECT\" = \"Neues Objekt\";",
+             {{"NEW_OBJECT", "Neues Objekt"}, {"INVALID_KEY", "The key is not valid."}, {"No such key %@", "No such key %@"}, {"", ""}}},
+             // No French table anywhere: an overridden English table is the fall-back, then the key.
+             Case{"fr_FR", "en.lproj/Localizable.strings", "\"KiB\" = \"kibibytes\";", {{"KiB", "kibibytes"}, {"MiB", "MiB"}}}}) {
+        TempDir dir;
+        put(dir, c.file, c.table);
+        ScopedLocale locale(c.locale);
+        ScopedLibraryResources resources(dir.path());
+        for (const auto& [key, text] : c.lookups) EXPECT_EQ(QXFLocalizedString(key)->utf8(), text) << c.locale << ": " << key;
+    }
 }
 
 TEST(LocalizationLibrary, UnloadDropsTheBundle) {

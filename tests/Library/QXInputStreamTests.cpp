@@ -8,11 +8,6 @@
 #include <qx/NotificationCenter.h>
 #include <qx/Thread.h>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <sys/stat.h>
-
 using namespace streamtest;
 using qx::Ref;
 
@@ -201,17 +196,6 @@ TEST(QXInputStream, StatusShowingTheEndBecomesAnEventOfItsOwn) {
     EXPECT_EQ(ends(), 1);  // the underlying stream's own end event came after and was dropped
 }
 
-TEST(QXInputStream, DelegateDefaultsToTheStreamItself) {
-    auto stream = QXInputStream::initWithData(qx::Data::withString("xyz"));
-    stream->setDelegate(std::make_shared<EventRecorder>());  // held weakly: gone at once
-    EXPECT_EQ(stream->delegate().get(), static_cast<qx::StreamDelegate*>(stream.get()));
-    // Delivering to itself does nothing (and does not loop back into the event path).
-    stream->scheduleInRunLoop(qx::RunLoop::current(), kMode);
-    stream->open();
-    EXPECT_EQ(text(stream->readDataSynchronouslyToEndOfStream()), "xyz");
-    drain();
-}
-
 TEST(QXInputStream, SynchronousReadsAndTheirFailures) {
     Ref<qx::Error> error;
     auto never = QXInputStream::initWithData(qx::Data::withString("abc"));
@@ -262,20 +246,6 @@ TEST(QXInputStream, SynchronousReadGathersShortReadsUntilTheEnd) {
     EXPECT_EQ(text(got), "abcde");  // the end came after 5 of 8
     EXPECT_FALSE(error);
     EXPECT_EQ(stream->streamStatus(), qx::StreamStatus::AtEnd);
-}
-
-TEST(QXInputStream, SynchronousReadOfAPipeStopsAtTheLengthAsked) {
-    qxtest::Pipe pipe;
-    auto stream = QXInputStream::initWithFileHandle(qx::FileHandle::initWithFileDescriptor(pipe.reader()), false);
-    stream->open();
-    std::thread writer([&] {
-        for (int i = 0; i < 8; ++i) pipe.write(digits(1000));
-    });
-    auto first = stream->readDataSynchronouslyOfLength(5000);
-    writer.join();
-    pipe.closeWriter();
-    EXPECT_EQ(text(first), digits(5000));
-    EXPECT_EQ(text(stream->readDataSynchronouslyToEndOfStream()), digits(3000));
 }
 
 TEST(QXInputStream, AvailableDataWithMaxLengthReadsAtMostOneHundredMebibytes) {

@@ -6,17 +6,7 @@
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXRemoteFileHandle.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <condition_variable>
-#include <fcntl.h>
-#include <future>
-#include <mutex>
 #include <sys/xattr.h>
-#include <thread>
-#include <tuple>
-#include <unistd.h>
 
 using namespace qx;
 using namespace std::chrono_literals;
@@ -376,19 +366,6 @@ TEST(RemoteFileHandleLocal, ReadAheadStaysWithinTheLimit) {
                             });
     EXPECT_EQ(d->bytes, content);
     EXPECT_LE(worst, kLimit + MiB);
-}
-
-TEST(RemoteFileHandleLocal, WithoutAHandlerTheReaderStillReadsTheLength) {
-    TempDir dir;
-    constexpr std::uint64_t kBuffer = 64 * 1024;
-    auto h = Handle::initForReadingFromURL(fileURL(dir.file("a", HttpTestServer::patternBytes(40 * kBuffer + 7))));
-    // Nobody takes the chunks, so nothing may hold the reader at the limit.
-    h->readDataOfLengthMaxBufferSize(30 * kBuffer + 5, kBuffer, nullptr);
-    const int fd = h->systemFileHandle()->fileDescriptor();
-    const auto end = static_cast<off_t>(30 * kBuffer + 5);
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    while (::lseek(fd, 0, SEEK_CUR) < end && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), end);
 }
 
 TEST(RemoteFileHandleLocal, APipeIsReadFrontToBackKeepingItsLastBytes) {

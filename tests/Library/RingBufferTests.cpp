@@ -3,9 +3,6 @@
 
 #include <QXFoundation/QXRingBuffer.h>
 
-#include <random>
-#include <thread>
-
 using qx::Ref;
 
 namespace {

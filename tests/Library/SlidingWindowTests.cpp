@@ -3,10 +3,6 @@
 
 #include <QXFoundation/QXSlidingWindow.h>
 
-#include <random>
-#include <string>
-#include <thread>
-
 using qx::Ref;
 
 namespace {
@@ -32,13 +28,11 @@ std::string copy(QXSlidingWindow& w, std::uint64_t distance, std::uint64_t lengt
 } // namespace
 
 TEST(SlidingWindow, CopiesByDistanceStopAtTheNewestByteAndAcrossTheWrap) {
-    struct Case {
-        std::uint64_t distance, length;
-        const char* expected;
-    };
+    using Case = std::tuple<std::uint64_t, std::uint64_t, const char*>;  // distance, length, expected
     auto w = window(8);
     auto check = [&](const std::vector<Case>& cases) {
-        for (const auto& c : cases) EXPECT_EQ(copy(*w, c.distance, c.length), c.expected) << c.distance << "/" << c.length;
+        for (const auto& [distance, length, expected] : cases)
+            EXPECT_EQ(copy(*w, distance, length), expected) << distance << "/" << length;
     };
     put(*w, "ABCDEFGHIJ");  // a long write keeps its tail; the pointer at the very end, not yet looped
     EXPECT_EQ(w->bytesInBuffer(), 8u);
@@ -79,16 +73,13 @@ TEST(SlidingWindow, MatchesAModelOverRandomWrites) {
 }
 
 TEST(SlidingWindow, CopyOfOnlyOlderBytesLeavesTheLockHeld) {
-    struct Case {
-        std::uint64_t distance, length;
-    };
-    for (const auto& c : {Case{5, 0}, Case{7, 2}, Case{9, 1}}) {
+    for (const auto& [distance, length] : {std::pair<std::uint64_t, std::uint64_t>{5, 0}, {7, 2}, {9, 1}}) {
         auto w = window(8);
         put(*w, "12345");
         std::uint64_t count = 99;
-        copy(*w, c.distance, c.length, &count);
+        copy(*w, distance, length, &count);
         EXPECT_EQ(count, 0u);
-        EXPECT_TRUE(w->isLocked()) << c.distance << "/" << c.length;
+        EXPECT_TRUE(w->isLocked()) << distance << "/" << length;
         EXPECT_EQ(w->bytesInBuffer(), 5u);  // reads without the lock
         // Unlocked reads and the capacity test still answer.
         EXPECT_EQ(w->dataWithDistanceFromEnd(8, 4)->length(), 0u);

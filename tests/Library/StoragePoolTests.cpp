@@ -1,10 +1,7 @@
 // StoragePoolTests.cpp - storage given back by data objects.
+
+#include "TestSupport.h"
 #include "Internal/QXStoragePool.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 TEST(StoragePool, StorageComesBackOnlyWhenTheLastHolderLetsGo) {
     auto pool = QXStoragePool::create(4, 16, 1024);
@@ -30,10 +27,7 @@ TEST(StoragePool, StorageComesBackOnlyWhenTheLastHolderLetsGo) {
 TEST(StoragePool, KeepsWithinItsBoundsAndPassesOverWhatTheTakerRefuses) {
     auto pool = QXStoragePool::create(2, 16, 64);
     std::vector<qx::Ref<qx::Data>> datas;
-    for (std::size_t size : {8, 32, 48, 128, 40}) {
-        std::vector<std::uint8_t> storage(size);
-        datas.push_back(pool->wrap(std::move(storage)));
-    }
+    for (std::size_t size : {8, 32, 48, 128, 40}) datas.push_back(pool->wrap(std::vector<std::uint8_t>(size)));
     datas.clear();  // 8 is too small, 128 too large, and only two (32, 48) are kept
     EXPECT_EQ(pool->keptCount(), 2u);
     auto taken = pool->takeStorage([](const std::vector<std::uint8_t>& s) { return s.capacity() < 40; });

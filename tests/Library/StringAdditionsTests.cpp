@@ -1,5 +1,4 @@
 // StringAdditionsTests.cpp - QXStringAdditions and the text encodings under it.
-#include <gtest/gtest.h>
 
 #include "Internal/QXFoundationPrivate.h"
 #include "ScopedLocale.h"
@@ -14,22 +13,8 @@
 #include <set>
 
 namespace SA = QXStringAdditions;
-namespace fs = std::filesystem;
 using qx::str;
 using qxtest::TempDir;
-
-namespace {
-
-// Makes the library bundle from an override directory alone (no compiled-in
-// resources) and restores the normal bundle afterwards.
-struct ScopedBundleWithoutResources {
-    explicit ScopedBundleWithoutResources(const fs::path& dir) {
-        QXFoundationInitializerWithResources(nullptr, 0, dir.c_str());
-    }
-    ~ScopedBundleWithoutResources() { QXFoundationInitializer(); }
-};
-
-} // namespace
 
 TEST(StringAdditions, HexValueKeepsItsCapitalLetterQuirk) {
     const std::vector<std::pair<std::string, std::uint64_t>> cases = {
@@ -136,7 +121,9 @@ TEST(StringAdditions, HTMLEncodingWithTheLibraryTable) {
 TEST(StringAdditions, HTMLEncodingWithoutTheTableAndWhenItAppears) {
     TempDir dir;
     {
-        ScopedBundleWithoutResources bundle(dir.path());
+        // The library bundle from the folder alone, no compiled-in resources; the normal one again after the block.
+        QXFoundationInitializerWithResources(nullptr, 0, dir.path().c_str());
+        const std::unique_ptr<void, void (*)(void*)> restore(&dir, [](void*) { QXFoundationInitializer(); });
         EXPECT_EQ(SA::stringByEncodingForHTML(qx::String("a<b&\u00e9"))->utf8(), "a&#60;b&#38;&#233;");
 
         // A table that is not ASCII text is not read.
@@ -231,12 +218,9 @@ TEST(StringAdditionsLocale, FileSizesUseTheLocaleDecimalSeparator) {
         {1048576, "1.0 MiB", "1,0 MiB"},          {1073741823, "1024.0 MiB", "1024,0 MiB"},
         {UINT64_MAX, "17179869184.0 GiB", "17179869184,0 GiB"},
     };
-    for (const auto& [size, english, german] : cases) {
-        {
-            ScopedLocale scoped("en_US");
-            EXPECT_EQ(SA::formattedStringWithFileSize(size)->utf8(), english);
-        }
-        ScopedLocale scoped("de_DE");
-        EXPECT_EQ(SA::formattedStringWithFileSize(size)->utf8(), german);
+    for (const std::string locale : {"en_US", "de_DE"}) {
+        ScopedLocale scoped(locale.c_str());
+        for (const auto& [size, english, german] : cases)
+            EXPECT_EQ(SA::formattedStringWithFileSize(size)->utf8(), locale == "en_US" ? english : german) << size;
     }
 }

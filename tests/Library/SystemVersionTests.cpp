@@ -1,5 +1,6 @@
 // SystemVersionTests.cpp - the system version from the version file and from the running kernel.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <QXFoundation/QXSystemVersion.h>
 
@@ -15,12 +16,10 @@ namespace {
 
 std::string fixture(const char* name) { return std::string(QX_TESTDATA_DIR) + "/" + name; }
 
-struct Version {
-    std::int64_t major = -1, minor = -1, patch = -1;
-};
+using Version = std::vector<std::int64_t>;  // major, minor, patch
 Version systemVersion() {
-    Version v;
-    QXGetSystemVersion(&v.major, &v.minor, &v.patch);
+    Version v{-1, -1, -1};
+    QXGetSystemVersion(&v[0], &v[1], &v[2]);
     return v;
 }
 
@@ -51,9 +50,8 @@ TEST_F(SystemVersionFile, TwoAndThreePartVersions) {
         use(c.file);
         std::int64_t patch = -1;
         QXGetSystemVersion(nullptr, nullptr, &patch);  // each output may be left out
-        const auto v = systemVersion();
-        EXPECT_EQ(std::vector<std::int64_t>({v.major, v.minor, v.patch, patch}),
-                  std::vector<std::int64_t>({c.major, c.minor, c.patch, c.patch}));
+        EXPECT_EQ(systemVersion(), (Version{c.major, c.minor, c.patch}));
+        EXPECT_EQ(patch, c.patch);
         EXPECT_EQ(QXGetSystemVersionString()->utf8(), c.text);
         // Each part decides only when the ones before it are equal.
         EXPECT_TRUE(QXSystemVersionIsAtLeast(c.major, c.minor, c.patch) && QXSystemVersionIsAtLeast(c.major, c.minor - 1, 99) &&
@@ -65,13 +63,12 @@ TEST_F(SystemVersionFile, TwoAndThreePartVersions) {
 
 TEST_F(SystemVersionFile, ReadOnceUntilReset) {
     use("good-SystemVersion-10.9.plist");
-    EXPECT_EQ(systemVersion().minor, 9);
+    EXPECT_EQ(systemVersion()[1], 9);
     // Another file is not read while the first answer stands.
     QXSystemVersionSetLegacyPlistPath(fixture("good-SystemVersion-10.8.5.plist"));
     EXPECT_EQ(QXGetSystemVersionString()->utf8(), "10.9");
-    QXSystemVersionSetLegacyPlistPath(fixture("good-SystemVersion-10.8.5.plist"));
     QXSystemVersionResetLegacyState();
-    EXPECT_EQ(systemVersion().patch, 5);
+    EXPECT_EQ(systemVersion()[2], 5);
 }
 
 TEST_F(SystemVersionFileDeathTest, FewerThanTwoPartsOrAnUnreadableFileStopsTheProcess) {
@@ -86,10 +83,9 @@ TEST(SystemVersionKernel, AnswersFromTheRunningSystem) {
     ASSERT_EQ(::uname(&u), 0);
     const auto expected = ProcessInfo::versionFromReleaseString(u.release);
     const auto v = systemVersion();
-    EXPECT_EQ(std::vector<std::int64_t>({v.major, v.minor, v.patch}),
-              std::vector<std::int64_t>({expected.majorVersion, expected.minorVersion, expected.patchVersion}));
+    EXPECT_EQ(v, (Version{expected.majorVersion, expected.minorVersion, expected.patchVersion}));
     EXPECT_EQ(QXGetSystemVersionString()->utf8(), std::string(u.sysname) + " " + u.release);
-    EXPECT_TRUE(QXSystemVersionIsAtLeast(v.major, v.minor, v.patch) && !QXSystemVersionIsAtLeast(v.major, v.minor, v.patch + 1));
+    EXPECT_TRUE(QXSystemVersionIsAtLeast(v[0], v[1], v[2]) && !QXSystemVersionIsAtLeast(v[0], v[1], v[2] + 1));
 }
 
 TEST(SystemVersionKernel, ReleaseStringsParse) {

@@ -1,17 +1,18 @@
-// PlatformRuntimeTests.cpp - notification centre, run loops and main-thread dispatch.
-#include <gtest/gtest.h>
+// PlatformRuntimeTests.cpp - notification centre, run loops and their sources, main-thread dispatch.
+
+#include "TestSupport.h"
 
 #include <qx/NotificationCenter.h>
 #include <qx/RunLoop.h>
+#include <qx/RunLoopSource.h>
+#include <qx/Semaphore.h>
 
-#include <atomic>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 using namespace qx;
 using namespace std::chrono_literals;
 using Strings = std::vector<std::string>;
+using Result = RunLoop::RunResult;
 
 namespace {
 
@@ -30,14 +31,11 @@ template <class Pred> void runMainUntil(Pred done) {
     ASSERT_TRUE(done()) << "the main run loop never got the work";
 }
 
-// Runs body on a new thread, with that thread's own run loop.
 template <class Body> void onOwnLoop(Body body) {
     std::thread([body] { body(RunLoop::current(), RunLoop::Clock::now() - 1s); }).join();
 }
 
 } // namespace
-
-// --- Notification centre --------------------------------------------------
 
 TEST(PlatformNotificationCenter, MatchesByNameAndSender) {
     auto center = freshCenter();
@@ -114,8 +112,6 @@ TEST(PlatformNotificationCenter, CallbacksMayAddAndRemoveObservers) {
     center->removeObserver(0);
 }
 
-// --- Run loops -------------------------------------------------------------
-
 TEST(PlatformRunLoop, RunsOnlyWorkOfTheModeInQueueOrder) {
     onOwnLoop([](Ref<RunLoop> loop, auto past) {
         Strings ran;
@@ -126,25 +122,25 @@ TEST(PlatformRunLoop, RunsOnlyWorkOfTheModeInQueueOrder) {
         loop->performBlock("B", [&] { ran.push_back("B1"); });
         loop->performBlock(Strings{"A", "B"}, [&] { ran.push_back("AB"); });
         loop->performBlock("A", [&] { ran.push_back("A2"); });
-        EXPECT_EQ(loop->runMode("B", past), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("B", past), Result::Handled);
         EXPECT_EQ(ran, (Strings{"B1", "AB"}));
-        EXPECT_EQ(loop->runMode("A", past), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("A", past), Result::Handled);
         EXPECT_EQ(ran, (Strings{"B1", "AB", "A1", "A2"}));
-        EXPECT_EQ(loop->runMode("A", past), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("A", past), Result::Handled);
         EXPECT_EQ(ran.back(), "A3");
         // Each block ran once: nothing is left in either mode.
-        EXPECT_EQ(loop->runMode("A", past), RunLoop::RunResult::TimedOut);
-        EXPECT_EQ(loop->runMode("B", past), RunLoop::RunResult::TimedOut);
+        EXPECT_EQ(loop->runMode("A", past), Result::TimedOut);
+        EXPECT_EQ(loop->runMode("B", past), Result::TimedOut);
 
         // Common modes are resolved when the loop runs, not when work is queued.
         int common = 0;
         loop->performBlock(RunLoop::CommonModes, [&] { ++common; });
-        EXPECT_EQ(loop->runMode("Private", past), RunLoop::RunResult::TimedOut);
+        EXPECT_EQ(loop->runMode("Private", past), Result::TimedOut);
         loop->addCommonMode("Private");
         EXPECT_TRUE(loop->commonModes().count("Private") && loop->commonModes().count(RunLoop::DefaultMode));
-        EXPECT_EQ(loop->runMode("Private", past), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("Private", past), Result::Handled);
         loop->performBlock(RunLoop::CommonModes, [&] { ++common; });
-        EXPECT_EQ(loop->runMode(RunLoop::DefaultMode, past), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode(RunLoop::DefaultMode, past), Result::Handled);
         EXPECT_EQ(common, 2);
     });
 }
@@ -154,26 +150,26 @@ TEST(PlatformRunLoop, WaitsEndWithWorkDeadlineWakeUpOrStop) {
         // No deadline: only the producer's block can end this wait.
         std::atomic<bool> ran{false};
         std::thread producer([&] { loop->performBlock("M", [&] { ran = true; }); });
-        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), Result::Handled);
         EXPECT_TRUE(ran.load());
         producer.join();
 
         // Work in another mode does not end the wait early.
         loop->performBlock("Other", [] {});
         const auto start = RunLoop::Clock::now();
-        EXPECT_EQ(loop->runMode("M", 50ms), RunLoop::RunResult::TimedOut);
+        EXPECT_EQ(loop->runMode("M", 50ms), Result::TimedOut);
         EXPECT_GE(RunLoop::Clock::now() - start, 50ms);
-        EXPECT_EQ(loop->runMode("Other", 0s), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("Other", 0s), Result::Handled);
 
         // A wake-up before the run ends the next run at once, and only once.
         loop->wakeUp();
-        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Finished);
-        EXPECT_EQ(loop->runMode("M", 0s), RunLoop::RunResult::TimedOut);
+        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), Result::Finished);
+        EXPECT_EQ(loop->runMode("M", 0s), Result::TimedOut);
         std::thread waker([loop] { loop->wakeUp(); });
-        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Finished);
+        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), Result::Finished);
         waker.join();
         std::thread stopper([loop] { loop->stop(); });
-        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), RunLoop::RunResult::Stopped);
+        EXPECT_EQ(loop->runMode("M", RunLoop::distantFuture()), Result::Stopped);
         stopper.join();
     });
 }
@@ -185,12 +181,132 @@ TEST(PlatformRunLoop, ThrowingBlockKeepsTheRestQueued) {
         loop->performBlock("M", [&] { ++after; });
         EXPECT_THROW(loop->runMode("M", 0s), std::runtime_error);
         EXPECT_EQ(after, 0);
-        EXPECT_EQ(loop->runMode("M", 0s), RunLoop::RunResult::Handled);
+        EXPECT_EQ(loop->runMode("M", 0s), Result::Handled);
         EXPECT_EQ(after, 1);
     });
 }
 
-// --- Main-thread dispatch --------------------------------------------------
+TEST(RunLoopSource, SignalsCoalesceAndASignalDuringThePerformCountsAgain) {
+    onOwnLoop([](Ref<RunLoop> loop, auto past) {
+        int fired = 0;
+        Ref<RunLoopSource> source = RunLoopSource::create([&] {
+            if (++fired == 2) source->signal();  // re-marked for the next pass, not this one
+        });
+        loop->addSource(source, "M");
+        loop->addSource(source, "M");  // harmless twice
+        for (int i = 0; i < 5; ++i) source->signal();
+        EXPECT_EQ(loop->runMode("M", past), Result::Handled);
+        EXPECT_EQ(fired, 1);
+        EXPECT_EQ(loop->runMode("M", past), Result::TimedOut);
+
+        source->signal();
+        EXPECT_EQ(loop->runMode("M", past), Result::Handled);
+        EXPECT_EQ(fired, 2);
+        EXPECT_EQ(loop->runMode("M", past), Result::Handled);
+        EXPECT_EQ(fired, 3);
+        EXPECT_EQ(loop->runMode("M", past), Result::TimedOut);
+        source->invalidate();  // breaks the source -> closure -> source cycle
+    });
+}
+
+TEST(RunLoopSource, FiresOnlyInItsModesUntilRemovedOrInvalidated) {
+    onOwnLoop([](Ref<RunLoop> loop, auto past) {
+        int fired = 0;
+        auto source = RunLoopSource::create([&] { ++fired; });
+        loop->addSource(source, "A");
+        loop->addSource(source, "B");
+        source->signal();
+        EXPECT_EQ(loop->runMode("C", past), Result::TimedOut);
+        EXPECT_TRUE(fired == 0 && source->isSignalled());
+        loop->removeSource(source, "A");
+        EXPECT_FALSE(loop->containsSource(source, "A"));
+        EXPECT_EQ(loop->runMode("A", past), Result::TimedOut);
+        EXPECT_EQ(loop->runMode("B", past), Result::Handled);
+        EXPECT_TRUE(fired == 1 && !source->isSignalled());
+
+        // A pending signal dies with the source.
+        std::promise<Ref<RunLoop>> otherLoop;
+        std::promise<void> release;
+        std::thread other([&] {
+            otherLoop.set_value(RunLoop::current());
+            release.get_future().wait();
+        });
+        auto second = otherLoop.get_future().get();
+        second->addSource(source, "B");
+        source->signal();
+        source->invalidate();
+        EXPECT_FALSE(source->isValid() || loop->containsSource(source, "B") || second->containsSource(source, "B"));
+        EXPECT_EQ(loop->runMode("B", past), Result::TimedOut);
+        loop->addSource(source, "B");  // an invalid source is not taken
+        EXPECT_FALSE(loop->containsSource(source, "B"));
+        source->signal();
+        EXPECT_EQ(loop->runMode("B", past), Result::TimedOut);
+        EXPECT_EQ(fired, 1);
+        release.set_value();
+        other.join();
+    });
+}
+
+TEST(RunLoopSource, ASignalFromAnotherThreadWakesAWaitingLoop) {
+    // Ping-pong: each round the loop waits with no useful deadline and must
+    // be woken by the other thread's signal; a lost wake-up hangs the round
+    // until the generous deadline and shows as TimedOut.
+    onOwnLoop([](Ref<RunLoop> loop, auto) {
+        constexpr int rounds = 2000;
+        auto pong = Semaphore::create();
+        int fired = 0;
+        auto source = RunLoopSource::create([&] {
+            ++fired;
+            pong->signal();
+        });
+        loop->addSource(source, "M");
+        std::thread signaller([&] {
+            for (int i = 0; i < rounds; ++i) {
+                source->signal();
+                pong->wait();
+            }
+        });
+        int handled = 0;
+        while (fired < rounds) {
+            if (loop->runMode("M", 60s) != Result::Handled) break;
+            ++handled;
+        }
+        signaller.join();
+        EXPECT_EQ(fired, rounds);
+        EXPECT_EQ(handled, rounds);
+    });
+}
+
+TEST(RunLoopSource, EachSignalIsHandledByExactlyOneOfSeveralLoops) {
+    constexpr int signals = 1000;
+    std::atomic<int> fired{0};
+    std::atomic<bool> done{false};
+    auto handledOne = Semaphore::create();
+    auto source = RunLoopSource::create([&] {
+        fired.fetch_add(1);
+        handledOne->signal();
+    });
+    auto ready = Semaphore::create();
+    std::vector<std::thread> runners;
+    std::vector<Ref<RunLoop>> loops(3);
+    for (auto& loop : loops)
+        runners.emplace_back([&] {
+            loop = RunLoop::current();
+            loop->addSource(source, RunLoop::DefaultMode);
+            ready->signal();
+            while (!done.load()) loop->runMode(RunLoop::DefaultMode, RunLoop::distantFuture());
+        });
+    for (int i = 0; i < 3; ++i) ready->wait();
+    for (int i = 0; i < signals; ++i) {
+        source->signal();
+        handledOne->wait();
+    }
+    done.store(true);
+    for (const auto& loop : loops) loop->wakeUp();
+    for (auto& t : runners) t.join();
+    EXPECT_EQ(fired.load(), signals);
+    source->invalidate();
+}
 
 TEST(PlatformDispatch, SyncMainRunsDirectlyOnMainOtherwiseWaitsForTheMainLoopAndRethrows) {
     int direct = 0;

@@ -1,15 +1,13 @@
-// Child processes over real pipes and pseudo-terminals: exit statuses and
-// signals, merged streams, environment, the controlling terminal and a
-// question answered on it.
+// Descriptors: file handles over real files and pipes, polling, and child processes over
+// pipes and pseudo-terminals (exit statuses and signals, merged streams, environment, the
+// controlling terminal and a question answered on it).
 #include "TestSupport.h"
 
+#include <qx/FileHandle.h>
 #include <qx/Poll.h>
 #include <qx/Process.h>
 
 #include <signal.h>
-
-#include <chrono>
-#include <thread>
 
 using namespace qx;
 using namespace std::chrono_literals;
@@ -33,14 +31,12 @@ std::string readTerminalUntil(const Ref<FileHandle>& terminal, const std::string
 
 Ref<Process> shell(const std::string& script) { return Process::create("/bin/sh", {"-c", script}); }
 
-// Launches the process, waits for it and gives its status.
 int finish(const Ref<Process>& p) {
     EXPECT_TRUE(p->launch());
     p->waitUntilExit();
     return p->terminationStatus();
 }
 
-// Launches the process with its output on a pipe and reads that to the end.
 std::string output(const Ref<Process>& p) {
     p->setStandardOutput(Process::Stdio::Pipe);
     EXPECT_TRUE(p->launch());
@@ -129,7 +125,6 @@ TEST(Process, AQuestionOnTheTerminalIsAnsweredThereWhileOutputGoesToAPipe) {
 TEST(PollDescriptor, ReadyForDataAndEndTimedOutOtherwiseFailedForBadDescriptors) {
     qxtest::Pipe pipe;
     EXPECT_EQ(pollDescriptor(pipe.reader(), 0ms), PollResult::TimedOut);
-    EXPECT_EQ(pollDescriptor(pipe.reader(), 5ms), PollResult::TimedOut);
     pipe.write("x");
     EXPECT_EQ(pollDescriptor(pipe.reader(), -1ms), PollResult::Ready);
     char c;
@@ -140,4 +135,50 @@ TEST(PollDescriptor, ReadyForDataAndEndTimedOutOtherwiseFailedForBadDescriptors)
     pipe.closeReader();
     EXPECT_EQ(pollDescriptor(closed, 0ms), PollResult::Failed);
     EXPECT_EQ(pollDescriptor(-1, 0ms), PollResult::Failed);
+}
+
+TEST(FileHandle, ReadsWritesAndPositionsAFile) {
+    qxtest::TempDir dir;
+    auto h = FileHandle::fileHandleForUpdatingAtPath(dir.file("a", "0123456789"));
+    ASSERT_TRUE(h);
+    EXPECT_EQ(toString(h->readDataOfLength(4)), "0123");
+    EXPECT_EQ(h->offsetInFile(), 4u);
+    EXPECT_EQ(toString(h->availableData()), "456789");  // the rest of a regular file
+    EXPECT_EQ(toString(h->readDataOfLength(5)), "");    // at the end
+    h->seekToFileOffset(8);
+    h->writeData(*Data::withString("ABCD"));
+    EXPECT_EQ(h->seekToEndOfFile(), 12u);
+    h->truncateFileAtOffset(3);
+    EXPECT_EQ(h->offsetInFile(), 3u);
+    h->synchronizeFile();
+    h->seekToFileOffset(0);
+    EXPECT_EQ(toString(h->readDataToEndOfFile()), "012");
+    h->closeFile();
+    EXPECT_EQ(h->fileDescriptor(), -1);
+    h->closeFile();  // twice is harmless
+}
+
+TEST(FileHandle, FailuresThrowTheNamedExceptionWithTheSystemText) {
+    qxtest::TempDir dir;
+    const auto path = dir.file("ro", "data");
+    qxtest::Pipe pipe, readerGone;
+    readerGone.closeReader();  // writing must throw, not end the process
+    const std::vector<std::pair<std::function<void()>, const char*>> cases = {
+        {[&] { auto h = FileHandle::fileHandleForReadingAtPath(path); h->closeFile(); h->readDataOfLength(1); }, "readDataOfLength:]: Bad file descriptor"},
+        {[&] { FileHandle::fileHandleForReadingAtPath(path)->writeData(*Data::withString("x")); }, "writeData:]: Bad file descriptor"},
+        {[&] { FileHandle::initWithFileDescriptor(1 << 20)->availableData(); }, "availableData]: Bad file descriptor"},
+        {[&] { FileHandle::initWithFileDescriptor(pipe.reader(), false)->offsetInFile(); }, "offsetInFile]: Illegal seek"},
+        {[&] { FileHandle::initWithFileDescriptor(pipe.writer(), false)->truncateFileAtOffset(0); }, "truncateFileAtOffset:]: Invalid argument"},
+        {[&] { FileHandle::initWithFileDescriptor(readerGone.writer(), false)->writeData(*Data::withString("lost")); }, "writeData:]: Broken pipe"},
+    };
+    for (const auto& [run, reason] : cases) {
+        SCOPED_TRACE(reason);
+        try {
+            run();
+            ADD_FAILURE() << "no exception";
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.name(), Exception::FileHandleOperationException);
+            EXPECT_NE(e.description().find(reason), std::string::npos) << e.description();
+        }
+    }
 }

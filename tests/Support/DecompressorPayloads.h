@@ -4,17 +4,9 @@
 
 #include "TestSupport.h"
 
-#include <qx/Data.h>
-
-#include <gtest/gtest.h>
-
 #include <bzlib.h>
 #include <lzma.h>
 #include <zlib.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <vector>
 
 namespace decompressorpayloads {
 

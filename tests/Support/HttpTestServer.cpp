@@ -1,15 +1,11 @@
 // HttpTestServer.cpp - the test server on cpp-httplib.
+
+#include "TestSupport.h"
 #include "HttpTestServer.h"
 
 #include <httplib.h>
 
-#include <algorithm>
-#include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <strings.h>
-#include <thread>
-#include <tuple>
 
 struct HttpTestServer::Impl {
     httplib::Server server;

@@ -3,11 +3,7 @@
 // and records every request with its header fields. Any other path is the server library's plain 404.
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include "TestSupport.h"
 
 class HttpTestServer {
 public:

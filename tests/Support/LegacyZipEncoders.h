@@ -3,10 +3,10 @@
 // variant, long runs, a full 13-bit code table), for round trips.
 #pragma once
 
+#include "TestSupport.h"
+
 #include <cstddef>
-#include <cstdint>
 #include <unordered_map>
-#include <vector>
 
 namespace legacyzip {
 

@@ -1,41 +1,29 @@
 // LegacyZipFixtures.cpp - the real shrink and implode streams under tests/fixtures/zip.
 #include "LegacyZipFixtures.h"
 
-#include "JsonValue.h"
+#include "TestSupport.h"
+
+#include <nlohmann/json.hpp>
 
 #include <nettle/sha2.h>
 
-#include <fstream>
-#include <iterator>
-
 namespace fs = std::filesystem;
+using nlohmann::json;
+using qxtest::readBytes;
 
 namespace legacyzip {
 
 namespace {
 
-std::string jsonString(const JsonValue& object, const char* key) {
-    const JsonValue* v = object.member(key);
-    return v && v->kind == JsonValue::Kind::String ? v->text : std::string();
-}
+json readJson(const fs::path& path) { return json::parse(qxtest::readFile(path), nullptr, false); }
 
-std::uint64_t jsonInteger(const JsonValue& object, const char* key) {
-    const JsonValue* v = object.member(key);
-    return v && v->isInteger() ? v->low64() : 0;
-}
-
-std::optional<JsonValue> readJson(const fs::path& path) {
-    const auto bytes = readBytes(path);
-    return JsonValue::parse(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-}
-
-FixtureStream describe(const JsonValue& entry) {
+FixtureStream describe(const json& entry) {
     FixtureStream s;
-    s.name = jsonString(entry, "name");
-    s.method = static_cast<int>(jsonInteger(entry, "method"));
-    s.flags = static_cast<unsigned>(jsonInteger(entry, "flags"));
-    s.uncompressedSize = jsonInteger(entry, "uncompressed_size");
-    if (const JsonValue* stats = entry.member("shrink_stats")) s.orphans = jsonInteger(*stats, "orphans");
+    s.name = entry.value("name", "");
+    s.method = entry.value("method", 0);
+    s.flags = entry.value("flags", 0u);
+    s.uncompressedSize = entry.value("uncompressed_size", std::uint64_t{0});
+    if (entry.contains("shrink_stats")) s.orphans = entry["shrink_stats"].value("orphans", std::uint64_t{0});
     return s;
 }
 
@@ -44,11 +32,6 @@ FixtureStream describe(const JsonValue& entry) {
 const fs::path& fixtureRoot() {
     static const fs::path root = fs::path(QX_TESTDATA_DIR) / "zip";
     return root;
-}
-
-std::vector<std::uint8_t> readBytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::string sha256Hex(const std::uint8_t* bytes, std::size_t length) {
@@ -68,38 +51,33 @@ std::string sha256Hex(const std::uint8_t* bytes, std::size_t length) {
 
 std::vector<FixtureStream> fixtureStreams(int method) {
     std::vector<FixtureStream> streams;
-    const auto top = readJson(fixtureRoot() / "manifest.json");
-    if (!top) return streams;
-    if (const JsonValue* archives = top->member("archives")) {
-        for (const auto& archive : archives->items) {
-            const fs::path dir = fixtureRoot() / jsonString(archive, "entries_dir");
-            const fs::path archivePath = fixtureRoot() / jsonString(archive, "archive");
-            const auto manifest = readJson(dir / "manifest.json");
-            if (!manifest || !manifest->member("entries")) return {};
-            const auto archiveBytes = readBytes(archivePath);
-            for (const auto& entry : manifest->member("entries")->items) {
-                if (static_cast<int>(jsonInteger(entry, "method")) != method) continue;
-                FixtureStream s = describe(entry);
-                s.label = archivePath.filename().string() + ":" + s.name;
-                const std::uint64_t offset = jsonInteger(entry, "data_offset");
-                const std::uint64_t size = jsonInteger(entry, "compressed_size");
-                if (offset > archiveBytes.size() || size > archiveBytes.size() - offset) return {};
-                s.compressed.assign(archiveBytes.begin() + static_cast<std::ptrdiff_t>(offset),
-                                    archiveBytes.begin() + static_cast<std::ptrdiff_t>(offset + size));
-                s.expectedSha256 = jsonString(entry, "expected_sha256");
-                streams.push_back(std::move(s));
-            }
-        }
-    }
-    if (const JsonValue* raws = top->member("raw_streams")) {
-        for (const auto& raw : raws->items) {
-            if (static_cast<int>(jsonInteger(raw, "method")) != method) continue;
-            FixtureStream s = describe(raw);
-            s.label = jsonString(raw, "raw");
-            s.compressed = readBytes(fixtureRoot() / jsonString(raw, "raw"));
-            s.expectedSha256 = sha256Hex(readBytes(fixtureRoot() / jsonString(raw, "expected")));
+    const json top = readJson(fixtureRoot() / "manifest.json");
+    if (!top.is_object()) return streams;
+    for (const auto& archive : top.value("archives", json::array())) {
+        const fs::path dir = fixtureRoot() / archive.value("entries_dir", "");
+        const fs::path archivePath = fixtureRoot() / archive.value("archive", "");
+        const json manifest = readJson(dir / "manifest.json");
+        if (!manifest.contains("entries")) return {};
+        const auto archiveBytes = readBytes(archivePath);
+        for (const auto& entry : manifest["entries"]) {
+            if (entry.value("method", -1) != method) continue;
+            FixtureStream s = describe(entry);
+            s.label = archivePath.filename().string() + ":" + s.name;
+            const auto offset = entry.value("data_offset", std::uint64_t{0}), size = entry.value("compressed_size", std::uint64_t{0});
+            if (offset > archiveBytes.size() || size > archiveBytes.size() - offset) return {};
+            s.compressed.assign(archiveBytes.begin() + static_cast<std::ptrdiff_t>(offset),
+                                archiveBytes.begin() + static_cast<std::ptrdiff_t>(offset + size));
+            s.expectedSha256 = entry.value("expected_sha256", "");
             streams.push_back(std::move(s));
         }
+    }
+    for (const auto& raw : top.value("raw_streams", json::array())) {
+        if (raw.value("method", -1) != method) continue;
+        FixtureStream s = describe(raw);
+        s.label = raw.value("raw", "");
+        s.compressed = readBytes(fixtureRoot() / s.label);
+        s.expectedSha256 = sha256Hex(readBytes(fixtureRoot() / raw.value("expected", "")));
+        streams.push_back(std::move(s));
     }
     return streams;
 }

@@ -6,16 +6,7 @@
 // memory hooks that refuse one allocation, shared by the decoders' tests.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstdlib>
-#include <functional>
-#include <memory>
-#include <random>
-#include <filesystem>
-#include <string>
-#include <vector>
+#include "TestSupport.h"
 
 namespace legacyzip {
 
@@ -33,7 +24,7 @@ struct FixtureStream {
 const std::filesystem::path& fixtureRoot();
 /// Every stream of the given method, archive entries first; empty on a broken fixture tree.
 std::vector<FixtureStream> fixtureStreams(int method);
-std::vector<std::uint8_t> readBytes(const std::filesystem::path& path);
+using qxtest::readBytes;
 std::string sha256Hex(const std::uint8_t* bytes, std::size_t length);
 inline std::string sha256Hex(const std::vector<std::uint8_t>& bytes) { return sha256Hex(bytes.data(), bytes.size()); }
 

@@ -1,15 +1,14 @@
 // PlistFixtures.cpp - the property-list fixtures and shared helpers.
 #include "PlistFixtures.h"
 
-#include "JsonValue.h"
 #include "TestSupport.h"
+
+#include <nlohmann/json.hpp>
 
 #include <qx/Array.h>
 #include <qx/Dictionary.h>
 #include <qx/String.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <ctime>
 
 using namespace qx;
@@ -58,14 +57,12 @@ bool FixtureEntry::hasIssue(std::string_view text) const {
 
 std::vector<FixtureEntry> fixtures(std::string_view format) {
     std::vector<FixtureEntry> out;
-    auto index = JsonValue::parse(readFile(QX_PLIST_TESTDATA_DIR "/index.json"));
-    if (!index) return out;
-    for (const auto& f : index->member("files")->items) {
-        if (f.member("format")->text != format) continue;
-        FixtureEntry e{f.member("file")->text, f.member("format")->text, f.member("status")->text, {}};
-        if (auto issues = f.member("strict_reader_issues"))
-            for (const auto& i : issues->items) e.issues.push_back(i.text);
-        out.push_back(std::move(e));
+    const auto index = nlohmann::json::parse(readFile(QX_PLIST_TESTDATA_DIR "/index.json"), nullptr, false);
+    if (!index.contains("files")) return out;
+    for (const auto& f : index["files"]) {
+        if (f.value("format", "") != format) continue;
+        out.push_back({f.value("file", ""), f.value("format", ""), f.value("status", ""),
+                       f.value("strict_reader_issues", std::vector<std::string>{})});
     }
     return out;
 }

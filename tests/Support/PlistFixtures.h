@@ -2,15 +2,9 @@
 // property-list tests share.
 #pragma once
 
-#include <qx/Data.h>
-#include <qx/Dictionary.h>
+#include "TestSupport.h"
 
-#include <initializer_list>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
+#include <qx/Dictionary.h>
 
 namespace plisttest {
 

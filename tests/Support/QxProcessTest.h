@@ -4,10 +4,6 @@
 
 #include "TestSupport.h"
 
-#include <cstdlib>
-#include <string>
-#include <vector>
-
 #include <sys/wait.h>
 
 namespace qxtest {

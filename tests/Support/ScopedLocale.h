@@ -1,6 +1,8 @@
 // ScopedLocale.h - sets ICU's default locale for one test and puts the old one back.
 #pragma once
 
+#include "TestSupport.h"
+
 #include <unicode/locid.h>
 
 struct ScopedLocale {

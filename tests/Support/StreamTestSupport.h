@@ -7,13 +7,6 @@
 #include <qx/RunLoop.h>
 #include <qx/Stream.h>
 
-#include <chrono>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
 namespace streamtest {
 
 constexpr const char* kMode = "com.tovarik.test.StreamMode";

@@ -12,8 +12,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -21,14 +24,21 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <initializer_list>
 #include <iterator>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace qxtest {

@@ -1,5 +1,6 @@
 // main.cpp - the test runner.
-#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);

@@ -1,4 +1,6 @@
 // QxCodecToolTests.cpp - `qx checksum` and `qx zip`, run as child processes.
+
+#include "TestSupport.h"
 #include "DecompressorPayloads.h"
 #include "LegacyZipFixtures.h"
 #include "QxProcessTest.h"

@@ -1,5 +1,7 @@
 // QxDecompressCommandTests.cpp - `qx decompress` and `qx detect`, run as child processes: the
 // routes in and out, where the tool itself decides the format, and what a failure leaves behind.
+
+#include "TestSupport.h"
 #include "DecompressorPayloads.h"
 #include "HttpTestServer.h"
 #include "LegacyZipFixtures.h"
@@ -8,10 +10,7 @@
 #include <qx/FileHandle.h>
 #include <qx/Process.h>
 
-#include <chrono>
 #include <csignal>
-#include <map>
-#include <thread>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;

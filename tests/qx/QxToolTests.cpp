@@ -1,12 +1,10 @@
 // QxToolTests.cpp - `qx plist` and `qx hexdump`, run as child processes: how the program
 // reads, writes and reports (what the reader makes of a property list is the library's business).
+
+#include "TestSupport.h"
 #include "QxProcessTest.h"
 
 #include <QXFoundation/QXPropertyListSerialization.h>
-
-#include <cerrno>
-#include <cstring>
-#include <thread>
 
 namespace fs = std::filesystem;
 using PLS = QXPropertyListSerialization;

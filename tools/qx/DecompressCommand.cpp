@@ -132,6 +132,7 @@ struct Transfer {
     std::mutex mutex;
     std::condition_variable changed;
     bool over = false;                       // guarded by mutex
+    bool released = false;                   // guarded: the run has let go of its handler, and of the source
     qx::Ref<qx::Error> decodingError;        // guarded
     qx::Ref<qx::Error> writeError;           // guarded
     qx::Ref<qx::Data> decompressedChecksum;  // guarded
@@ -154,7 +155,14 @@ struct Transfer {
 };
 
 QXDecompressor::Handler makeHandler(const std::shared_ptr<Transfer>& transfer) {
-    return [transfer](const qx::Ref<qx::Data>& output, std::uint64_t compressedTotal, std::uint64_t decompressedTotal, bool finished,
+    // The last copy of the handler goes only when the run is wholly over; until
+    // then its reading may still use the source handle.
+    std::shared_ptr<void> release(nullptr, [transfer](void*) {
+        std::lock_guard<std::mutex> lock(transfer->mutex);
+        transfer->released = true;
+        transfer->changed.notify_all();
+    });
+    return [transfer, release](const qx::Ref<qx::Data>& output, std::uint64_t compressedTotal, std::uint64_t decompressedTotal, bool finished,
                       const qx::Ref<qx::Data>&, const qx::Ref<qx::Data>& decompressedChecksum, const qx::Ref<qx::Error>& error) {
         std::lock_guard<std::mutex> lock(transfer->mutex);
         if (transfer->over) return false;
@@ -255,7 +263,13 @@ int runDecompress(const DecompressOptions& options) {
                                                chained ? QXChecksumAlgorithmNone : options.checksum, makeHandler(transfer));
 
     std::unique_lock<std::mutex> lock(transfer->mutex);
-    while (!transfer->over) {
+    // The trailer is read again through the source handle, which the run's
+    // reading may still be using after its last call: that waits for the run
+    // to let go of the handler.
+    const auto wanted = [&] {
+        return transfer->over && (transfer->released || !transfer->trailer.active() || transfer->decodingError || transfer->writeError);
+    };
+    while (!wanted()) {
         transfer->changed.wait_for(lock, kTick);
         if (gSignal.load() != 0) {
             // The driver may be blocked on a source that sends nothing: do not

@@ -3,6 +3,7 @@
 
 #include "Diagnostics.h"
 #include "FileIO.h"
+#include "PlistEditCommand.h"
 
 #include <QXFoundation/QXPropertyListSerialization.h>
 
@@ -81,7 +82,7 @@ int runConvert(const PlistOptions& options) {
 
     qx::Ref<qx::Error> error;
     const QXPropertyListFormat format = formatNames().at(options.format);
-    auto bytes = QXPropertyListSerialization::dataWithPropertyList(plist, format, &error);
+    auto bytes = serializeForWriting(plist, format, &error);
     if (!bytes) {
         return reportFailure(inputDisplayName(options.input),
                              "cannot be written in the " + options.format + " format: " + reasonFromError(error));
@@ -108,7 +109,7 @@ int guarded(const std::string& input, int (*action)(const PlistOptions&), const 
 } // namespace
 
 void addPlistCommand(CLI::App& app, Action& selected) {
-    auto* plist = app.add_subcommand("plist", "Print and convert property lists");
+    auto* plist = app.add_subcommand("plist", "Print, convert, search and edit property lists");
     plist->require_subcommand(1);
 
     auto options = std::make_shared<PlistOptions>();
@@ -131,6 +132,8 @@ void addPlistCommand(CLI::App& app, Action& selected) {
     convert->callback([&selected, options] {
         selected = [options] { return guarded(options->input, runConvert, *options); };
     });
+
+    addPlistEditCommands(*plist, selected);
 }
 
 } // namespace qxtool

@@ -47,6 +47,7 @@ public:
     };
 
     using Token = std::uint64_t;
+    using DependentsTable = std::map<std::string, std::vector<std::string>>;
     using Observer = std::function<void(Observable& object, const std::string& key, const Change& change)>;
 
     /// Observes key; returns a token for removeObserver (never 0).
@@ -69,6 +70,12 @@ public:
     std::string className() const override { return "Observable"; }
 
 protected:
+    /// Dependencies a whole class declares once (key -> the keys that depend
+    /// on it), consulted before the object's own declarations. A class with
+    /// many small instances returns one shared table here instead of having
+    /// every instance repeat setKeysAffectingKey.
+    virtual const DependentsTable* classDependents() const { return nullptr; }
+
     Observable() = default;
     Observable(const Observable&) : Object() {}  // a copy starts with no observers
 
@@ -85,7 +92,7 @@ private:
 
     mutable std::mutex mutex_;
     std::vector<Entry> observers_;                                  // in order added
-    std::map<std::string, std::vector<std::string>> dependents_;    // key -> keys depending on it
+    DependentsTable dependents_;                                    // key -> keys depending on it
     Token nextToken_ = 1;
 };
 

@@ -1,0 +1,273 @@
+// QXPropertyListValues.cpp - type codes and names, values, text forms and the
+// conversions a node makes when its type changes.
+#include <QXFoundation/QXPropertyList.h>
+
+#include <QXFoundation/QXUIDPropertyList.h>
+
+#include "Internal/QXFoundationPrivate.h"
+
+#include <qx/Date.h>
+#include <qx/Format.h>
+
+#include <array>
+
+namespace {
+
+constexpr std::array<const char*, 7> kTypeNames = {"String", "Number", "Boolean", "Array", "Dictionary", "Data", "Date"};
+
+bool isBooleanNumber(const qx::Ref<qx::Object>& value) {
+    auto n = qx::dyn_cast<qx::Number>(value);
+    return n && n->isBoolean();
+}
+
+QXPropertyListType typeCodeOfValue(const qx::Ref<qx::Object>& value) {
+    if (qx::dyn_cast<qx::String>(value)) return QXPropertyListStringType;
+    if (qx::dyn_cast<qx::Data>(value)) return QXPropertyListDataType;
+    if (qx::dyn_cast<qx::Date>(value)) return QXPropertyListDateType;
+    if (isBooleanNumber(value)) return QXPropertyListBooleanType;
+    if (qx::dyn_cast<qx::Number>(value)) return QXPropertyListNumberType;
+    if (qx::dyn_cast<qx::Array>(value)) return QXPropertyListArrayType;
+    if (qx::dyn_cast<qx::Dictionary>(value)) return QXPropertyListDictionaryType;
+    return QXPropertyListUnknownType;
+}
+
+} // namespace
+
+// --- Type codes and names ---------------------------------------------------------------------
+
+qx::Ref<qx::String> QXPropertyList::type() const {
+    if (_privateTypeCode >= 1 && _privateTypeCode <= 7)
+        return QXFLocalizedString(kTypeNames[static_cast<std::size_t>(_privateTypeCode - 1)]);
+    return objectTypeFromClassName();
+}
+
+void QXPropertyList::setType(const qx::Ref<qx::String>& type) {
+    static constexpr std::array<std::pair<const char*, QXPropertyListType>, 6> names = {{
+        {"String", QXPropertyListStringType},
+        {"Number", QXPropertyListNumberType},
+        {"Boolean", QXPropertyListBooleanType},
+        {"Array", QXPropertyListArrayType},
+        {"Dictionary", QXPropertyListDictionaryType},
+        {"Date", QXPropertyListDateType},
+    }};
+    for (const auto& [name, code] : names)
+        if (qx::isEqual(type, QXFLocalizedString(name))) return setTypeCode(code);
+    setTypeCode(QXPropertyListDataType);
+}
+
+qx::Ref<qx::String> QXPropertyList::objectTypeFromClassName() const {
+    auto current = value();
+    if (!current) return nullptr;
+    static constexpr std::array<std::string_view, 6> prefixes = {"NS", "CF", "QX", "Big", "Concrete", "Mutable"};
+    std::string name = current->className();
+    for (bool stripped = true; stripped;) {
+        stripped = false;
+        for (std::string_view prefix : prefixes)
+            if (name.starts_with(prefix)) {
+                name.erase(0, prefix.size());
+                stripped = true;
+            }
+    }
+    return qx::str(name);
+}
+
+void QXPropertyList::setAppropriateTypeCode() {
+    const QXPropertyListType old = _privateTypeCode;
+    registerInverse([old](QXPropertyList& node) { node.privateSetTypeCode(old); });
+    announceWill("appropriateTypeCode");
+    _privateTypeCode = typeCodeOfValue(_privateValue);
+    announceDid("appropriateTypeCode");
+}
+
+void QXPropertyList::setTypeCode(QXPropertyListType typeCode) {
+    qx::Ref<qx::Object> converted;
+    switch (typeCode) {
+    case QXPropertyListStringType: converted = stringRepresentationForConversion(); break;
+    case QXPropertyListNumberType: converted = numberValue(); break;
+    case QXPropertyListBooleanType: converted = qx::Number::withBool(boolValue()); break;
+    case QXPropertyListDataType: converted = dataValue(); break;
+    case QXPropertyListDateType: converted = dateValue(); break;
+    default: break;
+    }
+    const auto told = children().value_or(Nodes{});
+    const auto tell = [&told](bool prior) {
+        for (const auto& child : told)
+            if (child) prior ? child->willChangeValueForKey("isKeyEditable") : child->didChangeValueForKey("isKeyEditable");
+    };
+    tell(true);
+    const bool wasContainer = isContainer();
+    privateSetValue(nullptr);
+    privateSetTypeCode(typeCode);
+    if (isContainer())
+        setChildren(wasContainer ? told : Nodes{});
+    else
+        setValue(converted);
+    tell(false);
+}
+
+// --- Values ----------------------------------------------------------------------------------------
+
+qx::Ref<qx::Object> QXPropertyList::value() const {
+    if (isContainer())
+        return qx::str(qx::format(QXFLocalizedString("%lu objects")->utf8().c_str(),
+                                  static_cast<unsigned long>(countOfChildren())));
+    return _privateValue;
+}
+
+void QXPropertyList::setValue(const qx::Ref<qx::Object>& value) {
+    if (isContainer()) return;
+    privateSetValue(value ? value->copy() : nullptr);
+    setAppropriateTypeCode();
+}
+
+qx::Ref<qx::String> QXPropertyList::stringRepresentationForConversion() const {
+    auto plain = unwrappedPropertyList();
+    if (qx::dyn_cast<qx::Array>(plain) || qx::dyn_cast<qx::Dictionary>(plain)) return QXFLocalizedString("NEW_OBJECT");
+    return QXPropertyListSerialization::stringRepresentationOfPropertyList(plain);
+}
+
+qx::Ref<qx::String> QXPropertyList::stringValue() const {
+    auto current = value();
+    if (!current) return qx::str("(null)");
+    if (qx::dyn_cast<qx::Date>(current)) {
+        qx::Ref<qx::Error> error;
+        if (auto text = QXPropertyListSerialization::stringRepresentationOfPropertyList(current, &error)) return text;
+        return qx::str(error ? error->localizedDescription() : std::string());
+    }
+    return qx::str(description());
+}
+
+void QXPropertyList::setStringValue(const qx::Ref<qx::String>& text) {
+    if (!text || qx::isEqual(text, stringValue())) return;
+    qx::Ref<qx::Object> parsed;
+    switch (_privateTypeCode) {
+    case QXPropertyListStringType: parsed = QXPropertyListSerialization::stringWithStringValue(*text); break;
+    case QXPropertyListNumberType: parsed = QXPropertyListSerialization::numberWithStringValue(*text); break;
+    case QXPropertyListDataType: parsed = QXPropertyListSerialization::dataWithStringValue(*text); break;
+    case QXPropertyListDateType: parsed = QXPropertyListSerialization::dateWithStringValue(*text); break;
+    default: return;
+    }
+    if (parsed) setValue(parsed);
+}
+
+bool QXPropertyList::boolValue() const {
+    if (_privateTypeCode == QXPropertyListBooleanType)
+        if (auto n = qx::dyn_cast<qx::Number>(_privateValue)) return n->boolValue();
+    auto text = stringRepresentationForConversion();
+    auto parsed = text ? QXPropertyListSerialization::booleanWithStringValue(*text) : nullptr;
+    return parsed && parsed->boolValue();
+}
+
+qx::Ref<qx::Number> QXPropertyList::numberValue() const {
+    if (_privateTypeCode == QXPropertyListNumberType)
+        if (auto n = qx::dyn_cast<qx::Number>(_privateValue)) return n;
+    auto text = stringRepresentationForConversion();
+    auto parsed = text ? QXPropertyListSerialization::numberWithStringValue(*text) : nullptr;
+    return parsed ? parsed : qx::Number::withInt64(0);
+}
+
+std::int32_t QXPropertyList::intValue() const { return static_cast<std::int32_t>(numberValue()->int64Value()); }
+
+std::int64_t QXPropertyList::integerValue() const { return numberValue()->int64Value(); }
+
+qx::Ref<qx::Data> QXPropertyList::dataValue() const {
+    if (_privateTypeCode == QXPropertyListDataType)
+        if (auto d = qx::dyn_cast<qx::Data>(_privateValue)) return d;
+    auto text = stringRepresentationForConversion();
+    return qx::Data::withString(text ? text->utf8() : std::string());
+}
+
+qx::Ref<qx::Date> QXPropertyList::dateValue() const {
+    if (_privateTypeCode == QXPropertyListDateType)
+        if (auto d = qx::dyn_cast<qx::Date>(_privateValue)) return d;
+    auto text = stringRepresentationForConversion();
+    auto parsed = text ? QXPropertyListSerialization::dateWithStringValue(*text) : nullptr;
+    return parsed ? parsed : qx::Date::now();
+}
+
+// The typed setters store the code and the value through the primitives, so
+// each is undone like any other edit.
+void QXPropertyList::setBoolValue(bool value) {
+    privateSetTypeCode(QXPropertyListBooleanType);
+    privateSetValue(qx::Number::withBool(value));
+}
+
+void QXPropertyList::setNumberValue(const qx::Ref<qx::Number>& value) {
+    privateSetTypeCode(QXPropertyListNumberType);
+    privateSetValue(value);
+}
+
+void QXPropertyList::setIntValue(std::int32_t value) { setNumberValue(qx::Number::withInt32(value)); }
+
+void QXPropertyList::setIntegerValue(std::int64_t value) { setNumberValue(qx::Number::withInt64(value)); }
+
+void QXPropertyList::setDataValue(const qx::Ref<qx::Data>& value) {
+    privateSetTypeCode(QXPropertyListDataType);
+    privateSetValue(value ? value->copy() : nullptr);
+}
+
+void QXPropertyList::setDateValue(const qx::Ref<qx::Date>& value) {
+    privateSetTypeCode(QXPropertyListDateType);
+    privateSetValue(value);
+}
+
+// --- Plain values in and out ----------------------------------------------------------------------
+
+// Containers are attached in one step (privateSetChildren) rather than child
+// by child: a source dictionary's keys are unique already, so the per-child
+// key search would only make loading quadratic.
+void QXPropertyList::loadUnwrappedValue(const qx::Ref<qx::Object>& value) {
+    if (auto array = qx::dyn_cast<qx::Array>(value)) {
+        Nodes nodes;
+        nodes.reserve(array->count());
+        for (const auto& item : *array) nodes.push_back(propertyListWithUnwrappedValue(item));
+        privateSetTypeCode(QXPropertyListArrayType);
+        privateSetChildren(nodes);
+        return;
+    }
+    if (auto dictionary = qx::dyn_cast<qx::Dictionary>(value)) {
+        Nodes nodes;
+        nodes.reserve(dictionary->count());
+        for (const auto& entry : *dictionary) {
+            Ref child = propertyListWithUnwrappedValue(entry.second);
+            auto key = qx::dyn_cast<qx::String>(entry.first);
+            child->setKey(key ? key : qx::str(qx::describe(entry.first.get())));
+            nodes.push_back(child);
+        }
+        privateSetTypeCode(QXPropertyListDictionaryType);
+        privateSetChildren(nodes);
+        return;
+    }
+    // A container turns into a leaf first, so that setValue takes the value.
+    if (isContainer()) {
+        privateSetValue(nullptr);
+        privateSetTypeCode(QXPropertyListUnknownType);
+    }
+    setValue(value);
+}
+
+qx::Ref<qx::Object> QXPropertyList::unwrappedPropertyList() const {
+    const auto list = privateChildren();
+    if (_privateTypeCode == QXPropertyListDictionaryType) {
+        if (!list) return _privateValue ? _privateValue : qx::Dictionary::create();
+        auto result = qx::Dictionary::create();
+        result->reserve(list->count());
+        for (const auto& item : *list) {
+            auto child = qx::dyn_cast<QXPropertyList>(item);
+            if (!child) continue;
+            if (auto key = child->key()) result->setObject(child->unwrappedPropertyList(), key);
+        }
+        return result;
+    }
+    if (_privateTypeCode == QXPropertyListArrayType) {
+        if (!list) return _privateValue ? _privateValue : qx::Array::create();
+        auto result = qx::Array::create();
+        result->reserve(list->count());
+        for (const auto& item : *list) {
+            auto child = qx::dyn_cast<QXPropertyList>(item);
+            result->addObject(child ? child->unwrappedPropertyList() : item);
+        }
+        return result;
+    }
+    return value();
+}
