@@ -95,6 +95,8 @@ bool QXDecompressor::isSetUp() const { return impl_->decoder->isSetUp(); }
 
 bool QXDecompressor::isFinished() const { return impl_->decoder->isFinished(); }
 
+std::uint64_t QXDecompressor::unconsumedLength() const { return impl_->decoder->unconsumedLength(); }
+
 // ---------------------------------------------------------------------------
 // Shared resources
 

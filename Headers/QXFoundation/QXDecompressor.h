@@ -130,6 +130,14 @@ public:
     bool isSetUp() const;
     /// True once the decoder reported the end of its stream.
     bool isFinished() const;
+    /// Once the stream has ended: how many of the last input bytes given the
+    /// stream did not use, counted back from the end of the last call's input
+    /// (so that a caller can find where a following stream starts). For gzip
+    /// the count may exceed that input's length by up to the 8 bytes held back
+    /// from the call before; input given after the end counts whole. zlib,
+    /// gzip, raw deflate and bzip2 count; other formats report 0 (their
+    /// trailing bytes are ignored or refused by the decoder). 0 before the end.
+    std::uint64_t unconsumedLength() const;
 
     std::string className() const override { return "QXDecompressor"; }
 

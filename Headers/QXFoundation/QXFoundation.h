@@ -28,5 +28,6 @@
 #include <QXFoundation/QXFileHandleOutputStream.h>
 #include <QXFoundation/QXInputStream.h>
 #include <QXFoundation/QXDecompressor.h>
+#include <QXFoundation/QXCompressor.h>
 #include <QXFoundation/QXDecompressionOperation.h>
 #include <QXFoundation/QXDecompressionStream.h>

@@ -51,7 +51,10 @@ bool QXBZip2Codec::feed(const std::uint8_t* bytes, std::uint64_t length, Data& o
                 if (bz->avail_in == inBefore && bz->avail_out == kQXCodecBufferSize) break;  // no progress possible
                 continue;
             }
-            if (result == BZ_STREAM_END) finished_ = true;
+            if (result == BZ_STREAM_END) {
+                finished_ = true;
+                unconsumed_ = bz->avail_in + (length - piece);
+            }
             break;
         }
         bz->next_in = nullptr;

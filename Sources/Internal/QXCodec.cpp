@@ -12,7 +12,10 @@ QXCodec::QXCodec() : held_(Data::create()) {}
 QXCodec::~QXCodec() = default;
 
 Ref<Data> QXCodec::decode(const Ref<Data>& input, bool isFinal, bool* runAgain, Ref<Error>* error) {
-    if (finished_) return Data::create();
+    if (finished_) {
+        unconsumed_ += input->length();
+        return Data::create();
+    }
     Ref<Data> out = decodeChunk(input, isFinal, runAgain, error);
     started_ = true;
     return out;

@@ -39,6 +39,11 @@ public:
 
     /// True once the decoder reported the end of its stream.
     bool isFinished() const { return finished_; }
+    /// Once the stream has ended: how many of the last bytes given (counted
+    /// back from the end of the last call's input, and reaching into earlier
+    /// input the codec held back) the stream did not use. Counted by the zlib
+    /// family and bzip2; 0 for the others except for input given after the end.
+    std::uint64_t unconsumedLength() const { return unconsumed_; }
 
     /// Stops work running on other threads (PBZX chunk decoders) with the
     /// error; later calls fail with it. Nothing for the other formats.
@@ -66,6 +71,7 @@ protected:
     std::uint8_t* scratch();
 
     bool finished_ = false;
+    std::uint64_t unconsumed_ = 0;  // set by codecs when finished_ becomes true
 
 private:
     bool started_ = false;

@@ -41,6 +41,7 @@ public:
     QXDecompressionAlgorithm algorithm() const { return algorithm_; }
     bool isSetUp() const { return codec_ != nullptr; }
     bool isFinished() const { return codec_ && codec_->isFinished(); }
+    std::uint64_t unconsumedLength() const { return codec_ ? codec_->unconsumedLength() : 0; }
 
 private:
     QXStreamingDecoder(QXDecompressionAlgorithm algorithm, const std::optional<QXChunkOutput>& chunkOutput)

@@ -42,6 +42,7 @@ Ref<Data> QXZlibCodec::decodeChunk(const Ref<Data>& input, bool, bool*, Ref<Erro
         auto out = reusableOutput();
         if (!feed(kept, keptLength, *out, error) || !feed(input->bytes(), input->length() - 8, *out, error))
             return nullptr;
+        countHeldAfterEnd();
         return out;
     }
     Ref<Data> in = joinHeld(input);
@@ -62,11 +63,21 @@ Ref<Data> QXZlibCodec::decodeChunk(const Ref<Data>& input, bool, bool*, Ref<Erro
     }
     auto out = reusableOutput();
     if (!feed(in->bytes(), in->length(), *out, error)) return nullptr;
+    countHeldAfterEnd();
     return out;
+}
+
+void QXZlibCodec::countHeldAfterEnd() {
+    // Bytes held back for the next call come after everything fed: once the
+    // stream has ended, they were not used either.
+    if (!finished_) return;
+    unconsumed_ += held().length();
+    held().setLength(0);
 }
 
 bool QXZlibCodec::feed(const std::uint8_t* bytes, std::uint64_t length, Data& out, Ref<Error>* error) {
     z_stream* z = &stream_;
+    if (finished_) unconsumed_ += length;
     while (length > 0 && !finished_) {
         const std::uint64_t piece = std::min(kQXCodecMaxPieceLength, length);
         z->next_in = const_cast<Bytef*>(bytes);
@@ -91,7 +102,10 @@ bool QXZlibCodec::feed(const std::uint8_t* bytes, std::uint64_t length, Data& ou
                 if (z->avail_in == 0 && z->avail_out != 0) break;
                 continue;
             }
-            if (result == Z_STREAM_END) finished_ = true;
+            if (result == Z_STREAM_END) {
+                finished_ = true;
+                unconsumed_ = z->avail_in + (length - piece);
+            }
             break;
         }
         z->next_in = nullptr;

@@ -29,6 +29,7 @@ protected:
 private:
     explicit QXZlibCodec(bool gzip) : gzip_(gzip) {}
     bool feed(const std::uint8_t* bytes, std::uint64_t length, qx::Data& out, qx::Ref<qx::Error>* error);
+    void countHeldAfterEnd();
 
     const bool gzip_;
     z_stream stream_{};

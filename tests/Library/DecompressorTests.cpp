@@ -577,3 +577,22 @@ TEST(DecompressorDrivers, ReplacingAFileKeepsItsMode) {
 
     EXPECT_EQ(dir.names(), std::vector<std::string>{"secret.xz"});
 }
+
+TEST(DecompressorStreaming, UnconsumedLengthCountsTheBytesAfterTheStreamsEnd) {
+    const auto& p = payloads();
+    const Bytes tail = toBytes(std::string("\x1f\x8b next member, or garbage"));
+    const std::pair<const Bytes*, QXDecompressionAlgorithm> streams[] = {
+        {&p.gzip, QXDecompressionAlgorithmGzip}, {&p.zlib, QXDecompressionAlgorithmZlib},
+        {&p.raw, QXDecompressionAlgorithmRawDeflate}, {&p.bzip2, QXDecompressionAlgorithmBZip2}};
+    for (const auto& [stream, algorithm] : streams)
+        for (std::size_t step : {std::size_t{1}, std::size_t{7}, std::size_t{4096}, stream->size(), stream->size() + 3}) {
+            SCOPED_TRACE("algorithm " + std::to_string(algorithm) + ", step " + std::to_string(step));
+            Bytes input = *stream;
+            input.insert(input.end(), tail.begin(), tail.end());
+            auto d = QXDecompressor::initForStreamingWithAlgorithm(algorithm);
+            auto out = decode(d, input, step);
+            EXPECT_EQ(toBytes(out), p.plain);
+            EXPECT_TRUE(d->isFinished());
+            EXPECT_EQ(d->unconsumedLength(), tail.size());
+        }
+}

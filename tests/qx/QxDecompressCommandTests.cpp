@@ -58,7 +58,7 @@ TEST_F(QxDecompress, TheToolDecidesTheFormatFromTheFirstBytesOrTheDeflateFamily)
     const auto& p = payloads();
     const std::vector<std::pair<std::vector<std::string>, const Bytes*>> cases = {
         {{}, &p.zlib}, {{}, &p.bzip2}, {{"-a", "deflate"}, &p.gzip}, {{"-a", "deflate"}, &p.raw},
-        {{}, &p.plain},  // not compressed: copied through
+        {{"-a", "none"}, &p.plain},  // not compressed: copied on request
     };
     for (const auto& [algorithm, bytes] : cases) {
         auto args = algorithm;
@@ -66,6 +66,17 @@ TEST_F(QxDecompress, TheToolDecidesTheFormatFromTheFirstBytesOrTheDeflateFamily)
         const QxRun run = qx(args);
         EXPECT_TRUE(run.exitStatus == 0 && run.out == plain && run.err.empty())
             << ::testing::PrintToString(algorithm) << " " << bytes->size() << ": " << run.describe();
+    }
+}
+
+TEST_F(QxDecompress, AutomaticDetectionRefusesWhatItDoesNotRecognise) {
+    Bytes damagedXZ = payloads().xz;
+    damagedXZ[1] ^= 0x20;  // the header magic
+    for (const auto& [name, bytes] : {std::pair{"text", payloads().plain}, {"damaged xz", damagedXZ}, {"empty", Bytes{}}}) {
+        const std::string path = input("unknown", bytes);
+        const QxRun run = qx({path, "-o", out()});
+        expectFailure(run, path);
+        EXPECT_NE(run.err.find("not in a known compressed format"), std::string::npos) << name << run.describe();
     }
 }
 
@@ -86,6 +97,42 @@ TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.out == plain) << source;
     }
+}
+
+TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
+    const Bytes first = makePayload(200000, 5), second = randomBytes(70000, 6), empty;
+    const auto concatenated = [](std::initializer_list<Bytes> parts) {
+        Bytes out;
+        for (const auto& part : parts) out.insert(out.end(), part.begin(), part.end());
+        return out;
+    };
+    const Bytes both = concatenated({first, second});
+    const Bytes gz = concatenated({deflateBytes(first, 31), deflateBytes(empty, 31), deflateBytes(second, 31)});
+    const Bytes bz2 = concatenated({decompressorpayloads::bzip2Bytes(first), decompressorpayloads::bzip2Bytes(second)});
+    const struct {
+        const char* name;
+        Bytes input;
+        bool garbage;
+    } cases[] = {
+        {"gzip members", gz, false},
+        {"bzip2 streams", bz2, false},
+        {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), true},
+        {"bzip2 and text", concatenated({bz2, toBytes(std::string("BZ"))}), true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = input("payload", c.input);
+        for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
+            const QxRun run = qx({source}, pipe.empty() ? "/dev/null" : "", pipe);
+            EXPECT_EQ(run.exitStatus, 0) << run.describe();
+            EXPECT_TRUE(toBytes(run.out) == both) << source;
+            EXPECT_EQ(run.err, c.garbage ? "qx: " + (source == "-" ? std::string("(standard input)") : source) + ": warning: trailing garbage ignored\n" : "");
+        }
+    }
+    // A member whose trailer does not match its data fails, wherever it lies.
+    Bytes damaged = gz;
+    damaged[deflateBytes(first, 31).size() - 1] ^= 1;  // the first member's length
+    expectFailure(qx({input("damaged", damaged), "-o", out()}), (dir() / "damaged").string());
 }
 
 TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {

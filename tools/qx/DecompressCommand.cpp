@@ -10,6 +10,7 @@
 #include "Diagnostics.h"
 #include "FileIO.h"
 #include "ProgressLine.h"
+#include "StreamChain.h"
 #include "TrailerCheck.h"
 
 #include <QXFoundation/QXChecksum.h>
@@ -135,8 +136,13 @@ struct Transfer {
     qx::Ref<qx::Error> decodingError;        // guarded
     qx::Ref<qx::Error> writeError;           // guarded
     qx::Ref<qx::Data> decompressedChecksum;  // guarded
+    std::string trailerReason;               // guarded: a stream chain's failed trailer
     std::unique_ptr<OutputFile> output;      // written by the handler until over
     TrailerCheck trailer;                    // fed by the handler until over
+    // For gzip and bzip2: the driver passes the compressed bytes through and
+    // the chain decodes every stream; the checksum is then taken here.
+    std::unique_ptr<StreamChain> chain;
+    qx::Ref<QXChecksum> checksum;
     std::atomic<std::uint64_t> compressedTotal{0};
     std::atomic<std::uint64_t> decompressedTotal{0};
 
@@ -165,19 +171,35 @@ QXDecompressor::Handler makeHandler(const std::shared_ptr<Transfer>& transfer) {
             transfer->end();
             return false;
         }
-        if (output && output->length() > 0) {
+        auto write = [&transfer](const qx::Ref<qx::Data>& piece) {
             qx::Ref<qx::Error> writeError;
-            if (!transfer->output->write(output->bytes(), output->length(), &writeError)) {
+            if (!transfer->output->write(piece->bytes(), piece->length(), &writeError)) {
                 transfer->writeError = writeError;
+                return false;
+            }
+            transfer->trailer.addOutput(piece->bytes(), piece->length());
+            if (transfer->checksum) transfer->checksum->updateWithInputData(piece->bytes(), piece->length());
+            transfer->decompressedTotal += piece->length();
+            return true;
+        };
+        if (transfer->chain) {
+            qx::Ref<qx::Error> chainError;
+            if (!transfer->chain->feed(output ? *output : qx::Data(), finished, write, &chainError,
+                                       &transfer->trailerReason)) {
+                transfer->decodingError = chainError;
                 transfer->end();
                 return false;
             }
-            transfer->trailer.addOutput(output->bytes(), output->length());
+        } else if (output && output->length() > 0) {
+            if (!write(output)) {
+                transfer->end();
+                return false;
+            }
         }
         transfer->compressedTotal = compressedTotal;
-        transfer->decompressedTotal = decompressedTotal;
+        if (!transfer->chain) transfer->decompressedTotal = decompressedTotal;
         if (finished) {
-            transfer->decompressedChecksum = decompressedChecksum;
+            transfer->decompressedChecksum = transfer->checksum ? transfer->checksum->checksumData() : decompressedChecksum;
             transfer->end();
             return false;
         }
@@ -216,16 +238,29 @@ int runDecompress(const DecompressOptions& options) {
     if (!handle) return reportFailure(sourceName, reasonFromError(error));
     QXDecompressionAlgorithm algorithm = QXDecompressionAlgorithmNone;
     if (!resolveAlgorithm(*handle, options, algorithm, &error)) return reportFailure(sourceName, reasonFromError(error));
+    // As the standard decompressors do: a copy is made only on request (-a none).
+    // An HTTP error page is reported as what it is, not as an unknown format.
+    if (options.algorithm == QXDecompressionAlgorithmAutomatic && algorithm == QXDecompressionAlgorithmNone) {
+        if (http && handle->statusCode() >= 400)
+            return reportFailure(sourceName, "the server answered with HTTP status " + std::to_string(handle->statusCode()));
+        return reportFailure(sourceName, "not in a known compressed format");
+    }
 
-    auto transfer = std::make_shared<Transfer>(algorithm);
+    const bool chained = StreamChain::handles(algorithm);
+    auto transfer = std::make_shared<Transfer>(chained ? QXDecompressionAlgorithmNone : algorithm);
+    if (chained) {
+        transfer->chain = std::make_unique<StreamChain>(algorithm);
+        if (options.checksum != QXChecksumAlgorithmNone) transfer->checksum = QXChecksum::initWithAlgorithm(options.checksum);
+    }
     transfer->output = OutputFile::open(destinationPath, &error);
     if (!transfer->output) return reportFailure(destinationName, reasonFromError(error));
 
     // Not drawn among decompressed data shown on the same terminal.
     const bool progressWanted = ::isatty(STDERR_FILENO) == 1 && !(destinationPath == "-" && ::isatty(STDOUT_FILENO) == 1);
     ProgressLine progress(progressWanted ? rangeSize(*handle, options) : 0, progressWanted);
-    QXDecompressor::decompressRemoteFileHandle(handle, options.offset, options.length, algorithm, QXChecksumAlgorithmNone,
-                                               options.checksum, makeHandler(transfer));
+    QXDecompressor::decompressRemoteFileHandle(handle, options.offset, options.length,
+                                               chained ? QXDecompressionAlgorithmNone : algorithm, QXChecksumAlgorithmNone,
+                                               chained ? QXChecksumAlgorithmNone : options.checksum, makeHandler(transfer));
 
     std::unique_lock<std::mutex> lock(transfer->mutex);
     // The trailer is read again through the source handle, which the run's
@@ -255,9 +290,11 @@ int runDecompress(const DecompressOptions& options) {
     const auto decodingError = transfer->decodingError;
     const auto writeError = transfer->writeError;
     const auto decompressedChecksum = transfer->decompressedChecksum;
+    const std::string trailerReason = transfer->trailerReason;
     lock.unlock();
 
     if (writeError) return reportFailure(destinationName, reasonFromError(writeError));
+    if (!trailerReason.empty()) return reportFailure(sourceName, trailerReason);
     if (decodingError) return reportFailure(sourceName, reasonFromError(decodingError));
 
     if (transfer->trailer.active()) {
@@ -279,6 +316,10 @@ int runDecompress(const DecompressOptions& options) {
     if (options.checksum != QXChecksumAlgorithmNone) {
         const std::string line = checksumName(options.checksum) + " (decompressed): " +
                                  checksumText(decompressedChecksum, options.checksum) + "\n";
+        std::fwrite(line.data(), 1, line.size(), stderr);
+    }
+    if (transfer->chain && transfer->chain->trailingGarbage()) {
+        const std::string line = "qx: " + sourceName + ": warning: trailing garbage ignored\n";
         std::fwrite(line.data(), 1, line.size(), stderr);
     }
     return kExitSuccess;

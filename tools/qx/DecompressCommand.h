@@ -9,7 +9,7 @@
 // them. --offset and --length select the compressed bytes within SOURCE
 // (default: all of it). -a auto, the default, names the format from the
 // first bytes of that range; a range that starts with no known format is
-// copied unchanged, as the library does for automatic detection.
+// refused ("not in a known compressed format"), while -a none copies it.
 //
 // The output goes to DEST, else to standard output. A regular-file DEST is
 // written beside itself and renamed into place only once everything
@@ -18,10 +18,16 @@
 // SOURCE, a regular file, the same way; as the library's in-place driver
 // does, a payload that decompresses to nothing leaves SOURCE as it was.
 //
+// Gzip members and bzip2 streams that follow one another are all decoded,
+// as one payload (see StreamChain.h); bytes after a stream that start no
+// other are ignored with one warning line, "qx: SOURCE: warning: trailing
+// garbage ignored", and do not fail the command.
+//
 // The command fails on what the streaming decoders let pass: a gzip, zlib
-// or bzip2 payload must end with its trailer (see TrailerCheck.h). For an
-// HTTP source whose server refuses ranges the trailer cannot be read back
-// and this check is skipped.
+// or bzip2 payload must end with its trailer (see TrailerCheck.h), and so
+// must every gzip member. For a zlib payload from an HTTP source whose
+// server refuses ranges the trailer cannot be read back and this check is
+// skipped.
 //
 // --checksum ALG (the names `qx checksum` takes) prints, once all is
 // written, "ALG (decompressed): HEX" on standard error, so that it never

@@ -15,9 +15,9 @@
 // The check reads the range's last bytes, so a payload followed by unrelated
 // bytes within the range fails it: select the payload with --offset and
 // --length. Raw deflate has no trailer and xz and PBZX are checked by their
-// decoders, so those pass unchecked here. Several gzip members or bzip2
-// streams one after another are not decoded past the first by the library,
-// and gzip members then fail the check rather than lose data silently.
+// decoders, so those pass unchecked here. Gzip members and bzip2 streams one
+// after another are decoded by StreamChain, which checks each member with
+// its own TrailerCheck.
 #pragma once
 
 #include <QXFoundation/QXDecompressor.h>

@@ -11,6 +11,7 @@
 #include "ZipCommand.h"
 #include "DetectCommand.h"
 #include "DecompressCommand.h"
+#include "CompressCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -25,6 +26,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addZipCommand,
     qxtool::addDetectCommand,
     qxtool::addDecompressCommand,
+    qxtool::addCompressCommand,
 };
 
 } // namespace
