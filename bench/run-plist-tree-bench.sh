@@ -25,7 +25,8 @@
 # Environment: QX_BENCH_OBJECTS (default 1000000), QX_BENCH_SEED (1),
 # QX_BENCH_TEXT (zorqua), QX_BENCH_RUNS (timed runs per measure, 3),
 # QX_BENCH_JOBS (2), QX_BENCH_BUILD (build-bench), QX_BENCH_BUILD_TYPE
-# (RelWithDebInfo), QX_BENCH_OUT (bench/out).
+# (Release, as run-plist-bench.sh, so both share build-bench), QX_BENCH_OUT
+# (bench/out).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -36,7 +37,7 @@ seed=${QX_BENCH_SEED:-1}
 text=${QX_BENCH_TEXT:-zorqua}
 runs=${QX_BENCH_RUNS:-3}
 jobs=${QX_BENCH_JOBS:-2}
-buildType=${QX_BENCH_BUILD_TYPE:-RelWithDebInfo}
+buildType=${QX_BENCH_BUILD_TYPE:-Release}
 
 for tool in cmake ninja python3 /usr/bin/time; do
     command -v "$tool" >/dev/null 2>&1 || { echo "run-plist-tree-bench: $tool is required" >&2; exit 1; }
