@@ -8,6 +8,7 @@
 #include <QXFoundation/QXDecompressor.h>
 
 #include "DecompressorPayloads.h"
+#include "Internal/QXCodecError.h"
 #include "Internal/QXDecompressorTesting.h"
 #include "LegacyZipEncoders.h"
 
@@ -88,6 +89,53 @@ TEST(DecompressorDetection, EveryFormatFromDataAndFromFiles) {
     EXPECT_FALSE(QXDecompressor::isDataGZCompressed(toData(Bytes{0x1F})));
     EXPECT_FALSE(QXDecompressor::isDataXZCompressed(toData(Bytes{0xFD, 0x37, 0x7A, 0x58, 0x5A})));
     EXPECT_FALSE(QXDecompressor::isDataCompressed(Data::create()));
+}
+
+// Per format, from data and from files; and the generic matchers over the caller's own magic list.
+TEST(DecompressorDetection, PerFormatPredicatesAndCallerMagic) {
+    const auto& p = payloads();
+    TempDir dir;
+    using DataTest = bool (*)(const Ref<Data>&);
+    using FileTest = bool (*)(const Ref<qx::URL>&);
+    const std::tuple<const Bytes*, DataTest, FileTest> formats[] = {
+        {&p.gzip, QXDecompressor::isDataGZCompressed, QXDecompressor::isFileGZCompressedAtURL},
+        {&p.zlib, QXDecompressor::isDataZlibCompressed, QXDecompressor::isFileZlibCompressedAtURL},
+        {&p.bzip2, QXDecompressor::isDataBZ2Compressed, QXDecompressor::isFileBZ2CompressedAtURL},
+        {&p.xz, QXDecompressor::isDataXZCompressed, QXDecompressor::isFileXZCompressedAtURL},
+        {&p.pbzx, QXDecompressor::isDataPBZXCompressed, QXDecompressor::isFilePBZXCompressedAtURL}};
+    for (const auto& [bytes, dataTest, fileTest] : formats)
+        for (const auto& [other, otherData, otherFile] : formats) {
+            EXPECT_EQ(dataTest(toData(*other)), bytes == other);
+            EXPECT_EQ(fileTest(fileURL(dir.file("f", *other))), bytes == other);
+        }
+    auto magics = std::make_shared<qx::Array>(qx::Array{qx::str("not data"), toData(Bytes{'B', 'Z', 'h'}), toData(p.plain)});
+    EXPECT_TRUE(QXDecompressor::doesMagic(magics, toData(p.bzip2)) && QXDecompressor::doesMagicMatch(magics, fileURL(dir.file("b", p.bzip2))));
+    EXPECT_FALSE(QXDecompressor::doesMagic(magics, toData(p.xz)) || QXDecompressor::doesMagicMatch(magics, fileURL(dir / "missing")));
+    std::string extensions;
+    for (const auto& e : *QXDecompressor::supportedFilenameExtensions()) extensions += e->description() + " ";
+    EXPECT_EQ(extensions, "gz gzip bz bz2 xz ");
+}
+
+// Every decoder step's failures become their errors, with the step's log line.
+TEST(DecompressorErrors, DecoderResultsMapToDomainsCodesAndLogLines) {
+    const char* cocoa = qx::NSCocoaErrorDomain;
+    const std::tuple<QXCodecStep, int, const char*, std::int64_t, const char*> rows[] = {
+        {QXCodecStep::InflateInit, Z_MEM_ERROR, "inflateInit2", Z_MEM_ERROR, "inflateInit2: error -4"},
+        {QXCodecStep::BZip2Init, BZ_MEM_ERROR, "BZ2_bzDecompressInit", BZ_MEM_ERROR, "BZ2_bzDecompressInit: error -3"},
+        {QXCodecStep::XZInit, LZMA_MEM_ERROR, "lzma_stream_decoder", LZMA_MEM_ERROR, "lzma_stream_decoder: error 5"},
+        {QXCodecStep::PBZXInit, 0, cocoa, 256, "QXPBZXDecodeInit failed"},
+        {QXCodecStep::PBZXDecode, 1, cocoa, 256, "Error decoding PBZX file: 1"}, {QXCodecStep::PBZXDecode, 4, qx::NSPOSIXErrorDomain, 22, nullptr},
+        {QXCodecStep::PBZXDecode, 5, cocoa, 259, nullptr}, {QXCodecStep::PBZXDecode, 9, "QXPBZXDecode", 9, nullptr},
+        {QXCodecStep::ExplodeInit, 0, cocoa, 256, nullptr}, {QXCodecStep::UnshrinkInit, 0, cocoa, 256, nullptr},
+        {QXCodecStep::Explode, 1, cocoa, 256, "error decompressing: 1"}, {QXCodecStep::Explode, 3, qx::NSPOSIXErrorDomain, 22, nullptr},
+        {QXCodecStep::Explode, 4, cocoa, 259, nullptr}, {QXCodecStep::Explode, 7, "QXExplode", 7, nullptr},
+        {QXCodecStep::Unshrink, 1, cocoa, 256, "Error decompressing: 1"}, {QXCodecStep::Unshrink, 3, qx::NSPOSIXErrorDomain, 22, nullptr},
+        {QXCodecStep::Unshrink, 4, cocoa, 259, nullptr}, {QXCodecStep::Unshrink, 9, "QXUnshrink", 9, nullptr}};
+    for (const auto& [step, result, domain, code, logLine] : rows) {
+        qx::ScopedLogCapture log;
+        EXPECT_QX_ERROR(QXCodecError(step, result), domain, code) << static_cast<int>(step) << " " << result;
+        EXPECT_TRUE(!logLine || log.contains(logLine)) << logLine;
+    }
 }
 
 // ---------------------------------------------------------------------------

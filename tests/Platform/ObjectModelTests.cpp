@@ -4,13 +4,16 @@
 
 #include "TestSupport.h"
 
+#include <qx/Array.h>
 #include <qx/Dictionary.h>
 #include <qx/Format.h>
 #include <qx/IndexSet.h>
 #include <qx/Number.h>
 #include <qx/Observable.h>
 #include <qx/UndoManager.h>
+#include <qx/Set.h>
 #include <qx/URL.h>
+#include <qx/UUID.h>
 
 #include <limits>
 #include <stdexcept>
@@ -218,6 +221,24 @@ TEST(IndexSet, RangesMergeSplitAndNeverWrap) {
     EXPECT_TRUE(huge.contains(max - 1));
     huge.removeRange(0, max);
     EXPECT_TRUE(huge.empty());
+}
+
+// Equal values hash alike wherever they go as keys; text forms read back.
+TEST(ObjectModelIdentity, UUIDsSetsAndIndexSetsCompareByContent) {
+    auto u = UUID::create();
+    auto same = UUID::withString(u->UUIDString());
+    EXPECT_TRUE(same && same->isEqual(*u) && same->hash() == u->hash() && !UUID::create()->isEqual(*u));
+    EXPECT_EQ(UUID::withString("e621e1f8-c36c-495a-93fc-0c247a3e6e5F")->UUIDString(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+    for (const char* bad : {"", "e621e1f8-c36c-495a-93fc-0c247a3e6e5", "e621e1f8xc36c-495a-93fc-0c247a3e6e5f", "g621e1f8-c36c-495a-93fc-0c247a3e6e5f"})
+        EXPECT_FALSE(UUID::withString(bad)) << bad;
+    auto set = Set::create(), other = Set::create();
+    for (const char* s : {"a", "b"}) set->addObject(str(s)), other->addObject(str(s));
+    EXPECT_TRUE(set->isEqual(*other) && set->copy()->isEqual(*set) && !set->isEqual(*Array::create()));
+    other->addObject(str("c"));
+    EXPECT_FALSE(set->isEqual(*other) || other->isEqual(*set));
+    auto range = IndexSet::createWithRange(2, 3);
+    EXPECT_TRUE(range->isEqual(*IndexSet::createWithRange(2, 3)) && range->hash() == IndexSet::createWithRange(2, 3)->hash());
+    EXPECT_FALSE(range->isEqual(*IndexSet::createWithRange(2, 4)) || range->isEqual(*set));
 }
 
 TEST(UndoManager, LooseRegistrationsAreGroupsExplicitGroupsNestAndRedoReplaysThem) {
