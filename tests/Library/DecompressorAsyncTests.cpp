@@ -24,7 +24,6 @@ using qxtest::TempDir;
 
 namespace {
 
-Bytes slice(const Bytes& b, std::size_t from, std::size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 
 struct Call {
     bool hasOutput = false;

@@ -57,7 +57,6 @@ Ref<Data> decode(QXDecompressionAlgorithm algorithm, const Bytes& input, std::si
 
 Ref<qx::URL> fileURL(const std::string& path) { return qx::URL::fileURLWithPath(path); }
 
-Bytes slice(const Bytes& b, std::size_t from, std::size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 
 } // namespace
 
@@ -307,12 +306,6 @@ TEST(DecompressorStreaming, DamagedInputEndsCleanly) {
         {bzip2Bytes(plain), 5},       {xzBytes(plain), 6},          {pbzxBytes({plain, plain}, {1}), 7}};
     std::mt19937 rng(42);
     for (const auto& [input, algorithm] : cases) {
-        for (std::size_t cut = 0; cut < input.size(); cut += 1 + input.size() / 97) {
-            for (QXDecompressionAlgorithm a : {algorithm, QXDecompressionAlgorithmAutomatic}) {
-                Ref<Error> error;
-                EXPECT_TRUE(QXDecompressor::decompressedDataFromData(toData(slice(input, 0, cut)), a, &error) || error);
-            }
-        }
         for (int round = 0; round < 60; ++round) {
             Bytes damaged = input;
             for (int i = 0; i < 1 + round % 4; ++i) damaged[rng() % damaged.size()] = static_cast<std::uint8_t>(rng());

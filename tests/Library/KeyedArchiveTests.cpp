@@ -30,15 +30,6 @@ Ref<Dictionary> sampleGraph() {
     return d;
 }
 
-std::string run(const std::string& command) {
-    std::string out;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[512];
-        while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) out.append(buffer, n);
-        ::pclose(pipe);
-    }
-    return out;
-}
 
 } // namespace
 
@@ -69,7 +60,8 @@ TEST(KeyedArchive, ReadByPlistlib) {
         ASSERT_TRUE(data);
         const std::string path = dir.file("archive.plist", qxtest::toString(data));
         // The shared string is stored once and referred to twice.
-        EXPECT_EQ(run("python3 " + script + " " + path),
+        ASSERT_EQ(std::system(("python3 " + script + " " + path + " > " + (dir / "out")).c_str()), 0);
+        EXPECT_EQ(qxtest::readFile(dir / "out"),
                   "{\"items\": [1, true, \"shared\", \"shared\"], \"name\": \"tree\", \"nested\": {\"k\": \"v\"}} 1\n");
     }
 }

@@ -17,11 +17,6 @@ using PL = QXPropertyList;
 
 namespace {
 
-void preOrder(const PL::Ref& node, std::vector<PL::Ref>& out) {
-    out.push_back(node);
-    for (std::size_t i = 0; i < node->countOfChildren(); ++i) preOrder(node->objectInChildrenAtIndex(i), out);
-}
-
 std::size_t position(const std::vector<PL::Ref>& order, const PL::Ref& node) {
     return static_cast<std::size_t>(std::find(order.begin(), order.end(), node) - order.begin());
 }
@@ -35,15 +30,13 @@ TEST(PropertyListSearch, OrderMatchesPreOrderModel) {
     for (unsigned seed = 1; seed <= 60; ++seed) {
         std::mt19937 rng(seed);
         auto tree = PL::propertyListWithUnwrappedValue(plisttree::randomTree(seed, 5));
-        std::vector<PL::Ref> all;
-        preOrder(tree, all);
+        const auto all = plisttree::preOrder(tree);
         // Search inside a random container, so that climbing must stop at it.
         std::vector<PL::Ref> containers;
         for (const auto& n : all)
             if (n->isContainer()) containers.push_back(n);
         const PL::Ref root = seed % 3 ? tree : containers[rng() % containers.size()];
-        std::vector<PL::Ref> order;
-        preOrder(root, order);
+        const auto order = plisttree::preOrder(root);
         std::set<const PL*> matching;
         for (const auto& n : order)
             if (rng() % 3 == 0) matching.insert(n.get());

@@ -9,7 +9,6 @@
 
 #include "TestSupport.h"
 
-#include <regex>
 #include <set>
 
 namespace SA = QXStringAdditions;
@@ -101,12 +100,6 @@ TEST(StringAdditions, VersionStrings) {
         EXPECT_EQ(std::vector<std::int64_t>(v, v + 3), (std::vector<std::int64_t>{c.major, c.minor, c.bugfix})) << c.text;
     }
     EXPECT_TRUE(SA::parseVersionStringAndReturnMajorVersion(qx::String("1.2.3"), nullptr, nullptr, nullptr));
-}
-
-TEST(StringAdditions, UniqueIDsAreUpperCaseUUIDs) {
-    const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-    const std::string first = SA::uniqueID()->utf8(), second = SA::uniqueID()->utf8();
-    EXPECT_TRUE(std::regex_match(first, form) && first != second) << first << " " << second;
 }
 
 TEST(StringAdditions, HTMLEncodingWithTheLibraryTable) {

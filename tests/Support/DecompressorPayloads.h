@@ -18,6 +18,9 @@ using qxtest::toData;
 using qx::Data;
 using qx::Ref;
 
+/// Bytes from..to of b.
+inline Bytes slice(const Bytes& b, std::size_t from, std::size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
+
 // windowBits: 15 zlib, 31 gzip, -15 raw deflate.
 inline Bytes deflateBytes(const Bytes& in, int windowBits, int level = 6) {
     z_stream z{};

@@ -8,6 +8,8 @@
 #include <qx/Number.h>
 #include <qx/String.h>
 
+#include <QXFoundation/QXPropertyList.h>
+
 #include <random>
 #include <string>
 
@@ -47,6 +49,14 @@ inline qx::Ref<qx::Object> randomTree(unsigned seed, int depth = 4) {
     do value = randomValue(rng, depth);
     while (!qx::dyn_cast<qx::Array>(value) && !qx::dyn_cast<qx::Dictionary>(value));
     return value;
+}
+
+/// The node and its descendants in document order.
+inline std::vector<QXPropertyList::Ref> preOrder(const QXPropertyList::Ref& node) {
+    std::vector<QXPropertyList::Ref> out{node};
+    for (std::size_t i = 0; i < node->countOfChildren(); ++i)
+        for (auto& n : preOrder(node->objectInChildrenAtIndex(i))) out.push_back(std::move(n));
+    return out;
 }
 
 } // namespace plisttree

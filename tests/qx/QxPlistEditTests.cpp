@@ -3,6 +3,7 @@
 // kept formats, refused edits that leave the file alone, and binary output
 // that must read back however large the file grows.
 #include "PlistFixtures.h"
+#include "PropertyListTrees.h"
 #include "QxProcessTest.h"
 
 #include <QXFoundation/QXPropertyList.h>
@@ -26,14 +27,6 @@ std::string pathOf(const PL::Ref& node) {
         path = path.empty() ? component : component + "." + path;
     }
     return path;
-}
-
-void preOrder(const PL::Ref& node, std::vector<PL::Ref>& out) {
-    for (std::size_t i = 0; i < node->countOfChildren(); ++i) {
-        const auto child = node->objectInChildrenAtIndex(i);
-        out.push_back(child);
-        preOrder(child, out);
-    }
 }
 
 class QxPlistEdit : public QxProcessTest {
@@ -61,8 +54,8 @@ TEST_F(QxPlistEdit, EditsMatchPlistlibDoingTheSame) {
             const fs::path original = fs::path(QX_PLIST_TESTDATA_DIR) / entry.file;
             auto tree = PL::propertyListWithData(plisttest::fixture(entry.file), nullptr);
             if (!tree || !tree->isContainer()) continue;
-            std::vector<PL::Ref> nodes;
-            preOrder(tree, nodes);
+            auto nodes = plisttree::preOrder(tree);
+            nodes.erase(nodes.begin());  // the root is no edit's target
             auto add = [&](const std::string& op, const std::vector<std::string>& args, const std::string& path,
                            const std::string& value, const std::string& type) {
                 const std::string out = (work() / ("e" + std::to_string(edits++) + ".plist")).string();
