@@ -29,6 +29,9 @@ protected:
     std::filesystem::path dir() const { return dir_.path(); }
     std::filesystem::path work() const { return work_.path(); }
     std::vector<std::string> workEntries() const { return work_.names(); }
+    // An input file in dir() with these bytes, by its path; the usual output in work().
+    std::string input(const std::string& name, const Bytes& bytes) const { return dir_.file(name, bytes); }
+    std::string out() const { return (work() / "out").string(); }
 
     // Standard input from `stdinPath`; when empty, a pipe in the command line feeds it.
     QxRun runShell(const std::string& command, const std::string& stdinPath = "/dev/null") const {

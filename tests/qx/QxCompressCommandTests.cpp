@@ -24,11 +24,6 @@ protected:
         args.insert(args.begin(), "compress");
         return runQx(args, stdinPath, before);
     }
-    std::string input(const std::string& name, const Bytes& bytes) const {
-        writeFile(dir() / name, bytes);
-        return (dir() / name).string();
-    }
-    std::string out() const { return (work() / "out").string(); }
     const Bytes plain = makePayload(700000, 11);
 };
 

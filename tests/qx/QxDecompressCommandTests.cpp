@@ -26,17 +26,12 @@ protected:
         args.insert(args.begin(), "decompress");
         return runQx(args, stdinPath, before);
     }
-    std::string input(const std::string& name, const Bytes& bytes) const {
-        writeFile(dir() / name, bytes);
-        return (dir() / name).string();
-    }
     std::string pipeFrom(const std::string& path) const { return "cat " + shellQuote(path) + " |"; }
     // Status 1, one line naming `name` with a reason, nothing written.
     void expectFailure(const QxRun& run, const std::string& name) const {
         expectOneLineFailure(run, name);
         EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
     }
-    std::string out() const { return (work() / "out").string(); }
     // qx decompress as a process whose standard error, and standard input or output, are pipes.
     static qx::Ref<qx::Process> launch(const std::vector<std::string>& args, bool inputPipe,
                                        const std::map<std::string, std::string>& environment = {}) {
