@@ -10,27 +10,20 @@
 
 #include <qx/Log.h>
 
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 
-namespace {
-
-void requireCleanError(const qx::Ref<qx::Error>& error) {
-    if (error && (error->domain() != qx::NSCocoaErrorDomain || error->code() != 3840)) std::abort();
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     // Malformed input logs freely; keep it out of syslog.
-    static const qx::LogSink previous = qx::setLogSink([](const std::string&) {});
-    (void)previous;
+    fuzz::silenceLog();
 
     auto data = qx::Data::withBytes(bytes, size);
     qx::Ref<qx::Error> error;
     auto plist = QXPropertyListSerialization::binaryPropertyListWithData(data, &error);
-    requireCleanError(error);
+    fuzz::requireCleanError(error, {3840});
 
     // The general entry point sniffs first; what it reads as binary the binary
     // reader must read too (other data may read as text through the fallback).
@@ -42,17 +35,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
     qx::Ref<qx::Error> writeError;
     auto written = QXPropertyListSerialization::binaryDataWithPropertyList(plist, &writeError);
-    requireCleanError(writeError);
+    fuzz::requireCleanError(writeError, {3840});
     if (!written) return 0;
 
     qx::Ref<qx::Error> rereadError;
     auto reread = QXPropertyListSerialization::binaryPropertyListWithData(written, &rereadError);
-    requireCleanError(rereadError);
+    fuzz::requireCleanError(rereadError, {3840});
     // What the writer's output reads back as is written again, or refused cleanly.
     if (reread) {
         qx::Ref<qx::Error> againError;
         QXPropertyListSerialization::binaryDataWithPropertyList(reread, &againError);
-        requireCleanError(againError);
+        fuzz::requireCleanError(againError, {3840});
     }
     return 0;
 }

@@ -8,6 +8,8 @@
 // the size.
 #include <QXFoundation/QXExplode.h>
 
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -15,14 +17,10 @@
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
 int explode(const std::uint8_t* data, std::size_t size, std::uint64_t outSize, unsigned options, unsigned seed,
             std::vector<std::uint8_t>& out) {
     QXExplodeStream* stream = QXExplodeInit(outSize, options & 2, options & 4);
-    require(stream != nullptr);
+    fuzz::require(stream != nullptr);
     std::size_t at = 0;
     int result = QXEXPLODE_NEED_INPUT;
     do {
@@ -37,11 +35,11 @@ int explode(const std::uint8_t* data, std::size_t size, std::uint64_t outSize, u
         const std::uint8_t* bytes = nullptr;
         std::uint64_t count = 0;
         result = QXExplode(stream, &bytes, &count);
-        require(stream->avail_in == 0);
+        fuzz::require(stream->avail_in == 0);
         if (count > 0) out.insert(out.end(), bytes, bytes + count);
     } while (result == QXEXPLODE_NEED_INPUT && at < size);
-    require(stream->total_out == out.size() && out.size() <= outSize);
-    require(result >= 0 && result <= 4 && result != QXEXPLODE_INVALID_ARGUMENT);
+    fuzz::require(stream->total_out == out.size() && out.size() <= outSize);
+    fuzz::require(result >= 0 && result <= 4 && result != QXEXPLODE_INVALID_ARGUMENT);
     QXExplodeCleanup(stream);
     return result;
 }
@@ -55,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<std::uint8_t> whole, pieces;
     const int a = explode(data + 4, size - 4, outSize, options, 0, whole);
     const int b = explode(data + 4, size - 4, outSize, options, (options >> 3) + 1, pieces);
-    require(a == b);
-    if (a == QXEXPLODE_OK || a == QXEXPLODE_NEED_INPUT) require(whole == pieces);
+    fuzz::require(a == b);
+    if (a == QXEXPLODE_OK || a == QXEXPLODE_NEED_INPUT) fuzz::require(whole == pieces);
     return 0;
 }

@@ -9,6 +9,8 @@
 #include <qx/KeyedArchiver.h>
 #include <qx/Log.h>
 
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -16,30 +18,24 @@
 
 namespace {
 
-void requireCleanError(const qx::Ref<qx::Error>& error) {
-    if (!error) return;
-    if (error->domain() != qx::NSCocoaErrorDomain && error->domain() != "NSXMLParserErrorDomain") std::abort();
-}
-
 void check(const qx::Ref<qx::Object>& decoded) {
     if (!decoded) return;
     if (auto tree = qx::dyn_cast<QXPropertyList>(decoded)) (void)tree->unwrappedPropertyList();
     qx::Ref<qx::Error> error;
     (void)qx::KeyedArchiver::archivedDataWithRootObject(decoded, true, &error);
-    requireCleanError(error);
+    fuzz::requireCleanError(error, {}, true);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-    static const qx::LogSink previous = qx::setLogSink([](const std::string&) {});
-    (void)previous;
+    fuzz::silenceLog();
     auto data = qx::Data::withBytes(bytes, size);
     qx::Ref<qx::Error> error;
     check(qx::KeyedUnarchiver::unarchiveObjectWithData(data, &error));
-    requireCleanError(error);
+    fuzz::requireCleanError(error, {}, true);
     error = nullptr;
     check(qx::SequentialArchiver::unarchiveObjectWithData(data, &error));
-    requireCleanError(error);
+    fuzz::requireCleanError(error, {}, true);
     return 0;
 }

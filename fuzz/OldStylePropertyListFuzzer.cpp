@@ -11,14 +11,15 @@
 #include <qx/OldStylePropertyList.h>
 #include <qx/StringsFile.h>
 
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-    static const qx::LogSink previous = qx::setLogSink([](const std::string&) {});
-    (void)previous;
+    fuzz::silenceLog();
 
     const std::string_view text(reinterpret_cast<const char*>(bytes), size);
     qx::OldStyleParseFailure failure;

@@ -7,6 +7,8 @@
 #include <QXFoundation/QXPBZXDecode.h>
 
 #include <algorithm>
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -14,15 +16,11 @@
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
 using Chunks = std::vector<std::vector<std::uint8_t>>;
 
 int split(const std::uint8_t* data, std::size_t size, unsigned seed, Chunks& chunks) {
     QXPBZXDecodeStream* s = QXPBZXDecodeInit();
-    require(s != nullptr);
+    fuzz::require(s != nullptr);
     std::vector<std::uint8_t> room(seed == 0 ? 1 << 16 : 1 + seed % 200);
     std::size_t at = 0;
     int result = QXPBZX_NEED_INPUT;
@@ -40,16 +38,16 @@ int split(const std::uint8_t* data, std::size_t size, unsigned seed, Chunks& chu
             s->next_out = room.data();
             s->avail_out = room.size();
             result = QXPBZXDecode(s);
-            require(result == QXPBZX_OK || result == QXPBZX_AGAIN || result == QXPBZX_NEED_INPUT);
-            require(s->avail_in == 0);
+            fuzz::require(result == QXPBZX_OK || result == QXPBZX_AGAIN || result == QXPBZX_NEED_INPUT);
+            fuzz::require(s->avail_in == 0);
             const std::size_t n = room.size() - static_cast<std::size_t>(s->avail_out);
             handed += n;
-            require(s->total_out == handed && s->total_out <= s->total_in);
+            fuzz::require(s->total_out == handed && s->total_out <= s->total_in);
             if (n > 0) {
                 if (s->chunk_started || chunks.empty()) chunks.emplace_back();
                 chunks.back().insert(chunks.back().end(), room.begin(), room.begin() + static_cast<std::ptrdiff_t>(n));
-                require(chunks.back().size() <= s->chunk_compressed_size);
-                require(s->chunk_ended == (chunks.back().size() == s->chunk_compressed_size));
+                fuzz::require(chunks.back().size() <= s->chunk_compressed_size);
+                fuzz::require(s->chunk_ended == (chunks.back().size() == s->chunk_compressed_size));
             }
         } while (result == QXPBZX_AGAIN);
     } while (at < size);
@@ -64,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Chunks whole, pieces;
     const int a = split(data + 1, size - 1, 0, whole);
     const int b = split(data + 1, size - 1, data[0] + 1u, pieces);
-    require(a == b);
-    require(whole == pieces);
+    fuzz::require(a == b);
+    fuzz::require(whole == pieces);
     return 0;
 }

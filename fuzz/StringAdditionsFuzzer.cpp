@@ -12,6 +12,8 @@
 
 #include <qx/StringEncoding.h>
 
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -20,10 +22,6 @@
 namespace SA = QXStringAdditions;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 bool sameBytes(const qx::Ref<qx::Data>& a, const qx::Ref<qx::Data>& b) { return a && b && a->view() == b->view(); }
 
@@ -39,36 +37,36 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     (void)SA::localizedCaseInsensitiveNumericCompare(text, qx::String("file10"));
     std::int64_t major = 0, minor = 0, bugfix = 0;
     (void)SA::parseVersionStringAndReturnMajorVersion(text, &major, &minor, &bugfix);
-    require(SA::stringByEscapingRegexCharacters(text)->utf8().size() >= size);
+    fuzz::require(SA::stringByEscapingRegexCharacters(text)->utf8().size() >= size);
 
     const auto html = SA::stringByEncodingForHTML(text);
     for (unsigned char c : html->utf8())
-        require(c >= 0x20 ? c < 0x7F : (c == '\r' || c == '\n'));
+        fuzz::require(c >= 0x20 ? c < 0x7F : (c == '\r' || c == '\n'));
 
     if (auto pascal = SA::pascalString(text)) {
-        require(pascal->length() >= 1);
-        require(pascal->bytes()[0] == (pascal->length() - 1 > 255 ? 255 : pascal->length() - 1));
-        require(SA::stringWithPascalString(pascal->bytes()) != nullptr);
+        fuzz::require(pascal->length() >= 1);
+        fuzz::require(pascal->bytes()[0] == (pascal->length() - 1 > 255 ? 255 : pascal->length() - 1));
+        fuzz::require(SA::stringWithPascalString(pascal->bytes()) != nullptr);
     }
     (void)SA::fourCharCode(text);
     if (size >= 4) {
         std::uint32_t code;
         std::memcpy(&code, bytes, 4);
-        if (code) require(SA::fourCharCode(*SA::stringWithFourCharCode(code)) == code);
+        if (code) fuzz::require(SA::fourCharCode(*SA::stringWithFourCharCode(code)) == code);
     }
 
     for (qx::StringEncoding encoding : {qx::NSUTF8StringEncoding, qx::NSMacOSRomanStringEncoding, qx::NSUnicodeStringEncoding,
                                         qx::NSShiftJISStringEncoding, qx::NSISO2022JPStringEncoding})
-        require(SA::initWithCString(bytes, size, encoding) != nullptr);
+        fuzz::require(SA::initWithCString(bytes, size, encoding) != nullptr);
     if (const qx::StringEncoding detected = qx::detectEncoding(bytes, size))
-        require(qx::stringWithBytes(bytes, size, detected) != nullptr);
+        fuzz::require(qx::stringWithBytes(bytes, size, detected) != nullptr);
 
     const auto hex = QXHexFormatter::formatter();
     qx::Ref<qx::String> column;
     const auto data = qx::Data::withBytes(bytes, size);
-    require(sameBytes(hex->dataFromHexString(*hex->hexStringForData(data, &column)), data));
+    fuzz::require(sameBytes(hex->dataFromHexString(*hex->hexStringForData(data, &column)), data));
     if (auto parsed = hex->dataFromHexString(text))
-        require(sameBytes(hex->dataFromHexString(*hex->hexStringForData(parsed)), parsed));
+        fuzz::require(sameBytes(hex->dataFromHexString(*hex->hexStringForData(parsed)), parsed));
     (void)hex->stringForObjectValue(qx::str(raw));
 
     qx::Ref<qx::Object> value;

@@ -8,6 +8,8 @@
 #include <QXFoundation/QXUnshrink.h>
 
 #include <algorithm>
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -15,14 +17,10 @@
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
 int unshrink(const std::uint8_t* data, std::size_t size, std::uint64_t outSize, unsigned seed,
              std::vector<std::uint8_t>& out) {
     QXUnshrinkStream* stream = QXUnshrinkInit(outSize);
-    require(stream != nullptr);
+    fuzz::require(stream != nullptr);
     std::vector<std::uint8_t> room(seed == 0 ? 1 << 16 : 1 + seed % 300);
     std::size_t at = 0;
     int result;
@@ -38,13 +36,13 @@ int unshrink(const std::uint8_t* data, std::size_t size, std::uint64_t outSize, 
         stream->next_out = room.data();
         stream->avail_out = room.size();
         result = QXUnshrink(stream);
-        require(stream->avail_in == 0);
+        fuzz::require(stream->avail_in == 0);
         const std::size_t written = room.size() - static_cast<std::size_t>(stream->avail_out);
         out.insert(out.end(), room.begin(), room.begin() + static_cast<std::ptrdiff_t>(written));
         if (result != QXUNSHRINK_AGAIN || (written == 0 && piece == 0)) break;
     }
-    require(stream->total_out == out.size() && out.size() <= outSize);
-    require(result == QXUNSHRINK_OK || result == QXUNSHRINK_AGAIN || result == QXUNSHRINK_MEM_ERROR ||
+    fuzz::require(stream->total_out == out.size() && out.size() <= outSize);
+    fuzz::require(result == QXUNSHRINK_OK || result == QXUNSHRINK_AGAIN || result == QXUNSHRINK_MEM_ERROR ||
             result == QXUNSHRINK_DATA_ERROR);
     QXUnshrinkCleanup(stream);
     return result;
@@ -58,9 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<std::uint8_t> whole, pieces;
     const int a = unshrink(data + 4, size - 4, outSize, 0, whole);
     const int b = unshrink(data + 4, size - 4, outSize, data[0] + 1u, pieces);
-    require(a == b);
+    fuzz::require(a == b);
     // Everything decoded before a failure is handed out first, so even then
     // the two runs agree byte for byte.
-    require(whole == pieces);
+    fuzz::require(whole == pieces);
     return 0;
 }

@@ -8,30 +8,20 @@
 
 #include <qx/Log.h>
 
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
-namespace {
-
-void requireCleanError(const qx::Ref<qx::Error>& error) {
-    if (!error) return;
-    if (error->domain() == "NSXMLParserErrorDomain") return;
-    if (error->domain() != qx::NSCocoaErrorDomain) std::abort();
-    if (error->code() != 3840 && error->code() != 3841 && error->code() != 256) std::abort();
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-    static const qx::LogSink previous = qx::setLogSink([](const std::string&) {});
-    (void)previous;
+    fuzz::silenceLog();
 
     auto data = qx::Data::withBytes(bytes, size);
     qx::Ref<qx::Error> error;
     auto plist = QXPropertyListSerialization::XMLPropertyListWithData(data, &error);
-    requireCleanError(error);
+    fuzz::requireCleanError(error, {3840, 3841, 256}, true);
     if (!plist) return 0;
 
     qx::Ref<qx::Error> writeError;

@@ -8,6 +8,8 @@
 #include "ZipArchive.h"
 
 #include <algorithm>
+#include "FuzzSupport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -17,18 +19,14 @@
 
 namespace {
 
-void require(bool condition) {
-    if (!condition) std::abort();
-}
-
 // A memory file holding the input, closed with the object.
 class MemoryFile {
 public:
     MemoryFile(const std::uint8_t* data, std::size_t size) : fd_(::memfd_create("zip-fuzz", MFD_CLOEXEC)) {
-        require(fd_ >= 0);
+        fuzz::require(fd_ >= 0);
         for (std::size_t at = 0; at < size;) {
             const ssize_t n = ::write(fd_, data + at, size - at);
-            require(n > 0);
+            fuzz::require(n > 0);
             at += static_cast<std::size_t>(n);
         }
     }
@@ -48,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string reason;
     const auto archive = qxtool::ZipArchive::open(file.path(), reason);
     if (!archive) {
-        require(!reason.empty());
+        fuzz::require(!reason.empty());
         return 0;
     }
     std::uint64_t budget = 64u << 20;
@@ -58,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::uint64_t produced = 0;
         bool overBudget = false;
         auto sink = [&](const std::uint8_t* bytes, std::size_t length, std::string& why) {
-            require(length == 0 || bytes != nullptr);
+            fuzz::require(length == 0 || bytes != nullptr);
             produced += length;
             if (produced > budget) {
                 overBudget = true;
@@ -69,9 +67,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         };
         reason.clear();
         if (qxtool::decodeZipEntry(*archive, entry, sink, reason)) {
-            require(produced == entry.uncompressedSize);
+            fuzz::require(produced == entry.uncompressedSize);
         } else {
-            require(!reason.empty());
+            fuzz::require(!reason.empty());
             if (overBudget) break;
         }
         budget -= std::min(budget, produced);
