@@ -16,7 +16,6 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <vector>
 
 namespace {
 
@@ -283,9 +282,27 @@ struct Tables {
     std::array<ValueEntry, kDStates> d;
 };
 
+// Decoded literals, kept across blocks. Left uninitialised: a damaged count
+// of up to a million literals costs only the pages actually decoded into.
+class LiteralBuffer {
+public:
+    std::uint8_t* reserve(std::size_t size) {
+        if (size > capacity_) {
+            bytes_ = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+            capacity_ = size;
+        }
+        return bytes_.get();
+    }
+    const std::uint8_t* data() const { return bytes_.get(); }
+
+private:
+    std::unique_ptr<std::uint8_t[]> bytes_;
+    std::size_t capacity_ = 0;
+};
+
 class CompressedBlock {
 public:
-    CompressedBlock(const BlockHeader& header, std::vector<std::uint8_t>& literals)
+    CompressedBlock(const BlockHeader& header, LiteralBuffer& literals)
         : h_(header), literals_(literals) {}
 
     // Decodes the block whose payload starts at payload into out[at, at +
@@ -321,7 +338,7 @@ private:
         BackwardBits in;
         if (!in.start(payload, payload + h_.literalPayloadBytes, h_.literalBits)) return false;
         const std::size_t rounded = (std::size_t(h_.literalCount) + 3) & ~std::size_t(3);
-        if (literals_.size() < rounded) literals_.resize(rounded);
+        std::uint8_t* const literals = literals_.reserve(rounded);
         std::array<std::uint32_t, 4> states = h_.literalStates;
         for (std::size_t i = 0; i < rounded; i += 4) {
             in.refill();
@@ -330,7 +347,7 @@ private:
                 std::uint32_t bits;
                 if (!in.pull(e.bits, bits)) return false;
                 states[j] = e.delta + bits;
-                literals_[i + j] = e.symbol;
+                literals[i + j] = e.symbol;
             }
         }
         return true;
@@ -366,7 +383,7 @@ private:
     }
 
     const BlockHeader& h_;
-    std::vector<std::uint8_t>& literals_;
+    LiteralBuffer& literals_;
     Tables tables_;
 };
 
@@ -376,7 +393,7 @@ std::ptrdiff_t QXLZFSEDecode(const std::uint8_t* input, std::size_t inputLength,
                              std::size_t outputCapacity) {
     if (input == nullptr || (output == nullptr && outputCapacity > 0)) return -1;
     std::size_t in = 0, out = 0;
-    std::vector<std::uint8_t> literals; // reused by every entropy-coded block
+    LiteralBuffer literals;
     while (inputLength - in >= 4) {
         const std::uint8_t* block = input + in;
         const std::size_t available = inputLength - in;
