@@ -171,7 +171,7 @@ struct BadCase {
 
 // Plain-header field offsets: the 32-bit counts, then bit counts, states and
 // the frequency tables (L, M, D, literal) as 16-bit values.
-constexpr std::size_t kV1RawBytes = 4, kV1LiteralPayload = 20, kV1LiteralBits = 28, kV1LiteralState = 32,
+constexpr std::size_t kV1RawBytes = 4, kV1LiteralCount = 12, kV1LiteralPayload = 20, kV1LiteralBits = 28, kV1LiteralState = 32,
                       kV1LmdBits = 40, kV1LState = 44, kV1DState = 48, kV1LFreq = 50, kV1LiteralFreq = 258;
 
 std::vector<BadCase> damagedStreams() {
@@ -200,15 +200,22 @@ std::vector<BadCase> damagedStreams() {
         cases.push_back({"LZVN undefined opcode " + std::to_string(undefined), stream({lzvn(1, {undefined, 'a'})}), 16});
 
     const Bytes v1 = fixture("good-v1-chunk-1.lzfse");
+    // Room for one byte more than the block, so only the block's own checks can refuse it.
     const auto v1Field = [&](const char* name, std::size_t offset, std::uint32_t value, int width) {
-        cases.push_back({std::string("plain header: ") + name, patched(v1, offset, value, width), kChunkBytes});
+        cases.push_back({std::string("plain header: ") + name, patched(v1, offset, value, width), kChunkBytes + 1});
     };
     const std::uint32_t rawBytes = readLE(v1, kV1RawBytes, 4);
     v1Field("raw size one short", kV1RawBytes, rawBytes - 1, 4);
     v1Field("raw size one over", kV1RawBytes, rawBytes + 1, 4);
+    v1Field("literal count four short", kV1LiteralCount, readLE(v1, kV1LiteralCount, 4) - 4, 4);
     v1Field("literal payload beyond the input", kV1LiteralPayload, 0xFFFFF, 4);
-    v1Field("literal bits positive", kV1LiteralBits, 1, 4);
-    v1Field("match bits below -7", kV1LmdBits, static_cast<std::uint32_t>(-8), 4);
+    for (std::size_t offset : {kV1LiteralBits, kV1LmdBits}) {
+        v1Field("bit count positive", offset, 1, 4);
+        v1Field("bit count below -7", offset, static_cast<std::uint32_t>(-8), 4);
+    }
+    // The fixture leaves two bits of its last match-payload byte unused; they must be clear.
+    const std::size_t lastMatchByte = v1.size() - 5;
+    v1Field("unused payload bits set", lastMatchByte, v1.at(lastMatchByte) | 0x80, 1);
     v1Field("literal state out of range", kV1LiteralState + 6, 1024, 2);
     v1Field("L state out of range", kV1LState, 64, 2);
     v1Field("D state out of range", kV1DState, 256, 2);
@@ -222,7 +229,10 @@ std::vector<BadCase> damagedStreams() {
     const std::uint32_t headerSize = readLE(v2, 24, 4);
     cases.push_back({"packed header: raw size one short", patched(v2, 4, readLE(v2, 4, 4) - 1, 4), kChunkBytes});
     cases.push_back({"packed header: size below its fixed part", patched(v2, 24, 31, 4), kChunkBytes});
-    cases.push_back({"packed header: size one over", patched(v2, 24, headerSize + 1, 4), kChunkBytes});
+    // More bytes than the codes' read-ahead, so they are left over, not misread.
+    Bytes padded = patched(v2, 24, headerSize + 8, 4);
+    padded.insert(padded.begin() + headerSize, 8, 0);
+    cases.push_back({"packed header: bytes after the frequency codes", padded, kChunkBytes});
     cases.push_back({"packed header: size beyond the input", patched(v2, 24, 0xFFFFFF, 4), kChunkBytes});
     // The match-payload size is bits 40-59 of the second word: all ones.
     cases.push_back({"packed header: match payload beyond the input", patched(v2, 21, 0xFFFFF, 3), kChunkBytes});
