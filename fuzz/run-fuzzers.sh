@@ -31,6 +31,7 @@ for t in "${targets[@]}"; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
     ZipArchive*) find tests/fixtures/zip/archives -type f | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
+    LZFSE*) for f in tests/fixtures/lzfse/*.lzfse; do cp -n "$f" "$corpus/$(basename "$f")"; done ;;
     Explode*|Unshrink*|PBZXDecode*) python3 fuzz/make-codec-seeds.py "$t" "$corpus" ;;
     DecompressorFuzzer)
       i=0

@@ -22,12 +22,16 @@ bool decodeBlock(const std::uint8_t* payload, std::size_t payloadLength, std::ui
 /// repeats the last distance bytes, as run-length matches rely on.
 inline void copyMatch(std::uint8_t* out, std::size_t at, std::size_t distance, std::size_t length) {
     std::uint8_t* to = out + at;
-    const std::uint8_t* from = to - distance;
-    if (distance >= length) {
-        std::memcpy(to, from, length);
-        return;
+    const std::uint8_t* const from = to - distance;
+    // [from, to) always holds whole periods of the pattern, so it can be
+    // copied on in one go, doubling each time.
+    while (length > 0) {
+        const std::size_t span = static_cast<std::size_t>(to - from);
+        const std::size_t n = span < length ? span : length;
+        std::memcpy(to, from, n);
+        to += n;
+        length -= n;
     }
-    for (std::size_t i = 0; i < length; ++i) to[i] = from[i];
 }
 
 } // namespace QXLZVN
