@@ -299,10 +299,18 @@ void QXDataReference::setNextChunkForChunk(const Chunk& next, const Chunk& chunk
             setFirstChunk(next);
         return;
     }
+    // Linking also moves back links (the new next's, the old next's); the
+    // inverse puts those back too, or undo would leave them pointing astray.
+    const Chunk nextPrevious = next ? next->previousChunk() : nullptr;
+    const Chunk oldPrevious = old ? old->previousChunk() : nullptr;
     willChange();
     chunk->setNextChunk(next);
     didChange();
-    registerInverse([old, chunk](QXDataReference& reference) { reference.setNextChunkForChunk(old, chunk); });
+    registerInverse([old, chunk, next, nextPrevious, oldPrevious](QXDataReference& reference) {
+        reference.setNextChunkForChunk(old, chunk);
+        if (next && next->previousChunk() != nextPrevious) reference.setPreviousChunkForChunk(nextPrevious, next);
+        if (old && old->previousChunk() != oldPrevious) reference.setPreviousChunkForChunk(oldPrevious, old);
+    });
 }
 
 void QXDataReference::restoreChunks(const std::vector<ChunkState>& states, const Chunk& first) {
