@@ -318,7 +318,7 @@ TEST_F(DataReferenceTest, SearchAgreesWithBruteForceAcrossWindows) {
     reference->replaceBytesInRange(QXDataRange{1048570, 0}, toData(Bytes{'b', 'A', 'b', 0x80}));
     text.insert(text.begin() + 1048570, {'b', 'A', 'b', 0x80});
 
-    for (int i = 0; i < 120; ++i) {
+    for (int i = 0; i < 40; ++i) {
         const std::uint64_t m = 1 + random() % 9;
         Bytes pattern;
         if (i % 3 == 0) {
