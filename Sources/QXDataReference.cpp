@@ -38,6 +38,7 @@ struct QXDataReference::ChunkState {
     qx::Ref<qx::Data> data;  // a copy; nothing for a file chunk
     Chunk next;
     Chunk previous;
+    bool addressOnly = false;  // a follower: only its address moves
 };
 
 QXDataReference::Ref QXDataReference::dataReferenceWithData(const qx::Ref<qx::Data>& data) {
@@ -265,7 +266,7 @@ void QXDataReference::setFileAddressForChunk(std::uint64_t fileAddress, const Ch
     didChange();
     registerInverse([old, oldData, chunk](QXDataReference& reference) {
         if (oldData) {
-            reference.restoreChunks({ChunkState{chunk, chunk->address(), 0, oldData, chunk->nextChunk(), chunk->previousChunk()}},
+            reference.restoreChunks({ChunkState{chunk, chunk->address(), 0, oldData, chunk->nextChunk(), chunk->previousChunk(), false}},
                                     reference.firstChunk());
         } else {
             reference.setFileAddressForChunk(old, chunk);
@@ -277,23 +278,31 @@ void QXDataReference::setNextChunkForChunk(const Chunk& next, const Chunk& chunk
     if (!chunk) return;
     const Chunk old = chunk->nextChunk();
     if (next && next != old && chunk->isMemoryChunk() && next->isMemoryChunk()) {
-        // A merge rewrites the survivor's bytes and may unlink chunks before
-        // it; what it touches is kept whole so that one step restores it.
+        // A merge rewrites the survivor's bytes, may unlink memory chunks
+        // before it and moves every follower; what it touches is kept so that
+        // one step restores it (followers by their addresses only).
         std::vector<ChunkState> states;
-        auto keep = [&states](const Chunk& c) {
-            for (const auto& state : states)
-                if (state.chunk == c) return;
-            states.push_back({c, c->address(), c->fileAddress(), c->data() ? std::make_shared<qx::Data>(c->data()->vector()) : nullptr,
-                              c->nextChunk(), c->previousChunk()});
-        };
-        for (Chunk c = chunk; c; c = c->previousChunk()) keep(c);
-        for (Chunk c = next; c; c = c->nextChunk()) keep(c);
-        if (old) keep(old);
+        if (undoManager_) {
+            auto keep = [&states](const Chunk& c, bool whole) {
+                for (const auto& state : states)
+                    if (state.chunk == c) return;
+                states.push_back({c, c->address(), c->fileAddress(),
+                                  whole && c->data() ? std::make_shared<qx::Data>(c->data()->vector()) : nullptr, c->nextChunk(),
+                                  c->previousChunk(), !whole});
+            };
+            Chunk c = chunk;
+            for (; c && c->isMemoryChunk(); c = c->previousChunk()) keep(c, true);
+            if (c) keep(c, true);
+            keep(next, true);
+            if (old) keep(old, true);
+            for (c = next->nextChunk(); c; c = c->nextChunk()) keep(c, false);
+        }
         const Chunk first = firstChunk_;
         willChange();
         chunk->setNextChunk(next);
         didChange();
-        registerInverse([states, first](QXDataReference& reference) { reference.restoreChunks(states, first); });
+        if (undoManager_)
+            registerInverse([states = std::move(states), first](QXDataReference& reference) { reference.restoreChunks(states, first); });
         // The merged-away chunks that had no previous chunk stay in front of the survivor.
         if (firstChunk_ && firstChunk_->isMemoryChunk() && firstChunk_->nextChunk() == next && firstChunk_ != next)
             setFirstChunk(next);
@@ -318,18 +327,23 @@ void QXDataReference::restoreChunks(const std::vector<ChunkState>& states, const
     current.reserve(states.size());
     for (const auto& state : states) {
         const Chunk& c = state.chunk;
-        current.push_back({c, c->address(), c->fileAddress(), c->data() ? std::make_shared<qx::Data>(c->data()->vector()) : nullptr,
-                           c->nextChunk(), c->previousChunk()});
+        current.push_back({c, c->address(), c->fileAddress(),
+                           !state.addressOnly && c->data() ? std::make_shared<qx::Data>(c->data()->vector()) : nullptr, c->nextChunk(),
+                           c->previousChunk(), state.addressOnly});
     }
     const Chunk currentFirst = firstChunk_;
     willChange();
     // Relinked while every chunk is a file chunk, so that no link merges;
     // the bytes come back afterwards.
-    for (const auto& state : states) state.chunk->setFileAddress(state.fileAddress);
-    for (const auto& state : states) state.chunk->setNextChunk(state.next);
+    for (const auto& state : states)
+        if (!state.addressOnly) state.chunk->setFileAddress(state.fileAddress);
+    for (const auto& state : states)
+        if (!state.addressOnly) state.chunk->setNextChunk(state.next);
     for (const auto& state : states) {
-        state.chunk->setPreviousChunk(state.previous);
-        if (state.data) state.chunk->setData(state.data);
+        if (!state.addressOnly) {
+            state.chunk->setPreviousChunk(state.previous);
+            if (state.data) state.chunk->setData(state.data);
+        }
         state.chunk->setAddress(state.address, false);
     }
     firstChunk_ = first;

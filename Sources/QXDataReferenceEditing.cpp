@@ -12,6 +12,10 @@ namespace {
 // Handed back by a file chunk that has no next chunk: the walk ends there.
 constexpr std::uint64_t kEndOfWalk = ~0ull;
 
+QXFileChunk::Ref held(QXFileChunk* chunk) {
+    return std::static_pointer_cast<QXFileChunk>(chunk->shared_from_this());
+}
+
 } // namespace
 
 void QXDataReference::replaceFileHandleBytes(QXDataRange range, const void* bytes, std::uint64_t length) {
@@ -22,17 +26,29 @@ void QXDataReference::replaceFileHandleBytes(QXDataRange range, const void* byte
 
     unsigned offers = 0;
     bool touched = false;
-    for (Chunk chunk = firstChunk_; chunk; chunk = chunk->nextChunk()) {
-        const std::uint64_t a = chunk->address(), l = lengthOfChunk(chunk);
-        const bool concerned = (a <= range.location && range.location < a + l) || (chunk == lastChunk() && range.location == a + l);
-        if (concerned) {
-            touched = true;
-            if (n > 0) ++offers;
-            range = chunk->isMemoryChunk() ? replaceFileHandleBytesInDataChunk(chunk, range, data)
-                                           : replaceFileHandleBytesInFileHandleChunk(chunk, range, data);
-            if (range.location == kEndOfWalk) break;
+    // Raw links while passing chunks by (a list runs to many thousand of
+    // them); the chunk being edited is held, as the edit may unlink it.
+    for (QXFileChunk* chunk = firstChunk_.get(); chunk;) {
+        const QXFileChunk* next = chunk->nextChunk().get();
+        const std::uint64_t a = chunk->address();
+        // Within the chunk, or, for the last one, also just past its end (an append).
+        const bool concerned = a <= range.location && (next ? range.location < next->address() : range.location <= a + lengthOfChunk(held(chunk)));
+        if (!concerned) {
+            if (range.length == 0 && n == 0) break;
+            // Addresses only rise along the list: once the location lies
+            // before a chunk, no chunk from there on is concerned, and the
+            // rest of the walk would pass them by without a change.
+            if (next && range.location < next->address() && touched) break;
+            chunk = chunk->nextChunk().get();
+            continue;
         }
-        if (range.length == 0 && n == 0) break;
+        const Chunk current = held(chunk);
+        touched = true;
+        if (n > 0) ++offers;
+        range = current->isMemoryChunk() ? replaceFileHandleBytesInDataChunk(current, range, data)
+                                         : replaceFileHandleBytesInFileHandleChunk(current, range, data);
+        if (range.location == kEndOfWalk || (range.length == 0 && n == 0)) break;
+        chunk = current->nextChunk().get();
     }
     // The walk gave the bytes more than once, left part of the range in place
     // or found no chunk at all: the size it predicted is not the list's.

@@ -67,9 +67,10 @@ protected:
     QXFileChunk() = default;
 
 private:
+    // The walks along a list read only next_ and address_: side by side.
+    Ref next_;
     std::uint64_t address_ = 0;
     std::uint64_t fileAddress_ = 0;   // 0 for a memory chunk
     qx::Ref<qx::Data> data_;          // present exactly for a memory chunk
-    Ref next_;
     qx::WeakRef<QXFileChunk> previous_;
 };
