@@ -162,7 +162,9 @@ public:
     /// The wrapped data object, or nothing for a file.
     const qx::Ref<qx::Data>& data() const { return data_; }
     bool wrapsDataObject() const { return data_ != nullptr; }
-    /// False after a write-out failed once it had changed the file (see the file comment).
+    /// False after a write-out failed once it had changed the file (see the
+    /// file comment), and after lowLevelWriteToURL rewrote the reference's own
+    /// file without the reopening writeToURL does; setURL makes it true again.
     bool fileMatchesContents() const { return fileMatchesContents_; }
 
     // ---- Writing out ----
