@@ -193,7 +193,6 @@ TEST(DataReferenceFaultTest, AFullFileSystemFailsTheWriteOut) {
         std::string path;
         ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
     } unmount{mountPoint};
-    TempDir unused;  // keeps the fixture's helpers' shape; the file lives on the small mount
     EditedFile file;
     file.original = randomBytes(1024 * 1024, 22);
     file.path = mountPoint + "/file";
