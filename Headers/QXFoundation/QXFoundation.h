@@ -31,3 +31,5 @@
 #include <QXFoundation/QXCompressor.h>
 #include <QXFoundation/QXDecompressionOperation.h>
 #include <QXFoundation/QXDecompressionStream.h>
+#include <QXFoundation/QXFileChunk.h>
+#include <QXFoundation/QXDataReference.h>
