@@ -87,7 +87,13 @@ class DataSource final : public QXDiskImageSource {
 public:
     explicit DataSource(qx::Ref<qx::Data> data) : data_(std::move(data)) { size_ = data_->length(); }
 
-    bool read(std::uint64_t offset, void* buffer, std::size_t length, qx::Ref<qx::Error>*) override {
+    bool read(std::uint64_t offset, void* buffer, std::size_t length, qx::Ref<qx::Error>* error) override {
+        // Callers check ranges against size(); memory cannot fail, so this is
+        // the one place a range that slipped past them shows.
+        if (offset > size_ || length > size_ - offset) {
+            if (error) *error = readError(EFAULT);
+            return false;
+        }
         std::memcpy(buffer, data_->bytes() + offset, length);
         return true;
     }
