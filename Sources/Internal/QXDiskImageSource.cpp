@@ -125,13 +125,15 @@ std::unique_ptr<QXDiskImageSource> QXDiskImageSource::openFile(const std::string
 
 std::unique_ptr<QXDiskImageSource> QXDiskImageSource::withHandle(const qx::Ref<QXRemoteFileHandle>& handle,
                                                                  qx::Ref<qx::Error>* error) {
+    // An HTTP handle knows whether the server takes ranges only once its size is known.
+    const std::uint64_t size = handle ? handle->fileSize() : 0;
     if (!handle || !handle->isReadable() || !handle->isSeekable()) {
         if (error)
             *error = QXGenerateError(kQXDiskImageErrorDomain, kQXDiskImageErrorReadFailed, nullptr, nullptr, nullptr,
                                      "the image cannot be read by ranges");
         return nullptr;
     }
-    return std::make_unique<HandleSource>(handle, handle->fileSize());
+    return std::make_unique<HandleSource>(handle, size);
 }
 
 std::unique_ptr<QXDiskImageSource> QXDiskImageSource::withData(const qx::Ref<qx::Data>& data) {

@@ -527,6 +527,10 @@ TEST(DiskImageRecognition, RefusedKindsAndRawImages) {
     EXPECT_EQ(image->size(), raw.size());
     EXPECT_EQ(decodeAll(*image), raw);
     EXPECT_EQ(qxtest::toBytes(image->readDataInRange(990, 100)), Bytes(raw.end() - 10, raw.end()));
+
+    qx::Ref<qx::Error> error;
+    EXPECT_FALSE(image->enumerateContents([](std::uint64_t, const std::uint8_t*, std::uint64_t) { return false; }, &error));
+    EXPECT_QX_ERROR(error, kQXDiskImageErrorDomain, kQXDiskImageErrorCancelled);
 }
 
 // ---- HTTP ------------------------------------------------------------------------------
