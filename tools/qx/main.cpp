@@ -13,6 +13,7 @@
 #include "DecompressCommand.h"
 #include "CompressCommand.h"
 #include "BytesCommand.h"
+#include "ImageCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -29,6 +30,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addDecompressCommand,
     qxtool::addCompressCommand,
     qxtool::addBytesCommand,
+    qxtool::addImageCommand,
 };
 
 } // namespace

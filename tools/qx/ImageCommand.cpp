@@ -1,0 +1,240 @@
+// ImageCommand.cpp - `qx image info|verify|license|convert`.
+//
+// IMAGE is a path or an http(s) URL (read by ranges). Failures are one line
+// and exit 1; verify exits 1 also when a checksum does not match.
+#include "ImageCommand.h"
+
+#include "Diagnostics.h"
+#include "FileIO.h"
+#include "ProgressLine.h"
+
+#include <QXFoundation/QXDiskImage.h>
+#include <QXFoundation/QXPropertyListSerialization.h>
+
+#include "Internal/QXSafeFileWriter.h"
+
+#include <qx/Array.h>
+#include <qx/Dictionary.h>
+#include <qx/Number.h>
+#include <qx/String.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <unistd.h>
+
+namespace qxtool {
+
+namespace {
+
+struct ImageOptions {
+    std::string image;
+    std::string output;
+    bool plist = false;
+};
+
+qx::Ref<QXDiskImage> openImage(const std::string& image, qx::Ref<qx::Error>* error) {
+    const bool remote = image.rfind("http://", 0) == 0 || image.rfind("https://", 0) == 0;
+    auto url = remote ? qx::URL::URLWithString(image) : qx::URL::fileURLWithPath(image);
+    return QXDiskImage::imageWithContentsOfURL(url, error);
+}
+
+std::string checksumText(const QXDiskImageChecksum& sum) {
+    if (sum.type == 0) return "none";
+    char text[32];
+    std::snprintf(text, sizeof text, "%s $%08" PRIX32, sum.type == 2 ? "CRC32" : "type", sum.value);
+    return text;
+}
+
+bool printText(const std::string& text, qx::Ref<qx::Error>* error) {
+    auto output = OutputFile::open("-", error);
+    return output && output->write(text.data(), text.size(), error) && output->commit(error);
+}
+
+qx::Ref<qx::Dictionary> infoPropertyList(const QXDiskImage& image) {
+    auto root = qx::Dictionary::create();
+    const auto master = image.masterChecksum();
+    root->setObject(qx::String::create(image.formatName()), "Format");
+    root->setObject(qx::String::create(image.formatDescription()), "Format Description");
+    root->setObject(qx::String::create(image.isUDIF() ? "CUDIFDiskImage" : "CRawDiskImage"), "Class Name");
+    root->setObject(qx::String::create(master.type == 2 ? "CRC32" : "none"), "Checksum Type");
+    char value[16];
+    std::snprintf(value, sizeof value, "$%08" PRIX32, master.value);
+    if (master.type == 2) root->setObject(qx::String::create(value), "Checksum Value");
+
+    auto sizes = qx::Dictionary::create();
+    sizes->setObject(qx::Number::withUInt64(image.size()), "Total Bytes");
+    sizes->setObject(qx::Number::withUInt64(image.sectorCount()), "Sector Count");
+    sizes->setObject(qx::Number::withUInt64(image.compressedSize()), "Compressed Bytes");
+    sizes->setObject(qx::Number::withUInt64(image.fileSize()), "Total Non-Empty Bytes");
+    root->setObject(sizes, "Size Information");
+
+    const bool compressed = image.formatName() != "UDRO" && image.formatName() != "UDRW";
+    auto properties = qx::Dictionary::create();
+    properties->setObject(qx::Number::withBool(false), "Encrypted");
+    properties->setObject(qx::Number::withBool(true), "Kernel Compatible");
+    properties->setObject(qx::Number::withBool(master.type != 0), "Checksummed");
+    properties->setObject(qx::Number::withBool(image.hasLicenseAgreement()), "Software License Agreement");
+    properties->setObject(qx::Number::withBool(image.imageVariant() == 1), "Partitioned");
+    properties->setObject(qx::Number::withBool(compressed), "Compressed");
+    root->setObject(properties, "Properties");
+
+    auto list = qx::Array::create();
+    for (const auto& p : image.partitions()) {
+        auto entry = qx::Dictionary::create();
+        entry->setObject(qx::String::create(p.name), "partition-name");
+        entry->setObject(qx::Number::withUInt64(p.firstSector), "partition-start");
+        entry->setObject(qx::Number::withUInt64(p.sectorCount), "partition-length");
+        entry->setObject(qx::String::create(p.type), "partition-hint");
+        list->addObject(entry);
+    }
+    auto partitions = qx::Dictionary::create();
+    partitions->setObject(qx::Number::withUInt64(512), "block-size");
+    partitions->setObject(list, "partitions");
+    root->setObject(partitions, "partitions");
+    return root;
+}
+
+int runInfo(const ImageOptions& options) {
+    qx::Ref<qx::Error> error;
+    auto image = openImage(options.image, &error);
+    if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    std::string text;
+    if (options.plist) {
+        auto data = QXPropertyListSerialization::dataWithPropertyList(infoPropertyList(*image), 100, &error);
+        if (!data) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+        text.assign(reinterpret_cast<const char*>(data->bytes()), data->length());
+    } else {
+        char line[256];
+        text += "format: " + image->formatName() + " (" + image->formatDescription() + ")\n";
+        if (image->isUDIF()) text += "variant: " + std::to_string(image->imageVariant()) + "\n";
+        std::snprintf(line, sizeof line, "size: %" PRIu64 " bytes (%" PRIu64 " sectors), file %" PRIu64 " bytes\n",
+                      image->size(), image->sectorCount(), image->fileSize());
+        text += line;
+        text += "checksum: " + checksumText(image->masterChecksum()) + ", data fork " +
+                checksumText(image->dataForkChecksum()) + "\n";
+        text += std::string("license agreement: ") + (image->hasLicenseAgreement() ? "yes" : "no") + "\n";
+        std::size_t index = 0;
+        for (const auto& p : image->partitions()) {
+            std::snprintf(line, sizeof line, "partition %zu: %s (%s) number %" PRId64 " start %" PRIu64 " length %" PRIu64 "\n",
+                          index++, p.name.c_str(), p.type.c_str(), p.number, p.firstSector, p.sectorCount);
+            text += line;
+        }
+    }
+    if (!printText(text, &error)) return reportFailure(outputDisplayName("-"), reasonFromError(error));
+    return kExitSuccess;
+}
+
+const char* stateText(QXDiskImageVerification::State state) {
+    switch (state) {
+    case QXDiskImageVerification::State::NotPresent: return "none";
+    case QXDiskImageVerification::State::Unsupported: return "not checked";
+    case QXDiskImageVerification::State::Passed: return "ok";
+    case QXDiskImageVerification::State::Failed: return "MISMATCH";
+    }
+    return "";
+}
+
+int runVerify(const ImageOptions& options) {
+    qx::Ref<qx::Error> error;
+    auto image = openImage(options.image, &error);
+    if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    QXDiskImageVerification result;
+    if (!image->verifyChecksums(&result, &error)) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    std::string text;
+    for (std::size_t i = 0; i < result.partitions.size(); ++i)
+        text += "partition " + std::to_string(i) + ": " + stateText(result.partitions[i]) + "\n";
+    text += std::string("master checksum: ") + stateText(result.master) + "\n";
+    text += std::string("data fork checksum: ") + stateText(result.dataFork) + "\n";
+    if (!printText(text, &error)) return reportFailure(outputDisplayName("-"), reasonFromError(error));
+    if (!result.passed()) return reportFailure(inputDisplayName(options.image), "checksum mismatch");
+    return kExitSuccess;
+}
+
+int runLicense(const ImageOptions& options) {
+    qx::Ref<qx::Error> error;
+    auto image = openImage(options.image, &error);
+    if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    const auto text = image->licenseAgreement();
+    if (!text) return reportFailure(inputDisplayName(options.image), "the image has no license agreement");
+    std::string out = *text;
+    if (out.empty() || out.back() != '\n') out += '\n';
+    if (!printText(out, &error)) return reportFailure(outputDisplayName("-"), reasonFromError(error));
+    return kExitSuccess;
+}
+
+bool writeAt(int fd, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t offset) {
+    while (length > 0) {
+        const ssize_t n = ::pwrite(fd, bytes, length, static_cast<off_t>(offset));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        bytes += n;
+        length -= static_cast<std::uint64_t>(n);
+        offset += static_cast<std::uint64_t>(n);
+    }
+    return true;
+}
+
+int runConvert(const ImageOptions& options) {
+    qx::Ref<qx::Error> error;
+    auto image = openImage(options.image, &error);
+    if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    QXSafeFileWriter writer;
+    if (const int code = writer.open(options.output)) return reportFailure(outputDisplayName(options.output), std::strerror(code));
+    ProgressLine progress(image->size(), ::isatty(STDERR_FILENO) == 1);
+    int writeError = 0;
+    // Zero runs are left as holes: the final size comes from ftruncate.
+    const bool read = image->enumerateContents(
+        [&](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
+            if (bytes && !writeAt(writer.fd(), bytes, length, offset)) {
+                writeError = errno ? errno : EIO;
+                return false;
+            }
+            progress.update(offset + length, offset + length);
+            return true;
+        },
+        &error);
+    progress.clear();
+    if (writeError != 0) return reportFailure(outputDisplayName(options.output), std::strerror(writeError));
+    if (!read) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    if (::ftruncate(writer.fd(), static_cast<off_t>(image->size())) != 0)
+        return reportFailure(outputDisplayName(options.output), std::strerror(errno));
+    if (const int code = writer.commit()) return reportFailure(outputDisplayName(options.output), std::strerror(code));
+    return kExitSuccess;
+}
+
+CLI::App* addVerb(CLI::App& image, const char* name, const char* help, const std::shared_ptr<ImageOptions>& options) {
+    auto* verb = image.add_subcommand(name, help);
+    verb->add_option("IMAGE", options->image, "Disk image path or http(s) URL")->required();
+    return verb;
+}
+
+} // namespace
+
+void addImageCommand(CLI::App& app, Action& selected) {
+    auto options = std::make_shared<ImageOptions>();
+    auto* image = app.add_subcommand("image", "Inspect, check and convert disk images (.dmg, raw)");
+    image->require_subcommand(1);
+
+    auto* info = addVerb(*image, "info", "Print the format, sizes, partitions and checksums", options);
+    info->add_flag("--plist", options->plist, "Print the information as an XML property list");
+    info->callback([&selected, options] { selected = [options] { return runInfo(*options); }; });
+
+    auto* verify = addVerb(*image, "verify", "Check every stored checksum (exit 1 on a mismatch)", options);
+    verify->callback([&selected, options] { selected = [options] { return runVerify(*options); }; });
+
+    auto* license = addVerb(*image, "license", "Print the software license agreement", options);
+    license->callback([&selected, options] { selected = [options] { return runLicense(*options); }; });
+
+    auto* convert = addVerb(*image, "convert", "Write the decoded disk as a raw (sparse) image", options);
+    convert->add_option("-o,--output", options->output, "Output file")->required();
+    convert->callback([&selected, options] { selected = [options] { return runConvert(*options); }; });
+}
+
+} // namespace qxtool
