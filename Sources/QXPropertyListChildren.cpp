@@ -10,9 +10,8 @@
 
 // --- Undo ------------------------------------------------------------------------------------
 
-void QXPropertyList::registerInverse(std::function<void(QXPropertyList& node)> inverse) {
-    auto manager = undoManager();
-    if (!manager) return;
+void QXPropertyList::registerInverseWith(const qx::Ref<qx::UndoManager>& manager,
+                                         std::function<void(QXPropertyList& node)> inverse) {
     manager->registerUndoWithTarget<QXPropertyList>(self(), std::move(inverse));
 }
 
@@ -25,6 +24,7 @@ void QXPropertyList::privateSetTypeCode(QXPropertyListType typeCode) {
 }
 
 void QXPropertyList::registerRestore(const qx::Ref<qx::Object>& old) {
+    if (!undoManager()) return;
     // A list of nodes goes back through privateSetChildren, which reattaches
     // its members: undoing the edits that emptied it has detached them.
     if (auto list = qx::dyn_cast<qx::Array>(old)) {
@@ -54,8 +54,9 @@ void QXPropertyList::privateSetChildren(const Nodes& children) {
     _privateValue = list;
     announceDid("privateValue");
     // Attaching finds each node already in the list, so none is added twice.
-    for (const auto& child : children)
-        if (child) child->setParent(self());
+    const Ref me = self();
+    for (std::size_t i = 0; i < children.size(); ++i)
+        if (children[i]) children[i]->setParentExpectingIndex(me, i);
 }
 
 // --- Reading the child list ---------------------------------------------------------------------
@@ -172,7 +173,7 @@ void QXPropertyList::insertObjectInChildrenAtIndex(const Ref& child, std::size_t
     }
     registerInverse([index](QXPropertyList& n) { n.removeObjectFromChildrenAtIndex(index); });
     list->insertObject(node, index);
-    node->setParent(self());
+    node->setParentExpectingIndex(self(), index);
     announceChildren(true, false, index);
 }
 

@@ -46,6 +46,10 @@ bool QXPropertyList::containsSearchString(const qx::Ref<qx::String>& text, QXPro
     if (!(scope & QXPropertyListSearchValues)) return false;
     switch (_privateTypeCode) {
     case QXPropertyListStringType:
+        // A string's text is its own description; spares a copy per node.
+        if (const auto* string = dynamic_cast<const qx::String*>(_privateValue.get()))
+            return QXStringSearch::contains(string->utf8(), text->utf8(), options);
+        [[fallthrough]];
     case QXPropertyListNumberType:
     case QXPropertyListBooleanType: return QXStringSearch::contains(stringValue()->utf8(), text->utf8(), options);
     case QXPropertyListDataType: {
