@@ -163,7 +163,7 @@ void QXPropertyList::setParentExpectingIndex(const Ref& parent, std::size_t inde
     _privateParent = parent;
     announceDid("parent");
     if (!parent) return;
-    const auto list = parent->privateChildren();
+    const qx::Array* list = parent->childList();
     const bool atIndex = list && index < list->count() && (*list)[index].get() == static_cast<const qx::Object*>(this);
     if (!atIndex && parent->indexOfChild(this) == NotFound) parent->addChild(self());
 }

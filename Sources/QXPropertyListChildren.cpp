@@ -75,13 +75,19 @@ std::optional<QXPropertyList::Nodes> QXPropertyList::children() const {
     return nodes;
 }
 
+// Walking a large tree reads the child list at every node: a plain pointer
+// spares the reference counting of privateChildren.
+const qx::Array* QXPropertyList::childList() const {
+    return isContainer() ? dynamic_cast<const qx::Array*>(_privateValue.get()) : nullptr;
+}
+
 std::size_t QXPropertyList::countOfChildren() const {
-    const auto list = privateChildren();
+    const qx::Array* list = childList();
     return list ? list->count() : 0;
 }
 
 QXPropertyList::Ref QXPropertyList::objectInChildrenAtIndex(std::size_t index) const {
-    const auto list = privateChildren();
+    const qx::Array* list = childList();
     if (!list || index >= list->count()) return nullptr;
     return qx::dyn_cast<QXPropertyList>((*list)[index]);
 }
@@ -94,7 +100,7 @@ void QXPropertyList::getChildren(Ref* buffer, std::size_t location, std::size_t 
 }
 
 std::size_t QXPropertyList::indexOfChild(const QXPropertyList* child) const {
-    const auto list = privateChildren();
+    const qx::Array* list = childList();
     if (!list || !child) return NotFound;
     for (std::size_t i = 0; i < list->count(); ++i)
         if ((*list)[i].get() == static_cast<const qx::Object*>(child)) return i;

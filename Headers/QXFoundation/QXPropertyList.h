@@ -275,6 +275,7 @@ private:
     /// nothing could hear or undo their announcements and inverses.
     void adoptUnwrappedValue(const qx::Ref<qx::Object>& value);
     Ref self() const;
+    const qx::Array* childList() const;
     bool parentIsDictionary() const;
     bool parentIsArray() const;
     std::size_t indexOfChild(const QXPropertyList* child) const;
