@@ -56,10 +56,10 @@ const qx::Observable::DependentsTable& dependents() {
 
 // The keys whose announcement reaches "children", "value" or "privateValue",
 // the properties a node watches to count its own mutations.
-bool countsAsMutation(const std::string& key) {
-    static const std::set<std::string> keys = [] {
+bool countsAsMutation(std::string_view key) {
+    static const std::set<std::string, std::less<>> keys = [] {
         const std::set<std::string> watched{"children", "value", "privateValue"};
-        std::set<std::string> result;
+        std::set<std::string, std::less<>> result;
         for (const auto& [from, unused] : dependents()) {
             (void)unused;
             std::deque<std::string> queue{from};
@@ -80,7 +80,7 @@ bool countsAsMutation(const std::string& key) {
         result.insert(watched.begin(), watched.end());
         return result;
     }();
-    return keys.count(key) != 0;
+    return keys.find(key) != keys.end();
 }
 
 } // namespace
@@ -88,7 +88,7 @@ bool countsAsMutation(const std::string& key) {
 // --- Construction ---------------------------------------------------------------------
 
 QXPropertyList::Ref QXPropertyList::propertyList() {
-    Ref node(new QXPropertyList());
+    Ref node = makeNode();
     node->_privateTypeCode = QXPropertyListDictionaryType;
     node->_privateValue = qx::Array::create();
     node->startWatchingMutations();
@@ -96,15 +96,15 @@ QXPropertyList::Ref QXPropertyList::propertyList() {
 }
 
 QXPropertyList::Ref QXPropertyList::propertyListWithValue(const qx::Ref<qx::Object>& value) {
-    Ref node(new QXPropertyList());
+    Ref node = makeNode();
     node->setValue(value);
     node->startWatchingMutations();
     return node;
 }
 
 QXPropertyList::Ref QXPropertyList::propertyListWithUnwrappedValue(const qx::Ref<qx::Object>& value) {
-    Ref node(new QXPropertyList());
-    node->loadUnwrappedValue(value);
+    Ref node = makeNode();
+    node->adoptUnwrappedValue(value);
     node->startWatchingMutations();
     return node;
 }
@@ -116,7 +116,7 @@ QXPropertyList::Ref QXPropertyList::propertyListWithParent(const Ref& parent) {
 }
 
 QXPropertyList::Ref QXPropertyList::arrayPropertyListWithContents(const Nodes& contents) {
-    Ref node(new QXPropertyList());
+    Ref node = makeNode();
     node->_privateTypeCode = QXPropertyListArrayType;
     node->setChildren(contents);
     node->startWatchingMutations();
@@ -124,7 +124,7 @@ QXPropertyList::Ref QXPropertyList::arrayPropertyListWithContents(const Nodes& c
 }
 
 QXPropertyList::Ref QXPropertyList::dictionaryPropertyListWithContents(const Nodes& contents) {
-    Ref node(new QXPropertyList());
+    Ref node = makeNode();
     node->_privateTypeCode = QXPropertyListDictionaryType;
     node->setChildren(contents);
     node->startWatchingMutations();
@@ -144,7 +144,9 @@ qx::Ref<qx::Data> QXPropertyList::dataOfFormat(QXPropertyListFormat format, qx::
 
 QXPropertyList::~QXPropertyList() { stopWatchingMutations(); }
 
-QXPropertyList::Ref QXPropertyList::makeNodeOfSameClass() const { return Ref(new QXPropertyList()); }
+QXPropertyList::Ref QXPropertyList::makeNode() { return std::make_shared<QXPropertyList>(Allocation{}); }
+
+QXPropertyList::Ref QXPropertyList::makeNodeOfSameClass() const { return makeNode(); }
 
 QXPropertyList::Ref QXPropertyList::self() const {
     return std::static_pointer_cast<QXPropertyList>(std::const_pointer_cast<qx::Object>(shared_from_this()));
@@ -152,13 +154,18 @@ QXPropertyList::Ref QXPropertyList::self() const {
 
 // --- Structure and identity ----------------------------------------------------------------
 
-void QXPropertyList::setParent(const Ref& parent) {
+void QXPropertyList::setParent(const Ref& parent) { setParentExpectingIndex(parent, NotFound); }
+
+void QXPropertyList::setParentExpectingIndex(const Ref& parent, std::size_t index) {
     Ref old = _privateParent.lock();
     if (old && old != parent) old->removeChild(self());
     announceWill("parent");
     _privateParent = parent;
     announceDid("parent");
-    if (parent && parent->indexOfChild(this) == NotFound) parent->addChild(self());
+    if (!parent) return;
+    const qx::Array* list = parent->childList();
+    const bool atIndex = list && index < list->count() && (*list)[index].get() == static_cast<const qx::Object*>(this);
+    if (!atIndex && parent->indexOfChild(this) == NotFound) parent->addChild(self());
 }
 
 qx::Ref<qx::UndoManager> QXPropertyList::undoManager() const {
@@ -272,14 +279,20 @@ const qx::Observable::DependentsTable* QXPropertyList::classDependents() const {
 // The node counts its own changes directly at each announcement, which has
 // the effect of observing "children", "value" and "privateValue" without
 // keeping three observers alive on every node of a large tree.
-void QXPropertyList::announceWill(const std::string& key) { willChangeValueForKey(key); }
+void QXPropertyList::announceWill(std::string_view key) {
+    if (hasObservers()) willChangeValueForKey(std::string(key));
+}
 
-void QXPropertyList::announceDid(const std::string& key) {
+void QXPropertyList::announceDid(std::string_view key) {
     if (_isWatchingMutations && countsAsMutation(key)) ++_mutations;
-    didChangeValueForKey(key);
+    if (hasObservers()) didChangeValueForKey(std::string(key));
 }
 
 void QXPropertyList::announceChildren(bool insertion, bool prior, std::size_t index) {
+    if (!hasObservers()) {
+        if (!prior && _isWatchingMutations) ++_mutations;
+        return;
+    }
     const auto kind = insertion ? ChangeKind::Insertion : ChangeKind::Removal;
     auto indexes = qx::IndexSet::create(index);
     if (prior) {

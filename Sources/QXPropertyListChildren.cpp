@@ -10,9 +10,8 @@
 
 // --- Undo ------------------------------------------------------------------------------------
 
-void QXPropertyList::registerInverse(std::function<void(QXPropertyList& node)> inverse) {
-    auto manager = undoManager();
-    if (!manager) return;
+void QXPropertyList::registerInverseWith(const qx::Ref<qx::UndoManager>& manager,
+                                         std::function<void(QXPropertyList& node)> inverse) {
     manager->registerUndoWithTarget<QXPropertyList>(self(), std::move(inverse));
 }
 
@@ -25,6 +24,7 @@ void QXPropertyList::privateSetTypeCode(QXPropertyListType typeCode) {
 }
 
 void QXPropertyList::registerRestore(const qx::Ref<qx::Object>& old) {
+    if (!undoManager()) return;
     // A list of nodes goes back through privateSetChildren, which reattaches
     // its members: undoing the edits that emptied it has detached them.
     if (auto list = qx::dyn_cast<qx::Array>(old)) {
@@ -54,8 +54,9 @@ void QXPropertyList::privateSetChildren(const Nodes& children) {
     _privateValue = list;
     announceDid("privateValue");
     // Attaching finds each node already in the list, so none is added twice.
-    for (const auto& child : children)
-        if (child) child->setParent(self());
+    const Ref me = self();
+    for (std::size_t i = 0; i < children.size(); ++i)
+        if (children[i]) children[i]->setParentExpectingIndex(me, i);
 }
 
 // --- Reading the child list ---------------------------------------------------------------------
@@ -74,13 +75,19 @@ std::optional<QXPropertyList::Nodes> QXPropertyList::children() const {
     return nodes;
 }
 
+// Walking a large tree reads the child list at every node: a plain pointer
+// spares the reference counting of privateChildren.
+const qx::Array* QXPropertyList::childList() const {
+    return isContainer() ? dynamic_cast<const qx::Array*>(_privateValue.get()) : nullptr;
+}
+
 std::size_t QXPropertyList::countOfChildren() const {
-    const auto list = privateChildren();
+    const qx::Array* list = childList();
     return list ? list->count() : 0;
 }
 
 QXPropertyList::Ref QXPropertyList::objectInChildrenAtIndex(std::size_t index) const {
-    const auto list = privateChildren();
+    const qx::Array* list = childList();
     if (!list || index >= list->count()) return nullptr;
     return qx::dyn_cast<QXPropertyList>((*list)[index]);
 }
@@ -93,7 +100,7 @@ void QXPropertyList::getChildren(Ref* buffer, std::size_t location, std::size_t 
 }
 
 std::size_t QXPropertyList::indexOfChild(const QXPropertyList* child) const {
-    const auto list = privateChildren();
+    const qx::Array* list = childList();
     if (!list || !child) return NotFound;
     for (std::size_t i = 0; i < list->count(); ++i)
         if ((*list)[i].get() == static_cast<const qx::Object*>(child)) return i;
@@ -172,7 +179,7 @@ void QXPropertyList::insertObjectInChildrenAtIndex(const Ref& child, std::size_t
     }
     registerInverse([index](QXPropertyList& n) { n.removeObjectFromChildrenAtIndex(index); });
     list->insertObject(node, index);
-    node->setParent(self());
+    node->setParentExpectingIndex(self(), index);
     announceChildren(true, false, index);
 }
 

@@ -44,7 +44,7 @@ QXPropertyList::Ref QXPropertyList::initWithCoder(qx::Coder& coder) {
         value = coder.decodeObject();
         key = coder.decodeObject();
     }
-    Ref node(new QXPropertyList());
+    Ref node = makeNode();
     node->_privateTypeCode = code;
     if (node->isContainer()) {
         Nodes children;

@@ -41,11 +41,17 @@ bool QXPropertyList::containsSearchString(const qx::Ref<qx::String>& text, QXPro
                                           QXStringCompareOptions options, const MatchTypes& matchTypes) const {
     if (!text) return false;
     if (matchTypes && !matchTypes->count(_privateTypeCode)) return false;
-    if ((scope & QXPropertyListSearchKeys) && parentIsDictionary())
-        if (auto k = key(); k && QXStringSearch::contains(k->utf8(), text->utf8(), options)) return true;
+    // Under a dictionary the key is the stored one (key() would lock the parent again).
+    if ((scope & QXPropertyListSearchKeys) && _privateKey && parentIsDictionary() &&
+        QXStringSearch::contains(_privateKey->utf8(), text->utf8(), options))
+        return true;
     if (!(scope & QXPropertyListSearchValues)) return false;
     switch (_privateTypeCode) {
     case QXPropertyListStringType:
+        // A string's text is its own description; spares a copy per node.
+        if (const auto* string = dynamic_cast<const qx::String*>(_privateValue.get()))
+            return QXStringSearch::contains(string->utf8(), text->utf8(), options);
+        [[fallthrough]];
     case QXPropertyListNumberType:
     case QXPropertyListBooleanType: return QXStringSearch::contains(stringValue()->utf8(), text->utf8(), options);
     case QXPropertyListDataType: {

@@ -15,19 +15,14 @@ namespace {
 
 constexpr std::array<const char*, 7> kTypeNames = {"String", "Number", "Boolean", "Array", "Dictionary", "Data", "Date"};
 
-bool isBooleanNumber(const qx::Ref<qx::Object>& value) {
-    auto n = qx::dyn_cast<qx::Number>(value);
-    return n && n->isBoolean();
-}
-
 QXPropertyListType typeCodeOfValue(const qx::Ref<qx::Object>& value) {
-    if (qx::dyn_cast<qx::String>(value)) return QXPropertyListStringType;
-    if (qx::dyn_cast<qx::Data>(value)) return QXPropertyListDataType;
-    if (qx::dyn_cast<qx::Date>(value)) return QXPropertyListDateType;
-    if (isBooleanNumber(value)) return QXPropertyListBooleanType;
-    if (qx::dyn_cast<qx::Number>(value)) return QXPropertyListNumberType;
-    if (qx::dyn_cast<qx::Array>(value)) return QXPropertyListArrayType;
-    if (qx::dyn_cast<qx::Dictionary>(value)) return QXPropertyListDictionaryType;
+    const qx::Object* v = value.get();
+    if (dynamic_cast<const qx::String*>(v)) return QXPropertyListStringType;
+    if (dynamic_cast<const qx::Data*>(v)) return QXPropertyListDataType;
+    if (dynamic_cast<const qx::Date*>(v)) return QXPropertyListDateType;
+    if (const auto* n = dynamic_cast<const qx::Number*>(v)) return n->isBoolean() ? QXPropertyListBooleanType : QXPropertyListNumberType;
+    if (dynamic_cast<const qx::Array*>(v)) return QXPropertyListArrayType;
+    if (dynamic_cast<const qx::Dictionary*>(v)) return QXPropertyListDictionaryType;
     return QXPropertyListUnknownType;
 }
 
@@ -244,6 +239,43 @@ void QXPropertyList::loadUnwrappedValue(const qx::Ref<qx::Object>& value) {
         privateSetTypeCode(QXPropertyListUnknownType);
     }
     setValue(value);
+}
+
+// Stores directly what loadUnwrappedValue would store through the primitives
+// (their announcements and inverses reach nobody on a node this new), which
+// is most of the cost of turning a large file into a tree.
+void QXPropertyList::adoptUnwrappedValue(const qx::Ref<qx::Object>& value) {
+    const qx::Object* plain = value.get();
+    if (const auto* array = dynamic_cast<const qx::Array*>(plain)) {
+        auto list = std::make_shared<qx::Array>();
+        list->reserve(array->count());
+        const Ref me = self();
+        for (const auto& item : *array) {
+            Ref child = propertyListWithUnwrappedValue(item);
+            child->_privateParent = me;
+            list->addObject(std::move(child));
+        }
+        _privateTypeCode = QXPropertyListArrayType;
+        _privateValue = std::move(list);
+        return;
+    }
+    if (const auto* dictionary = dynamic_cast<const qx::Dictionary*>(plain)) {
+        auto list = std::make_shared<qx::Array>();
+        list->reserve(dictionary->count());
+        const Ref me = self();
+        for (const auto& entry : *dictionary) {
+            Ref child = propertyListWithUnwrappedValue(entry.second);
+            auto key = qx::dyn_cast<qx::String>(entry.first);
+            child->_privateKey = key ? std::move(key) : qx::str(qx::describe(entry.first.get()));
+            child->_privateParent = me;
+            list->addObject(std::move(child));
+        }
+        _privateTypeCode = QXPropertyListDictionaryType;
+        _privateValue = std::move(list);
+        return;
+    }
+    _privateValue = value ? value->copy() : nullptr;
+    _privateTypeCode = typeCodeOfValue(_privateValue);
 }
 
 qx::Ref<qx::Object> QXPropertyList::unwrappedPropertyList() const {

@@ -38,6 +38,8 @@
 #include <functional>
 #include <optional>
 #include <set>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 /// Type codes of a node.
@@ -248,21 +250,48 @@ public:
 
 protected:
     QXPropertyList() = default;
+
+private:
+    // Lets the class allocate a node and its reference count together
+    // (std::make_shared) while the constructor stays closed to others.
+    struct Allocation {
+        explicit Allocation() = default;
+    };
+
+public:
+    explicit QXPropertyList(Allocation) {}
+
+protected:
     /// A new, empty node of the same class as this one (copying uses it);
     /// subclasses override it.
     virtual Ref makeNodeOfSameClass() const;
     const DependentsTable* classDependents() const override;
 
 private:
+    /// A new node of this class, one allocation.
+    static Ref makeNode();
+    /// Fills a node that nothing else refers to yet (no observers, no undo
+    /// manager, no parent) with the tree of value, without the primitives:
+    /// nothing could hear or undo their announcements and inverses.
+    void adoptUnwrappedValue(const qx::Ref<qx::Object>& value);
     Ref self() const;
+    const qx::Array* childList() const;
     bool parentIsDictionary() const;
     bool parentIsArray() const;
     std::size_t indexOfChild(const QXPropertyList* child) const;
-    void announceWill(const std::string& key);
-    void announceDid(const std::string& key);
+    /// setParent for a node that may already sit at index in parent's list;
+    /// checking there first saves a scan of the whole list.
+    void setParentExpectingIndex(const Ref& parent, std::size_t index);
+    void announceWill(std::string_view key);
+    void announceDid(std::string_view key);
     void announceChildren(bool insertion, bool prior, std::size_t index);
-    /// Registers inverse with undoManager(), to run on this node if it still exists.
-    void registerInverse(std::function<void(QXPropertyList& node)> inverse);
+    /// Registers inverse with undoManager(), to run on this node if it still
+    /// exists. Without a manager the inverse is never even wrapped.
+    template <class Inverse>
+    void registerInverse(Inverse&& inverse) {
+        if (auto manager = undoManager()) registerInverseWith(manager, std::forward<Inverse>(inverse));
+    }
+    void registerInverseWith(const qx::Ref<qx::UndoManager>& manager, std::function<void(QXPropertyList& node)> inverse);
     /// Registers the inverse that stores old again as the value.
     void registerRestore(const qx::Ref<qx::Object>& old);
 

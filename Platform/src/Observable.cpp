@@ -12,6 +12,7 @@ Observable::Token Observable::addObserver(const std::string& key, Observer obser
     std::lock_guard<std::mutex> lock(mutex_);
     const Token token = nextToken_++;
     observers_.push_back({token, key, std::move(observer), prior, std::make_shared<std::atomic<bool>>(true)});
+    observerCount_.store(observers_.size(), std::memory_order_release);
     return token;
 }
 
@@ -25,6 +26,7 @@ bool Observable::removeObserver(Token token) {
         live = it->live;
         dropped = std::move(it->observer);
         observers_.erase(it);
+        observerCount_.store(observers_.size(), std::memory_order_release);
     }
     live->store(false, std::memory_order_release);
     return true;
@@ -57,6 +59,10 @@ std::vector<std::string> Observable::keysAnnouncedForChangeOfKey(const std::stri
 }
 
 void Observable::announce(const std::string& key, const Change& change) {
+    // Most objects are never observed (every node of a large tree, say): an
+    // observer added concurrently with this check could not have been
+    // ordered before the announcement anyway.
+    if (!hasObservers()) return;
     const auto keys = keysAnnouncedForChangeOfKey(key);
     Change derived;
     derived.isPrior = change.isPrior;

@@ -1,4 +1,10 @@
 // QXStringSearch.cpp - substring tests by collation (ICU's string search) or by code points.
+//
+// Searching a whole tree tests the same pattern against a great many short
+// strings, most of them ASCII. Each thread therefore keeps its collators and
+// one open string search per collator (only the text changes from call to
+// call), and text and pattern that are both ASCII are compared byte by byte
+// whenever that provably gives the collation's answer.
 #include "Internal/QXStringSearch.h"
 
 #include <unicode/coll.h>
@@ -6,9 +12,13 @@
 #include <unicode/normalizer2.h>
 #include <unicode/tblcoll.h>
 #include <unicode/uchar.h>
+#include <unicode/uniset.h>
+#include <unicode/usetiter.h>
 #include <unicode/unistr.h>
 #include <unicode/usearch.h>
 
+#include <algorithm>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -50,45 +60,155 @@ bool matchAt(const icu::UnicodeString& text, const icu::UnicodeString& pattern, 
     return text.indexOf(pattern) >= 0;
 }
 
-// Collators of the current locale, one per strength, made
-// once per thread (a collator is not to be shared between threads).
+// --- ASCII ------------------------------------------------------------------------------------
+
+constexpr char kFirstPrintable = 0x20, kLastPrintable = 0x7E;
+
+bool isASCII(std::string_view s) {
+    return std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool isPrintableASCII(std::string_view s) {
+    return std::all_of(s.begin(), s.end(), [](char c) { return c >= kFirstPrintable && c <= kLastPrintable; });
+}
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool sameChar(char a, char b, bool ignoreCase) { return ignoreCase ? lower(a) == lower(b) : a == b; }
+
+bool asciiMatch(std::string_view text, std::string_view pattern, std::uint64_t options, bool ignoreCase) {
+    if (pattern.size() > text.size()) return false;
+    auto equalAt = [&](std::size_t at) {
+        for (std::size_t i = 0; i < pattern.size(); ++i)
+            if (!sameChar(text[at + i], pattern[i], ignoreCase)) return false;
+        return true;
+    };
+    if (options & kAnchored) return equalAt((options & kBackwards) ? text.size() - pattern.size() : 0);
+    if (!ignoreCase) return text.find(pattern) != std::string_view::npos;
+    for (std::size_t at = 0; at + pattern.size() <= text.size(); ++at)
+        if (equalAt(at)) return true;
+    return false;
+}
+
+// True when, for printable ASCII, the collation compares one character at a
+// time and tells characters apart exactly as code units do (ignoring case at
+// secondary strength): no ASCII contraction or expansion, nothing ignorable,
+// no numeric or case-level setting. Then a string search over printable
+// ASCII finds what a byte comparison finds. Tailorings break this (Czech
+// "ch", Danish "aa", Turkish dotless i), so it is checked per collator.
+bool collatesASCIIByCodeUnit(icu::RuleBasedCollator& coll) {
+    UErrorCode status = U_ZERO_ERROR;
+    if (coll.getAttribute(UCOL_NUMERIC_COLLATION, status) == UCOL_ON ||
+        coll.getAttribute(UCOL_ALTERNATE_HANDLING, status) == UCOL_SHIFTED ||
+        coll.getAttribute(UCOL_CASE_LEVEL, status) == UCOL_ON || U_FAILURE(status))
+        return false;
+    const bool ignoreCase = coll.getAttribute(UCOL_STRENGTH, status) < UCOL_TERTIARY;
+    icu::UnicodeSet contractions, expansions;
+    ucol_getContractionsAndExpansions(coll.toUCollator(), contractions.toUSet(), expansions.toUSet(), true, &status);
+    if (U_FAILURE(status) || expansions.containsSome(kFirstPrintable, kLastPrintable)) return false;
+    // A contraction matters only when every character of it is printable ASCII.
+    for (icu::UnicodeSetIterator each(contractions); each.next();) {
+        const icu::UnicodeString& s = each.getString();
+        bool allPrintable = true;
+        for (int32_t i = 0; i < s.length() && allPrintable; ++i)
+            allPrintable = s[i] >= kFirstPrintable && s[i] <= kLastPrintable;
+        if (allPrintable) return false;
+    }
+    const icu::UnicodeString empty;
+    for (char a = kFirstPrintable; a <= kLastPrintable; ++a) {
+        const icu::UnicodeString sa(static_cast<UChar>(a));
+        if (coll.compare(sa, empty, status) == UCOL_EQUAL) return false;
+        for (char b = static_cast<char>(a + 1); b <= kLastPrintable; ++b) {
+            const bool equal = coll.compare(sa, icu::UnicodeString(static_cast<UChar>(b)), status) == UCOL_EQUAL;
+            if (equal != sameChar(a, b, ignoreCase)) return false;
+        }
+    }
+    return U_SUCCESS(status);
+}
+
+// --- Collators and their searches ---------------------------------------------------------------
+
+struct SearchClose {
+    void operator()(UStringSearch* search) const { usearch_close(search); }
+};
+
+// One collator of the current locale at one strength, with what is worked
+// out from it once. Members are released in reverse order: the search
+// before the collator it was opened with.
+struct CollatorSlot {
+    std::unique_ptr<icu::Collator> collator;
+    icu::RuleBasedCollator* rules = nullptr;
+    bool asciiByCodeUnit = false;
+    std::unique_ptr<UStringSearch, SearchClose> search;
+    icu::UnicodeString pattern;  // the search reads it in place
+};
+
+// Collators of the current locale, one per strength, made once per thread
+// (a collator is not to be shared between threads).
 //
 // The POSIX locale (what ICU makes of an environment without a language) has
 // a collation that orders by code point and so gives case distinct primary
 // weights: nothing could be found ignoring case. Searches there use the root
 // collation, as a locale without a collation of its own would.
-icu::Collator* collator(UColAttributeValue strength) {
-    thread_local std::map<std::pair<std::string, int>, std::unique_ptr<icu::Collator>> cache;
+CollatorSlot* collatorSlot(UColAttributeValue strength) {
+    thread_local std::map<std::pair<std::string, int>, CollatorSlot> cache;
+    // The slot used last, found again without building the map's key.
+    thread_local std::string lastLocale;
+    thread_local int lastStrength = -1;
+    thread_local CollatorSlot* last = nullptr;
     const icu::Locale& current = icu::Locale::getDefault();
+    if (last && lastStrength == strength && lastLocale == current.getName()) return last->rules ? last : nullptr;
     const icu::Locale locale = std::string(current.getVariant()) == "POSIX" ? icu::Locale::getRoot() : current;
-    auto key = std::make_pair(std::string(locale.getName()), static_cast<int>(strength));
-    auto& slot = cache[key];
-    if (!slot) {
+    auto [it, made] = cache.try_emplace(std::make_pair(std::string(locale.getName()), static_cast<int>(strength)));
+    CollatorSlot& slot = it->second;
+    if (made) {
         UErrorCode status = U_ZERO_ERROR;
-        slot.reset(icu::Collator::createInstance(locale, status));
-        if (U_FAILURE(status) || !slot) {
-            slot.reset();
-            return nullptr;
+        slot.collator.reset(icu::Collator::createInstance(locale, status));
+        if (U_SUCCESS(status) && slot.collator) {
+            slot.collator->setAttribute(UCOL_STRENGTH, strength, status);
+            slot.collator->setAttribute(UCOL_NORMALIZATION_MODE, UCOL_ON, status);
+            slot.rules = dynamic_cast<icu::RuleBasedCollator*>(slot.collator.get());
+            if (slot.rules) slot.asciiByCodeUnit = collatesASCIIByCodeUnit(*slot.rules);
         }
-        slot->setAttribute(UCOL_STRENGTH, strength, status);
-        slot->setAttribute(UCOL_NORMALIZATION_MODE, UCOL_ON, status);
     }
-    return slot.get();
+    last = &slot;
+    lastLocale = current.getName();
+    lastStrength = strength;
+    return slot.rules ? &slot : nullptr;
 }
 
-bool collatedContains(const icu::UnicodeString& text, const icu::UnicodeString& pattern, std::uint64_t options) {
-    // Accents are secondary differences and case tertiary ones; the string
-    // search compares at one strength and drops the case level, so accents
-    // are removed beforehand (by the caller) when only they are to be ignored.
-    const UColAttributeValue strength = (options & kCaseInsensitive) ? UCOL_SECONDARY : UCOL_TERTIARY;
-    icu::Collator* coll = collator(strength);
-    if (!coll) return matchAt(text, pattern, options);
-    auto* rule = dynamic_cast<icu::RuleBasedCollator*>(coll);
-    if (!rule) return matchAt(text, pattern, options);
+// Accents are secondary differences and case tertiary ones; the string search
+// compares at one strength and drops the case level, so accents are removed
+// beforehand (by the caller) when only they are to be ignored.
+UColAttributeValue strengthFor(std::uint64_t options) {
+    return (options & kCaseInsensitive) ? UCOL_SECONDARY : UCOL_TERTIARY;
+}
+
+bool collatedContains(CollatorSlot& slot, const icu::UnicodeString& text, const icu::UnicodeString& pattern,
+                      std::uint64_t options) {
+    // The string search takes neither an empty text nor an empty pattern.
+    if (text.isEmpty() || pattern.isEmpty()) return false;
     UErrorCode status = U_ZERO_ERROR;
-    UStringSearch* search = usearch_openFromCollator(pattern.getBuffer(), pattern.length(), text.getBuffer(),
-                                                     text.length(), rule->toUCollator(), nullptr, &status);
-    if (U_FAILURE(status)) return false;
+    if (!slot.search) {
+        slot.pattern = pattern;
+        slot.search.reset(usearch_openFromCollator(slot.pattern.getBuffer(), slot.pattern.length(), text.getBuffer(),
+                                                   text.length(), slot.rules->toUCollator(), nullptr, &status));
+        if (U_FAILURE(status)) {
+            slot.search.reset();
+            return false;
+        }
+    } else {
+        usearch_setText(slot.search.get(), text.getBuffer(), text.length(), &status);
+        if (slot.pattern != pattern) {
+            slot.pattern = pattern;
+            usearch_setPattern(slot.search.get(), slot.pattern.getBuffer(), slot.pattern.length(), &status);
+        }
+        if (U_FAILURE(status)) {
+            slot.search.reset();  // opened afresh next time
+            return false;
+        }
+    }
+    UStringSearch* search = slot.search.get();
     bool found = false;
     if (options & kAnchored) {
         if (options & kBackwards) {
@@ -100,22 +220,23 @@ bool collatedContains(const icu::UnicodeString& text, const icu::UnicodeString& 
     } else {
         found = usearch_first(search, &status) != USEARCH_DONE;
     }
-    usearch_close(search);
     return U_SUCCESS(status) && found;
+}
+
+icu::UnicodeString fromUTF8(std::string_view s) {
+    return icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
 }
 
 } // namespace
 
-bool contains(std::string_view text, std::string_view pattern, std::uint64_t options) {
+bool containsUnicode(std::string_view text, std::string_view pattern, std::uint64_t options) {
     if (pattern.empty()) return false;
     const bool folds = options & (kCaseInsensitive | kDiacriticInsensitive | kWidthInsensitive);
     if ((options & kLiteral) && !folds) {
         if (options & kAnchored) return (options & kBackwards) ? text.ends_with(pattern) : text.starts_with(pattern);
         return text.find(pattern) != std::string_view::npos;
     }
-    icu::UnicodeString t = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
-    icu::UnicodeString p =
-        icu::UnicodeString::fromUTF8(icu::StringPiece(pattern.data(), static_cast<int32_t>(pattern.size())));
+    icu::UnicodeString t = fromUTF8(text), p = fromUTF8(pattern);
     if (options & kWidthInsensitive) {
         t = foldWidth(t);
         p = foldWidth(p);
@@ -124,12 +245,33 @@ bool contains(std::string_view text, std::string_view pattern, std::uint64_t opt
         t = stripDiacritics(t);
         p = stripDiacritics(p);
     }
-    if (!(options & kLiteral)) return collatedContains(t, p, options);
+    if (!(options & kLiteral)) {
+        CollatorSlot* slot = collatorSlot(strengthFor(options));
+        return slot ? collatedContains(*slot, t, p, options) : matchAt(t, p, options);
+    }
     if (options & kCaseInsensitive) {
         t.foldCase();
         p.foldCase();
     }
     return matchAt(t, p, options);
+}
+
+bool contains(std::string_view text, std::string_view pattern, std::uint64_t options) {
+    if (pattern.empty()) return false;
+    // ASCII is its own width and diacritic fold, and case folding maps it
+    // onto itself (A-Z to a-z); text that is not ASCII may fold into ASCII.
+    if (options & kLiteral) {
+        if (isASCII(text) && isASCII(pattern)) return asciiMatch(text, pattern, options, options & kCaseInsensitive);
+    } else if (isPrintableASCII(text) && isPrintableASCII(pattern) && comparesASCIIByCodeUnit(options)) {
+        return asciiMatch(text, pattern, options, options & kCaseInsensitive);
+    }
+    return containsUnicode(text, pattern, options);
+}
+
+bool comparesASCIIByCodeUnit(std::uint64_t options) {
+    if (options & kLiteral) return true;
+    const CollatorSlot* slot = collatorSlot(strengthFor(options));
+    return slot && slot->asciiByCodeUnit;
 }
 
 bool dataContains(const qx::Data& data, std::string_view pattern, unsigned flags) {

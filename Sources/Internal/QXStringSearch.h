@@ -20,6 +20,15 @@ namespace QXStringSearch {
 /// too, end it.
 bool contains(std::string_view text, std::string_view pattern, std::uint64_t options);
 
+/// The same answer as contains, always worked out with the Unicode machinery
+/// (contains compares ASCII byte by byte where that cannot differ from it).
+bool containsUnicode(std::string_view text, std::string_view pattern, std::uint64_t options);
+
+/// True when contains answers printable-ASCII text and pattern byte by byte
+/// for these options in the current locale (its collation tells ASCII
+/// characters apart as code units do). Literal searches always may.
+bool comparesASCIIByCodeUnit(std::uint64_t options);
+
 /// Data-search flags: 1 backwards, 2 anchored (a match must start the data,
 /// or with backwards end it). An empty pattern is never found.
 bool dataContains(const qx::Data& data, std::string_view pattern, unsigned flags);

@@ -251,6 +251,40 @@ TEST(PropertyListObserving, DependentKeysAndPerIndexChildren) {
     EXPECT_EQ(heard, std::vector<std::string>{"appropriateTypeCode"});
 }
 
+// A tree loaded from values is filled without announcing (nobody can observe
+// a node before it exists); observers added afterwards hear every change,
+// per index for the child list, and stop hearing once removed.
+TEST(PropertyListObserving, LoadedTreeAnnouncesToLaterObservers) {
+    auto dict = Dictionary::create();
+    dict->setObject(std::make_shared<Array>(Array{str("a"), str("b"), str("c")}), "list");
+    dict->setObject(str("x"), "name");
+    auto root = PL::propertyListWithUnwrappedValue(dict);
+    const auto list = root->childWithKey(str("list")), name = root->childWithKey(str("name"));
+    const auto last = list->objectInChildrenAtIndex(2);
+    EXPECT_EQ(last->parent(), list);
+    EXPECT_EQ(last->key()->utf8(), "2");
+    EXPECT_EQ(last->indexPath(), (std::vector<std::size_t>{list->indexPath()[0], 2}));
+
+    std::vector<std::string> heard;
+    const auto token = name->addObserver("stringValue", [&heard](Observable&, const std::string& k, const Observable::Change&) {
+        heard.push_back(k);
+    });
+    std::vector<std::pair<bool, std::size_t>> removals;  // (prior, index)
+    list->addObserver("children", [&removals](Observable&, const std::string&, const Observable::Change& change) {
+        if (change.kind == Observable::ChangeKind::Removal) removals.emplace_back(change.isPrior, change.indexes->firstIndex());
+    }, true);
+    name->setValue(str("y"));
+    EXPECT_EQ(heard, std::vector<std::string>{"stringValue"});
+    list->removeObjectFromChildrenAtIndex(1);
+    EXPECT_EQ(removals, (std::vector<std::pair<bool, std::size_t>>{{true, 1}, {false, 1}}));
+    EXPECT_EQ(last->key()->utf8(), "1");
+
+    EXPECT_TRUE(name->removeObserver(token));
+    EXPECT_FALSE(name->hasObservers());
+    name->setValue(str("z"));
+    EXPECT_EQ(heard.size(), 1u);
+}
+
 TEST(PropertyListObservingDeathTest, ChangeDuringIterationStops) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto node = PL::propertyListWithUnwrappedValue(std::make_shared<Array>(Array{str("a"), str("b")}));

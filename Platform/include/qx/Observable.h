@@ -54,6 +54,9 @@ public:
     Token addObserver(const std::string& key, Observer observer, bool prior = false);
     /// False when the token is unknown (never given, or removed before).
     bool removeObserver(Token token);
+    /// True while at least one observer is registered, on any key. A cheap
+    /// check that lets an object skip preparing an announcement nobody hears.
+    bool hasObservers() const { return observerCount_.load(std::memory_order_acquire) != 0; }
 
     void willChangeValueForKey(const std::string& key);
     void didChangeValueForKey(const std::string& key);
@@ -94,6 +97,7 @@ private:
     std::vector<Entry> observers_;                                  // in order added
     DependentsTable dependents_;                                    // key -> keys depending on it
     Token nextToken_ = 1;
+    std::atomic<std::size_t> observerCount_{0};                     // observers_.size(), readable without the lock
 };
 
 } // namespace qx
