@@ -84,10 +84,14 @@ QXCompressor::~QXCompressor() = default;
 
 Ref<QXCompressor> QXCompressor::init() { return Ref<QXCompressor>(new QXCompressor()); }
 
-Ref<QXCompressor> QXCompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithm algorithm, Ref<Error>* error) {
+int QXCompressor::defaultCompressionLevel(QXDecompressionAlgorithm algorithm) {
     const bool zlibDefault = algorithm == QXDecompressionAlgorithmRawDeflate ||
                              algorithm == QXDecompressionAlgorithmZlib || algorithm == QXDecompressionAlgorithmGzip;
-    return initForStreamingWithAlgorithm(algorithm, zlibDefault ? Z_DEFAULT_COMPRESSION : 9, error);
+    return zlibDefault ? Z_DEFAULT_COMPRESSION : 9;
+}
+
+Ref<QXCompressor> QXCompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithm algorithm, Ref<Error>* error) {
+    return initForStreamingWithAlgorithm(algorithm, defaultCompressionLevel(algorithm), error);
 }
 
 Ref<QXCompressor> QXCompressor::initForStreamingWithAlgorithm(QXDecompressionAlgorithm algorithm,

@@ -9,6 +9,7 @@
 
 #include "Internal/QXDriverErrors.h"
 #include "Internal/QXSafeFileWriter.h"
+#include "Internal/QXStreamCompressor.h"
 
 #include <qx/Exception.h>
 #include <qx/UniqueFd.h>
@@ -55,25 +56,23 @@ private:
     std::string path_;
 };
 
-// Compresses url into a temporary beside target that replaces target only
-// once the handle driver succeeded. Errors of the file itself name target.
+// Compresses url into a sibling of target named by a fresh unique ID, which
+// replaces target only once the handle driver succeeded. Errors of the file
+// itself name target.
 std::int64_t compressReplacing(const Ref<qx::URL>& url, const Ref<qx::URL>& target,
-                               QXDecompressionAlgorithm algorithm, const QXCompressor::CancelBlock& cancelBlock,
+                               QXDecompressionAlgorithm algorithm, unsigned threads,
+                               const QXCompressor::CancelBlock& cancelBlock,
                                const QXCompressor::ProgressBlock& progressBlock, Ref<Error>* error) {
     QXSafeFileWriter writer;
-    if (const int code = writer.open(target->path())) {
+    if (const int code = writer.open(target->path(), QXStringAdditions::uniqueID()->utf8())) {
         QXSetError(error, posixError(code, target));
         return -1;
     }
     // The writer owns the descriptor; the handle only writes through it.
     auto handle = qx::FileHandle::initWithFileDescriptor(writer.fd(), false);
-    const std::int64_t count =
-        QXCompressor::compressFileAtURLToFileHandle(url, handle, algorithm, cancelBlock, progressBlock, error);
-    if (count < 0) {
-        writer.discard();
-        return count;
-    }
-    if (const int code = writer.commit()) {
+    const std::int64_t count = QXCompressor::compressFileAtURLToFileHandle(url, handle, algorithm, threads,
+                                                                           cancelBlock, progressBlock, error);
+    if (const int code = writer.finish(count >= 0)) {
         QXSetError(error, posixError(code, target));
         return -1;
     }
@@ -86,11 +85,19 @@ std::int64_t QXCompressor::compressFileHandle(const Ref<qx::FileHandle>& source,
                                               std::uint64_t length, const Ref<qx::FileHandle>& destination,
                                               QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock,
                                               const ProgressBlock& progressBlock, Ref<Error>* error) {
+    return compressFileHandle(source, offset, length, destination, algorithm, 1, cancelBlock, progressBlock, error);
+}
+
+std::int64_t QXCompressor::compressFileHandle(const Ref<qx::FileHandle>& source, std::uint64_t offset,
+                                              std::uint64_t length, const Ref<qx::FileHandle>& destination,
+                                              QXDecompressionAlgorithm algorithm, unsigned threads,
+                                              const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                              Ref<Error>* error) {
     if (!source || !destination) {
         QXSetError(error, posixError(22));
         return -1;
     }
-    auto compressor = streamingCompressorWithAlgorithm(algorithm, error);
+    auto compressor = QXStreamCompressor::create(algorithm, std::nullopt, threads, error);
     if (!compressor) return -1;
 
     auto write = [&](const Ref<Data>& out) {
@@ -114,7 +121,7 @@ std::int64_t QXCompressor::compressFileHandle(const Ref<qx::FileHandle>& source,
             if (limit != 0) want = std::min(want, limit - consumed);
             auto chunk = source->readDataOfLength(want);
             if (!chunk || chunk->length() == 0) break;
-            auto out = compressor->compressedDataFromStreamWithInputData(chunk, error);
+            auto out = compressor->compress(chunk, error);
             if (!out || !write(out)) return -1;
             consumed += chunk->length();
             if (progressBlock) progressBlock(static_cast<std::int64_t>(chunk->length()));
@@ -124,7 +131,7 @@ std::int64_t QXCompressor::compressFileHandle(const Ref<qx::FileHandle>& source,
         return -1;
     }
     // Also after a cancel: what was read ends as a complete stream.
-    auto last = compressor->finalDataFromStreamWithError(error);
+    auto last = compressor->finish(error);
     if (!last || !write(last)) return -1;
     return static_cast<std::int64_t>(consumed);
 }
@@ -172,10 +179,18 @@ Ref<Data> QXCompressor::compressedDataFromFileAtURL(const Ref<qx::URL>& url, QXD
 
 std::int64_t QXCompressor::compressFileHandleToFileHandle(const Ref<qx::FileHandle>& source,
                                                           const Ref<qx::FileHandle>& destination,
+                                                          QXDecompressionAlgorithm algorithm, unsigned threads,
+                                                          const CancelBlock& cancelBlock,
+                                                          const ProgressBlock& progressBlock, Ref<Error>* error) {
+    return compressFileHandle(source, 0, 0, destination, algorithm, threads, cancelBlock, progressBlock, error);
+}
+
+std::int64_t QXCompressor::compressFileHandleToFileHandle(const Ref<qx::FileHandle>& source,
+                                                          const Ref<qx::FileHandle>& destination,
                                                           QXDecompressionAlgorithm algorithm,
                                                           const CancelBlock& cancelBlock,
                                                           const ProgressBlock& progressBlock, Ref<Error>* error) {
-    return compressFileHandle(source, 0, 0, destination, algorithm, cancelBlock, progressBlock, error);
+    return compressFileHandleToFileHandle(source, destination, algorithm, 1, cancelBlock, progressBlock, error);
 }
 
 std::int64_t QXCompressor::compressFileHandleToFileHandle(const Ref<qx::FileHandle>& source,
@@ -186,15 +201,23 @@ std::int64_t QXCompressor::compressFileHandleToFileHandle(const Ref<qx::FileHand
 
 std::int64_t QXCompressor::compressFileAtURLToFileHandle(const Ref<qx::URL>& url,
                                                          const Ref<qx::FileHandle>& destination,
-                                                         QXDecompressionAlgorithm algorithm,
+                                                         QXDecompressionAlgorithm algorithm, unsigned threads,
                                                          const CancelBlock& cancelBlock,
                                                          const ProgressBlock& progressBlock, Ref<Error>* error) {
     auto source = qx::FileHandle::fileHandleForReadingFromURL(url, error);
     if (!source) return -1;
-    const std::int64_t count = compressFileHandle(source, 0, 0, destination, algorithm, cancelBlock, progressBlock,
-                                                  error);
+    const std::int64_t count =
+        compressFileHandle(source, 0, 0, destination, algorithm, threads, cancelBlock, progressBlock, error);
     closeQuietly(source);
     return count;
+}
+
+std::int64_t QXCompressor::compressFileAtURLToFileHandle(const Ref<qx::URL>& url,
+                                                         const Ref<qx::FileHandle>& destination,
+                                                         QXDecompressionAlgorithm algorithm,
+                                                         const CancelBlock& cancelBlock,
+                                                         const ProgressBlock& progressBlock, Ref<Error>* error) {
+    return compressFileAtURLToFileHandle(url, destination, algorithm, 1, cancelBlock, progressBlock, error);
 }
 
 std::int64_t QXCompressor::compressFileAtURLToFileHandle(const Ref<qx::URL>& url,
@@ -204,13 +227,20 @@ std::int64_t QXCompressor::compressFileAtURLToFileHandle(const Ref<qx::URL>& url
 }
 
 std::int64_t QXCompressor::compressFileAtURLToURL(const Ref<qx::URL>& url, const Ref<qx::URL>& destination,
-                                                  QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock,
-                                                  const ProgressBlock& progressBlock, Ref<Error>* error) {
+                                                  QXDecompressionAlgorithm algorithm, unsigned threads,
+                                                  const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                                  Ref<Error>* error) {
     if (!url || !destination || !destination->isFileURL()) {
         QXSetError(error, posixError(22));
         return -1;
     }
-    return compressReplacing(url, destination, algorithm, cancelBlock, progressBlock, error);
+    return compressReplacing(url, destination, algorithm, threads, cancelBlock, progressBlock, error);
+}
+
+std::int64_t QXCompressor::compressFileAtURLToURL(const Ref<qx::URL>& url, const Ref<qx::URL>& destination,
+                                                  QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock,
+                                                  const ProgressBlock& progressBlock, Ref<Error>* error) {
+    return compressFileAtURLToURL(url, destination, algorithm, 1, cancelBlock, progressBlock, error);
 }
 
 std::int64_t QXCompressor::compressFileAtURLToURL(const Ref<qx::URL>& url, const Ref<qx::URL>& destination,
@@ -219,13 +249,19 @@ std::int64_t QXCompressor::compressFileAtURLToURL(const Ref<qx::URL>& url, const
 }
 
 std::int64_t QXCompressor::compressFileAtURL(const Ref<qx::URL>& url, QXDecompressionAlgorithm algorithm,
-                                             const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
-                                             Ref<Error>* error) {
+                                             unsigned threads, const CancelBlock& cancelBlock,
+                                             const ProgressBlock& progressBlock, Ref<Error>* error) {
     if (!url || !url->isFileURL()) {
         QXSetError(error, posixError(22));
         return -1;
     }
-    return compressReplacing(url, url, algorithm, cancelBlock, progressBlock, error);
+    return compressReplacing(url, url, algorithm, threads, cancelBlock, progressBlock, error);
+}
+
+std::int64_t QXCompressor::compressFileAtURL(const Ref<qx::URL>& url, QXDecompressionAlgorithm algorithm,
+                                             const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                             Ref<Error>* error) {
+    return compressFileAtURL(url, algorithm, 1, cancelBlock, progressBlock, error);
 }
 
 std::int64_t QXCompressor::compressFileAtURL(const Ref<qx::URL>& url, QXDecompressionAlgorithm algorithm,

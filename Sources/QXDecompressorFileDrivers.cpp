@@ -35,11 +35,8 @@ std::int64_t decompressReplacing(const Ref<qx::URL>& url, const Ref<qx::URL>& ta
     auto handle = qx::FileHandle::initWithFileDescriptor(writer.fd(), false);
     std::int64_t count = QXDecompressor::decompressFileAtURLToFileHandle(url, handle, algorithm, cancelBlock,
                                                                          progressBlock, error);
-    if (count < 0 || !keep(count)) {
-        writer.discard();
-        return count;
-    }
-    if (const int code = writer.commit()) {
+    const bool kept = count >= 0 && keep(count);
+    if (const int code = writer.finish(kept)) {
         QXSetError(error, posixError(code, target));
         return -1;
     }

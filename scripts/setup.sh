@@ -23,6 +23,7 @@ packages=(
   libplist-utils python3           # peers for the property-list benchmark and the interop tests
   hyperfine
   pigz pixz time                   # peers and peak-memory wrapper for the decompression benchmark
+  pbzip2 lbzip2                    # parallel bzip2 peers for the compression benchmark
   gzip bzip2 xz-utils              # the compressor tests read its output back with the standard tools
 )
 

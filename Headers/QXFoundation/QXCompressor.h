@@ -57,6 +57,8 @@ public:
     /// with its error.
     static qx::Ref<QXCompressor> initForStreamingWithAlgorithm(QXDecompressionAlgorithm algorithm, int compressionLevel,
                                                                qx::Ref<qx::Error>* error = nullptr);
+    /// The level initForStreamingWithAlgorithm takes when none is given.
+    static int defaultCompressionLevel(QXDecompressionAlgorithm algorithm);
     static qx::Ref<QXCompressor> streamingCompressorWithAlgorithm(QXDecompressionAlgorithm algorithm,
                                                                   qx::Ref<qx::Error>* error = nullptr);
 
@@ -93,6 +95,15 @@ public:
     // then. Counts are input bytes consumed. Offset and length select source
     // bytes (length 0: to the end). Read faults give NSCocoaErrorDomain 256,
     // write faults 512.
+    //
+    // The file and handle drivers also come with a thread count, threads:
+    // 1 (what the forms without it use) writes the single stream above;
+    // 0 means one thread per processor; with more than one, input is cut into
+    // blocks compressed side by side (deflate blocks primed with the 32 KiB
+    // before them inside one gzip member or zlib stream, one bzip2 stream per
+    // block, liblzma's multi-threaded xz), which the standard single-threaded
+    // decoders read as well. Those bytes do not depend on the count, as long
+    // as it is more than one. Algorithm 0 always runs on one thread.
 
     static qx::Ref<qx::Data> compressedDataFromFileAtURL(const qx::Ref<qx::URL>& url,
                                                          QXDecompressionAlgorithm algorithm,
@@ -110,25 +121,34 @@ public:
                                                           qx::Ref<qx::Error>* error = nullptr);
 
     /// Replaces the file by its compressed form, through a temporary beside
-    /// it that takes the file's place only once the handle driver succeeded
-    /// (a cancel counts as success: what was read makes a complete stream).
+    /// it, named by a fresh uniqueID, that takes the file's place only once
+    /// the handle driver succeeded (a cancel counts as success: what was read
+    /// makes a complete stream).
     static std::int64_t compressFileAtURL(const qx::Ref<qx::URL>& url, QXDecompressionAlgorithm algorithm,
                                           qx::Ref<qx::Error>* error = nullptr);
     static std::int64_t compressFileAtURL(const qx::Ref<qx::URL>& url, QXDecompressionAlgorithm algorithm,
                                           const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
                                           qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t compressFileAtURL(const qx::Ref<qx::URL>& url, QXDecompressionAlgorithm algorithm,
+                                          unsigned threads, const CancelBlock& cancelBlock,
+                                          const ProgressBlock& progressBlock, qx::Ref<qx::Error>* error = nullptr);
 
     // The forms with a destination are named by the keyword after the URL or
     // handle (as QXDecompressor's), since they would read as one overload set.
 
-    /// Creates or replaces destination, through a temporary beside it, so a
-    /// failure leaves no partial file and destination as it was.
+    /// Creates or replaces destination, through a temporary beside it named
+    /// by a fresh uniqueID, so a failure leaves no partial file and
+    /// destination as it was.
     static std::int64_t compressFileAtURLToURL(const qx::Ref<qx::URL>& url, const qx::Ref<qx::URL>& destination,
                                                QXDecompressionAlgorithm algorithm,
                                                qx::Ref<qx::Error>* error = nullptr);
     static std::int64_t compressFileAtURLToURL(const qx::Ref<qx::URL>& url, const qx::Ref<qx::URL>& destination,
                                                QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock,
                                                const ProgressBlock& progressBlock,
+                                               qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t compressFileAtURLToURL(const qx::Ref<qx::URL>& url, const qx::Ref<qx::URL>& destination,
+                                               QXDecompressionAlgorithm algorithm, unsigned threads,
+                                               const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
                                                qx::Ref<qx::Error>* error = nullptr);
     static std::int64_t compressFileAtURLToFileHandle(const qx::Ref<qx::URL>& url,
                                                       const qx::Ref<qx::FileHandle>& destination,
@@ -140,6 +160,12 @@ public:
                                                       const CancelBlock& cancelBlock,
                                                       const ProgressBlock& progressBlock,
                                                       qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t compressFileAtURLToFileHandle(const qx::Ref<qx::URL>& url,
+                                                      const qx::Ref<qx::FileHandle>& destination,
+                                                      QXDecompressionAlgorithm algorithm, unsigned threads,
+                                                      const CancelBlock& cancelBlock,
+                                                      const ProgressBlock& progressBlock,
+                                                      qx::Ref<qx::Error>* error = nullptr);
     static std::int64_t compressFileHandleToFileHandle(const qx::Ref<qx::FileHandle>& source,
                                                        const qx::Ref<qx::FileHandle>& destination,
                                                        QXDecompressionAlgorithm algorithm,
@@ -147,6 +173,12 @@ public:
     static std::int64_t compressFileHandleToFileHandle(const qx::Ref<qx::FileHandle>& source,
                                                        const qx::Ref<qx::FileHandle>& destination,
                                                        QXDecompressionAlgorithm algorithm,
+                                                       const CancelBlock& cancelBlock,
+                                                       const ProgressBlock& progressBlock,
+                                                       qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t compressFileHandleToFileHandle(const qx::Ref<qx::FileHandle>& source,
+                                                       const qx::Ref<qx::FileHandle>& destination,
+                                                       QXDecompressionAlgorithm algorithm, unsigned threads,
                                                        const CancelBlock& cancelBlock,
                                                        const ProgressBlock& progressBlock,
                                                        qx::Ref<qx::Error>* error = nullptr);
@@ -162,6 +194,11 @@ public:
                                            std::uint64_t length, const qx::Ref<qx::FileHandle>& destination,
                                            QXDecompressionAlgorithm algorithm, const CancelBlock& cancelBlock,
                                            const ProgressBlock& progressBlock, qx::Ref<qx::Error>* error = nullptr);
+    static std::int64_t compressFileHandle(const qx::Ref<qx::FileHandle>& source, std::uint64_t offset,
+                                           std::uint64_t length, const qx::Ref<qx::FileHandle>& destination,
+                                           QXDecompressionAlgorithm algorithm, unsigned threads,
+                                           const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
+                                           qx::Ref<qx::Error>* error = nullptr);
 
 protected:
     QXCompressor();

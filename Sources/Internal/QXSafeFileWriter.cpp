@@ -66,9 +66,10 @@ QXSafeFileWriter& QXSafeFileWriter::operator=(QXSafeFileWriter&& other) noexcept
     return *this;
 }
 
-int QXSafeFileWriter::open(const std::string& path) {
+int QXSafeFileWriter::open(const std::string& path, const std::optional<std::string>& temporaryName) {
     discard();
     if (path.empty()) return ENOENT;
+    if (temporaryName && !isOneComponent(*temporaryName)) return EINVAL;
     std::string target = path;
     struct stat linkStat {};
     if (::lstat(path.c_str(), &linkStat) == 0 && S_ISLNK(linkStat.st_mode)) {
@@ -87,7 +88,7 @@ int QXSafeFileWriter::open(const std::string& path) {
     qx::UniqueFd folderFd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folderFd && errno == EACCES) folderFd.reset(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!folderFd) return errno;
-    const int result = start(std::move(folderFd), std::move(name), std::nullopt);
+    const int result = start(std::move(folderFd), std::move(name), std::nullopt, temporaryName);
     if (result == 0) targetPath_ = std::move(target);
     return result;
 }
@@ -102,9 +103,12 @@ int QXSafeFileWriter::openAt(int dirFd, const std::string& name, std::optional<m
     return result;
 }
 
-int QXSafeFileWriter::start(qx::UniqueFd folder, std::string name, std::optional<mode_t> newFileMode) {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        std::string temporary = temporaryNameFor(name);
+int QXSafeFileWriter::start(qx::UniqueFd folder, std::string name, std::optional<mode_t> newFileMode,
+                            const std::optional<std::string>& temporaryName) {
+    // A name the caller chose gets one attempt: taking another would hand back
+    // a temporary other than the one asked for.
+    for (int attempt = 0; attempt < (temporaryName ? 1 : 100); ++attempt) {
+        std::string temporary = temporaryName ? *temporaryName : temporaryNameFor(name);
         const int fd = ::openat(folder.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0600);
         if (fd >= 0) {
             folder_ = std::move(folder);
@@ -154,6 +158,12 @@ int QXSafeFileWriter::commit() {
     temporaryName_.clear();
     ::fsync(folder_.get());
     folder_.reset();
+    return 0;
+}
+
+int QXSafeFileWriter::finish(bool keep) {
+    if (keep) return commit();
+    discard();
     return 0;
 }
 

@@ -7,7 +7,8 @@
 //
 // - The temporary lives in the target's folder (rename is atomic only within
 //   one file system), is created O_EXCL with mode 0600 so nobody else can open
-//   it while it is being filled, and has a unique hidden name.
+//   it while it is being filled, and has a unique hidden name unless the
+//   caller names it (a name that exists is refused, never reused).
 // - At commit it takes the existing target's mode, and its owner and group
 //   where the process may set them (EPERM is ignored: an ordinary user cannot
 //   give a file away, and the replacement is still wanted). A new file gets
@@ -52,7 +53,9 @@ public:
 
     /// Starts a temporary beside path (a link at path is followed); 0 or an
     /// errno value. A temporary from an earlier open is discarded first.
-    int open(const std::string& path);
+    /// temporaryName, one path component, replaces the writer's own hidden
+    /// name; EEXIST when a file of that name is there already.
+    int open(const std::string& path, const std::optional<std::string>& temporaryName = std::nullopt);
     /// The same in the folder open as dirFd (not closed, not kept: the writer
     /// duplicates it), for name, one path component. newFileMode, when given,
     /// is the mode a new file gets instead of 0666 & ~umask.
@@ -68,12 +71,16 @@ public:
     int commit();
     /// Removes the temporary; the target is untouched.
     void discard();
+    /// The end of every replacement: commit when keep, else discard. 0 or
+    /// commit's errno value.
+    int finish(bool keep);
 
     /// The file commit replaces: path, or what the link at path names.
     const std::string& targetPath() const { return targetPath_; }
 
 private:
-    int start(qx::UniqueFd folder, std::string name, std::optional<mode_t> newFileMode);
+    int start(qx::UniqueFd folder, std::string name, std::optional<mode_t> newFileMode,
+              const std::optional<std::string>& temporaryName = std::nullopt);
     int fail(int code);
 
     qx::UniqueFd folder_;               // the target's folder, -1 when nothing is open

@@ -15,7 +15,9 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <optional>
 #include <random>
+#include <regex>
 
 using qx::Error;
 using namespace decompressorpayloads;
@@ -60,6 +62,20 @@ Bytes structuredBinary(std::size_t size) {
 }
 
 Ref<qx::URL> fileURL(const std::string& path) { return qx::URL::fileURLWithPath(path); }
+
+// What QXParallelCompressor writes for input at this level, in one piece.
+Bytes blocksOf(QXDecompressionAlgorithm algorithm, int level, const Bytes& input) {
+    auto c = QXParallelCompressor::create(algorithm, level, 2, nullptr);
+    Bytes out = toBytes(c->compress(input.data(), input.size(), nullptr));
+    const Bytes last = toBytes(c->finish(nullptr));
+    out.insert(out.end(), last.begin(), last.end());
+    return out;
+}
+
+bool isUniqueID(const std::string& name) {
+    static const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
+    return std::regex_match(name, form);
+}
 
 } // namespace
 
@@ -237,21 +253,23 @@ TEST(CompressorDrivers, CancelEndsACompleteStreamOfWhatWasRead) {
     TempDir dir;
     const Bytes content = makePayload(1000000, 5);
     const std::string source = dir.file("source", content);
-    for (auto algorithm : {QXDecompressionAlgorithmGzip, QXDecompressionAlgorithmBZip2, QXDecompressionAlgorithmXZ}) {
-        SCOPED_TRACE("algorithm " + std::to_string(algorithm));
-        int asked = 0;
-        std::int64_t reported = 0;
-        dir.file("out", "");
-        auto out = qx::FileHandle::fileHandleForWritingToURL(fileURL(dir / "out"));
-        const std::int64_t count = QXCompressor::compressFileAtURLToFileHandle(
-            fileURL(source), out, algorithm, [&] { return ++asked == 3; }, [&](std::int64_t n) { reported += n; });
-        ASSERT_TRUE(out);
-        out->closeFile();
-        EXPECT_EQ(count, 2 * 102400);
-        EXPECT_EQ(reported, count);
-        EXPECT_EQ(toolDecode(algorithm, qxtest::readBytes(dir / "out")),
-                  std::optional<Bytes>(Bytes(content.begin(), content.begin() + 2 * 102400)));
-    }
+    for (auto algorithm : {QXDecompressionAlgorithmGzip, QXDecompressionAlgorithmBZip2, QXDecompressionAlgorithmXZ})
+        for (unsigned threads : {1u, 2u}) {
+            SCOPED_TRACE("algorithm " + std::to_string(algorithm) + ", threads " + std::to_string(threads));
+            int asked = 0;
+            std::int64_t reported = 0;
+            dir.file("out", "");
+            auto out = qx::FileHandle::fileHandleForWritingToURL(fileURL(dir / "out"));
+            const std::int64_t count = QXCompressor::compressFileAtURLToFileHandle(
+                fileURL(source), out, algorithm, threads, [&] { return ++asked == 3; },
+                [&](std::int64_t n) { reported += n; });
+            ASSERT_TRUE(out);
+            out->closeFile();
+            EXPECT_EQ(count, 2 * 102400);
+            EXPECT_EQ(reported, count);
+            EXPECT_EQ(toolDecode(algorithm, qxtest::readBytes(dir / "out")),
+                      std::optional<Bytes>(Bytes(content.begin(), content.begin() + 2 * 102400)));
+        }
 }
 
 TEST(CompressorDrivers, ToAURLAndInPlaceReplaceOnlyOnSuccess) {
@@ -274,14 +292,17 @@ TEST(CompressorDrivers, ToAURLAndInPlaceReplaceOnlyOnSuccess) {
                     {"algorithm 7", source, QXDecompressionAlgorithmPBZX, "NSPOSIXErrorDomain", 22},
                     {"a folder as source", dir.path().string(), QXDecompressionAlgorithmXZ, "NSCocoaErrorDomain", 256}};
     const Bytes before = qxtest::readBytes(destination);
-    for (const auto& f : failures) {
-        SCOPED_TRACE(f.name);
-        Ref<Error> error;
-        EXPECT_EQ(QXCompressor::compressFileAtURLToURL(fileURL(f.from), fileURL(destination), f.algorithm, &error), -1);
-        EXPECT_QX_ERROR(error, f.domain, f.code);
-        EXPECT_EQ(qxtest::readBytes(destination), before);
-        EXPECT_EQ(dir.names(), (std::vector<std::string>{"destination", "source"}));
-    }
+    for (const auto& f : failures)
+        for (unsigned threads : {1u, 2u}) {
+            SCOPED_TRACE(std::string(f.name) + ", threads " + std::to_string(threads));
+            Ref<Error> error;
+            EXPECT_EQ(QXCompressor::compressFileAtURLToURL(fileURL(f.from), fileURL(destination), f.algorithm, threads,
+                                                           nullptr, nullptr, &error),
+                      -1);
+            EXPECT_QX_ERROR(error, f.domain, f.code);
+            EXPECT_EQ(qxtest::readBytes(destination), before);
+            EXPECT_EQ(dir.names(), (std::vector<std::string>{"destination", "source"}));
+        }
 
     EXPECT_EQ(QXCompressor::compressFileAtURL(fileURL(source), QXDecompressionAlgorithmBZip2), 300000);
     EXPECT_EQ(toolDecode(QXDecompressionAlgorithmBZip2, qxtest::readBytes(source)), std::optional<Bytes>(content));
@@ -292,26 +313,116 @@ TEST(CompressorDrivers, AFullDestinationLeavesEverythingAsItWas) {
     TempDir dir;
     const Bytes content = randomBytes(400000, 8);
     const std::string source = dir.file("source", content), destination = dir.file("destination", "old");
-    for (bool inPlace : {false, true}) {
-        SCOPED_TRACE(inPlace ? "in place" : "to a URL");
-        // The limit is set in a child, so that it does not reach the other tests.
-        const pid_t child = ::fork();
-        if (child == 0) {
-            std::signal(SIGXFSZ, SIG_IGN);
-            const rlimit limit{65536, 65536};
-            ::setrlimit(RLIMIT_FSIZE, &limit);
-            Ref<Error> error;
-            const std::int64_t count =
-                inPlace ? QXCompressor::compressFileAtURL(fileURL(source), QXDecompressionAlgorithmGzip, &error)
-                        : QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(destination),
-                                                               QXDecompressionAlgorithmGzip, &error);
-            ::_exit(count == -1 && qxtest::isError(error, "NSCocoaErrorDomain", 512) ? 0 : 1);
+    for (bool inPlace : {false, true})
+        for (unsigned threads : {1u, 2u}) {
+            SCOPED_TRACE(std::string(inPlace ? "in place" : "to a URL") + ", threads " + std::to_string(threads));
+            // The limit is set in a child, so that it does not reach the other tests.
+            const pid_t child = ::fork();
+            if (child == 0) {
+                std::signal(SIGXFSZ, SIG_IGN);
+                const rlimit limit{65536, 65536};
+                ::setrlimit(RLIMIT_FSIZE, &limit);
+                Ref<Error> error;
+                const std::int64_t count =
+                    inPlace ? QXCompressor::compressFileAtURL(fileURL(source), QXDecompressionAlgorithmGzip, threads,
+                                                              nullptr, nullptr, &error)
+                            : QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(destination),
+                                                                   QXDecompressionAlgorithmGzip, threads, nullptr,
+                                                                   nullptr, &error);
+                ::_exit(count == -1 && qxtest::isError(error, "NSCocoaErrorDomain", 512) ? 0 : 1);
+            }
+            int status = 0;
+            ASSERT_EQ(::waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "no write error reported";
+            EXPECT_EQ(qxtest::readBytes(source), content);
+            EXPECT_EQ(qxtest::readFile(destination), "old");
+            EXPECT_EQ(dir.names(), (std::vector<std::string>{"destination", "source"}));
         }
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "no write error reported";
-        EXPECT_EQ(qxtest::readBytes(source), content);
-        EXPECT_EQ(qxtest::readFile(destination), "old");
+}
+
+TEST(CompressorDrivers, ThreadCountPicksTheSingleStreamOrBlocksInEveryDriver) {
+    TempDir dir;
+    const Bytes content = makePayload(600000, 13);  // several deflate blocks
+    const std::string source = dir.file("source", content);
+    const Bytes single = deflateBytes(content, 31, -1), blocks = blocksOf(QXDecompressionAlgorithmGzip, 6, content);
+    ASSERT_NE(single, blocks);
+    const bool severalProcessors = QXParallelCompressor::resolvedThreadCount(0) > 1;
+    const std::pair<std::optional<unsigned>, const Bytes*> counts[] = {
+        {std::nullopt, &single}, {1u, &single}, {2u, &blocks}, {3u, &blocks}, {0u, severalProcessors ? &blocks : &single}};
+
+    // Each writes source's compressed form to dir/"out" (in place: to a copy there).
+    using Run = std::function<std::int64_t(std::optional<unsigned>)>;
+    const auto gzip = QXDecompressionAlgorithmGzip;
+    auto toHandle = [&](const std::function<std::int64_t(const Ref<qx::FileHandle>&)>& driver) {
+        dir.file("out", "");
+        auto out = qx::FileHandle::fileHandleForWritingToURL(fileURL(dir / "out"));
+        const std::int64_t count = driver(out);
+        out->closeFile();
+        return count;
+    };
+    const std::pair<const char*, Run> drivers[] = {
+        {"handle range", [&](std::optional<unsigned> t) {
+             return toHandle([&](const Ref<qx::FileHandle>& out) {
+                 auto in = qx::FileHandle::fileHandleForReadingAtPath(source);
+                 return t ? QXCompressor::compressFileHandle(in, 0, 0, out, gzip, *t, nullptr, nullptr)
+                          : QXCompressor::compressFileHandle(in, 0, 0, out, gzip, nullptr, nullptr);
+             });
+         }},
+        {"handle to handle", [&](std::optional<unsigned> t) {
+             return toHandle([&](const Ref<qx::FileHandle>& out) {
+                 auto in = qx::FileHandle::fileHandleForReadingAtPath(source);
+                 return t ? QXCompressor::compressFileHandleToFileHandle(in, out, gzip, *t, nullptr, nullptr)
+                          : QXCompressor::compressFileHandleToFileHandle(in, out, gzip);
+             });
+         }},
+        {"file to handle", [&](std::optional<unsigned> t) {
+             return toHandle([&](const Ref<qx::FileHandle>& out) {
+                 return t ? QXCompressor::compressFileAtURLToFileHandle(fileURL(source), out, gzip, *t, nullptr, nullptr)
+                          : QXCompressor::compressFileAtURLToFileHandle(fileURL(source), out, gzip);
+             });
+         }},
+        {"file to URL", [&](std::optional<unsigned> t) {
+             return t ? QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(dir / "out"), gzip, *t, nullptr,
+                                                             nullptr)
+                      : QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(dir / "out"), gzip);
+         }},
+        {"in place", [&](std::optional<unsigned> t) {
+             qxtest::writeFile(dir / "out", content);
+             return t ? QXCompressor::compressFileAtURL(fileURL(dir / "out"), gzip, *t, nullptr, nullptr)
+                      : QXCompressor::compressFileAtURL(fileURL(dir / "out"), gzip);
+         }},
+    };
+    for (const auto& [name, run] : drivers)
+        for (const auto& [threads, expected] : counts) {
+            SCOPED_TRACE(std::string(name) + ", threads " + (threads ? std::to_string(*threads) : "not given"));
+            EXPECT_EQ(run(threads), static_cast<std::int64_t>(content.size()));
+            EXPECT_TRUE(qxtest::readBytes(dir / "out") == *expected);
+            EXPECT_EQ(dir.names(), (std::vector<std::string>{"out", "source"}));
+        }
+}
+
+TEST(CompressorDrivers, TheTemporaryBesideTheTargetIsAFreshUniqueID) {
+    TempDir dir;
+    const Bytes content = makePayload(300000, 14);
+    const std::string source = dir.file("source", content), destination = dir / "destination";
+    for (unsigned threads : {1u, 2u}) {
+        std::vector<std::string> temporaries;
+        auto look = [&](std::int64_t) {
+            for (const auto& name : dir.names())
+                if (name != "source" && name != "destination" &&
+                    std::find(temporaries.begin(), temporaries.end(), name) == temporaries.end())
+                    temporaries.push_back(name);
+        };
+        EXPECT_EQ(QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(destination), QXDecompressionAlgorithmGzip,
+                                                       threads, nullptr, look),
+                  300000);
+        EXPECT_EQ(QXCompressor::compressFileAtURL(fileURL(source), QXDecompressionAlgorithmGzip, threads, nullptr, look),
+                  300000);
+        ASSERT_EQ(temporaries.size(), 2u) << "one temporary per run, each new";
+        EXPECT_TRUE(isUniqueID(temporaries[0]) && isUniqueID(temporaries[1])) << temporaries[0] << " " << temporaries[1];
+        EXPECT_EQ(toolDecode(QXDecompressionAlgorithmGzip, qxtest::readBytes(destination)), std::optional<Bytes>(content));
+        EXPECT_EQ(toolDecode(QXDecompressionAlgorithmGzip, qxtest::readBytes(source)), std::optional<Bytes>(content));
         EXPECT_EQ(dir.names(), (std::vector<std::string>{"destination", "source"}));
+        qxtest::writeFile(source, content);
     }
 }

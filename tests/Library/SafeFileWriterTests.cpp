@@ -139,3 +139,37 @@ TEST(SafeFileWriter, OpenAtGivesTheChosenModeToNewFilesOnlyAndMovesWithItsTempor
     EXPECT_EQ(fileMode(existing), 0600u);
     EXPECT_EQ(dir.names(), (Names{"existing", "script"}));
 }
+
+TEST(SafeFileWriter, ACallerNamedTemporaryIsUsedAsGivenOrRefused) {
+    TempDir dir;
+    const std::string target = dir.file("target", "old");
+    dir.file("taken", "someone else's");
+
+    QXSafeFileWriter writer;
+    ASSERT_EQ(writer.open(target, std::string("chosen")), 0);
+    ASSERT_EQ(writer.writeAll("new", 3), 0);
+    EXPECT_EQ(fileMode(dir / "chosen"), 0600u);
+    EXPECT_EQ(dir.names(), (Names{"chosen", "taken", "target"}));
+    ASSERT_EQ(writer.finish(true), 0);
+    EXPECT_EQ(readFile(target), "new");
+
+    ASSERT_EQ(writer.open(target, std::string("chosen")), 0);
+    ASSERT_EQ(writer.writeAll("dropped", 7), 0);
+    ASSERT_EQ(writer.finish(false), 0);
+    EXPECT_EQ(readFile(target), "new");
+    EXPECT_EQ(dir.names(), (Names{"taken", "target"}));
+
+    // Nothing is overwritten or taken in its place, and nothing is left.
+    const struct {
+        const char* name;
+        int code;
+    } refusals[] = {{"taken", EEXIST}, {"target", EEXIST}, {"sub/name", EINVAL}, {"..", EINVAL}, {"", EINVAL}};
+    for (const auto& r : refusals) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(writer.open(target, std::string(r.name)), r.code);
+        EXPECT_EQ(writer.fd(), -1);
+        EXPECT_EQ(readFile(dir / "taken"), "someone else's");
+        EXPECT_EQ(readFile(target), "new");
+        EXPECT_EQ(dir.names(), (Names{"taken", "target"}));
+    }
+}

@@ -1,9 +1,11 @@
 // CompressCommand.cpp - `qx compress`: bytes to a compressed payload.
 //
-// One thread reads SOURCE, feeds the library's streaming compressor (or the
-// parallel one, whose own threads do the work) and writes what it returns. SIGINT and SIGTERM interrupt a blocked read (their
-// handler is installed without SA_RESTART and only notes the signal); the
-// loop then stops and the output object's destruction removes the temporary.
+// One thread reads SOURCE, feeds the library's stream compressor (which for
+// -T other than 1 hands the work to its own threads, as the library's file
+// drivers do) and writes what it returns. SIGINT and SIGTERM interrupt a
+// blocked read (their handler is installed without SA_RESTART and only notes
+// the signal); the loop then stops and the output object's destruction
+// removes the temporary.
 #include "CompressCommand.h"
 
 #include "Diagnostics.h"
@@ -13,7 +15,7 @@
 #include <QXFoundation/QXCompressor.h>
 #include <QXFoundation/QXError.h>
 
-#include "Internal/QXParallelCompressor.h"
+#include "Internal/QXStreamCompressor.h"
 
 #include <CLI/CLI.hpp>
 
@@ -196,15 +198,8 @@ int runCompress(const CompressOptions& options) {
     // One thread is the library's single stream; more cut the input into
     // blocks (output the same for any count of two or more).
     qx::Ref<qx::Error> error;
-    const bool parallel = QXParallelCompressor::resolvedThreadCount(options.threads) > 1;
-    qx::Ref<QXCompressor> compressor;
-    std::unique_ptr<QXParallelCompressor> blocks;
-    if (parallel) {
-        blocks = QXParallelCompressor::create(options.algorithm, level, options.threads, &error);
-    } else {
-        compressor = QXCompressor::initForStreamingWithAlgorithm(options.algorithm, level, &error);
-    }
-    if (!compressor && !blocks) return reportFailure(sourceName, reasonFromError(error));
+    auto compressor = QXStreamCompressor::create(options.algorithm, level, options.threads, &error);
+    if (!compressor) return reportFailure(sourceName, reasonFromError(error));
     auto output = OutputFile::open(destinationPath, &error);
     if (!output) return reportFailure(destinationName, reasonFromError(error));
 
@@ -227,8 +222,7 @@ int runCompress(const CompressOptions& options) {
         if (n < 0) return reportFailure(sourceName, reasonFromError(posixError(errno)));
         if (n == 0) break;
         buffer->setLength(static_cast<std::size_t>(n));
-        auto out = blocks ? blocks->compress(buffer->bytes(), buffer->length(), &error)
-                          : compressor->compressedDataFromStreamWithInputData(buffer, &error);
+        auto out = compressor->compress(buffer, &error);
         if (!out) return reportFailure(sourceName, reasonFromError(error));
         if (!write(out)) return reportFailure(destinationName, reasonFromError(error));
         consumed += static_cast<std::uint64_t>(n);
@@ -236,11 +230,11 @@ int runCompress(const CompressOptions& options) {
     }
     if (const int signal = gSignal.load()) {
         progress.clear();
-        blocks.reset();  // stops the workers
+        compressor.reset();  // stops the workers
         output.reset();  // removes the temporary; SOURCE was never touched
         return 128 + signal;
     }
-    auto last = blocks ? blocks->finish(&error) : compressor->finalDataFromStreamWithError(&error);
+    auto last = compressor->finish(&error);
     if (!last) return reportFailure(sourceName, reasonFromError(error));
     if (!write(last)) return reportFailure(destinationName, reasonFromError(error));
     progress.clear();
