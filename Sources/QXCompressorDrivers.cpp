@@ -131,8 +131,10 @@ std::int64_t QXCompressor::compressFileHandle(const Ref<qx::FileHandle>& source,
         return -1;
     }
     // Also after a cancel: what was read ends as a complete stream.
-    auto last = compressor->finish(error);
-    if (!last || !write(last)) return -1;
+    do {
+        auto last = compressor->finish(error);
+        if (!last || !write(last)) return -1;
+    } while (!compressor->isFinished());
     return static_cast<std::int64_t>(consumed);
 }
 

@@ -256,14 +256,20 @@ bool QXParallelCompressor::Impl::lzmaCode(const std::uint8_t* bytes, std::size_t
         lzma.avail_out = kLZMARoom;
         const lzma_ret result = lzma_code(&lzma, action);
         out.setLength(at + kLZMARoom - lzma.avail_out);
-        if (result == LZMA_STREAM_END) return true;
+        if (result == LZMA_STREAM_END) {
+            finished = true;
+            return true;
+        }
         if (result != LZMA_OK) {
             QXSetError(error, QXGenerateError("lzma_code", result));
             return false;
         }
-        if (action == LZMA_RUN && lzma.avail_in == 0 && lzma.avail_out != 0) return true;
+        if (action == LZMA_FINISH) return true;  // one piece at a time
+        if (lzma.avail_in == 0 && lzma.avail_out != 0) return true;
     }
 }
+
+bool QXParallelCompressor::isFinished() const { return impl_->finished; }
 
 QXParallelCompressor::QXParallelCompressor(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 QXParallelCompressor::~QXParallelCompressor() = default;
@@ -334,7 +340,6 @@ Ref<Data> QXParallelCompressor::finish(Ref<Error>* error) {
     if (s.finished) return out;
     if (s.algorithm == QXDecompressionAlgorithmXZ) {
         if (!s.lzmaCode(nullptr, 0, LZMA_FINISH, *out, error)) return nullptr;
-        s.finished = true;
         return out;
     }
     s.writeHeader(*out);

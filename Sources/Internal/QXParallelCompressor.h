@@ -47,8 +47,11 @@ public:
 
     /// Takes the next input; returns the output that is ready (possibly none).
     qx::Ref<qx::Data> compress(const std::uint8_t* bytes, std::size_t length, qx::Ref<qx::Error>* error);
-    /// Ends the stream and returns the rest of it.
+    /// Ends the stream: returns the next piece of the rest of it; call again
+    /// until isFinished(). xz hands its last blocks out a megabyte at a time, so
+    /// the end of a large stream is never held whole.
     qx::Ref<qx::Data> finish(qx::Ref<qx::Error>* error);
+    bool isFinished() const;
 
 private:
     struct Impl;

@@ -22,5 +22,7 @@ qx::Ref<qx::Data> QXStreamCompressor::compress(const qx::Ref<qx::Data>& input, q
 }
 
 qx::Ref<qx::Data> QXStreamCompressor::finish(qx::Ref<qx::Error>* error) {
-    return single_ ? single_->finalDataFromStreamWithError(error) : parallel_->finish(error);
+    if (!single_) return parallel_->finish(error);
+    singleFinished_ = true;
+    return single_->finalDataFromStreamWithError(error);
 }

@@ -30,8 +30,10 @@ public:
 
     /// The output this input yields, possibly none; nothing on failure.
     qx::Ref<qx::Data> compress(const qx::Ref<qx::Data>& input, qx::Ref<qx::Error>* error);
-    /// Ends the stream and returns the rest of it; nothing on failure.
+    /// Ends the stream: returns the next piece of the rest of it, nothing on
+    /// failure; call again until isFinished().
     qx::Ref<qx::Data> finish(qx::Ref<qx::Error>* error);
+    bool isFinished() const { return parallel_ ? parallel_->isFinished() : singleFinished_; }
 
     bool isParallel() const { return parallel_ != nullptr; }
 
@@ -39,5 +41,6 @@ private:
     QXStreamCompressor() = default;
 
     qx::Ref<QXCompressor> single_;                   // one thread
+    bool singleFinished_ = false;
     std::unique_ptr<QXParallelCompressor> parallel_; // more
 };

@@ -234,9 +234,11 @@ int runCompress(const CompressOptions& options) {
         output.reset();  // removes the temporary; SOURCE was never touched
         return 128 + signal;
     }
-    auto last = compressor->finish(&error);
-    if (!last) return reportFailure(sourceName, reasonFromError(error));
-    if (!write(last)) return reportFailure(destinationName, reasonFromError(error));
+    do {
+        auto last = compressor->finish(&error);
+        if (!last) return reportFailure(sourceName, reasonFromError(error));
+        if (!write(last)) return reportFailure(destinationName, reasonFromError(error));
+    } while (!compressor->isFinished());
     progress.clear();
     if (!output->commit(&error)) return reportFailure(destinationName, reasonFromError(error));
     return kExitSuccess;
