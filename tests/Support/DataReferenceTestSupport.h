@@ -68,14 +68,15 @@ template <typename... Targets> void applyAll(const std::vector<Edit>& edits, Tar
     for (const Edit& edit : edits) (edit.applyTo(targets), ...);
 }
 
-// An insertion, deletion or replacement at a random place of a size-byte sequence.
+// An insertion, deletion or replacement at a random place of a size-byte
+// sequence, often of a few bytes only: a tail moved by one is a write-out's edge.
 inline Edit randomEdit(std::mt19937_64& random, std::uint64_t size, std::uint64_t maxInsert = 3000) {
     const auto pick = [&random](std::uint64_t bound) { return bound == 0 ? 0 : random() % (bound + 1); };
     Edit edit;
     const unsigned kind = size == 0 ? 0 : static_cast<unsigned>(random() % 3);
     edit.location = pick(size);
     if (kind != 0) edit.length = pick(std::min<std::uint64_t>(size - edit.location, 1 + random() % 5000));
-    if (kind != 1) edit.bytes = randomBytes(1 + random() % maxInsert, static_cast<unsigned>(random()));
+    if (kind != 1) edit.bytes = randomBytes(1 + random() % (random() % 2 ? 3 : maxInsert), static_cast<unsigned>(random()));
     return edit;
 }
 
