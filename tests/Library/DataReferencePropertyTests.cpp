@@ -30,8 +30,7 @@ void editWriteAndCompare(bool fork, Bytes model, unsigned seed, int edits, std::
         auto reference = openReference(path, fork);
         ASSERT_EQ(reference->size(), model.size());
         const Edit edit = randomEdit(random, model.size(), maxInsert);
-        SCOPED_TRACE("edit " + std::to_string(i) + " at " + std::to_string(edit.location) + ", removing " +
-                     std::to_string(edit.length) + ", inserting " + std::to_string(edit.bytes.size()));
+        SCOPED_TRACE(::testing::Message() << "edit " << i << " at " << edit.location << ", removing " << edit.length << ", inserting " << edit.bytes.size());
         applyAll({edit}, *reference, model);
         ASSERT_TRUE(listInvariantsHold(*reference));
         qx::Ref<qx::Error> error;
@@ -119,11 +118,6 @@ struct EditedFile {
         EXPECT_EQ(contentsOf(*reference), edited);
         EXPECT_EQ(readBytes(path), original);
     }
-    void expectHonestFailure(int code) {
-        qx::Ref<qx::Error> error;
-        const bool succeeded = reference->writeToFileAndReturnError(&error);
-        expectHonestFailure(succeeded, error, code);
-    }
 };
 
 TEST(DataReferenceFaultTest, AWriteFailingAtAnyCallFailsTheWriteOut) {
@@ -178,7 +172,9 @@ TEST(DataReferenceFaultTest, AFullFileSystemFailsTheWriteOut) {
         ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
     } unmount{mountPoint};
     // Grows the file past what the file system holds, through the staged pass.
-    EditedFile(mountPoint + "/file", 1024 * 1024, {{1000, 0, Bytes(300000, 3)}}).expectHonestFailure(ENOSPC);
+    EditedFile file(mountPoint + "/file", 1024 * 1024, {{1000, 0, Bytes(300000, 3)}});
+    qx::Ref<qx::Error> error;
+    file.expectHonestFailure(file.reference->writeToFileAndReturnError(&error), error, ENOSPC);
 }
 
 } // namespace
