@@ -78,16 +78,13 @@ TEST(DataReferencePropertyTest, UndoingEverythingGivesBackTheOriginalAndRedoingT
         }
         const Bytes edited = contentsOf(*reference);
         // An edit that changes nothing (an empty deletion) leaves no group.
-        for (int i = 0; undo->canUndo(); ++i) {
-            ASSERT_TRUE(undo->undo());
-            ASSERT_TRUE(listInvariantsHold(*reference)) << "after undo " << i;
+        for (const bool undoing : {true, false}) {
+            for (int i = 0; undoing ? undo->canUndo() : undo->canRedo(); ++i) {
+                ASSERT_TRUE(undoing ? undo->undo() : undo->redo());
+                ASSERT_TRUE(listInvariantsHold(*reference)) << (undoing ? "after undo " : "after redo ") << i;
+            }
+            EXPECT_EQ(contentsOf(*reference), undoing ? original : edited);
         }
-        EXPECT_EQ(contentsOf(*reference), original);
-        for (int i = 0; undo->canRedo(); ++i) {
-            ASSERT_TRUE(undo->redo());
-            ASSERT_TRUE(listInvariantsHold(*reference)) << "after redo " << i;
-        }
-        EXPECT_EQ(contentsOf(*reference), edited);
     }
 }
 
@@ -151,8 +148,7 @@ TEST(DataReferenceFaultTest, AFileSizeLimitFailsTheWriteOut) {
     rlimit saved{};
     ::getrlimit(RLIMIT_FSIZE, &saved);
     const auto previous = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit limit = saved;
-    limit.rlim_cur = file.original.size();  // room for what is there, none for growth
+    const rlimit limit{file.original.size(), saved.rlim_max};  // room for what is there, none for growth
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     qx::Ref<qx::Error> error;
     const bool succeeded = file.reference->writeToFileAndReturnError(&error);

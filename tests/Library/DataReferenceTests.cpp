@@ -27,19 +27,13 @@ protected:
     std::string path_;
 };
 
-struct ChunkCase {
-    const char* name;
-    std::vector<Edit> edits;
-    std::string chunks;
-    // What the walk does besides the edits asked for.
-    std::vector<Edit> alsoDone = {};
-};
+// alsoDone: what the walk does besides the edits asked for.
+struct ChunkCase { const char* name; std::vector<Edit> edits; std::string chunks; std::vector<Edit> alsoDone = {}; };
 
 TEST_F(DataReferenceTest, EditsOnAHundredByteFileMakeTheseChunks) {
     const ChunkCase cases[] = {
         {"replace inside", {{10, 5, Bytes(3, 'x')}}, "f0/0:10 m10:3 f13/15:85"},
-        {"insert at the front of a file chunk after a memory chunk", {{10, 5, Bytes(3, 'x')}, {13, 0, Bytes(2, 'y')}},
-         "f0/0:10 m10:5 f15/15:85"},
+        {"insert just after a memory chunk", {{10, 5, Bytes(3, 'x')}, {13, 0, Bytes(2, 'y')}}, "f0/0:10 m10:5 f15/15:85"},
         {"delete from the front of the only chunk", {{0, 10, {}}}, "f0/10:90"},
         {"insert at the very front", {{0, 0, Bytes(4, 'z')}}, "m0:4 f4/0:100"},
         {"append at the very end", {{100, 0, Bytes(4, 'z')}}, "f0/0:100 m100:4"},
@@ -84,21 +78,12 @@ TEST_F(DataReferenceTest, EditsOnAHundredByteFileMakeTheseChunks) {
 
 TEST(FileChunkTest, DroppingALongListDoesNotRecursePerChunk) {
     auto head = QXFileChunk::chunkWithFileAddress(0, 0);
-    auto chunk = head;
-    for (std::uint64_t i = 1; i < 200'000; ++i) {
-        auto next = QXFileChunk::chunkWithFileAddress(i, i);
-        chunk->setNextChunk(next);
-        chunk = next;
-    }
-    chunk.reset();
+    for (auto [chunk, i] = std::pair{head, std::uint64_t{1}}; i < 200'000; ++i, chunk = chunk->nextChunk())
+        chunk->setNextChunk(QXFileChunk::chunkWithFileAddress(i, i));
     head.reset();  // would overflow the stack if each chunk released the next recursively
 }
 
-struct WrappedCase {
-    const char* name;
-    QXDataRange range;
-    std::string replacement, expected, afterUndo;
-};
+struct WrappedCase { const char* name; QXDataRange range; std::string replacement, expected, afterUndo; };
 
 TEST(DataReferenceWrappedTest, EditsReplaceInPlaceWithTheLocationClipped) {
     const WrappedCase cases[] = {
@@ -145,7 +130,7 @@ TEST_F(DataReferenceTest, ChangesAreAnnouncedAndDiscardShowsTheFileAgain) {
 // ---- Searching ----
 
 TEST(MacOSRomanUppercaseTest, AgreesWithTheCharacterSetsOwnLetters) {
-    UErrorCode status = U_ZERO_ERROR;
+    UErrorCode status = U_ZERO_ERROR, backStatus = U_ZERO_ERROR;
     UConverter* converter = ucnv_open("macintosh", &status);
     ASSERT_TRUE(U_SUCCESS(status));
     int changed = 0;
@@ -159,7 +144,6 @@ TEST(MacOSRomanUppercaseTest, AgreesWithTheCharacterSetsOwnLetters) {
         status = U_ZERO_ERROR;
         const int32_t length = ucnv_fromUChars(converter, out, sizeof out, &upper, 1, &status);
         // Unmappable characters come back as a substitute: decode to be sure.
-        UErrorCode backStatus = U_ZERO_ERROR;
         if (length == 1) ucnv_toUChars(converter, back, 2, out, 1, &backStatus);
         // The dotless i has the plain I as its upper case, yet stays as it is.
         const bool maps = upper != unit[0] && U_SUCCESS(status) && length == 1 && back[0] == upper && byte != 0xF5;
