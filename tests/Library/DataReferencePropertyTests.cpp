@@ -88,8 +88,6 @@ TEST(DataReferencePropertyTest, UndoingEverythingGivesBackTheOriginalAndRedoingT
     }
 }
 
-// ---- Write-outs that fail ----
-
 // A file edited so that its write-out goes through the in-place and the staged pass.
 struct EditedFile {
     std::string path;
@@ -119,9 +117,7 @@ struct EditedFile {
 
 TEST(DataReferenceFaultTest, AWriteFailingAtAnyCallFailsTheWriteOut) {
     TempDir dir;
-    struct Unhook {
-        ~Unhook() { qxdataref::setFaultHook(nullptr); }
-    } unhook;
+    struct Unhook { ~Unhook() { qxdataref::setFaultHook(nullptr); } } unhook;
     int calls = 0, failAt = 0;
     qxdataref::setFaultHook([&calls, &failAt]() { return ++calls == failAt ? EIO : 0; });
     // The first write-out that makes fewer calls than failAt is the last.
@@ -144,7 +140,6 @@ TEST(DataReferenceFaultTest, AWriteFailingAtAnyCallFailsTheWriteOut) {
 TEST(DataReferenceFaultTest, AFileSizeLimitFailsTheWriteOut) {
     TempDir dir;
     EditedFile file(dir, 1024 * 1024);
-    ASSERT_GT(file.edited.size(), file.original.size());
     rlimit saved{};
     ::getrlimit(RLIMIT_FSIZE, &saved);
     const auto previous = std::signal(SIGXFSZ, SIG_IGN);
@@ -163,10 +158,7 @@ TEST(DataReferenceFaultTest, AFullFileSystemFailsTheWriteOut) {
     std::filesystem::create_directory(mountPoint);
     if (::mount("qx-test", mountPoint.c_str(), "tmpfs", 0, "size=1200k") != 0)
         GTEST_SKIP() << "cannot mount a small file system here: " << std::strerror(errno);
-    struct Unmount {
-        std::string path;
-        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmount{mountPoint};
+    struct Unmount { std::string path; ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); } } unmount{mountPoint};
     // Grows the file past what the file system holds, through the staged pass.
     EditedFile file(mountPoint + "/file", 1024 * 1024, {{1000, 0, Bytes(300000, 3)}});
     qx::Ref<qx::Error> error;
