@@ -25,6 +25,7 @@ TEST_F(QxBytes, FindPrintsTheOffsetsOfMatches) {
         {"hex", {"78797a", "--hex"}, "4\n"},
         {"within a range", {"abc", "--offset", "1", "--length", "14", "--all"}, "12\n"},
         {"range ending inside the match", {"abc", "--offset", "1", "--length", "13"}, ""},
+        {"range just the match", {"abc", "--offset", "12", "--length", "3", "--backwards"}, "12\n"},
         {"backwards from an offset that starts a match", {"abc", "--offset", "12", "--backwards", "--all"}, "15\n12\n"},
         {"no match", {"nothing"}, ""},
     };
