@@ -10,61 +10,54 @@
 
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 using namespace qxtest;
 
 namespace {
 
-// Each edit written out and the file reopened, so every edit meets one file chunk.
-void editWriteAndCompare(const std::string& path, bool fork, Bytes model, unsigned seed, int edits) {
+// Each edit written out and the file reopened, so every edit meets one file
+// chunk. The file is rewritten, not replaced; a fork's edits leave the data fork alone.
+void editWriteAndCompare(bool fork, Bytes model, unsigned seed, int edits, std::uint64_t maxInsert) {
+    TempDir dir;
+    const Bytes dataFork = fork ? makePayload(64) : model;
+    const std::string path = dir.file("file", dataFork);
+    if (fork && !setFork(path, model)) GTEST_SKIP() << "no user extended attributes here";
+    struct stat before {}, after {};
+    ::stat(path.c_str(), &before);
     std::mt19937_64 random(seed);
     for (int i = 0; i < edits; ++i) {
         auto reference = openReference(path, fork);
         ASSERT_EQ(reference->size(), model.size());
-        const Edit edit = randomEdit(random, model.size());
-        SCOPED_TRACE("edit " + std::to_string(i) + " at " + std::to_string(edit.location) + ", removing " +
-                     std::to_string(edit.length) + ", inserting " + std::to_string(edit.bytes.size()));
-        edit.applyTo(*reference);
-        edit.applyTo(model);
+        const Edit edit = randomEdit(random, model.size(), maxInsert);
+        SCOPED_TRACE(::testing::Message() << "edit " << i << " at " << edit.location << ", removing " << edit.length << ", inserting " << edit.bytes.size());
+        applyAll({edit}, *reference, model);
         ASSERT_TRUE(listInvariantsHold(*reference));
         qx::Ref<qx::Error> error;
         ASSERT_TRUE(reference->writeToFileAndReturnError(&error)) << qx::describe(error.get());
         ASSERT_EQ(fork ? forkOf(path) : readBytes(path), model);
+        ASSERT_EQ(readBytes(path), fork ? dataFork : model);
+        ASSERT_EQ(contentsOf(*reference), readBytes(path)) << "reopened on the data fork after the write-out";
+        ::stat(path.c_str(), &after);
+        ASSERT_EQ(after.st_ino, before.st_ino) << "rewritten, not replaced";
+        ASSERT_EQ(dir.names(), std::vector<std::string>{"file"}) << "no temporary left behind";
     }
 }
 
 TEST(DataReferencePropertyTest, WrittenOutEditsMatchTheModel) {
-    TempDir dir;
-    const std::size_t sizes[] = {0, 1, 4096, 700000, 3 * 1024 * 1024};
     unsigned seed = 1;
-    for (const std::size_t size : sizes) {
+    for (const std::size_t size : {0, 1, 4096, 700000, 3 * 1024 * 1024}) {
         SCOPED_TRACE("size " + std::to_string(size));
-        const Bytes original = randomBytes(size, seed);
-        editWriteAndCompare(dir.file("data" + std::to_string(size), original), false, original, seed++, size > 1000000 ? 6 : 25);
+        editWriteAndCompare(false, randomBytes(size, seed), seed, size > 1000000 ? 6 : 25, 3000);
+        ++seed;
     }
 }
 
 TEST(DataReferencePropertyTest, WrittenOutForkEditsMatchTheModel) {
-    TempDir dir;
-    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{1500}}) {
+    for (const std::size_t size : {0, 1, 1500}) {
         SCOPED_TRACE("size " + std::to_string(size));
-        const std::string path = dir.file("forked" + std::to_string(size), makePayload(64));
-        const Bytes original = randomBytes(size, 11);
-        if (!setFork(path, original)) GTEST_SKIP() << "no user extended attributes here";
-        // Kept small enough for any file system's attribute size limit.
-        std::mt19937_64 random(size);
-        Bytes model = original;
-        for (int i = 0; i < 15; ++i) {
-            auto reference = openReference(path, true);
-            Edit edit = randomEdit(random, model.size());
-            edit.bytes.resize(std::min<std::size_t>(edit.bytes.size(), 200));
-            edit.applyTo(*reference);
-            edit.applyTo(model);
-            qx::Ref<qx::Error> error;
-            ASSERT_TRUE(reference->writeToFileAndReturnError(&error)) << qx::describe(error.get());
-            ASSERT_EQ(forkOf(path), model);
-            ASSERT_EQ(readBytes(path), makePayload(64));
-        }
+        // Insertions kept small enough for any file system's attribute size limit.
+        editWriteAndCompare(true, randomBytes(size, 11), static_cast<unsigned>(size), 15, 200);
     }
 }
 
@@ -77,8 +70,7 @@ TEST(DataReferencePropertyTest, UndoingEverythingGivesBackTheOriginalAndRedoingT
         auto reference = openReference(dir.file("file" + std::to_string(seed), original));
         auto undo = qx::UndoManager::create();
         reference->setUndoManager(undo);
-        const int edits = 40;
-        for (int i = 0; i < edits; ++i) {
+        for (int i = 0; i < 40; ++i) {
             undo->beginUndoGrouping();
             randomEdit(random, reference->size()).applyTo(*reference);
             undo->endUndoGrouping();
@@ -86,77 +78,58 @@ TEST(DataReferencePropertyTest, UndoingEverythingGivesBackTheOriginalAndRedoingT
         }
         const Bytes edited = contentsOf(*reference);
         // An edit that changes nothing (an empty deletion) leaves no group.
-        for (int i = 0; undo->canUndo(); ++i) {
-            ASSERT_TRUE(undo->undo());
-            ASSERT_TRUE(listInvariantsHold(*reference)) << "after undo " << i;
+        for (const bool undoing : {true, false}) {
+            for (int i = 0; undoing ? undo->canUndo() : undo->canRedo(); ++i) {
+                ASSERT_TRUE(undoing ? undo->undo() : undo->redo());
+                ASSERT_TRUE(listInvariantsHold(*reference)) << (undoing ? "after undo " : "after redo ") << i;
+            }
+            EXPECT_EQ(contentsOf(*reference), undoing ? original : edited);
         }
-        EXPECT_EQ(contentsOf(*reference), original);
-        for (int i = 0; undo->canRedo(); ++i) {
-            ASSERT_TRUE(undo->redo());
-            ASSERT_TRUE(listInvariantsHold(*reference)) << "after redo " << i;
-        }
-        EXPECT_EQ(contentsOf(*reference), edited);
     }
 }
-
-// ---- Write-outs that fail ----
 
 // A file edited so that its write-out goes through the in-place and the staged pass.
 struct EditedFile {
     std::string path;
     Bytes original, edited;
     QXDataReference::Ref reference;
-};
 
-EditedFile makeEditedFile(const TempDir& dir, const std::string& name, std::size_t size) {
-    EditedFile file;
-    file.original = randomBytes(size, 21);
-    file.path = dir.file(name, file.original);
-    file.reference = openReference(file.path);
-    file.edited = file.original;
-    for (const Edit& edit : {Edit{size / 8, 1000, {}}, Edit{size / 2, 0, Bytes(3000, 7)}, Edit{size - 5000, 10, Bytes(20, 8)}}) {
-        edit.applyTo(*file.reference);
-        edit.applyTo(file.edited);
+    EditedFile(const std::string& where, std::size_t size, const std::vector<Edit>& edits)
+        : path(where), original(randomBytes(size, 21)), edited(original) {
+        writeFile(path, original);
+        reference = openReference(path);
+        applyAll(edits, *reference, edited);
     }
-    return file;
-}
+    EditedFile(const TempDir& dir, std::size_t size)
+        : EditedFile(dir / "file", size, {{size / 8, 1000, {}}, {size / 2, 0, Bytes(3000, 7)}, {size - 5000, 10, Bytes(20, 8)}}) {}
 
-// After a failed write-out the reference either still shows the edited
-// contents, untouched file and all, or says that the file no longer matches.
-void expectHonestFailure(EditedFile& file) {
-    if (file.reference->fileMatchesContents()) {
-        EXPECT_EQ(contentsOf(*file.reference), file.edited);
-        EXPECT_EQ(readBytes(file.path), file.original);
+    // A failed write-out reports code; the reference then either still shows
+    // the edited contents, untouched file and all, or says that the file no
+    // longer matches.
+    void expectHonestFailure(bool succeeded, const qx::Ref<qx::Error>& error, int code) {
+        EXPECT_FALSE(succeeded) << "a failed write must fail the write-out";
+        EXPECT_QX_ERROR(error, "NSPOSIXErrorDomain", code);
+        if (!reference->fileMatchesContents()) return;
+        EXPECT_EQ(contentsOf(*reference), edited);
+        EXPECT_EQ(readBytes(path), original);
     }
-}
-
-class FaultHookGuard {
-public:
-    explicit FaultHookGuard(qxdataref::FaultHook hook) { qxdataref::setFaultHook(std::move(hook)); }
-    ~FaultHookGuard() { qxdataref::setFaultHook(nullptr); }
 };
 
 TEST(DataReferenceFaultTest, AWriteFailingAtAnyCallFailsTheWriteOut) {
     TempDir dir;
-    bool succeeded = false;
-    for (int failAt = 1; !succeeded; ++failAt) {
+    struct Unhook { ~Unhook() { qxdataref::setFaultHook(nullptr); } } unhook;
+    int calls = 0, failAt = 0;
+    qxdataref::setFaultHook([&calls, &failAt]() { return ++calls == failAt ? EIO : 0; });
+    // The first write-out that makes fewer calls than failAt is the last.
+    for (failAt = 1; calls >= failAt - 1; ++failAt) {
         ASSERT_LT(failAt, 1000) << "the write-out never ran out of calls";
-        EditedFile file = makeEditedFile(dir, "file", 2 * 1024 * 1024 + 333);
-        int calls = 0;
-        bool injected = false;
-        FaultHookGuard guard([&]() {
-            if (++calls != failAt) return 0;
-            injected = true;
-            return EIO;
-        });
-        qx::Ref<qx::Error> error;
-        succeeded = file.reference->writeToFileAndReturnError(&error);
         SCOPED_TRACE("failing call " + std::to_string(failAt));
-        if (injected) {
-            EXPECT_FALSE(succeeded) << "a failed write must fail the write-out";
-            EXPECT_QX_ERROR(error, "NSPOSIXErrorDomain", EIO);
-            expectHonestFailure(file);
-            succeeded = false;
+        EditedFile file(dir, 2 * 1024 * 1024 + 333);
+        calls = 0;
+        qx::Ref<qx::Error> error;
+        const bool succeeded = file.reference->writeToFileAndReturnError(&error);
+        if (calls >= failAt) {
+            file.expectHonestFailure(succeeded, error, EIO);
         } else {
             ASSERT_TRUE(succeeded) << qx::describe(error.get());
             EXPECT_EQ(readBytes(file.path), file.edited);
@@ -166,21 +139,17 @@ TEST(DataReferenceFaultTest, AWriteFailingAtAnyCallFailsTheWriteOut) {
 
 TEST(DataReferenceFaultTest, AFileSizeLimitFailsTheWriteOut) {
     TempDir dir;
-    EditedFile file = makeEditedFile(dir, "file", 1024 * 1024);
-    ASSERT_GT(file.edited.size(), file.original.size());
+    EditedFile file(dir, 1024 * 1024);
     rlimit saved{};
     ::getrlimit(RLIMIT_FSIZE, &saved);
     const auto previous = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit limit = saved;
-    limit.rlim_cur = file.original.size();  // room for what is there, none for growth
+    const rlimit limit{file.original.size(), saved.rlim_max};  // room for what is there, none for growth
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     qx::Ref<qx::Error> error;
     const bool succeeded = file.reference->writeToFileAndReturnError(&error);
     ::setrlimit(RLIMIT_FSIZE, &saved);
     std::signal(SIGXFSZ, previous);
-    EXPECT_FALSE(succeeded);
-    EXPECT_QX_ERROR(error, "NSPOSIXErrorDomain", EFBIG);
-    expectHonestFailure(file);
+    file.expectHonestFailure(succeeded, error, EFBIG);
 }
 
 TEST(DataReferenceFaultTest, AFullFileSystemFailsTheWriteOut) {
@@ -189,24 +158,11 @@ TEST(DataReferenceFaultTest, AFullFileSystemFailsTheWriteOut) {
     std::filesystem::create_directory(mountPoint);
     if (::mount("qx-test", mountPoint.c_str(), "tmpfs", 0, "size=1200k") != 0)
         GTEST_SKIP() << "cannot mount a small file system here: " << std::strerror(errno);
-    struct Unmount {
-        std::string path;
-        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmount{mountPoint};
-    EditedFile file;
-    file.original = randomBytes(1024 * 1024, 22);
-    file.path = mountPoint + "/file";
-    writeFile(file.path, file.original);
-    file.reference = openReference(file.path);
-    file.edited = file.original;
+    struct Unmount { std::string path; ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); } } unmount{mountPoint};
     // Grows the file past what the file system holds, through the staged pass.
-    const Edit edit{1000, 0, Bytes(300000, 3)};
-    edit.applyTo(*file.reference);
-    edit.applyTo(file.edited);
+    EditedFile file(mountPoint + "/file", 1024 * 1024, {{1000, 0, Bytes(300000, 3)}});
     qx::Ref<qx::Error> error;
-    EXPECT_FALSE(file.reference->writeToFileAndReturnError(&error));
-    EXPECT_QX_ERROR(error, "NSPOSIXErrorDomain", ENOSPC);
-    expectHonestFailure(file);
+    file.expectHonestFailure(file.reference->writeToFileAndReturnError(&error), error, ENOSPC);
 }
 
 } // namespace

@@ -16,26 +16,16 @@ namespace qxtest {
 
 inline constexpr const char* kForkAttribute = "user.com.apple.ResourceFork";
 
-// One chunk as the tests see it: its kind, address, file address and length.
-struct ChunkView {
-    bool memory = false;
-    std::uint64_t address = 0, fileAddress = 0, length = 0;
-    friend bool operator==(const ChunkView&, const ChunkView&) = default;
-    friend std::ostream& operator<<(std::ostream& os, const ChunkView& c) {
-        return os << (c.memory ? "memory" : "file") << "(at " << c.address << ", file " << c.fileAddress << ", length " << c.length
-                  << ")";
+// The chunk list in short: "f<address>/<file address>:<length>" for a file
+// chunk, "m<address>:<length>" for a memory chunk.
+inline std::string chunksOf(QXDataReference& reference) {
+    std::string out;
+    for (auto chunk = reference.firstChunk(); chunk; chunk = chunk->nextChunk()) {
+        out += (out.empty() ? "" : " ") + std::string(chunk->isMemoryChunk() ? "m" : "f") + std::to_string(chunk->address());
+        if (!chunk->isMemoryChunk()) out += "/" + std::to_string(chunk->fileAddress());
+        out += ":" + std::to_string(reference.lengthOfChunk(chunk));
     }
-};
-inline ChunkView fileChunk(std::uint64_t address, std::uint64_t fileAddress, std::uint64_t length) {
-    return {false, address, fileAddress, length};
-}
-inline ChunkView memoryChunk(std::uint64_t address, std::uint64_t length) { return {true, address, 0, length}; }
-
-inline std::vector<ChunkView> chunksOf(QXDataReference& reference) {
-    std::vector<ChunkView> views;
-    for (auto chunk = reference.firstChunk(); chunk; chunk = chunk->nextChunk())
-        views.push_back({chunk->isMemoryChunk(), chunk->address(), chunk->fileAddress(), reference.lengthOfChunk(chunk)});
-    return views;
+    return out;
 }
 
 inline Bytes contentsOf(QXDataReference& reference) {
@@ -46,24 +36,20 @@ inline Bytes contentsOf(QXDataReference& reference) {
 // says, addresses rising from 0, no two memory chunks side by side, and the
 // lengths adding up to the size.
 inline ::testing::AssertionResult listInvariantsHold(QXDataReference& reference) {
-    std::uint64_t total = 0, expectedAddress = 0;
+    std::uint64_t total = 0;
     QXFileChunk::Ref previous;
+    const auto fail = [](auto... what) { return ((::testing::AssertionFailure() << ... << what)); };
     for (auto chunk = reference.firstChunk(); chunk; chunk = chunk->nextChunk()) {
-        if (chunk->previousChunk() != previous) return ::testing::AssertionFailure() << "back link broken at " << chunk->address();
-        if (chunk->address() != expectedAddress)
-            return ::testing::AssertionFailure() << "chunk at " << chunk->address() << " should be at " << expectedAddress;
-        if (previous && previous->isMemoryChunk() && chunk->isMemoryChunk())
-            return ::testing::AssertionFailure() << "adjacent memory chunks at " << chunk->address();
+        if (chunk->previousChunk() != previous) return fail("back link broken at ", chunk->address());
+        if (chunk->address() != total) return fail("chunk at ", chunk->address(), " should be at ", total);
+        if (previous && previous->isMemoryChunk() && chunk->isMemoryChunk()) return fail("adjacent memory chunks at ", total);
         const std::uint64_t length = reference.lengthOfChunk(chunk);
-        if (chunk->isMemoryChunk() && length != chunk->data()->length())
-            return ::testing::AssertionFailure() << "memory chunk at " << chunk->address() << " spans " << length << " bytes but holds "
-                                                 << chunk->data()->length();
+        if (chunk->isMemoryChunk() && length != chunk->data()->length()) return fail("memory chunk at ", total, " spans ", length);
         total += length;
-        expectedAddress += length;
         previous = chunk;
     }
-    if (previous != reference.lastChunk()) return ::testing::AssertionFailure() << "the last chunk is not the list's tail";
-    if (total != reference.size()) return ::testing::AssertionFailure() << "lengths add up to " << total << ", size is " << reference.size();
+    if (previous != reference.lastChunk()) return fail("the last chunk is not the list's tail");
+    if (total != reference.size()) return fail("lengths add up to ", total, ", size is ", reference.size());
     return ::testing::AssertionSuccess();
 }
 
@@ -73,20 +59,24 @@ struct Edit {
     Bytes bytes;
     void applyTo(Bytes& model) const {
         const auto begin = model.begin() + static_cast<std::ptrdiff_t>(location);
-        const auto at = model.erase(begin, begin + static_cast<std::ptrdiff_t>(length));
-        model.insert(at, bytes.begin(), bytes.end());
+        model.insert(model.erase(begin, begin + static_cast<std::ptrdiff_t>(length)), bytes.begin(), bytes.end());
     }
     void applyTo(QXDataReference& reference) const { reference.replaceBytesInRange(QXDataRange{location, length}, toData(bytes)); }
 };
 
-// An insertion, deletion or replacement at a random place of a size-byte sequence.
-inline Edit randomEdit(std::mt19937_64& random, std::uint64_t size) {
+template <typename... Targets> void applyAll(const std::vector<Edit>& edits, Targets&... targets) {
+    for (const Edit& edit : edits) (edit.applyTo(targets), ...);
+}
+
+// An insertion, deletion or replacement at a random place of a size-byte
+// sequence, often of a few bytes only: a tail moved by one is a write-out's edge.
+inline Edit randomEdit(std::mt19937_64& random, std::uint64_t size, std::uint64_t maxInsert = 3000) {
     const auto pick = [&random](std::uint64_t bound) { return bound == 0 ? 0 : random() % (bound + 1); };
     Edit edit;
     const unsigned kind = size == 0 ? 0 : static_cast<unsigned>(random() % 3);
     edit.location = pick(size);
     if (kind != 0) edit.length = pick(std::min<std::uint64_t>(size - edit.location, 1 + random() % 5000));
-    if (kind != 1) edit.bytes = randomBytes(1 + random() % 3000, static_cast<unsigned>(random()));
+    if (kind != 1) edit.bytes = randomBytes(1 + random() % (random() % 2 ? 3 : maxInsert), static_cast<unsigned>(random()));
     return edit;
 }
 
@@ -102,9 +92,8 @@ inline bool setFork(const std::string& path, const Bytes& bytes) {
 
 inline Bytes forkOf(const std::string& path) {
     const ssize_t size = ::getxattr(path.c_str(), kForkAttribute, nullptr, 0);
-    if (size <= 0) return {};
-    Bytes value(static_cast<std::size_t>(size));
-    ::getxattr(path.c_str(), kForkAttribute, value.data(), value.size());
+    Bytes value(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    if (size > 0) ::getxattr(path.c_str(), kForkAttribute, value.data(), value.size());
     return value;
 }
 
