@@ -69,7 +69,12 @@ bool QXFSEventManager::startWatchingURLs(const qx::Ref<qx::Array>& URLs, Handler
     dumpFSEventStream();
     std::vector<std::string> paths;
     for (const auto& item : *list)
-        if (auto url = qx::dyn_cast<qx::URL>(item); url && url->isFileURL()) paths.push_back(QXFSEventStandardizedPath(url->path()));
+        if (auto url = qx::dyn_cast<qx::URL>(item); url && url->isFileURL()) {
+            // A set of folders: a restart with the folders already watched
+            // (setLatency) must not watch them twice.
+            std::string path = QXFSEventStandardizedPath(url->path());
+            if (std::find(paths.begin(), paths.end(), path) == paths.end()) paths.push_back(std::move(path));
+        }
     auto stream = QXFSEventStream::create(std::move(paths), _latency, [handler](const std::vector<QXFSEventRecord>& batch) {
         if (!handler) return;
         auto events = qx::Array::create();
