@@ -12,6 +12,7 @@
 #include "DetectCommand.h"
 #include "DecompressCommand.h"
 #include "CompressCommand.h"
+#include "WatchCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -27,6 +28,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addDetectCommand,
     qxtool::addDecompressCommand,
     qxtool::addCompressCommand,
+    qxtool::addWatchCommand,
 };
 
 } // namespace
