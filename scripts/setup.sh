@@ -24,6 +24,7 @@ packages=(
   hyperfine
   pigz pixz time                   # peers and peak-memory wrapper for the decompression benchmark
   gzip bzip2 xz-utils              # the compressor tests read its output back with the standard tools
+  inotify-tools findutils          # peers for the file-system events benchmark
 )
 
 missing=()
