@@ -7,7 +7,6 @@
 #include <qx/KeyedArchiver.h>
 #include <qx/Number.h>
 
-#include <sys/stat.h>
 #include <sys/xattr.h>
 
 namespace fs = std::filesystem;
@@ -91,25 +90,6 @@ TEST(FSEventHistoryRule, AnswersNeverNameTheGranuleInProgress) {
         EXPECT_EQ(answer.event, c.event) << c.name;
         EXPECT_EQ(answer.mustWait, c.mustWait) << c.name;
     }
-}
-
-TEST(FSEventHistory, ScanFindsTheNewestChangeTimeAnywhereBelow) {
-    TempDir dir("qx-fsh");
-    fs::create_directories(dir.path() / "a" / "b" / "c");
-    writeFile(dir.path() / "a" / "b" / "c" / "deep", "x");
-    fs::create_symlink("/nonexistent", dir.path() / "a" / "dangling");
-    struct stat st {};
-    ASSERT_EQ(::lstat((dir.path() / "a" / "dangling").c_str(), &st), 0);
-    std::uint64_t newest = 0;
-    for (const auto& entry : fs::recursive_directory_iterator(dir.path())) {
-        ASSERT_EQ(::lstat(entry.path().c_str(), &st), 0);
-        newest = std::max<std::uint64_t>(newest, std::uint64_t(st.st_ctim.tv_sec) * 1000000000ull + std::uint64_t(st.st_ctim.tv_nsec));
-    }
-    const auto trees = QXChangeTimeScan::scan({dir.path().string(), (dir / "missing")});
-    ASSERT_EQ(trees.size(), 2u);
-    EXPECT_EQ(trees[0].latest, newest);
-    EXPECT_EQ(trees[1].latest, 0u);
-    EXPECT_GT(trees[0].granuleStart, 0u);
 }
 
 TEST(FSEventHistory, TheAnswerAskedAgainReportsNoChange) {

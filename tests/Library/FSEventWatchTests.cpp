@@ -76,19 +76,20 @@ const std::vector<ChangeCase>& changeCases() {
     return cases;
 }
 
+bool awaitAll(const EventLog& log, const fs::path& dir, const std::vector<Expected>& expected) {
+    return runLoopUntil([&] {
+        for (const auto& e : expected)
+            if (!log.has(e.path.empty() ? dir.string() : (dir / e.path).string(), e.flags)) return false;
+        return true;
+    });
+}
+
 class FSEventWatch : public ::testing::Test {
 protected:
     std::string watched(const std::string& relative) const {
         return relative.empty() ? dir_.path().string() : (dir_.path() / relative).string();
     }
-
-    bool awaitAll(const std::vector<Expected>& expected) {
-        return runLoopUntil([&] {
-            for (const auto& e : expected)
-                if (!log_.has(watched(e.path), e.flags)) return false;
-            return true;
-        });
-    }
+    bool awaitAll(const std::vector<Expected>& expected) { return ::awaitAll(log_, dir_.path(), expected); }
 
     TempDir dir_{"qx-fsw"};
     EventLog log_;
@@ -105,12 +106,7 @@ TEST_F(FSEventWatch, ReportsEachKindOfChangeMadeOnAnotherThread) {
         auto manager = QXFSEventManager::managerWatchingURL(qx::URL::fileURLWithPath(dir.path().string()), log.handler());
         ASSERT_TRUE(manager);
         changeOnAnotherThread([&] { c.change(dir.path(), outside.path()); });
-        const bool all = runLoopUntil([&] {
-            for (const auto& e : c.expected)
-                if (!log.has((dir.path() / e.path).string(), e.flags)) return false;
-            return true;
-        });
-        EXPECT_TRUE(all) << "got:\n" << log.describe();
+        EXPECT_TRUE(::awaitAll(log, dir.path(), c.expected)) << "got:\n" << log.describe();
     }
 }
 
