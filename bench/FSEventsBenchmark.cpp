@@ -27,6 +27,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <string>
+#include <string_view>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -123,6 +124,7 @@ int main(int argc, char** argv) {
     app.add_option("--runs", runs, "Runs per measurement (medians are reported)");
     app.add_option("--burst", burst, "File creations in the delivery measurement");
     CLI11_PARSE(app, argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
     const fs::path root = fs::absolute(tree);
     makeTree(root / "tree");
@@ -197,30 +199,40 @@ int main(int argc, char** argv) {
         fs::remove_all(folder);
         fs::create_directory(folder);
         {
-            Peer peer({"inotifywait", "-r", "-m", "-q", "-e", "create", "--format", "%w%f", (root / "tree").string()}, 1);
-            // -q hides "Watches established." from the peer's output, so wait
-            // for the watch with a probe the peer must print.
+            // Line-buffered, as a reader of its output would run it.
+            Peer peer({"stdbuf", "-oL", "inotifywait", "-r", "-m", "-e", "create", "--format", "%w%f",
+                       (root / "tree").string()}, 1);
+            // The watch is ready once a probe file shows in the output.
+            std::atomic<bool> ready{false};
             std::thread prober([&] {
-                for (int i = 0; i < 1000 && peer.seen.empty(); ++i) {
-                    ::close(::open((root / "tree" / "probe").c_str(), O_CREAT | O_WRONLY, 0644));
+                for (int i = 0; i < 1000 && !ready; ++i) {
+                    ::close(::open((root / "tree" / ("probe" + std::to_string(i))).c_str(), O_CREAT | O_WRONLY, 0644));
                     std::this_thread::sleep_for(std::chrono::milliseconds(10));
                 }
             });
-            peer.readUntil([](std::string& s) { return s.find("/probe\n") != std::string::npos; });
+            peer.readUntil([](std::string& s) { return s.find("/probe") != std::string::npos; });
+            ready = true;
             prober.join();
-            peer.seen.clear();
             int lines = 0;
+            const std::string marker = "/burst/n";
             const auto start = Clock::now();
             std::thread maker(createFiles, folder, burst);
             peer.readUntil([&](std::string& s) {
-                lines += static_cast<int>(std::count(s.begin(), s.end(), '\n'));
-                s.clear();
+                // Count whole lines only; keep a partial last line for the next read.
+                std::size_t at = 0, end;
+                while ((end = s.find('\n', at)) != std::string::npos) {
+                    if (std::string_view(s.data() + at, end - at).find(marker) != std::string_view::npos) ++lines;
+                    at = end + 1;
+                }
+                s.erase(0, at);
                 return lines >= burst;
             });
             peers.push_back(since(start));
             maker.join();
         }
         fs::remove_all(folder);
+        for (int i = 0; fs::remove(root / "tree" / ("probe" + std::to_string(i))); ++i) {
+        }
     }
     std::printf("delivery  qx %8.1f ms   inotifywait %10.1f ms   ratio %.2f (target >= 1.0); %d files, %d run(s) with MustScanSubDirs\n",
                 median(ours), median(peers), median(peers) / median(ours), burst, overflows);
