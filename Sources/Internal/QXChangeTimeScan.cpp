@@ -116,7 +116,9 @@ std::vector<QXChangeTimeScan::Tree> QXChangeTimeScan::scan(const std::vector<std
         walk.note(i, QXFSEventClock::changeTime(st));
         if (S_ISDIR(st.st_mode)) walk.add(roots[i], i);
     }
-    walk.run(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+    // More walkers than processors: a stat that misses the inode cache waits
+    // for the disk, and the others keep the processors busy meanwhile.
+    walk.run(std::clamp(2 * std::thread::hardware_concurrency(), 2u, 8u));
     for (std::size_t i = 0; i < roots.size(); ++i) trees[i].latest = walk.latest(i);
     return trees;
 }

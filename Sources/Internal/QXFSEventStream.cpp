@@ -1,6 +1,7 @@
 // QXFSEventStream.cpp - a live stream of file-system events over folder trees.
 #include "Internal/QXFSEventStream.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cerrno>
@@ -135,6 +136,15 @@ void QXFSEventStream::read() {
                 if (opening && !batch_.empty())
                     deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(latency_));
             }
+        }
+        if (!batch_.empty() && Clock::now() < deadline) {
+            // A batch is open and not due: let changes gather in the kernel's
+            // queue for a moment rather than waking for each one. A few
+            // milliseconds are far too short to fill the queue, and a stop
+            // still ends the pause at once.
+            const auto pause = std::min<Clock::duration>(deadline - Clock::now(), std::chrono::milliseconds(5));
+            pollfd wake{wake_.get(), POLLIN, 0};
+            if (::poll(&wake, 1, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(pause).count())) > 0) return;
         }
         if (!batch_.empty() && Clock::now() >= deadline) {
             {
