@@ -111,13 +111,15 @@ TEST_F(FSEventWatch, ReportsEachKindOfChangeMadeOnAnotherThread) {
 }
 
 TEST_F(FSEventWatch, ReportsChangesMadeByAChildProcessInOrderWithRisingIdentifiers) {
+    writeFile(dir_.path() / "old", "x");
     auto manager = QXFSEventManager::managerWatchingURL(qx::URL::fileURLWithPath(watched("")), log_.handler());
     ASSERT_TRUE(manager);
-    changeInChildProcess("cd " + watched("") + " && echo a > one && mkdir two && echo b > two/three && mv one four && rm two/three");
+    changeInChildProcess("cd " + watched("") + " && echo a > one && mkdir two && echo b > two/three && mv one four && rm old");
     ASSERT_TRUE(awaitAll({{"one", QXFSEventFlagItemCreated},
                           {"two", QXFSEventFlagItemCreated | QXFSEventFlagItemIsDir},
+                          {"two/three", QXFSEventFlagItemCreated},
                           {"four", QXFSEventFlagItemRenamed},
-                          {"two/three", QXFSEventFlagItemRemoved}}))
+                          {"old", QXFSEventFlagItemRemoved}}))
         << log_.describe();
     for (std::size_t i = 1; i < log_.entries.size(); ++i)
         EXPECT_GT(log_.entries[i].identifier, log_.entries[i - 1].identifier) << log_.describe();
