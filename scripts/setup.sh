@@ -25,6 +25,7 @@ packages=(
   pigz pixz time                   # peers and peak-memory wrapper for the decompression benchmark
   pbzip2 lbzip2                    # parallel bzip2 peers for the compression benchmark
   gzip bzip2 xz-utils              # the compressor tests read its output back with the standard tools
+  inotify-tools findutils          # peers for the file-system events benchmark
 )
 
 missing=()

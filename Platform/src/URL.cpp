@@ -35,7 +35,34 @@ std::string percentEncodePath(std::string_view path) {
     return out;
 }
 
+// Registered when the library loads, so that unarchiving finds the class.
+[[maybe_unused]] const bool registered = [] {
+    registerCodingClass("URL", {"URL", "NSURL", "NSObject"}, [](Coder& coder) -> Ref<Object> {
+        Ref<Object> text;
+        if (coder.allowsKeyedCoding()) {
+            text = coder.decodeObject("NS.relative");
+        } else {
+            coder.decodeObject();  // the base: URLs are always written absolute
+            text = coder.decodeObject();
+        }
+        auto string = dyn_cast<String>(text);
+        return string ? URL::URLWithString(string->utf8()) : nullptr;
+    });
+    return true;
+}();
+
 } // namespace
+
+void URL::encodeWithCoder(Coder& coder) const {
+    (void)registered;
+    if (coder.allowsKeyedCoding()) {
+        coder.encodeObject(nullptr, "NS.base");
+        coder.encodeObject(String::create(absolute_), "NS.relative");
+    } else {
+        coder.encodeObject(nullptr);
+        coder.encodeObject(String::create(absolute_));
+    }
+}
 
 Ref<URL> URL::fileURLWithPath(std::string_view path, bool isDirectory) {
     if (path.empty()) return nullptr;

@@ -14,6 +14,7 @@
 #include "CompressCommand.h"
 #include "BytesCommand.h"
 #include "ImageCommand.h"
+#include "WatchCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -31,6 +32,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addCompressCommand,
     qxtool::addBytesCommand,
     qxtool::addImageCommand,
+    qxtool::addWatchCommand,
 };
 
 } // namespace

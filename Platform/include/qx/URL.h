@@ -1,11 +1,16 @@
 // URL.h - file and http(s) URLs; parsing and normalisation through libcurl.
+//
+// URLs archive themselves as other platforms' keyed archives hold them: the
+// absolute text under "NS.relative" and no base under "NS.base" (sequential
+// archives: the base, then the text).
 #pragma once
 
+#include <qx/Coder.h>
 #include <qx/String.h>
 
 namespace qx {
 
-class URL final : public Object {
+class URL final : public Object, public Coding {
 public:
     /// A file URL for an absolute or relative path (relative paths are taken
     /// against the current directory). Nothing for an empty path.
@@ -30,6 +35,7 @@ public:
     std::string description() const override { return absolute_; }
     bool isEqual(const Object& other) const override;
     std::size_t hash() const override { return std::hash<std::string>()(absolute_); }
+    void encodeWithCoder(Coder& coder) const override;
 
     URL() = default;
 
