@@ -158,7 +158,11 @@ TEST(FSEventHistory, ParametersOverOneFolderGetTheirOwnAnswers) {
     writeFile(dir.path() / "sub" / "file", "again");
     latest = manager->latestFSEventsWithParameters(list);
     EXPECT_GT(numberFor(latest, current), settled);
-    EXPECT_EQ(numberFor(latest, old), numberFor(latest, current));
+    // When the write shares a clock tick with the settled change, current has to
+    // wait for the tick to end and sees the write itself, while old is answered
+    // with the held-back start of the tick.
+    EXPECT_LE(numberFor(latest, old), numberFor(latest, current));
+    EXPECT_GT(numberFor(latest, old), 0u);
 }
 
 TEST(FSEventHistory, AFolderWithALongerNameIsNotUnderTheShorterOne) {
