@@ -31,9 +31,7 @@ for t in "${targets[@]}"; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
     ZipArchive*) find tests/fixtures/zip/archives -type f | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
-<<<<<<< HEAD
     LZFSE*) for f in tests/fixtures/lzfse/*.lzfse; do cp -n "$f" "$corpus/$(basename "$f")"; done ;;
-=======
     DiskImageFuzzer)
       # Layer byte 0: whole images; the small samples only (the fuzzer caps input size anyway).
       for f in tests/fixtures/dmg/*.dmg; do
@@ -42,7 +40,6 @@ for t in "${targets[@]}"; do
     ADCFuzzer)
       # Capacity 4 KiB (256 * 16), then literal runs, short and long matches.
       printf '\x01\x00\x83abcd\x04\x01\x40\x00\x03\x7f\x00\x00' > "$corpus/seed-0" ;;
->>>>>>> udif
     Explode*|Unshrink*|PBZXDecode*) python3 fuzz/make-codec-seeds.py "$t" "$corpus" ;;
     DecompressorFuzzer)
       i=0
