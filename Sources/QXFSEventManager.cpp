@@ -23,11 +23,21 @@ std::vector<QXFSEventManagerParameters::Ref> parametersIn(const qx::Ref<qx::Arra
 }
 
 // Waits until every root's file system has left the granule its scan began
-// in; a later scan then sees all that granule's changes with their final times.
+// in and the coarse clock has passed the latest change time seen there; a
+// later scan then sees all that granule's changes with their final times.
+// The second condition matters because a change stamped with the fine clock
+// can lie beyond the next coarse tick (the tick keeps back the part of an
+// interval it has not accumulated yet). A change time far ahead of the clock
+// (the clock was set back) is not waited for: the wait is bounded by a few
+// granules and the held-back answer stands.
 void waitForGranules(const std::vector<std::string>& roots, const std::vector<QXChangeTimeScan::Tree>& trees) {
     for (std::size_t i = 0; i < roots.size(); ++i) {
-        const auto step = std::chrono::nanoseconds(std::max<std::uint64_t>(QXFSEventClock::granuleLength(roots[i]) / 4, 100000));
-        while (QXFSEventClock::granuleStart(roots[i]) <= trees[i].granuleStart) std::this_thread::sleep_for(step);
+        const std::uint64_t length = QXFSEventClock::granuleLength(roots[i]);
+        const auto step = std::chrono::nanoseconds(std::max<std::uint64_t>(length / 4, 100000));
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(4 * length) + std::chrono::milliseconds(20);
+        const std::uint64_t passed = std::max(trees[i].granuleStart, trees[i].latest);
+        while (QXFSEventClock::granuleStart(roots[i]) <= passed && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(step);
     }
 }
 

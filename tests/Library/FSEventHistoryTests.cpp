@@ -24,11 +24,19 @@ struct RuleCase {
     bool mustWait;
 };
 
-// A stable answer for url: one that a question asked right after it will not
-// hold back again (the second question waits out the granule if it must).
+// A stable answer for url: one that a question asked right after it gives
+// back unchanged. A change stamped by the fine clock can lie beyond the next
+// coarse tick, so an answer may be held back more than once before it settles.
 std::uint64_t settledLatest(QXFSEventManager& manager, const std::string& path) {
     auto url = qx::URL::fileURLWithPath(path);
-    return manager.latestFSEventAtURL(url, manager.latestFSEventAtURL(url));
+    std::uint64_t answer = manager.latestFSEventAtURL(url);
+    for (int i = 0; i < 20; ++i) {
+        const std::uint64_t next = manager.latestFSEventAtURL(url, answer);
+        if (next == answer) return answer;
+        answer = next;
+    }
+    ADD_FAILURE() << "the answer for " << path << " never settled";
+    return answer;
 }
 
 QXFSEventManagerParameters::Ref parameters(const std::vector<std::string>& paths, std::uint64_t event) {
