@@ -76,21 +76,20 @@ TEST_F(QxDecompress, AutomaticDetectionRefusesWhatItDoesNotRecognise) {
 }
 
 TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
-    const std::string gz = input("p.gz", payloads().gzip);
-    QxRun run = qx({"-a", "GZIP", gz, "-o", out()});
-    ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_TRUE(run.out.empty() && run.err.empty() && readFile(out()) == plain) << run.describe();
-    fs::remove(out());
+    QxRun run = qx({"-a", "GZIP", input("p.gz", payloads().gzip), "-o", out()});
+    EXPECT_TRUE(run.exitStatus == 0 && run.out.empty() && run.err.empty() && readFile(out()) == plain) << run.describe();
 
     // A payload inside a larger file, from the file and from a pipe (skipped, then read).
     Bytes container = randomBytes(4099, 3);
     container.insert(container.end(), payloads().gzip.begin(), payloads().gzip.end());
     container.resize(container.size() + 777, 0x1F);
     const std::string path = input("container", container), length = std::to_string(payloads().gzip.size());
+    // The output's checksum goes to standard error, out of the data.
     for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
-        run = qx({"--offset", "4099", "--length", length, source}, pipe.empty() ? "/dev/null" : "", pipe);
+        run = qx({"--checksum", "SHA256", "--offset", "4099", "--length", length, source}, pipe.empty() ? "/dev/null" : "", pipe);
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.out == plain) << source;
+        EXPECT_EQ(run.err, "sha256 (decompressed): " + legacyzip::sha256Hex(payloads().plain) + "\n");
     }
 }
 
@@ -104,11 +103,7 @@ TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
     const Bytes both = concatenated({first, second});
     const Bytes gz = concatenated({deflateBytes(first, 31), deflateBytes(empty, 31), deflateBytes(second, 31)});
     const Bytes bz2 = concatenated({decompressorpayloads::bzip2Bytes(first), decompressorpayloads::bzip2Bytes(second)});
-    const struct {
-        const char* name;
-        Bytes input;
-        bool garbage;
-    } cases[] = {
+    const struct { const char* name; Bytes input; bool garbage; } cases[] = {
         {"gzip members", gz, false},
         {"bzip2 streams", bz2, false},
         {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), true},
@@ -128,14 +123,6 @@ TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
     Bytes damaged = gz;
     damaged[deflateBytes(first, 31).size() - 1] ^= 1;  // the first member's length
     expectFailure(qx({input("damaged", damaged), "-o", out()}), (dir() / "damaged").string());
-}
-
-TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {
-    // Beside output on standard output, it stays out of the data.
-    const QxRun run = qx({"--checksum", "SHA256", input("p.gz", payloads().gzip)});
-    ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_EQ(run.err, "sha256 (decompressed): " + legacyzip::sha256Hex(payloads().plain) + "\n");
-    EXPECT_TRUE(run.out == plain);
 }
 
 TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndFailingOnes) {
@@ -158,7 +145,6 @@ TEST_F(QxDecompress, DamagedOrMislabelledInputFailsAndLeavesNothing) {
     const auto& p = payloads();
     const auto flipped = [](Bytes b, std::size_t fromEnd) { b[b.size() - fromEnd] ^= 1; return b; };
     const std::vector<std::tuple<std::string, Bytes, std::vector<std::string>>> cases = {
-        {"gzip length", flipped(p.gzip, 1), {}},
         {"zlib Adler-32", flipped(p.zlib, 1), {}},
         {"gzip forced as bzip2", p.gzip, {"-a", "bzip2"}},
     };
