@@ -30,12 +30,7 @@ void appendBE(Bytes& out, std::uint64_t v, int width) {
 
 // A binary file of the given object encodings (their references are the
 // caller's), offset table and trailer.
-struct FileLayout {
-    std::vector<Bytes> objects;
-    int refSize = 1;
-    int offsetSize = 1;
-    std::uint64_t root = 0;
-};
+struct FileLayout { std::vector<Bytes> objects; int refSize = 1; int offsetSize = 1; std::uint64_t root = 0; };
 Bytes assemble(const FileLayout& f) {
     Bytes out = toBytes(std::string("bplist00"));
     std::vector<std::uint64_t> offsets;
@@ -183,41 +178,31 @@ TEST(BinaryPropertyListWriter, KindsWithoutAnEncodingTakeANumberButNoBytes) {
     EXPECT_NE(std::find(r.log.begin(), r.log.end(), "property list was nil!"), r.log.end());
 }
 
-TEST(BinaryPropertyListWriter, ReferenceWidthComesFromTheValueCountAlone) {
+// The reference width comes from the value count alone: keys are not counted,
+// so 40000 entries (80001 objects) get 2-byte references, cut to their low
+// bytes, and no longer read back. Widening on request counts the keys, and the
+// offsets of a file that outgrows its width (few values, large strings); small
+// files keep 2.
+TEST(BinaryPropertyListWriter, ReferenceWidthAndTheWideningOption) {
     const auto widths = [](const Bytes& d) { return std::make_pair(d[d.size() - 26], d[d.size() - 25]); };
-    const auto two = std::make_pair(std::uint8_t{2}, std::uint8_t{2});
-    auto array = falses(65533);
-    EXPECT_EQ(widths(write(array)), two);
-    array->addObject(Number::withBool(false));
-    EXPECT_EQ(widths(write(array)), std::make_pair(std::uint8_t{4}, std::uint8_t{4}));
-    // Keys are not counted: 40000 entries are 80001 objects in 2-byte references,
-    // which are cut to their low bytes and no longer read back as written.
+    const auto same = [](int w) { return std::make_pair(std::uint8_t(w), std::uint8_t(w)); };
+    auto falsesMax = falses(65533);
+    EXPECT_EQ(widths(write(falsesMax)), same(2));
+    falsesMax->addObject(Number::withBool(false));
+    EXPECT_EQ(widths(write(falsesMax)), same(4));
     auto dictionary = Dictionary::create();
     for (int i = 0; i < 40000; ++i) dictionary->setObject(Number::withBool(true), "k" + std::to_string(i));
     EXPECT_EQ(PLS::countPlists(dictionary), 40001u);
-    const Bytes data = write(dictionary);
-    EXPECT_EQ(widths(data), two);
-    auto back = readPlist(data).value;
-    EXPECT_FALSE(back && back->isEqual(*dictionary));
-}
-
-// Widening on request: by the object count with keys, and by the offsets of a
-// file that outgrows its width (few values, large strings); small files keep 2.
-TEST(BinaryPropertyListWriter, WideningOptionGrowsTheWidthUntilTheFileReadsBack) {
-    const auto width = [](const Bytes& d) { return d[d.size() - 25]; };
-    auto dictionary = Dictionary::create();
-    for (int i = 0; i < 40000; ++i) dictionary->setObject(Number::withBool(true), "k" + std::to_string(i));
     auto array = Array::create();
     for (int i = 0; i < 70; ++i) array->addObject(str(std::string(1000, static_cast<char>('a' + i % 26))));
-    auto small = falses(100);
-    for (const auto& [value, expected] : std::vector<std::pair<Ref<Object>, int>>{{dictionary, 4}, {array, 4}, {small, 2}}) {
-        EXPECT_EQ(PLS::countPlists(value) < 65535, true);
-        const Bytes data = toBytes(PLS::binaryDataWithPropertyList(value, QXBinaryPlistWidenReferences));
-        EXPECT_EQ(width(data), expected);
-        auto back = readPlist(data).value;
+    for (const auto& [value, widened] : std::vector<std::pair<Ref<Object>, int>>{{dictionary, 4}, {array, 4}, {falses(100), 2}}) {
+        const Bytes plain = write(value), wide = toBytes(PLS::binaryDataWithPropertyList(value, QXBinaryPlistWidenReferences));
+        EXPECT_EQ(widths(plain).second, 2);
+        EXPECT_EQ(widths(wide).second, widened);
+        auto back = readPlist(wide).value, plainBack = readPlist(plain).value;
         EXPECT_TRUE(back && back->isEqual(*value));
+        EXPECT_EQ(plainBack && plainBack->isEqual(*value), widened == 2);
     }
-    EXPECT_EQ(width(write(array)), 2);  // without the option, unchanged
 }
 
 TEST(BinaryPropertyListWriter, RefusedValuesAndFormats) {
