@@ -71,12 +71,7 @@ public:
     }
 
 private:
-    struct State {
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<Call> calls;
-        bool released = false;
-    };
+    struct State { std::mutex mutex; std::condition_variable changed; std::vector<Call> calls; bool released = false; };
     std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
@@ -254,12 +249,7 @@ TEST(DecompressorAsync, FailuresEndTheRunWithTheirError) {
     badCheck.back() ^= 0x55;  // the Adler-32 trailer, checked once everything is out
     HttpTestServer checkServer(badCheck), dropServer(p.gzip, p.gzip.size() / 3);
     TempDir dir;
-    const struct {
-        std::string source;
-        const char* domain;
-        std::int64_t code;
-        std::uint64_t maxCompressed;
-    } cases[] = {
+    const struct { std::string source; const char* domain; std::int64_t code; std::uint64_t maxCompressed; } cases[] = {
         {checkServer.url(HttpTestServer::RangesPath), "inflate", Z_DATA_ERROR, badCheck.size()},
         {dir.file("cut.xz", slice(p.xz, 0, p.xz.size() / 2)), "lzma_code", LZMA_BUF_ERROR,
          p.xz.size() / 2},
