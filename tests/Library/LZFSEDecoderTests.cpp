@@ -17,10 +17,7 @@ constexpr std::size_t kChunkBytes = 27648; // 54 sectors
 
 Bytes fixture(const std::string& name) { return qxtest::readBytes(kFixtures / name); }
 
-struct Decoded {
-    std::ptrdiff_t result;
-    Bytes output;
-};
+struct Decoded { std::ptrdiff_t result; Bytes output; };
 
 // Input and output sit in buffers of exactly their size, so a sanitizer build
 // reports any access past either end.
@@ -80,11 +77,7 @@ std::uint32_t readLE(const Bytes& bytes, std::size_t offset, int width) {
 // The disk's sectors as the zlib image of the same disk decodes them; the
 // plain-header files are the packed-header chunks with the header unpacked
 // (tests/fixtures/lzfse/make-fixtures.py).
-struct RealChunk {
-    const char* file;
-    std::size_t length;
-    const char* sha256;
-};
+struct RealChunk { const char* file; std::size_t length; const char* sha256; };
 const RealChunk kRealChunks[] = {
     {"good-chunk-0.lzfse", 512, "0d06bace5c5354dcc52188f13f0f8de317165c8e8be5a2e7aa559dc6fe16b3ae"},
     {"good-chunk-1.lzfse", kChunkBytes, "8e14e8cd33f58490e1d474fa8c6b4c9673d402c7897c2985734d92516d7475c6"},
@@ -106,11 +99,7 @@ TEST(LZFSEDecoder, RealChunksDecodeToTheDiskSectors) {
     }
 }
 
-struct GoodCase {
-    const char* name;
-    Bytes stream;
-    std::string expected;
-};
+struct GoodCase { const char* name; Bytes stream; std::string expected; };
 
 TEST(LZFSEDecoder, HandBuiltBlocks) {
     const std::string twenty = "0123456789abcdefghij";
@@ -163,11 +152,7 @@ TEST(LZFSEDecoder, LZVNDistancesAtTheirWidest) {
     }
 }
 
-struct BadCase {
-    std::string name;
-    Bytes stream;
-    std::size_t capacity;
-};
+struct BadCase { std::string name; Bytes stream; std::size_t capacity; };
 
 // Plain-header field offsets: the 32-bit counts, then bit counts, states and
 // the frequency tables (L, M, D, literal) as 16-bit values.
