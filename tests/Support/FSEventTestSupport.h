@@ -15,11 +15,7 @@
 #include <thread>
 #include <vector>
 
-struct LoggedEvent {
-    std::string path;
-    std::uint32_t flags;
-    std::uint64_t identifier;
-};
+struct LoggedEvent { std::string path; std::uint32_t flags; std::uint64_t identifier; };
 
 // What a watch delivered, in order; filled on the test thread's run loop.
 class EventLog {
