@@ -95,10 +95,7 @@ TEST_F(QxWatch, ChangedSinceAnswersAcrossRuns) {
 
 TEST_F(QxWatch, ErrorsAreOneLineAndExitTwo) {
     const std::string file = input("plain", toBytes("x"));
-    const struct {
-        std::vector<std::string> args;
-        std::string name;
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string name; } cases[] = {
         {{"watch", at("missing").string()}, at("missing").string()},
         {{"watch", "--latest", file}, file},
         {{"watch", "--changed-since", "12x", folder()}, "watch"},
