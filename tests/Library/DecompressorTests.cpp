@@ -135,11 +135,8 @@ TEST(DecompressorStreaming, EveryFormatWholeAndInPiecesDownToSingleBytes) {
     const Bytes small = makePayload(5000, 7);
     const Bytes gzip = deflateBytes(small, 31), zlib = deflateBytes(small, 15), raw = deflateBytes(small, -15),
                 bzip2 = bzip2Bytes(small), xz = xzBytes(small), pbzx = pbzxBytes({small});
-    const struct {
-        const Bytes& large;
-        const Bytes& small;
-        QXDecompressionAlgorithm algorithm;
-    } cases[] = {{p.gzip, gzip, QXDecompressionAlgorithmAutomatic}, {p.gzip, gzip, QXDecompressionAlgorithmGzip},
+    const struct { const Bytes &large, &small; QXDecompressionAlgorithm algorithm; } cases[] = {
+                 {p.gzip, gzip, QXDecompressionAlgorithmAutomatic}, {p.gzip, gzip, QXDecompressionAlgorithmGzip},
                  {p.gzip, gzip, QXDecompressionAlgorithmDeflateAny}, {p.zlib, zlib, QXDecompressionAlgorithmAutomatic},
                  {p.zlib, zlib, QXDecompressionAlgorithmZlib},       {p.zlib, zlib, QXDecompressionAlgorithmDeflateAny},
                  {p.raw, raw, QXDecompressionAlgorithmRawDeflate},   {p.raw, raw, QXDecompressionAlgorithmDeflateAny},
