@@ -8,7 +8,6 @@
 #include "QxProcessTest.h"
 
 #include <qx/FileHandle.h>
-#include <qx/Process.h>
 
 #include <csignal>
 
@@ -31,18 +30,6 @@ protected:
     void expectFailure(const QxRun& run, const std::string& name) const {
         expectOneLineFailure(run, name);
         EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
-    }
-    // qx decompress as a process whose standard error, and standard input or output, are pipes.
-    static qx::Ref<qx::Process> launch(const std::vector<std::string>& args, bool inputPipe,
-                                       const std::map<std::string, std::string>& environment = {}) {
-        auto process = qx::Process::create(QX_QX_BINARY, args);
-        if (!environment.empty()) process->setEnvironment(environment);
-        process->setStandardInput(inputPipe ? qx::Process::Stdio::Pipe : qx::Process::Stdio::Null);
-        process->setStandardOutput(inputPipe ? qx::Process::Stdio::Null : qx::Process::Stdio::Pipe);
-        process->setStandardError(qx::Process::Stdio::Pipe);
-        qx::Ref<qx::Error> error;
-        EXPECT_TRUE(process->launch(&error)) << qx::describe(error.get());
-        return process;
     }
     const std::string plain = toString(payloads().plain);
 };
@@ -170,7 +157,7 @@ TEST_F(QxDecompress, FullDiskLeavesNoDestinationAndNoTemporary) {
 }
 
 TEST_F(QxDecompress, ClosedOutputPipeIsReportedNotSilent) {
-    auto process = launch({"decompress", input("p.bz2", payloads().bzip2)}, false);
+    auto process = launchQx({"decompress", input("p.bz2", payloads().bzip2)}, false);
     // Some output proves the child is writing; then the reader goes away.
     EXPECT_EQ(process->standardOutput()->readDataOfLength(1000)->length(), 1000u);
     process->standardOutput()->closeFile();
@@ -182,31 +169,11 @@ TEST_F(QxDecompress, ClosedOutputPipeIsReportedNotSilent) {
 }
 
 TEST_F(QxDecompress, InterruptDuringASlowDecodeExitsWithTheSignalAndLeavesNoDestination) {
-    // An interrupted command leaves at once, without joining threads that may
-    // be blocked on input; a thread sanitizer in the child would report those.
-    std::map<std::string, std::string> environment;
-    for (char** e = environ; *e; ++e)
-        if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
-    environment["TSAN_OPTIONS"] += (environment["TSAN_OPTIONS"].empty() ? "" : ":") + std::string("report_thread_leaks=0");
     const Bytes& gz = payloads().gzip;
-    auto process = launch({"decompress", "-", "-o", out()}, true, environment);
+    auto process = launchQx({"decompress", "-", "-o", out()}, true);
     // Half the payload, and the pipe kept open: the decoder waits for more.
     process->standardInput()->writeBytes(gz.data(), gz.size() / 2);
-    // Output in the temporary file shows the signal handling set up and the decoder at work.
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    bool writing = false;
-    while (!writing && std::chrono::steady_clock::now() < deadline) {
-        for (const auto& entry : fs::directory_iterator(work())) writing = writing || fs::file_size(entry.path()) > 0;
-        if (!writing) std::this_thread::yield();
-    }
-    ASSERT_TRUE(writing) << "no output appeared";
-    ASSERT_TRUE(process->sendSignal(SIGTERM));
-    const std::string err(process->standardError()->readDataToEndOfFile()->view());
-    ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + 60s));
-    EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
-    EXPECT_EQ(process->terminationStatus(), 128 + SIGTERM) << err;
-    EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
-    process->standardInput()->closeFile();
+    expectInterruptLeavesNothing(process, SIGTERM);
 }
 
 TEST_F(QxDecompress, InPlaceReplacesTheSourceOnlyWhenSomethingCameOut) {
