@@ -99,13 +99,21 @@ TEST(LZFSEDecoder, RealChunksDecodeToTheDiskSectors) {
     }
 }
 
-struct GoodCase { const char* name; Bytes stream; std::string expected; };
+struct GoodCase { std::string name; Bytes stream; std::string expected; };
+
+// Each distance field at its widest reaches back to the first byte of a stored
+// block of exactly that many bytes (one byte less of history must fail: see
+// damagedStreams).
+const std::tuple<const char*, std::size_t, Bytes> kWidestDistances[] = {
+    {"small (11 bits)", 1535, {0x05, 0xFF}},
+    {"medium (14 bits)", 16383, {0xA0, 0xFC, 0xFF}},
+    {"large (16 bits)", 65535, {0x07, 0xFF, 0xFF}}};
 
 TEST(LZFSEDecoder, HandBuiltBlocks) {
     const std::string twenty = "0123456789abcdefghij";
     Bytes longLiterals = {0xE0, 4};
     longLiterals.insert(longLiterals.end(), twenty.begin(), twenty.end());
-    const GoodCase cases[] = {
+    std::vector<GoodCase> cases = {
         {"end block only", stream({}), ""},
         {"stored", stream({stored("hello")}), "hello"},
         {"stored, empty and stored", stream({stored("ab"), stored(""), stored("cd")}), "abcd"},
@@ -121,34 +129,16 @@ TEST(LZFSEDecoder, HandBuiltBlocks) {
         {"padding opcodes", stream({lzvn(2, {0x0E, 0xE1, 'p', 0x16, 0xE1, 'q'})}), "pq"},
         {"match reaches into the previous block", stream({stored("abcd"), lzvn(4, {0x08, 0x04})}), "abcdabcd"},
     };
+    for (const auto& [name, distance, opcodes] : kWidestDistances) {
+        const std::string history = qxtest::toString(qxtest::makePayload(distance));
+        cases.push_back({std::string("widest ") + name, stream({stored(history), lzvn(3, opcodes)}),
+                         history + history.substr(0, 3)});
+    }
     for (const GoodCase& c : cases) {
         SCOPED_TRACE(c.name);
         const Decoded d = decode(c.stream, c.expected.size());
         ASSERT_EQ(d.result, static_cast<std::ptrdiff_t>(c.expected.size()));
         EXPECT_EQ(qxtest::toString(d.output), c.expected);
-    }
-}
-
-// Each distance field at its widest, reaching back to the first byte of a
-// stored block of exactly that many bytes; one byte less of history must fail.
-TEST(LZFSEDecoder, LZVNDistancesAtTheirWidest) {
-    struct Case {
-        const char* name;
-        std::size_t distance;
-        Bytes opcodes; // a 3-byte match at distance
-    };
-    const Case cases[] = {
-        {"small (11 bits)", 1535, {0x05, 0xFF}},
-        {"medium (14 bits)", 16383, {0xA0, 0xFC, 0xFF}},
-        {"large (16 bits)", 65535, {0x07, 0xFF, 0xFF}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string history = qxtest::toString(qxtest::makePayload(c.distance));
-        const Decoded d = decode(stream({stored(history), lzvn(3, c.opcodes)}), c.distance + 3);
-        ASSERT_EQ(d.result, static_cast<std::ptrdiff_t>(c.distance + 3));
-        EXPECT_EQ(qxtest::toString(d.output), history + history.substr(0, 3));
-        EXPECT_EQ(decode(stream({stored(history.substr(1)), lzvn(3, c.opcodes)}), c.distance + 2).result, -1);
     }
 }
 
@@ -181,6 +171,11 @@ std::vector<BadCase> damagedStreams() {
         {"LZVN without end opcode", stream({lzvn(1, {0xE1, 'a'}, false)}), 16},
         {"LZVN block over the capacity", stream({lzvn(3, {0xE3, 'a', 'b', 'c'})}), 2},
     };
+    for (const auto& [name, distance, opcodes] : kWidestDistances) {
+        const std::string history = qxtest::toString(qxtest::makePayload(distance)).substr(1);
+        cases.push_back({std::string("LZVN widest ") + name + ", one byte short of history",
+                         stream({stored(history), lzvn(3, opcodes)}), distance + 2});
+    }
     for (std::uint8_t undefined : {0x1E, 0x3E, 0x70, 0x7F, 0xD0, 0xDF})
         cases.push_back({"LZVN undefined opcode " + std::to_string(undefined), stream({lzvn(1, {undefined, 'a'})}), 16});
 
