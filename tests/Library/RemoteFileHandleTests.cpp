@@ -1,5 +1,6 @@
 // RemoteFileHandleTests.cpp - the remote file handle over real files, real
 // extended attributes and the in-process HTTP server.
+#include "CallLog.h"
 #include "HttpTestServer.h"
 #include "TestSupport.h"
 
@@ -39,49 +40,29 @@ std::unique_ptr<TempDir> forkDir() {
     auto dir = forkDir();     \
     if (!dir) GTEST_SKIP() << "the temporary folder takes no user extended attributes"
 
-// What a chunked read delivered. `over` is set once every copy of the handler
-// is gone, which happens only when the read has ended on all its threads and
-// queues: from then on nothing more can be delivered.
+// What a chunked read delivered, once every copy of its handler is gone: the
+// read has then ended on all its threads and queues.
 struct Deliveries {
-    struct Call { std::size_t length; bool hadChunk, done; Ref<Error> error; std::thread::id thread; };
-    std::mutex mutex;
-    std::condition_variable changed;
+    struct Call { std::size_t length; bool hadChunk, done; Ref<Error> error; std::thread::id thread; Bytes bytes; };
     std::vector<Call> calls;
     Bytes bytes;
-    bool over = false;
-    // Answers true unless told otherwise; may also observe the handle.
-    std::function<bool(Handle&, std::size_t callIndex, const Ref<Data>&)> answer;
+    std::size_t doneCount() const { return std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.done; }); }
 
-    struct Sentinel {
-        std::shared_ptr<Deliveries> d;
-        ~Sentinel() { std::lock_guard<std::mutex> lock(d->mutex); d->over = true; d->changed.notify_all(); }
-    };
-    static Handle::DataHandler handler(const std::shared_ptr<Deliveries>& d) {
-        std::shared_ptr<Sentinel> sentinel(new Sentinel{d});
-        return [d, sentinel](const Ref<Handle>& h, const Ref<Data>& chunk, bool done, const Ref<Error>& error) {
-            std::size_t index;
-            {
-                std::lock_guard<std::mutex> lock(d->mutex);
-                index = d->calls.size();
-                d->calls.push_back({chunk ? chunk->length() : 0, static_cast<bool>(chunk), done, error, std::this_thread::get_id()});
-                if (chunk) d->bytes.insert(d->bytes.end(), chunk->bytes(), chunk->bytes() + chunk->length());
-            }
-            const bool goOn = d->answer ? d->answer(*h, index, chunk) : true;
-            d->changed.notify_all();
-            return goOn;
-        };
-    }
-    // Starts read with a handler and waits until the read is over.
-    static std::shared_ptr<Deliveries> of(const std::function<void(Handle::DataHandler)>& read,
-                                          std::function<bool(Handle&, std::size_t, const Ref<Data>&)> answer = {}) {
-        auto d = std::make_shared<Deliveries>();
-        d->answer = std::move(answer);
-        read(handler(d));
-        std::unique_lock<std::mutex> lock(d->mutex);
-        EXPECT_TRUE(d->changed.wait_for(lock, 60s, [&] { return d->over; })) << "the read never ended";
+    // Starts read with a handler that answers true unless told otherwise (and
+    // may observe the handle), and waits until the read is over.
+    using Answer = std::function<bool(Handle&, std::size_t callIndex, const Ref<Data>&)>;
+    static std::unique_ptr<Deliveries> of(const std::function<void(Handle::DataHandler)>& read, Answer answer = {}) {
+        qxtest::CallLog<Call> log;
+        read([log, token = log.token(), answer](const Ref<Handle>& h, const Ref<Data>& chunk, bool done, const Ref<Error>& e) {
+            const auto thread = std::this_thread::get_id();
+            const auto index = log.record({chunk ? chunk->length() : 0, bool(chunk), done, e, thread, toBytes(chunk)});
+            return answer ? answer(*h, index, chunk) : true;
+        });
+        auto d = std::make_unique<Deliveries>();
+        d->calls = log.wait();
+        for (const auto& c : d->calls) d->bytes.insert(d->bytes.end(), c.bytes.begin(), c.bytes.end());
         return d;
     }
-    std::size_t doneCount() const { return std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.done; }); }
 };
 
 } // namespace
