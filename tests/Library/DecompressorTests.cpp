@@ -100,7 +100,8 @@ TEST(DecompressorDetection, EveryFormatPredicateAndCallerMagic) {
     EXPECT_TRUE(QXDecompressor::doesMagic(magics, toData(p.bzip2)) && QXDecompressor::doesMagicMatch(magics, fileURL(dir.file("b", p.bzip2))));
     EXPECT_FALSE(QXDecompressor::doesMagic(magics, toData(p.xz)) || QXDecompressor::doesMagicMatch(magics, fileURL(dir / "missing")));
     std::string extensions;
-    for (const auto& e : *QXDecompressor::supportedFilenameExtensions()) extensions += e->description() + " ";
+    const auto list = QXDecompressor::supportedFilenameExtensions();  // held: the loop must not outlive it
+    for (const auto& e : *list) extensions += e->description() + " ";
     EXPECT_EQ(extensions, "gz gzip bz bz2 xz ");
 }
 
