@@ -18,11 +18,7 @@ std::string hex(const qx::Ref<qx::Data>& data) {
     return text;
 }
 
-struct KnownValue {
-    QXChecksumAlgorithm algorithm;
-    const char* input;
-    const char* output;
-};
+struct KnownValue { QXChecksumAlgorithm algorithm; const char* input; const char* output; };
 
 // Published test vectors; the 32-bit sums appear in the machine's (little-endian) byte order.
 const KnownValue kKnown[] = {

@@ -8,6 +8,7 @@
 #include <QXFoundation/QXDecompressor.h>
 #include <QXFoundation/QXRemoteFileHandle.h>
 
+#include "CallLog.h"
 #include "DecompressorPayloads.h"
 #include "HttpTestServer.h"
 
@@ -24,7 +25,6 @@ using qxtest::TempDir;
 
 namespace {
 
-
 struct Call {
     bool hasOutput = false;
     Bytes output;
@@ -36,48 +36,22 @@ struct Call {
     Ref<Error> error;
 };
 
-// Everything one run told its handler. The run is over when the driver has
-// let go of the handler: no call can follow, and nothing of the run is left
-// behind (reading thread, transfer, handle).
+// Everything one run told its handler, once the driver has let go of it.
 class Recording {
 public:
     /// A handler that records each call and answers with answer(index of the call).
-    QXDecompressor::Handler handler(std::function<bool(std::size_t)> answer) {
-        // Its deleter runs when the last copy of the handler goes.
-        std::shared_ptr<void> release(nullptr, [state = state_](void*) {
-            std::lock_guard<std::mutex> lock(state->mutex);
-            state->released = true;
-            state->changed.notify_all();
-        });
-        return [state = state_, release, answer](const Ref<Data>& output, std::uint64_t compressed,
-                                                 std::uint64_t decompressed, bool finished, const Ref<Data>& inSum,
-                                                 const Ref<Data>& outSum, const Ref<Error>& error) {
-            std::unique_lock<std::mutex> lock(state->mutex);
-            state->calls.push_back({output != nullptr, toBytes(output), compressed, decompressed, finished, inSum,
-                                    outSum, error});
-            const std::size_t index = state->calls.size() - 1;
-            lock.unlock();
-            return answer(index);
+    QXDecompressor::Handler handler(std::function<bool(std::size_t)> answer) const {
+        return [log = log_, token = log_.token(), answer](const Ref<Data>& output, std::uint64_t compressed,
+                                                          std::uint64_t decompressed, bool finished, const Ref<Data>& inSum,
+                                                          const Ref<Data>& outSum, const Ref<Error>& error) {
+            return answer(
+                log.record({output != nullptr, toBytes(output), compressed, decompressed, finished, inSum, outSum, error}));
         };
     }
-
-    /// Waits until the run has let go of its handler, then returns its calls.
-    std::vector<Call> wait() {
-        std::unique_lock<std::mutex> lock(state_->mutex);
-        // Only a guard against a hang: a run takes a fraction of this.
-        const bool released = state_->changed.wait_for(lock, std::chrono::minutes(2), [&] { return state_->released; });
-        EXPECT_TRUE(released) << "the run never let go of its handler";
-        return state_->calls;
-    }
+    std::vector<Call> wait() const { return log_.wait(); }
 
 private:
-    struct State {
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<Call> calls;
-        bool released = false;
-    };
-    std::shared_ptr<State> state_ = std::make_shared<State>();
+    qxtest::CallLog<Call> log_;
 };
 
 const auto goOn = [](std::size_t) { return true; };
@@ -254,12 +228,7 @@ TEST(DecompressorAsync, FailuresEndTheRunWithTheirError) {
     badCheck.back() ^= 0x55;  // the Adler-32 trailer, checked once everything is out
     HttpTestServer checkServer(badCheck), dropServer(p.gzip, p.gzip.size() / 3);
     TempDir dir;
-    const struct {
-        std::string source;
-        const char* domain;
-        std::int64_t code;
-        std::uint64_t maxCompressed;
-    } cases[] = {
+    const struct { std::string source; const char* domain; std::int64_t code; std::uint64_t maxCompressed; } cases[] = {
         {checkServer.url(HttpTestServer::RangesPath), "inflate", Z_DATA_ERROR, badCheck.size()},
         {dir.file("cut.xz", slice(p.xz, 0, p.xz.size() / 2)), "lzma_code", LZMA_BUF_ERROR,
          p.xz.size() / 2},

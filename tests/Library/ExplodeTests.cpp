@@ -114,13 +114,7 @@ Bytes crafted(std::initializer_list<std::vector<unsigned>> symbols) {
 }
 
 TEST(Explode, CraftedStreams) {
-    struct Case {
-        const char* what;
-        Bytes stream;
-        std::uint64_t size;
-        int result;
-        Bytes expected;
-    };
+    struct Case { const char* what; Bytes stream; std::uint64_t size; int result; Bytes expected; };
     const Case cases[] = {
         {"distance 1 repeats the last byte", crafted({{'A'}, {1, 10}}), 11, QXEXPLODE_OK, Bytes(11, 'A')},
         {"overlap repeats a longer pattern", crafted({{'a'}, {'b'}, {'c'}, {3, 7}}), 10, QXEXPLODE_OK,

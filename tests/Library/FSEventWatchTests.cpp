@@ -11,67 +11,48 @@ using namespace qxtest;
 
 namespace {
 
-struct Expected {
-    std::string path;  // relative to the watched folder; "" for the folder itself
-    std::uint32_t flags;
-};
-
-struct ChangeCase {
-    const char* name;
-    std::function<void(const fs::path& dir, const fs::path& outside)> setup;
-    std::function<void(const fs::path& dir, const fs::path& outside)> change;
-    std::vector<Expected> expected;
-};
+// path: relative to the watched folder, "" for the folder itself.
+struct Expected { std::string path; std::uint32_t flags; };
+using Change = std::function<void(const fs::path& dir, const fs::path& outside)>;
+struct ChangeCase { const char* name; Change setup, change; std::vector<Expected> expected; };
 
 void touch(const fs::path& path, const std::string& contents = "") { writeFile(path, contents); }
 
 const std::vector<ChangeCase>& changeCases() {
+    constexpr std::uint32_t created = QXFSEventFlagItemCreated, renamed = QXFSEventFlagItemRenamed,
+                            removed = QXFSEventFlagItemRemoved, file = QXFSEventFlagItemIsFile, dir = QXFSEventFlagItemIsDir;
+    const Change withFile = [](auto& d, auto&) { touch(d / "f"); }, withX = [](auto& d, auto&) { touch(d / "x"); };
     static const std::vector<ChangeCase> cases = {
-        {"create", nullptr, [](auto& d, auto&) { touch(d / "f"); },
-         {{"f", QXFSEventFlagItemCreated | QXFSEventFlagItemIsFile}}},
-        {"write", [](auto& d, auto&) { touch(d / "f"); },
-         [](auto& d, auto&) { std::ofstream(d / "f", std::ios::app) << "more"; },
-         {{"f", QXFSEventFlagItemModified | QXFSEventFlagItemIsFile}}},
-        {"chmod", [](auto& d, auto&) { touch(d / "f"); },
-         [](auto& d, auto&) { ::chmod((d / "f").c_str(), 0600); },
-         {{"f", QXFSEventFlagItemInodeMetaMod | QXFSEventFlagItemIsFile}}},
-        {"xattr", [](auto& d, auto&) { touch(d / "f"); },
-         [](auto& d, auto&) { ASSERT_EQ(::setxattr((d / "f").c_str(), "user.qx", "1", 1, 0), 0); },
-         {{"f", QXFSEventFlagItemXattrMod | QXFSEventFlagItemIsFile}}},
-        {"rename within", [](auto& d, auto&) { touch(d / "a"); },
-         [](auto& d, auto&) { fs::rename(d / "a", d / "b"); },
-         {{"a", QXFSEventFlagItemRenamed | QXFSEventFlagItemIsFile}, {"b", QXFSEventFlagItemRenamed | QXFSEventFlagItemIsFile}}},
-        {"rename into", [](auto&, auto& o) { touch(o / "x"); },
-         [](auto& d, auto& o) { fs::rename(o / "x", d / "x"); },
-         {{"x", QXFSEventFlagItemRenamed | QXFSEventFlagItemIsFile}}},
-        {"rename out of", [](auto& d, auto&) { touch(d / "x"); },
-         [](auto& d, auto& o) { fs::rename(d / "x", o / "x"); },
-         {{"x", QXFSEventFlagItemRenamed | QXFSEventFlagItemIsFile}}},
-        {"delete", [](auto& d, auto&) { touch(d / "f"); },
-         [](auto& d, auto&) { fs::remove(d / "f"); },
-         {{"f", QXFSEventFlagItemRemoved | QXFSEventFlagItemIsFile}}},
+        {"create", nullptr, [](auto& d, auto&) { touch(d / "f"); }, {{"f", created | file}}},
+        {"write", withFile, [](auto& d, auto&) { std::ofstream(d / "f", std::ios::app) << "more"; },
+         {{"f", QXFSEventFlagItemModified | file}}},
+        {"chmod", withFile, [](auto& d, auto&) { ::chmod((d / "f").c_str(), 0600); },
+         {{"f", QXFSEventFlagItemInodeMetaMod | file}}},
+        {"xattr", withFile, [](auto& d, auto&) { ASSERT_EQ(::setxattr((d / "f").c_str(), "user.qx", "1", 1, 0), 0); },
+         {{"f", QXFSEventFlagItemXattrMod | file}}},
+        {"rename within", [](auto& d, auto&) { touch(d / "a"); }, [](auto& d, auto&) { fs::rename(d / "a", d / "b"); },
+         {{"a", renamed | file}, {"b", renamed | file}}},
+        {"rename into", [](auto&, auto& o) { touch(o / "x"); }, [](auto& d, auto& o) { fs::rename(o / "x", d / "x"); },
+         {{"x", renamed | file}}},
+        {"rename out of", withX, [](auto& d, auto& o) { fs::rename(d / "x", o / "x"); }, {{"x", renamed | file}}},
+        {"delete", withFile, [](auto& d, auto&) { fs::remove(d / "f"); }, {{"f", removed | file}}},
         {"delete folder", [](auto& d, auto&) { fs::create_directory(d / "sub"); },
-         [](auto& d, auto&) { fs::remove(d / "sub"); },
-         {{"sub", QXFSEventFlagItemRemoved | QXFSEventFlagItemIsDir}}},
+         [](auto& d, auto&) { fs::remove(d / "sub"); }, {{"sub", removed | dir}}},
         {"new folder filled at once", nullptr,
          [](auto& d, auto&) {
              fs::create_directories(d / "sub" / "deeper");
              touch(d / "sub" / "a");
              touch(d / "sub" / "deeper" / "b");
          },
-         {{"sub", QXFSEventFlagItemCreated | QXFSEventFlagItemIsDir},
-          {"sub/deeper", QXFSEventFlagItemCreated | QXFSEventFlagItemIsDir},
-          {"sub/a", QXFSEventFlagItemCreated | QXFSEventFlagItemIsFile},
-          {"sub/deeper/b", QXFSEventFlagItemCreated | QXFSEventFlagItemIsFile}}},
+         {{"sub", created | dir}, {"sub/deeper", created | dir}, {"sub/a", created | file}, {"sub/deeper/b", created | file}}},
         {"symlink", nullptr, [](auto& d, auto&) { fs::create_symlink("nowhere", d / "link"); },
-         {{"link", QXFSEventFlagItemCreated | QXFSEventFlagItemIsSymlink}}},
+         {{"link", created | QXFSEventFlagItemIsSymlink}}},
         {"renamed folder keeps its watch", [](auto& d, auto&) { fs::create_directories(d / "old" / "inner"); },
          [](auto& d, auto&) {
              fs::rename(d / "old", d / "new");
              touch(d / "new" / "inner" / "f");
          },
-         {{"new", QXFSEventFlagItemRenamed | QXFSEventFlagItemIsDir},
-          {"new/inner/f", QXFSEventFlagItemCreated | QXFSEventFlagItemIsFile}}},
+         {{"new", renamed | dir}, {"new/inner/f", created | file}}},
     };
     return cases;
 }

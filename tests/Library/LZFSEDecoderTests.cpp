@@ -17,10 +17,7 @@ constexpr std::size_t kChunkBytes = 27648; // 54 sectors
 
 Bytes fixture(const std::string& name) { return qxtest::readBytes(kFixtures / name); }
 
-struct Decoded {
-    std::ptrdiff_t result;
-    Bytes output;
-};
+struct Decoded { std::ptrdiff_t result; Bytes output; };
 
 // Input and output sit in buffers of exactly their size, so a sanitizer build
 // reports any access past either end.
@@ -80,11 +77,7 @@ std::uint32_t readLE(const Bytes& bytes, std::size_t offset, int width) {
 // The disk's sectors as the zlib image of the same disk decodes them; the
 // plain-header files are the packed-header chunks with the header unpacked
 // (tests/fixtures/lzfse/make-fixtures.py).
-struct RealChunk {
-    const char* file;
-    std::size_t length;
-    const char* sha256;
-};
+struct RealChunk { const char* file; std::size_t length; const char* sha256; };
 const RealChunk kRealChunks[] = {
     {"good-chunk-0.lzfse", 512, "0d06bace5c5354dcc52188f13f0f8de317165c8e8be5a2e7aa559dc6fe16b3ae"},
     {"good-chunk-1.lzfse", kChunkBytes, "8e14e8cd33f58490e1d474fa8c6b4c9673d402c7897c2985734d92516d7475c6"},
@@ -106,17 +99,21 @@ TEST(LZFSEDecoder, RealChunksDecodeToTheDiskSectors) {
     }
 }
 
-struct GoodCase {
-    const char* name;
-    Bytes stream;
-    std::string expected;
-};
+struct GoodCase { std::string name; Bytes stream; std::string expected; };
+
+// Each distance field at its widest reaches back to the first byte of a stored
+// block of exactly that many bytes (one byte less of history must fail: see
+// damagedStreams).
+const std::tuple<const char*, std::size_t, Bytes> kWidestDistances[] = {
+    {"small (11 bits)", 1535, {0x05, 0xFF}},
+    {"medium (14 bits)", 16383, {0xA0, 0xFC, 0xFF}},
+    {"large (16 bits)", 65535, {0x07, 0xFF, 0xFF}}};
 
 TEST(LZFSEDecoder, HandBuiltBlocks) {
     const std::string twenty = "0123456789abcdefghij";
     Bytes longLiterals = {0xE0, 4};
     longLiterals.insert(longLiterals.end(), twenty.begin(), twenty.end());
-    const GoodCase cases[] = {
+    std::vector<GoodCase> cases = {
         {"end block only", stream({}), ""},
         {"stored", stream({stored("hello")}), "hello"},
         {"stored, empty and stored", stream({stored("ab"), stored(""), stored("cd")}), "abcd"},
@@ -132,6 +129,11 @@ TEST(LZFSEDecoder, HandBuiltBlocks) {
         {"padding opcodes", stream({lzvn(2, {0x0E, 0xE1, 'p', 0x16, 0xE1, 'q'})}), "pq"},
         {"match reaches into the previous block", stream({stored("abcd"), lzvn(4, {0x08, 0x04})}), "abcdabcd"},
     };
+    for (const auto& [name, distance, opcodes] : kWidestDistances) {
+        const std::string history = qxtest::toString(qxtest::makePayload(distance));
+        cases.push_back({std::string("widest ") + name, stream({stored(history), lzvn(3, opcodes)}),
+                         history + history.substr(0, 3)});
+    }
     for (const GoodCase& c : cases) {
         SCOPED_TRACE(c.name);
         const Decoded d = decode(c.stream, c.expected.size());
@@ -140,34 +142,7 @@ TEST(LZFSEDecoder, HandBuiltBlocks) {
     }
 }
 
-// Each distance field at its widest, reaching back to the first byte of a
-// stored block of exactly that many bytes; one byte less of history must fail.
-TEST(LZFSEDecoder, LZVNDistancesAtTheirWidest) {
-    struct Case {
-        const char* name;
-        std::size_t distance;
-        Bytes opcodes; // a 3-byte match at distance
-    };
-    const Case cases[] = {
-        {"small (11 bits)", 1535, {0x05, 0xFF}},
-        {"medium (14 bits)", 16383, {0xA0, 0xFC, 0xFF}},
-        {"large (16 bits)", 65535, {0x07, 0xFF, 0xFF}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string history = qxtest::toString(qxtest::makePayload(c.distance));
-        const Decoded d = decode(stream({stored(history), lzvn(3, c.opcodes)}), c.distance + 3);
-        ASSERT_EQ(d.result, static_cast<std::ptrdiff_t>(c.distance + 3));
-        EXPECT_EQ(qxtest::toString(d.output), history + history.substr(0, 3));
-        EXPECT_EQ(decode(stream({stored(history.substr(1)), lzvn(3, c.opcodes)}), c.distance + 2).result, -1);
-    }
-}
-
-struct BadCase {
-    std::string name;
-    Bytes stream;
-    std::size_t capacity;
-};
+struct BadCase { std::string name; Bytes stream; std::size_t capacity; };
 
 // Plain-header field offsets: the 32-bit counts, then bit counts, states and
 // the frequency tables (L, M, D, literal) as 16-bit values.
@@ -196,6 +171,11 @@ std::vector<BadCase> damagedStreams() {
         {"LZVN without end opcode", stream({lzvn(1, {0xE1, 'a'}, false)}), 16},
         {"LZVN block over the capacity", stream({lzvn(3, {0xE3, 'a', 'b', 'c'})}), 2},
     };
+    for (const auto& [name, distance, opcodes] : kWidestDistances) {
+        const std::string history = qxtest::toString(qxtest::makePayload(distance)).substr(1);
+        cases.push_back({std::string("LZVN widest ") + name + ", one byte short of history",
+                         stream({stored(history), lzvn(3, opcodes)}), distance + 2});
+    }
     for (std::uint8_t undefined : {0x1E, 0x3E, 0x70, 0x7F, 0xD0, 0xDF})
         cases.push_back({"LZVN undefined opcode " + std::to_string(undefined), stream({lzvn(1, {undefined, 'a'})}), 16});
 

@@ -134,11 +134,7 @@ TEST(PropertyListNames, UniqueNameRule) {
 
 TEST(PropertyListValues, TypeConversions) {
     const auto yes = Number::withBool(true);
-    struct Case {
-        Ref<Object> from;
-        QXPropertyListType to;
-        Ref<Object> expected;
-    };
+    struct Case { Ref<Object> from; QXPropertyListType to; Ref<Object> expected; };
     const std::vector<Case> cases = {
         {str("42"), QXPropertyListNumberType, Number::withInt64(42)},
         {str("forty"), QXPropertyListNumberType, Number::withInt64(0)},

@@ -1,5 +1,6 @@
 // RemoteFileHandleTests.cpp - the remote file handle over real files, real
 // extended attributes and the in-process HTTP server.
+#include "CallLog.h"
 #include "HttpTestServer.h"
 #include "TestSupport.h"
 
@@ -39,54 +40,29 @@ std::unique_ptr<TempDir> forkDir() {
     auto dir = forkDir();     \
     if (!dir) GTEST_SKIP() << "the temporary folder takes no user extended attributes"
 
-// What a chunked read delivered. `over` is set once every copy of the handler
-// is gone, which happens only when the read has ended on all its threads and
-// queues: from then on nothing more can be delivered.
+// What a chunked read delivered, once every copy of its handler is gone: the
+// read has then ended on all its threads and queues.
 struct Deliveries {
-    struct Call {
-        std::size_t length;
-        bool hadChunk, done;
-        Ref<Error> error;
-        std::thread::id thread;
-    };
-    std::mutex mutex;
-    std::condition_variable changed;
+    struct Call { std::size_t length; bool hadChunk, done; Ref<Error> error; std::thread::id thread; Bytes bytes; };
     std::vector<Call> calls;
     Bytes bytes;
-    bool over = false;
-    // Answers true unless told otherwise; may also observe the handle.
-    std::function<bool(Handle&, std::size_t callIndex, const Ref<Data>&)> answer;
+    std::size_t doneCount() const { return std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.done; }); }
 
-    struct Sentinel {
-        std::shared_ptr<Deliveries> d;
-        ~Sentinel() { std::lock_guard<std::mutex> lock(d->mutex); d->over = true; d->changed.notify_all(); }
-    };
-    static Handle::DataHandler handler(const std::shared_ptr<Deliveries>& d) {
-        std::shared_ptr<Sentinel> sentinel(new Sentinel{d});
-        return [d, sentinel](const Ref<Handle>& h, const Ref<Data>& chunk, bool done, const Ref<Error>& error) {
-            std::size_t index;
-            {
-                std::lock_guard<std::mutex> lock(d->mutex);
-                index = d->calls.size();
-                d->calls.push_back({chunk ? chunk->length() : 0, static_cast<bool>(chunk), done, error, std::this_thread::get_id()});
-                if (chunk) d->bytes.insert(d->bytes.end(), chunk->bytes(), chunk->bytes() + chunk->length());
-            }
-            const bool goOn = d->answer ? d->answer(*h, index, chunk) : true;
-            d->changed.notify_all();
-            return goOn;
-        };
-    }
-    // Starts read with a handler and waits until the read is over.
-    static std::shared_ptr<Deliveries> of(const std::function<void(Handle::DataHandler)>& read,
-                                          std::function<bool(Handle&, std::size_t, const Ref<Data>&)> answer = {}) {
-        auto d = std::make_shared<Deliveries>();
-        d->answer = std::move(answer);
-        read(handler(d));
-        std::unique_lock<std::mutex> lock(d->mutex);
-        EXPECT_TRUE(d->changed.wait_for(lock, 60s, [&] { return d->over; })) << "the read never ended";
+    // Starts read with a handler that answers true unless told otherwise (and
+    // may observe the handle), and waits until the read is over.
+    using Answer = std::function<bool(Handle&, std::size_t callIndex, const Ref<Data>&)>;
+    static std::unique_ptr<Deliveries> of(const std::function<void(Handle::DataHandler)>& read, Answer answer = {}) {
+        qxtest::CallLog<Call> log;
+        read([log, token = log.token(), answer](const Ref<Handle>& h, const Ref<Data>& chunk, bool done, const Ref<Error>& e) {
+            const auto thread = std::this_thread::get_id();
+            const auto index = log.record({chunk ? chunk->length() : 0, bool(chunk), done, e, thread, toBytes(chunk)});
+            return answer ? answer(*h, index, chunk) : true;
+        });
+        auto d = std::make_unique<Deliveries>();
+        d->calls = log.wait();
+        for (const auto& c : d->calls) d->bytes.insert(d->bytes.end(), c.bytes.begin(), c.bytes.end());
         return d;
     }
-    std::size_t doneCount() const { return std::count_if(calls.begin(), calls.end(), [](auto& c) { return c.done; }); }
 };
 
 } // namespace
@@ -97,11 +73,7 @@ TEST(RemoteFileHandle, FlagsComeFromTheDescriptorsStatusWord) {
     TempDir dir;
     const auto path = dir.file("a", HttpTestServer::patternBytes(100));
     qxtest::Pipe pipe;
-    struct Row {
-        const char* what;
-        int fd;
-        bool seekable, readable, writable;
-    } rows[] = {
+    struct Row { const char* what; int fd; bool seekable, readable, writable; } rows[] = {
         {"read-only", ::open(path.c_str(), O_RDONLY), true, true, false},
         {"write-only", ::open(path.c_str(), O_WRONLY), true, false, true},
         {"read-write", ::open(path.c_str(), O_RDWR), true, true, true},
@@ -201,20 +173,6 @@ TEST(RemoteFileHandle, SynchronousReadsOfEachSource) {
     EXPECT_EQ(rows[2].handle->offsetInFile(), 3000u);
 }
 
-TEST(RemoteFileHandle, AHandleNotReadableRefusesBothKindsOfRead) {
-    REQUIRE_FORK_DIR(dir);
-    const auto path = dir->file("a", "contents");
-    for (const auto& h : {Handle::initForWritingToURL(fileURL(path)), Handle::initForWritingToResourceForkAtURL(fileURL(path))}) {
-        Ref<Error> error;
-        EXPECT_FALSE(h->readDataOfLength(1, &error));
-        EXPECT_QX_ERROR(error, NSPOSIXErrorDomain, EINVAL);
-        auto d = Deliveries::of([&](auto handler) { h->readDataOfLengthMaxBufferSize(10, 10, handler); });
-        ASSERT_EQ(d->calls.size(), 1u);
-        EXPECT_TRUE(d->calls[0].done && !d->calls[0].hadChunk) << h->isRsrcFork();
-        EXPECT_QX_ERROR(d->calls[0].error, NSPOSIXErrorDomain, EINVAL);
-    }
-}
-
 // ---- Local data fork ----
 
 TEST(RemoteFileHandleLocal, PlatformHandleFaultsBecomeCocoaErrors) {
@@ -291,11 +249,7 @@ TEST(RemoteFileHandleLocal, ChunkedReadEndsWithOneDoneCall) {
     TempDir dir;
     const auto content = HttpTestServer::patternBytes(1000);
     const auto path = dir.file("a", content);
-    struct Row {
-        const char* what;
-        std::uint64_t length, limit;
-        std::size_t bytes;
-    } rows[] = {
+    struct Row { const char* what; std::uint64_t length, limit; std::size_t bytes; } rows[] = {
         {"a limit of 0: the first read takes nothing and is the end", 100, 0, 0},
         {"nothing asked for", 0, 4096, 0},
         {"the file ends before the length", 5000, 300, 1000},
@@ -312,14 +266,24 @@ TEST(RemoteFileHandleLocal, ChunkedReadEndsWithOneDoneCall) {
     }
 }
 
-TEST(RemoteFileHandleLocal, ReadErrorIsReportedWithoutDone) {
-    TempDir dir;
-    auto h = wrap(::open(dir.path().c_str(), O_RDONLY));
-    ASSERT_TRUE(h && h->isReadable());
-    auto d = Deliveries::of([&](auto handler) { h->readDataOfLengthMaxBufferSize(100, 10, handler); });
-    ASSERT_EQ(d->calls.size(), 1u);
-    EXPECT_FALSE(d->calls[0].hadChunk || d->calls[0].done);
-    EXPECT_QX_ERROR(d->calls[0].error, NSPOSIXErrorDomain, EISDIR);
+// A handle that cannot be read refuses both kinds of read, the chunked one in
+// one done call; a failing read is one call with the error and without done.
+TEST(RemoteFileHandle, ChunkedReadFailuresAreOneCall) {
+    REQUIRE_FORK_DIR(dir);
+    const auto path = dir->file("a", "contents");
+    const std::tuple<Ref<Handle>, bool, int> rows[] = {
+        {Handle::initForWritingToURL(fileURL(path)), true, EINVAL},
+        {Handle::initForWritingToResourceForkAtURL(fileURL(path)), true, EINVAL},
+        {wrap(::open(dir->path().c_str(), O_RDONLY)), false, EISDIR}};
+    for (const auto& [h, done, code] : rows) {
+        SCOPED_TRACE(code);
+        Ref<Error> error;
+        EXPECT_TRUE(h->isReadable() || (!h->readDataOfLength(1, &error) && qxtest::isError(error, NSPOSIXErrorDomain, code)));
+        auto d = Deliveries::of([&](auto handler) { h->readDataOfLengthMaxBufferSize(100, 10, handler); });
+        ASSERT_EQ(d->calls.size(), 1u);
+        EXPECT_TRUE(d->calls[0].done == done && !d->calls[0].hadChunk);
+        EXPECT_QX_ERROR(d->calls[0].error, NSPOSIXErrorDomain, code);
+    }
 }
 
 TEST(RemoteFileHandleLocal, StopEndsDeliveriesEvenOfChunksAlreadyRead) {
@@ -477,12 +441,7 @@ TEST(RemoteFileHandleFork, ChunkedReadsRereadTheSameBytesAndAnswerAStop) {
 TEST(RemoteFileHandleHTTP, SizeComesFromTheHeadRequest) {
     HttpTestServer server(HttpTestServer::patternBytes(100000)), gone({});
     gone.stop();
-    struct Row {
-        std::string url;
-        std::uint64_t size;
-        bool seekable;
-        std::int64_t status;
-    } rows[] = {
+    struct Row { std::string url; std::uint64_t size; bool seekable; std::int64_t status; } rows[] = {
         {server.url(HttpTestServer::RangesPath), 100000, true, 200},
         {server.url(HttpTestServer::RangesNonePath), 100000, false, 200},  // "Accept-Ranges: none"
         {server.url(HttpTestServer::ChunkedPath), 0, false, 200},          // no length announced
@@ -505,12 +464,7 @@ TEST(RemoteFileHandleHTTP, WhateverTheServerSendsIsDeliveredWithItsStatus) {
     const auto content = HttpTestServer::patternBytes(20000);
     HttpTestServer server(content);
     const auto text = [](const char* s) { return qxtest::toBytes(std::string(s)); };
-    struct Row {
-        const char* path;
-        std::uint64_t offset, length;
-        Bytes body;
-        std::int64_t status;
-    } rows[] = {
+    struct Row { const char* path; std::uint64_t offset, length; Bytes body; std::int64_t status; } rows[] = {
         {HttpTestServer::RangesPath, 10, 10, slice(content, 10, 10), 206},
         {HttpTestServer::RangesNonePath, 10, 10, content, 200},  // not seekable, still asked for a range
         {HttpTestServer::NotFoundPath, 0, Handle::ToEndOfFile, text("no such resource"), 404},

@@ -35,11 +35,7 @@ const std::string kHeader = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                             "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
                             "<plist version=\"1.0\">\n";
 
-struct Read {
-    Ref<Object> value;
-    Ref<Error> error;
-    Log log;
-};
+struct Read { Ref<Object> value; Ref<Error> error; Log log; };
 Read readXML(const std::string& text) {
     ScopedLogCapture capture;
     Read r;
@@ -192,12 +188,7 @@ TEST(XMLPropertyListDates, FieldsAreLocalTimeOnBothSides) {
 }
 
 TEST(XMLPropertyListReader, RefusalsWithTheirErrorsAndLogLines) {
-    struct Case {
-        std::string text;
-        std::string domain;
-        std::int64_t code;
-        Log log;
-    };
+    struct Case { std::string text; std::string domain; std::int64_t code; Log log; };
     const std::string cocoa = NSCocoaErrorDomain, parser = "NSXMLParserErrorDomain";
     const std::vector<Case> cases = {
         {doc("<true/>", "version=\"0.9\""), cocoa, 3841, {"we might not be able to handle this plist version: <0.9>"}},
@@ -372,22 +363,6 @@ TEST(TextPropertyListReader, DepthTruncationAndDamageAreBounded) {
     dictionaryFromStringsFileData(text);
 }
 
-TEST(TextPropertyListDisplay, TextsOfEachKind) {
-    ScopedLocale english("en_US");
-    const auto text = [](const Ref<Object>& v) { return PLS::stringRepresentationOfPropertyList(v)->utf8(); };
-    for (const auto& [value, expected] : std::vector<std::pair<Ref<Object>, std::string>>{
-             {str("s"), "s"}, {Number::withBool(true), "Yes"}, {Number::withBool(false), "No"},
-             {Number::withInt64(1234567), "1234567"}, {Number::withDouble(2.5), "2.5"},
-             {Data::withString("caf\xc3\xa9"), "caf\u00e9"},
-             {Data::withString("caf\xe9"), "caf\u00e9"}})  // not UTF-8: one character per byte
-        EXPECT_EQ(text(value), expected);
-    EXPECT_EQ(text(array({str("x")})), toString(PLS::xmlDataWithPropertyList(array({str("x")}))));
-    EXPECT_EQ(PLS::stringRepresentationOfItems(array({str("only")}))->utf8(), "only");
-    EXPECT_EQ(PLS::stringRepresentationOfItems(array({str("a"), str("b")}))->utf8(), text(array({str("a"), str("b")})));
-    ScopedLocale german("de_DE");
-    EXPECT_EQ(text(Number::withDouble(2.5)), "2,5");
-}
-
 TEST(TextPropertyListDisplay, DatesFollowTheLocaleAndZoneAndParseBack) {
     ScopedTimeZone tokyo("Asia/Tokyo");
     const auto date = Date::withTimeIntervalSinceReferenceDate(3600 * 24 * 365.0);  // 2002-01-01 00:00 UTC
@@ -403,8 +378,18 @@ TEST(TextPropertyListDisplay, DatesFollowTheLocaleAndZoneAndParseBack) {
     EXPECT_GE(PLS::dateWithStringValue(String("not a date"))->timeIntervalSinceReferenceDate(), before);
 }
 
-TEST(TextPropertyListDisplay, NumberBooleanDataAndTypedTextParsers) {
+TEST(TextPropertyListDisplay, TextsOfEachKindAndTheTypedTextParsers) {
     ScopedLocale english("en_US");
+    const auto text = [](const Ref<Object>& v) { return PLS::stringRepresentationOfPropertyList(v)->utf8(); };
+    for (const auto& [value, expected] : std::vector<std::pair<Ref<Object>, std::string>>{
+             {str("s"), "s"}, {Number::withBool(true), "Yes"}, {Number::withBool(false), "No"},
+             {Number::withInt64(1234567), "1234567"}, {Number::withDouble(2.5), "2.5"},
+             {Data::withString("caf\xc3\xa9"), "caf\u00e9"},
+             {Data::withString("caf\xe9"), "caf\u00e9"}})  // not UTF-8: one character per byte
+        EXPECT_EQ(text(value), expected);
+    EXPECT_EQ(text(array({str("x")})), toString(PLS::xmlDataWithPropertyList(array({str("x")}))));
+    EXPECT_EQ(PLS::stringRepresentationOfItems(array({str("only")}))->utf8(), "only");
+    EXPECT_EQ(PLS::stringRepresentationOfItems(array({str("a"), str("b")}))->utf8(), text(array({str("a"), str("b")})));
     const auto number = [](const char* s) { return PLS::numberWithStringValue(String(s)); };
     for (const auto& [text, value, real] : std::vector<std::tuple<const char*, double, bool>>{
              {"1,234", 1234, false}, {"3.5", 3.5, true}, {"abc", 0, false}, {"yes", 1, false},
@@ -429,6 +414,7 @@ TEST(TextPropertyListDisplay, NumberBooleanDataAndTypedTextParsers) {
     EXPECT_TRUE(item("hello world")->isEqual(*str("hello world")));  // not a property list: the text
     EXPECT_TRUE(item("-5")->isEqual(*str("-5")));                    // a sign is not among the number characters
     ScopedLocale german("de_DE");
+    EXPECT_EQ(text(Number::withDouble(2.5)), "2,5");
     EXPECT_EQ(number("1.234")->int64Value(), 1234);
     EXPECT_EQ(number("3,5")->doubleValue(), 3.5);
     EXPECT_EQ(dyn_cast<Number>(item("1.234,5"))->doubleValue(), 1234.5);

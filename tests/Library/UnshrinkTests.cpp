@@ -10,10 +10,7 @@ namespace {
 using qxtest::Bytes;
 using namespace legacyzip;
 
-struct UnshrinkRun {
-    int result = -1;
-    Bytes out;
-};
+struct UnshrinkRun { int result = -1; Bytes out; };
 
 // Feeds input in pieces and offers output room in pieces, calling again
 // while the decoder asks for it and either input or output moved.
@@ -102,13 +99,7 @@ TEST(Unshrink, TruncatedOrCorruptedAtEveryOffset) {
 }
 
 TEST(Unshrink, CraftedCodeSequences) {
-    struct Case {
-        const char* what;
-        Bytes stream;
-        std::uint64_t size;
-        int result;
-        std::string expected;
-    };
+    struct Case { const char* what; Bytes stream; std::uint64_t size; int result; std::string expected; };
     const Case cases[] = {
         {"a single byte", codes({{65, 9}}), 1, QXUNSHRINK_OK, "A"},
         {"a code defined by its own step", codes({{65, 9}, {257, 9}}), 3, QXUNSHRINK_OK, "AAA"},

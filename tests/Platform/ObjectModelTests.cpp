@@ -34,17 +34,7 @@ TEST(ObjectModelFormat, ObjectsAndPrintfConversionsMix) {
     EXPECT_EQ(format("%s|%@", big, str(big)), big + "|" + big);
 }
 
-TEST(ObjectModelNumber, EqualityComparesValuesAcrossKinds) {
-    EXPECT_TRUE(Number::withInt8(3)->isEqual(*Number::withDouble(3.0)));
-    EXPECT_EQ(Number::withInt8(3)->hash(), Number::withDouble(3.0)->hash());
-    EXPECT_TRUE(Number::withBool(true)->isEqual(*Number::withInt32(1)));
-    // All ones as unsigned is not -1.
-    EXPECT_FALSE(Number::withUInt64(std::numeric_limits<std::uint64_t>::max())->isEqual(*Number::withInt64(-1)));
-    EXPECT_LT(Number::withInt64(-1)->compare(*Number::withUInt64(1ull << 63)), 0);
-    EXPECT_FALSE(Number::withDouble(0.5)->isEqual(*Number::withInt64(0)));
-}
-
-TEST(ObjectModelContainers, DictionaryKeepsInsertionOrderAndIndex) {
+TEST(ObjectModelContainers, DictionaryKeepsInsertionOrderIndexAndCopiedKeys) {
     auto d = Dictionary::create();
     for (int i = 0; i < 50; ++i) d->setObject(Number::withInt32(i), "k" + std::to_string(i));
     d->setObject(str("replaced"), "k3");
@@ -63,16 +53,14 @@ TEST(ObjectModelContainers, DictionaryKeepsInsertionOrderAndIndex) {
     EXPECT_FALSE(d->objectForKey("k0"));
     d->setObject(nullptr, "k1");
     EXPECT_FALSE(d->objectForKey("k1"));
-}
-
-TEST(ObjectModelContainers, NonStringKeysAndCopiedMutableKeys) {
-    auto d = Dictionary::create();
+    // Keys need not be strings; a caller's mutable key is copied, so changing it
+    // afterwards does not corrupt the table.
     d->setObject(str("one"), Number::withInt64(1));
     EXPECT_EQ(d->get<String>("1"), nullptr);
     EXPECT_EQ(dyn_cast<String>(d->objectForKey(*Number::withDouble(1.0)))->utf8(), "one");
     auto key = Data::withString("k");
     d->setObject(str("v"), key);
-    key->appendByte('!');  // mutating the caller's key must not corrupt the table
+    key->appendByte('!');
     EXPECT_TRUE(d->objectForKey(*Data::withString("k")));
 }
 
@@ -224,7 +212,14 @@ TEST(IndexSet, RangesMergeSplitAndNeverWrap) {
     EXPECT_TRUE(huge.empty());
 }
 
-TEST(ObjectModelIdentity, UUIDsAndSetsCompareByContent) {
+TEST(ObjectModelIdentity, NumbersUUIDsAndSetsCompareByContent) {
+    EXPECT_TRUE(Number::withInt8(3)->isEqual(*Number::withDouble(3.0)));
+    EXPECT_EQ(Number::withInt8(3)->hash(), Number::withDouble(3.0)->hash());
+    EXPECT_TRUE(Number::withBool(true)->isEqual(*Number::withInt32(1)));
+    // All ones as unsigned is not -1.
+    EXPECT_FALSE(Number::withUInt64(std::numeric_limits<std::uint64_t>::max())->isEqual(*Number::withInt64(-1)));
+    EXPECT_LT(Number::withInt64(-1)->compare(*Number::withUInt64(1ull << 63)), 0);
+    EXPECT_FALSE(Number::withDouble(0.5)->isEqual(*Number::withInt64(0)));
     auto u = UUID::create();
     auto same = UUID::withString(u->UUIDString());
     EXPECT_TRUE(same && same->isEqual(*u) && same->hash() == u->hash() && !UUID::create()->isEqual(*u));

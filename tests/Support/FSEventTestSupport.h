@@ -7,19 +7,7 @@
 
 #include <qx/RunLoop.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <functional>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vector>
-
-struct LoggedEvent {
-    std::string path;
-    std::uint32_t flags;
-    std::uint64_t identifier;
-};
+struct LoggedEvent { std::string path; std::uint32_t flags; std::uint64_t identifier; };
 
 // What a watch delivered, in order; filled on the test thread's run loop.
 class EventLog {
@@ -50,10 +38,10 @@ public:
     int batches = 0;
 };
 
-// Runs the calling thread's run loop until done() holds; false when it still
-// does not after a generous time (a failure, never a way to wait).
 using qxtest::TempDir;
 
+// Runs the calling thread's run loop until done() holds; false when it still
+// does not after a generous time (a failure, never a way to wait).
 inline bool runLoopUntil(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(20)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     auto loop = qx::RunLoop::current();
@@ -66,10 +54,7 @@ inline bool runLoopUntil(const std::function<bool()>& done, std::chrono::seconds
 
 // Makes changes from another thread and waits for it, so the changes come
 // from elsewhere than the thread whose run loop receives them.
-inline void changeOnAnotherThread(const std::function<void()>& change) {
-    std::thread worker(change);
-    worker.join();
-}
+inline void changeOnAnotherThread(const std::function<void()>& change) { std::thread(change).join(); }
 
 // Makes changes from a child process running a shell command.
 inline void changeInChildProcess(const std::string& command) {

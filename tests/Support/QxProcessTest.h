@@ -4,6 +4,8 @@
 
 #include "TestSupport.h"
 
+#include <qx/Process.h>
+
 #include <sys/wait.h>
 
 namespace qxtest {
@@ -58,6 +60,44 @@ protected:
         EXPECT_EQ(run.err.rfind("qx: " + name + ": ", 0), 0u) << run.describe();
         EXPECT_GT(run.err.size(), ("qx: " + name + ": \n").size()) << "the reason is missing";
         EXPECT_TRUE(run.out.empty()) << "output on a failure: " << run.out.substr(0, 200);
+    }
+
+    // qx as a process whose standard error, and standard input or output, are pipes.
+    // An interrupted command leaves at once, without joining threads that may be
+    // blocked on input; a thread sanitizer in the child would report those.
+    static qx::Ref<qx::Process> launchQx(const std::vector<std::string>& args, bool inputPipe) {
+        std::map<std::string, std::string> environment;
+        for (char** e = environ; *e; ++e)
+            if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
+        environment["TSAN_OPTIONS"] += (environment["TSAN_OPTIONS"].empty() ? "" : ":") + std::string("report_thread_leaks=0");
+        auto process = qx::Process::create(QX_QX_BINARY, args);
+        process->setEnvironment(environment);
+        process->setStandardInput(inputPipe ? qx::Process::Stdio::Pipe : qx::Process::Stdio::Null);
+        process->setStandardOutput(inputPipe ? qx::Process::Stdio::Null : qx::Process::Stdio::Pipe);
+        process->setStandardError(qx::Process::Stdio::Pipe);
+        qx::Ref<qx::Error> error;
+        EXPECT_TRUE(process->launch(&error)) << qx::describe(error.get());
+        return process;
+    }
+
+    // Once output shows in work() (the signal handling set up and the command at
+    // work), sends the signal: the command exits with 128 + signal, leaving nothing.
+    void expectInterruptLeavesNothing(const qx::Ref<qx::Process>& process, int signal) const {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        bool writing = false;
+        while (!writing && std::chrono::steady_clock::now() < deadline) {
+            for (const auto& entry : std::filesystem::directory_iterator(work()))
+                writing = writing || std::filesystem::file_size(entry.path()) > 0;
+            if (!writing) std::this_thread::yield();
+        }
+        ASSERT_TRUE(writing) << "no output appeared";
+        ASSERT_TRUE(process->sendSignal(signal));
+        const std::string err(process->standardError()->readDataToEndOfFile()->view());
+        ASSERT_TRUE(process->waitUntilExit(deadline + std::chrono::seconds(60)));
+        EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
+        EXPECT_EQ(process->terminationStatus(), 128 + signal) << err;
+        EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
+        process->standardInput()->closeFile();
     }
 
 private:

@@ -8,7 +8,6 @@
 #include "QxProcessTest.h"
 
 #include <qx/FileHandle.h>
-#include <qx/Process.h>
 
 #include <csignal>
 
@@ -31,18 +30,6 @@ protected:
     void expectFailure(const QxRun& run, const std::string& name) const {
         expectOneLineFailure(run, name);
         EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
-    }
-    // qx decompress as a process whose standard error, and standard input or output, are pipes.
-    static qx::Ref<qx::Process> launch(const std::vector<std::string>& args, bool inputPipe,
-                                       const std::map<std::string, std::string>& environment = {}) {
-        auto process = qx::Process::create(QX_QX_BINARY, args);
-        if (!environment.empty()) process->setEnvironment(environment);
-        process->setStandardInput(inputPipe ? qx::Process::Stdio::Pipe : qx::Process::Stdio::Null);
-        process->setStandardOutput(inputPipe ? qx::Process::Stdio::Null : qx::Process::Stdio::Pipe);
-        process->setStandardError(qx::Process::Stdio::Pipe);
-        qx::Ref<qx::Error> error;
-        EXPECT_TRUE(process->launch(&error)) << qx::describe(error.get());
-        return process;
     }
     const std::string plain = toString(payloads().plain);
 };
@@ -76,21 +63,20 @@ TEST_F(QxDecompress, AutomaticDetectionRefusesWhatItDoesNotRecognise) {
 }
 
 TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
-    const std::string gz = input("p.gz", payloads().gzip);
-    QxRun run = qx({"-a", "GZIP", gz, "-o", out()});
-    ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_TRUE(run.out.empty() && run.err.empty() && readFile(out()) == plain) << run.describe();
-    fs::remove(out());
+    QxRun run = qx({"-a", "GZIP", input("p.gz", payloads().gzip), "-o", out()});
+    EXPECT_TRUE(run.exitStatus == 0 && run.out.empty() && run.err.empty() && readFile(out()) == plain) << run.describe();
 
     // A payload inside a larger file, from the file and from a pipe (skipped, then read).
     Bytes container = randomBytes(4099, 3);
     container.insert(container.end(), payloads().gzip.begin(), payloads().gzip.end());
     container.resize(container.size() + 777, 0x1F);
     const std::string path = input("container", container), length = std::to_string(payloads().gzip.size());
+    // The output's checksum goes to standard error, out of the data.
     for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
-        run = qx({"--offset", "4099", "--length", length, source}, pipe.empty() ? "/dev/null" : "", pipe);
+        run = qx({"--checksum", "SHA256", "--offset", "4099", "--length", length, source}, pipe.empty() ? "/dev/null" : "", pipe);
         ASSERT_EQ(run.exitStatus, 0) << run.describe();
         EXPECT_TRUE(run.out == plain) << source;
+        EXPECT_EQ(run.err, "sha256 (decompressed): " + legacyzip::sha256Hex(payloads().plain) + "\n");
     }
 }
 
@@ -104,11 +90,7 @@ TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
     const Bytes both = concatenated({first, second});
     const Bytes gz = concatenated({deflateBytes(first, 31), deflateBytes(empty, 31), deflateBytes(second, 31)});
     const Bytes bz2 = concatenated({decompressorpayloads::bzip2Bytes(first), decompressorpayloads::bzip2Bytes(second)});
-    const struct {
-        const char* name;
-        Bytes input;
-        bool garbage;
-    } cases[] = {
+    const struct { const char* name; Bytes input; bool garbage; } cases[] = {
         {"gzip members", gz, false},
         {"bzip2 streams", bz2, false},
         {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), true},
@@ -128,14 +110,6 @@ TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
     Bytes damaged = gz;
     damaged[deflateBytes(first, 31).size() - 1] ^= 1;  // the first member's length
     expectFailure(qx({input("damaged", damaged), "-o", out()}), (dir() / "damaged").string());
-}
-
-TEST_F(QxDecompress, ChecksumOfTheOutputIsPrintedOnStandardError) {
-    // Beside output on standard output, it stays out of the data.
-    const QxRun run = qx({"--checksum", "SHA256", input("p.gz", payloads().gzip)});
-    ASSERT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_EQ(run.err, "sha256 (decompressed): " + legacyzip::sha256Hex(payloads().plain) + "\n");
-    EXPECT_TRUE(run.out == plain);
 }
 
 TEST_F(QxDecompress, HttpSourcesWithAndWithoutRangesAndFailingOnes) {
@@ -158,7 +132,6 @@ TEST_F(QxDecompress, DamagedOrMislabelledInputFailsAndLeavesNothing) {
     const auto& p = payloads();
     const auto flipped = [](Bytes b, std::size_t fromEnd) { b[b.size() - fromEnd] ^= 1; return b; };
     const std::vector<std::tuple<std::string, Bytes, std::vector<std::string>>> cases = {
-        {"gzip length", flipped(p.gzip, 1), {}},
         {"zlib Adler-32", flipped(p.zlib, 1), {}},
         {"gzip forced as bzip2", p.gzip, {"-a", "bzip2"}},
     };
@@ -184,7 +157,7 @@ TEST_F(QxDecompress, FullDiskLeavesNoDestinationAndNoTemporary) {
 }
 
 TEST_F(QxDecompress, ClosedOutputPipeIsReportedNotSilent) {
-    auto process = launch({"decompress", input("p.bz2", payloads().bzip2)}, false);
+    auto process = launchQx({"decompress", input("p.bz2", payloads().bzip2)}, false);
     // Some output proves the child is writing; then the reader goes away.
     EXPECT_EQ(process->standardOutput()->readDataOfLength(1000)->length(), 1000u);
     process->standardOutput()->closeFile();
@@ -196,31 +169,11 @@ TEST_F(QxDecompress, ClosedOutputPipeIsReportedNotSilent) {
 }
 
 TEST_F(QxDecompress, InterruptDuringASlowDecodeExitsWithTheSignalAndLeavesNoDestination) {
-    // An interrupted command leaves at once, without joining threads that may
-    // be blocked on input; a thread sanitizer in the child would report those.
-    std::map<std::string, std::string> environment;
-    for (char** e = environ; *e; ++e)
-        if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
-    environment["TSAN_OPTIONS"] += (environment["TSAN_OPTIONS"].empty() ? "" : ":") + std::string("report_thread_leaks=0");
     const Bytes& gz = payloads().gzip;
-    auto process = launch({"decompress", "-", "-o", out()}, true, environment);
+    auto process = launchQx({"decompress", "-", "-o", out()}, true);
     // Half the payload, and the pipe kept open: the decoder waits for more.
     process->standardInput()->writeBytes(gz.data(), gz.size() / 2);
-    // Output in the temporary file shows the signal handling set up and the decoder at work.
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    bool writing = false;
-    while (!writing && std::chrono::steady_clock::now() < deadline) {
-        for (const auto& entry : fs::directory_iterator(work())) writing = writing || fs::file_size(entry.path()) > 0;
-        if (!writing) std::this_thread::yield();
-    }
-    ASSERT_TRUE(writing) << "no output appeared";
-    ASSERT_TRUE(process->sendSignal(SIGTERM));
-    const std::string err(process->standardError()->readDataToEndOfFile()->view());
-    ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + 60s));
-    EXPECT_EQ(process->terminationReason(), qx::Process::TerminationReason::Exit);
-    EXPECT_EQ(process->terminationStatus(), 128 + SIGTERM) << err;
-    EXPECT_EQ(workEntries(), std::vector<std::string>{}) << "left behind";
-    process->standardInput()->closeFile();
+    expectInterruptLeavesNothing(process, SIGTERM);
 }
 
 TEST_F(QxDecompress, InPlaceReplacesTheSourceOnlyWhenSomethingCameOut) {

@@ -29,10 +29,7 @@ protected:
 };
 
 TEST_F(QxImage, VerbsPrintWhatTheImageHolds) {
-    struct Row {
-        std::vector<std::string> args;
-        std::string expected;
-    };
+    struct Row { std::vector<std::string> args; std::string expected; };
     const Row rows[] = {
         {{"info", fixturePath("dmglicense-empty.dmg")}, "partition 4: disk image (Apple_HFS) number 3 start 40 length 2944\n"},
         {{"info", fixturePath("nodeudif-compression-bz2.dmg")}, "format: UDBZ (UDIF read-only compressed (bzip2))\n"},
@@ -79,11 +76,7 @@ TEST_F(QxImage, ConvertWritesASparseRawDisk) {
 }
 
 TEST_F(QxImage, FailuresAreOneLine) {
-    struct Row {
-        const char* label;
-        std::vector<std::string> args;
-        std::string name;
-    };
+    struct Row { const char* label; std::vector<std::string> args; std::string name; };
     Bytes encrypted = randomBytes(4096, 1);
     std::copy_n("encrcdsa", 8, encrypted.begin());
     const std::string encryptedPath = input("locked.dmg", encrypted);

@@ -3,16 +3,11 @@
 #include "QxProcessTest.h"
 #include "TestSupport.h"
 
-#include <chrono>
 #include <csignal>
 #include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 namespace fs = std::filesystem;
 using namespace qxtest;
-
-extern char** environ;
 
 namespace {
 
@@ -44,36 +39,26 @@ protected:
 } // namespace
 
 TEST_F(QxWatch, PrintsJsonLinesAsChangesComeAndEndsCleanlyOnInterrupt) {
-    Pipe output;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, output.writer(), 1);
-    std::string binary = QX_QX_BINARY, dirArg = folder();
-    std::vector<char*> argv{binary.data(), const_cast<char*>("watch"), dirArg.data(), const_cast<char*>("--json"), nullptr};
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    output.closeWriter();
+    auto process = launchQx({"watch", folder(), "--json"}, false);
+    const int output = process->standardOutput()->fileDescriptor();
 
     // The watch is ready when a probe shows; probes go on until one does.
     bool ready = false;
     for (int i = 0; i < 100 && !ready; ++i) {
         writeFile(at("probe" + std::to_string(i)), "");
-        ready = readUntil(output.reader(), "probe", std::chrono::milliseconds(200));
+        ready = readUntil(output, "probe", std::chrono::milliseconds(200));
     }
     ASSERT_TRUE(ready) << lines_;
     fs::create_directory(at("made"));
     writeFile(at("made") / "at once", "x");
-    EXPECT_TRUE(readUntil(output.reader(), "\"path\":\"" + folder() + "/made/at once\"", std::chrono::seconds(20))) << lines_;
+    EXPECT_TRUE(readUntil(output, "\"path\":\"" + folder() + "/made/at once\"", std::chrono::seconds(20))) << lines_;
     EXPECT_NE(lines_.find("{\"id\":"), std::string::npos);
     EXPECT_NE(lines_.find("\"flags\":[\"ItemCreated\",\"ItemIsDir\"],\"path\":\"" + folder() + "/made\"}"), std::string::npos)
         << lines_;
 
-    ASSERT_EQ(::kill(pid, SIGINT), 0);
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_TRUE(process->sendSignal(SIGINT));
+    ASSERT_TRUE(process->waitUntilExit(std::chrono::steady_clock::now() + std::chrono::seconds(60)));
+    EXPECT_TRUE(process->terminationReason() == qx::Process::TerminationReason::Exit && process->terminationStatus() == 0);
 }
 
 TEST_F(QxWatch, ChangedSinceAnswersAcrossRuns) {
@@ -95,10 +80,7 @@ TEST_F(QxWatch, ChangedSinceAnswersAcrossRuns) {
 
 TEST_F(QxWatch, ErrorsAreOneLineAndExitTwo) {
     const std::string file = input("plain", toBytes("x"));
-    const struct {
-        std::vector<std::string> args;
-        std::string name;
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string name; } cases[] = {
         {{"watch", at("missing").string()}, at("missing").string()},
         {{"watch", "--latest", file}, file},
         {{"watch", "--changed-since", "12x", folder()}, "watch"},
