@@ -37,13 +37,15 @@ struct FormatInfo {
     const char* name;
     std::uint32_t method;
     int defaultLevel;
+    int minLevel;
+    int maxLevel;
 };
 
 constexpr FormatInfo kFormats[] = {
-    {QXDiskImageFormat::UDRO, "UDRO", kChunkRaw, 0},
-    {QXDiskImageFormat::UDZO, "UDZO", kChunkZlib, 6},
-    {QXDiskImageFormat::UDBZ, "UDBZ", kChunkBZip2, 9},
-    {QXDiskImageFormat::ULMO, "ULMO", kChunkXZ, 6},
+    {QXDiskImageFormat::UDRO, "UDRO", kChunkRaw, 0, 0, 9},
+    {QXDiskImageFormat::UDZO, "UDZO", kChunkZlib, 6, 0, 9},
+    {QXDiskImageFormat::UDBZ, "UDBZ", kChunkBZip2, 9, 1, 9},
+    {QXDiskImageFormat::ULMO, "ULMO", kChunkXZ, 6, 0, 9},
 };
 
 const FormatInfo& infoOf(QXDiskImageFormat format) {
@@ -52,7 +54,10 @@ const FormatInfo& infoOf(QXDiskImageFormat format) {
     return kFormats[0];
 }
 
-qx::Ref<qx::Error> posixError(int code) { return QXGenerateError(qx::NSPOSIXErrorDomain, code); }
+qx::Ref<qx::Error> writeError(int code) {
+    return QXGenerateError(kQXDiskImageErrorDomain, kQXDiskImageErrorWriteFailed, nullptr,
+                           QXGenerateError(qx::NSPOSIXErrorDomain, code), nullptr, "%s", std::string(std::strerror(code)));
+}
 
 // A run of sectors of one table, encoded as a unit.
 struct Piece {
@@ -166,7 +171,7 @@ private:
         }
         const auto& stored = job.output.stored;
         if (const int code = out_.writeAll(stored.data(), stored.size())) {
-            error_ = posixError(code);
+            error_ = writeError(code);
             return false;
         }
         position_ += stored.size();
@@ -252,20 +257,23 @@ bool QXDiskImageWriter::setLicenseAgreement(const std::optional<std::string>& ut
 
 bool QXDiskImageWriter::writeImage(QXDiskImage& source, const std::string& path, qx::Ref<qx::Error>* error) {
     const FormatInfo& info = infoOf(format_);
-    const ChunkEncoder encoder(info.method, level_.value_or(info.defaultLevel));
-    if (auto refused = encoder.check()) {
-        if (error) *error = refused;
-        return false;
-    }
     auto fail = [error](const qx::Ref<qx::Error>& failure) {
         if (error) *error = failure;
         return false;
     };
+    const int level = level_.value_or(info.defaultLevel);
+    if (level < info.minLevel || level > info.maxLevel)
+        return fail(QXDiskImageError(kQXDiskImageErrorInvalidLevel,
+                                     "compression level " + std::to_string(level) + " is outside " +
+                                         std::to_string(info.minLevel) + "-" + std::to_string(info.maxLevel) +
+                                         " for " + info.name));
+    const ChunkEncoder encoder(info.method, level);
+    if (auto refused = encoder.check()) return fail(refused);
     const unsigned threads = threads_ != 0 ? threads_ : std::max(1u, std::thread::hardware_concurrency());
     const PartitionMap map = PartitionMap::probe(source);
 
     QXSafeFileWriter out;
-    if (const int code = out.open(path)) return fail(posixError(code));
+    if (const int code = out.open(path)) return fail(writeError(code));
     Pipeline pipeline(map, encoder, threads, out, progress_, source.size());
     qx::Ref<qx::Error> readError;
     const bool read = source.enumerateContents(
@@ -277,7 +285,7 @@ bool QXDiskImageWriter::writeImage(QXDiskImage& source, const std::string& path,
     if (!pipeline.finish()) return fail(pipeline.error());
 
     const auto xml = propertyList(map, pipeline.tables(), license_);
-    if (const int code = out.writeAll(xml.data(), xml.size())) return fail(posixError(code));
+    if (const int code = out.writeAll(xml.data(), xml.size())) return fail(writeError(code));
 
     std::uint32_t master = 0;
     for (const auto& table : pipeline.tables())
@@ -298,7 +306,7 @@ bool QXDiskImageWriter::writeImage(QXDiskImage& source, const std::string& path,
     trailer.imageVariant = map.variant;
     trailer.sectorCount = (source.size() + kSectorSize - 1) / kSectorSize;
     const auto bytes = trailer.serialize();
-    if (const int code = out.writeAll(bytes.data(), bytes.size())) return fail(posixError(code));
-    if (const int code = out.commit()) return fail(posixError(code));
+    if (const int code = out.writeAll(bytes.data(), bytes.size())) return fail(writeError(code));
+    if (const int code = out.commit()) return fail(writeError(code));
     return true;
 }

@@ -47,7 +47,8 @@ public:
     /// zlib's level (0..9), bzip2's block size in 100 kB (1..9) or xz's
     /// preset (0..9). Default: 6 for zlib and xz (a larger xz dictionary
     /// buys nothing for 1 MiB chunks and costs memory per worker), 9 for
-    /// bzip2. Ignored by UDRO; a level the compressor refuses fails the write.
+    /// bzip2. Ignored by UDRO; a level outside the range fails the write
+    /// with kQXDiskImageErrorInvalidLevel.
     void setCompressionLevel(std::optional<int> level) { level_ = level; }
     /// 0 (the default): one worker per processor.
     void setThreadCount(unsigned threads) { threads_ = threads; }
@@ -61,7 +62,7 @@ public:
 
     /// Writes source's decoded disk to path, creating or replacing it. False
     /// with the error: the source's read error, the compressor's, or
-    /// NSPOSIXErrorDomain for the output file.
+    /// kQXDiskImageErrorWriteFailed (the POSIX error underlying) for the output.
     bool writeImage(QXDiskImage& source, const std::string& path, qx::Ref<qx::Error>* error = nullptr);
 
     std::string className() const override { return "QXDiskImageWriter"; }

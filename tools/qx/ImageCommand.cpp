@@ -209,10 +209,11 @@ int convertToUDIF(const ImageOptions& options, QXDiskImageFormat format) {
     const bool written = writer->writeImage(*image, options.output, &error);
     progress.clear();
     if (!written) {
-        // Failures of the output file are POSIX errors; the rest concern the input.
-        const bool output = error && error->domain() == qx::NSPOSIXErrorDomain;
-        return reportFailure(output ? outputDisplayName(options.output) : inputDisplayName(options.image),
-                             reasonFromError(error));
+        const std::int64_t code = error && error->domain() == kQXDiskImageErrorDomain ? error->code() : 0;
+        const std::string name = code == kQXDiskImageErrorWriteFailed   ? outputDisplayName(options.output)
+                                 : code == kQXDiskImageErrorInvalidLevel ? std::string("image convert")
+                                                                          : inputDisplayName(options.image);
+        return reportFailure(name, reasonFromError(error));
     }
     return kExitSuccess;
 }
