@@ -6,6 +6,7 @@
 #include "TestSupport.h"
 
 #include "Internal/QXUDIFChunkEncoder.h"
+#include "Internal/QXUDIFLicense.h"
 
 #include <QXFoundation/QXDiskImage.h>
 #include <QXFoundation/QXDiskImageWriter.h>
@@ -26,8 +27,9 @@ qx::Ref<QXDiskImage> openPath(const std::string& path, qx::Ref<qx::Error>* error
     return QXDiskImage::imageWithContentsOfURL(qx::URL::fileURLWithPath(path), error);
 }
 
-// Disks made at test time: a 4 MiB GPT disk whose partitions hold an ext4 file
-// system and text with short and long zero runs, and that file system alone.
+// Disks made at test time: a 6 MiB GPT disk whose partitions hold an ext4 file
+// system and 3 MiB of text with short and long zero runs (so that a table has
+// several chunks), and that file system alone.
 class DiskImageWriterTest : public ::testing::TestWithParam<QXDiskImageFormat> {
 protected:
     void SetUp() override {
@@ -40,11 +42,11 @@ protected:
         writeFile(dir_ / "tree/text", makePayload(200000, 3));
         writeFile(dir_ / "tree/random", randomBytes(70000, 4));
         ASSERT_EQ(sh("mkfs.ext4 -q -d " + dir_ / "tree" + " " + fs() + " 1M"), 0);
-        Bytes data = makePayload(1 << 20, 5);
+        Bytes data = makePayload(3 << 20, 5);
         std::fill_n(data.begin() + 4096, 63 * 512, 0);     // stays inside its chunk
         std::fill_n(data.begin() + 65536, 300 * 512, 0);  // becomes zero fill
-        writeFile(disk(), Bytes(4 << 20, 0));
-        ASSERT_EQ(sh("printf 'label: gpt\\nstart=2048, size=2048, name=files\\nstart=4096, size=2048, name=text\\n' | "
+        writeFile(disk(), Bytes(6 << 20, 0));
+        ASSERT_EQ(sh("printf 'label: gpt\\nstart=2048, size=2048, name=files\\nstart=4096, size=6144, name=text\\n' | "
                      "sfdisk -q " + disk()), 0);
         ASSERT_EQ(sh("dd if=" + fs() + " of=" + disk() + " bs=512 seek=2048 conv=notrunc"), 0);
         Bytes whole = readBytes(disk());
@@ -81,7 +83,7 @@ TEST_P(DiskImageWriterTest, RoundTripsThroughOurReader) {
     };
     const Case cases[] = {
         {disk(), 1, {{"Protective Master Boot Record", 0}, {"GPT Header and Partition Data", 1}, {"files", 2048},
-                     {"text", 4096}, {"GPT Partition Data and Header", 6144}}},
+                     {"text", 4096}, {"GPT Partition Data and Header", 10240}}},
         {fs(), 2, {{"whole disk", 0}}},
     };
     for (const auto& c : cases) {
@@ -94,8 +96,10 @@ TEST_P(DiskImageWriterTest, RoundTripsThroughOurReader) {
         EXPECT_EQ(toBytes(image->readDataInRange(0, image->size())), readBytes(c.raw));
         QXDiskImageVerification verification;
         ASSERT_TRUE(image->verifyChecksums(&verification));
-        EXPECT_TRUE(verification.passed());
-        EXPECT_EQ(verification.dataFork, QXDiskImageVerification::State::Passed);
+        const auto passed = QXDiskImageVerification::State::Passed;
+        EXPECT_EQ(verification.partitions, std::vector<QXDiskImageVerification::State>(c.tables.size(), passed));
+        EXPECT_EQ(verification.master, passed);
+        EXPECT_EQ(verification.dataFork, passed);
         ASSERT_EQ(image->partitions().size(), c.tables.size());
         for (std::size_t i = 0; i < c.tables.size(); ++i) {
             EXPECT_EQ(image->partitions()[i].name, c.tables[i].first);
@@ -140,6 +144,11 @@ TEST_F(DiskImageWriterLicenseTest, AgreementReadsBackAndBadTextIsRefused) {
     ASSERT_TRUE(image);
     EXPECT_TRUE(image->hasLicenseAgreement());
     EXPECT_EQ(image->licenseAgreement().value_or(""), "Terms \xE2\x80\x9C" "caf\xC3\xA9\xE2\x80\x9D\nsecond line\nthird");
+    // Stored as classic readers show it: Mac OS Roman, CR line ends.
+    QXUDIF::Resources resources;
+    std::string reason;
+    ASSERT_TRUE(QXUDIF::License::addEnglish("caf\xC3\xA9\nend", resources, &reason));
+    EXPECT_EQ(resources.find("TEXT", 5000)->data, toBytes("caf\x8E\rend"));
     for (const std::string bad : {"\xFF\xFE", "smile \xF0\x9F\x98\x80"}) {
         qx::Ref<qx::Error> error;
         EXPECT_FALSE(writer->setLicenseAgreement(bad, &error));
