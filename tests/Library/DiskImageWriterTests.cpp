@@ -1,7 +1,6 @@
 // DiskImageWriterTests.cpp - the disk-image writer: raw disks (a GPT disk with
 // two partitions, a bare file system) through every format and back, read by
 // our reader and by 7-Zip; the licence; failures that leave nothing behind.
-#include "DiskImageFixtures.h"
 #include "QxProcessTest.h"
 #include "TestSupport.h"
 
