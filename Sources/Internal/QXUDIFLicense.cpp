@@ -99,8 +99,8 @@ const Resource* firstTextResource(const Resources& resources, bool* rtf) {
 // The strings of STR# 5000, in the order the agreement dialog takes them.
 constexpr const char* kEnglishStrings[] = {
     "English", "Agree", "Disagree", "Print", "Save...",
-    "If you agree with the terms of this license, press \"Agree\" to install the software. If you do not agree, "
-    "press \"Disagree\".",
+    ("If you agree with the terms of this license, press \"Agree\" to install the software. If you do not agree, "
+     "press \"Disagree\"."),
 };
 
 void appendBE16(std::vector<std::uint8_t>& out, std::uint16_t value) {
