@@ -13,6 +13,7 @@ packages=(
   zlib1g-dev libbz2-dev liblzma-dev # deflate, gzip, bzip2, xz
   nettle-dev                       # MD2, MD5, SHA digests
   libxml2-dev                      # XML property lists
+  libblkid-dev                     # partition tables of disks written as images
   w3c-sgml-lib                     # the HTML entity sets Resources/Entities.txt is made from
   libcpp-httplib-dev libssl-dev libbrotli-dev  # the tests' in-process HTTP server (its .pc needs both)
   curl                             # peer for the HTTP benchmark
@@ -25,6 +26,8 @@ packages=(
   pigz pixz time                   # peers and peak-memory wrapper for the decompression benchmark
   pbzip2 lbzip2                    # parallel bzip2 peers for the compression benchmark
   gzip bzip2 xz-utils              # the compressor tests read its output back with the standard tools
+  7zip dmg2img                     # read the disk images we write (tests) and peers for the image benchmark
+  fdisk e2fsprogs                  # the disk-image tests partition and format small disks
   inotify-tools findutils          # peers for the file-system events benchmark
 )
 

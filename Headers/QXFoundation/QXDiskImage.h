@@ -46,6 +46,9 @@ enum : std::int64_t {
     kQXDiskImageErrorUnsupportedImage = 3,  // encrypted, segmented, NDIF, DiskCopy 4.2
     kQXDiskImageErrorUnsupportedChunk = 4,  // a chunk kind or compression this build cannot read
     kQXDiskImageErrorCancelled = 5,         // a contents handler asked to stop
+    kQXDiskImageErrorInvalidLicense = 6,    // a licence text the writer cannot store
+    kQXDiskImageErrorInvalidLevel = 7,      // a compression level outside the format's range
+    kQXDiskImageErrorWriteFailed = 8,       // the output file could not be written (POSIX error attached)
 };
 
 /// One block table: a partition-map entry of the image.

@@ -1,6 +1,7 @@
 // QXUDIFBlockTable.cpp - reading and checking one "mish" block table.
 #include "Internal/QXUDIFBlockTable.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace QXUDIF {
@@ -76,6 +77,36 @@ std::optional<BlockTable> BlockTable::parse(const std::uint8_t* p, std::size_t l
         table.chunks.push_back(chunk);
     }
     return table;
+}
+
+std::vector<std::uint8_t> BlockTable::serialize() const {
+    const std::size_t count = chunks.size() + 1;
+    std::vector<std::uint8_t> out(HeaderSize + count * EntrySize, 0);
+    std::uint8_t* p = out.data();
+    std::memcpy(p, "mish", 4);
+    putBE32(p + 4, 1);
+    putBE64(p + 8, firstSector);
+    putBE64(p + 16, sectorCount);
+    putBE64(p + 24, dataOffset);
+    putBE32(p + 32, buffersNeeded);
+    checksum.write(p + 64);
+    putBE32(p + 200, static_cast<std::uint32_t>(count));
+    std::uint64_t end = 0;
+    for (std::size_t i = 0; i < chunks.size(); ++i) {
+        std::uint8_t* e = p + HeaderSize + i * EntrySize;
+        const Chunk& chunk = chunks[i];
+        putBE32(e, chunk.type);
+        putBE64(e + 8, chunk.firstSector);
+        putBE64(e + 16, chunk.sectorCount);
+        putBE64(e + 24, chunk.offset);
+        putBE64(e + 32, chunk.length);
+        end = std::max(end, chunk.offset + chunk.length);
+    }
+    std::uint8_t* terminator = p + HeaderSize + chunks.size() * EntrySize;
+    putBE32(terminator, kChunkTerminator);
+    putBE64(terminator + 8, sectorCount);
+    putBE64(terminator + 24, end);
+    return out;
 }
 
 } // namespace QXUDIF

@@ -60,6 +60,9 @@ struct BlockTable {
     /// lies, or a chunk kind is unknown (*unsupportedType then says which).
     static std::optional<BlockTable> parse(const std::uint8_t* bytes, std::size_t length, std::string* reason,
                                            std::optional<std::uint32_t>* unsupportedType = nullptr);
+    /// The table's bytes: header, the chunks in order, and a terminator
+    /// placed after the last one (which readers of some tools expect).
+    std::vector<std::uint8_t> serialize() const;
 };
 
 } // namespace QXUDIF

@@ -6,6 +6,7 @@
 #include <qx/StringEncoding.h>
 
 #include <cctype>
+#include <iterator>
 #include <cstdint>
 #include <vector>
 
@@ -95,7 +96,62 @@ const Resource* firstTextResource(const Resources& resources, bool* rtf) {
     return best;
 }
 
+// The strings of STR# 5000, in the order the agreement dialog takes them.
+constexpr const char* kEnglishStrings[] = {
+    "English", "Agree", "Disagree", "Print", "Save...",
+    ("If you agree with the terms of this license, press \"Agree\" to install the software. If you do not agree, "
+     "press \"Disagree\"."),
+};
+
+void appendBE16(std::vector<std::uint8_t>& out, std::uint16_t value) {
+    out.push_back(static_cast<std::uint8_t>(value >> 8));
+    out.push_back(static_cast<std::uint8_t>(value));
+}
+
 } // namespace
+
+bool License::addEnglish(const std::string& utf8Text, Resources& resources, std::string* reason) {
+    std::string withCR;
+    withCR.reserve(utf8Text.size());
+    for (std::size_t i = 0; i < utf8Text.size(); ++i) {
+        if (utf8Text[i] == '\r' && i + 1 < utf8Text.size() && utf8Text[i + 1] == '\n') continue;
+        withCR += utf8Text[i] == '\n' ? '\r' : utf8Text[i];
+    }
+    auto text = qx::stringWithBytes(withCR.data(), withCR.size(), qx::NSUTF8StringEncoding);
+    if (!text) {
+        *reason = "license text is not UTF-8";
+        return false;
+    }
+    auto roman = qx::dataUsingEncoding(*text, qx::NSMacOSRomanStringEncoding);
+    if (!roman) {
+        *reason = "license text has characters Mac OS Roman cannot hold";
+        return false;
+    }
+
+    Resource lpic;
+    lpic.id = kFirstLicenseID;
+    // Default language, one entry: English, in the resources numbered 5000 + 0.
+    for (std::uint16_t field : {std::uint16_t{kEnglish}, std::uint16_t{1}, std::uint16_t{kEnglish}, std::uint16_t{0},
+                                std::uint16_t{0}})
+        appendBE16(lpic.data, field);
+    Resource strings;
+    strings.id = kFirstLicenseID;
+    strings.name = "English buttons";
+    appendBE16(strings.data, static_cast<std::uint16_t>(std::size(kEnglishStrings)));
+    for (const char* item : kEnglishStrings) {
+        const std::string value(item);
+        strings.data.push_back(static_cast<std::uint8_t>(value.size()));
+        strings.data.insert(strings.data.end(), value.begin(), value.end());
+    }
+    Resource body;
+    body.id = kFirstLicenseID;
+    body.name = "English SLA";
+    body.data = roman->vector();
+    resources.add("LPic", std::move(lpic));
+    resources.add("STR#", std::move(strings));
+    resources.add("TEXT", std::move(body));
+    return true;
+}
 
 bool License::isPresent(const Resources& resources) {
     bool rtf = false;

@@ -22,6 +22,11 @@ public:
     /// The plain text of an RTF document (bytes in Mac OS Roman where RTF
     /// gives no code page of its own), as UTF-8.
     static std::string textFromRTF(const std::string& rtf);
+    /// Adds an English agreement (LPic 5000, STR# 5000 with the button
+    /// labels, TEXT 5000 in Mac OS Roman with CR line ends) made from UTF-8
+    /// text; false and the reason when the text is not UTF-8 or has
+    /// characters Mac OS Roman cannot hold.
+    static bool addEnglish(const std::string& utf8Text, Resources& resources, std::string* reason);
 };
 
 } // namespace QXUDIF

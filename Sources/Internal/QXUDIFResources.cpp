@@ -12,6 +12,7 @@
 #include <qx/String.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 namespace QXUDIF {
@@ -119,6 +120,29 @@ std::optional<Resources> Resources::fromResourceFork(const std::uint8_t* p, std:
         }
     }
     return resources;
+}
+
+std::vector<std::uint8_t> Resources::toXML() const {
+    auto fork = qx::Dictionary::create();
+    for (const auto& entry : byType_) {
+        auto list = qx::Array::create();
+        for (const auto& resource : entry.second) {
+            char attributes[8];
+            std::snprintf(attributes, sizeof attributes, "0x%04X", unsigned{resource.attributes});
+            auto item = qx::Dictionary::create();
+            item->setObject(qx::String::create(attributes), "Attributes");
+            item->setObject(qx::Data::withBytes(resource.data.data(), resource.data.size()), "Data");
+            item->setObject(qx::String::create(std::to_string(resource.id)), "ID");
+            item->setObject(qx::String::create(resource.name), "Name");
+            list->addObject(item);
+        }
+        fork->setObject(list, entry.first);
+    }
+    auto root = qx::Dictionary::create();
+    root->setObject(fork, "resource-fork");
+    // Only strings, data, arrays and dictionaries: the XML writer cannot refuse them.
+    auto data = QXPropertyListSerialization::dataWithPropertyList(root, QXPropertyListXMLFormat_v1_0, nullptr);
+    return data ? data->vector() : std::vector<std::uint8_t>();
 }
 
 const std::vector<Resource>& Resources::ofType(const std::string& type) const {

@@ -19,6 +19,7 @@ namespace QXUDIF {
 struct Resource {
     std::int64_t id = 0;
     std::string name;
+    std::uint16_t attributes = 0;  // kept for writing; readers have no use for it
     std::vector<std::uint8_t> data;
 };
 
@@ -37,6 +38,12 @@ public:
     /// The resource of that type and ID, or null.
     const Resource* find(const std::string& type, std::int64_t id) const;
     bool hasType(const std::string& type) const { return !ofType(type).empty(); }
+
+    /// Appends a resource to its type's list.
+    void add(const std::string& type, Resource resource) { byType_[type].push_back(std::move(resource)); }
+    /// The XML property list fromXML reads: a "resource-fork" dictionary of
+    /// the types, each an array of {Attributes, Data, ID, Name}.
+    std::vector<std::uint8_t> toXML() const;
 
 private:
     std::map<std::string, std::vector<Resource>> byType_;

@@ -13,6 +13,20 @@ Checksum Checksum::parse(const std::uint8_t* p) {
     return sum;
 }
 
+Checksum Checksum::crc32(std::uint32_t value) {
+    Checksum sum;
+    sum.type = kChecksumCRC32;
+    sum.bits = 32;
+    putBE32(sum.bytes.data(), value);
+    return sum;
+}
+
+void Checksum::write(std::uint8_t* p) const {
+    putBE32(p, type);
+    putBE32(p + 4, bits);
+    std::memcpy(p + 8, bytes.data(), bytes.size());
+}
+
 bool Trailer::hasMagic(const std::uint8_t* bytes) { return std::memcmp(bytes, "koly", 4) == 0; }
 
 std::optional<Trailer> Trailer::parse(const std::uint8_t* p, std::uint64_t fileSize, std::string* reason) {
@@ -31,6 +45,7 @@ std::optional<Trailer> Trailer::parse(const std::uint8_t* p, std::uint64_t fileS
     t.rsrcForkLength = be64(p + 48);
     t.segmentNumber = be32(p + 56);
     t.segmentCount = be32(p + 60);
+    std::memcpy(t.segmentID.data(), p + 64, t.segmentID.size());
     t.dataForkChecksum = Checksum::parse(p + 80);
     t.xmlOffset = be64(p + 216);
     t.xmlLength = be64(p + 224);
@@ -50,6 +65,29 @@ std::optional<Trailer> Trailer::parse(const std::uint8_t* p, std::uint64_t fileS
     if (t.xmlLength == 0 && t.rsrcForkLength == 0) return fail("image has no block tables");
     if (t.sectorCount > kMaxSectorCount) return fail("sector count too large");
     return t;
+}
+
+std::array<std::uint8_t, Trailer::Size> Trailer::serialize() const {
+    std::array<std::uint8_t, Size> out{};
+    std::uint8_t* p = out.data();
+    std::memcpy(p, "koly", 4);
+    putBE32(p + 4, version);
+    putBE32(p + 8, headerSize);
+    putBE32(p + 12, flags);
+    putBE64(p + 24, dataForkOffset);
+    putBE64(p + 32, dataForkLength);
+    putBE64(p + 40, rsrcForkOffset);
+    putBE64(p + 48, rsrcForkLength);
+    putBE32(p + 56, segmentNumber);
+    putBE32(p + 60, segmentCount);
+    std::memcpy(p + 64, segmentID.data(), segmentID.size());
+    dataForkChecksum.write(p + 80);
+    putBE64(p + 216, xmlOffset);
+    putBE64(p + 224, xmlLength);
+    masterChecksum.write(p + 352);
+    putBE32(p + 488, imageVariant);
+    putBE64(p + 492, sectorCount);
+    return out;
 }
 
 } // namespace QXUDIF

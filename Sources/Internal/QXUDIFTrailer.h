@@ -21,6 +21,19 @@ inline std::uint32_t be32(const std::uint8_t* p) {
 }
 inline std::uint64_t be64(const std::uint8_t* p) { return (std::uint64_t{be32(p)} << 32) | be32(p + 4); }
 
+inline void putBE16(std::uint8_t* p, std::uint16_t v) {
+    p[0] = static_cast<std::uint8_t>(v >> 8);
+    p[1] = static_cast<std::uint8_t>(v);
+}
+inline void putBE32(std::uint8_t* p, std::uint32_t v) {
+    putBE16(p, static_cast<std::uint16_t>(v >> 16));
+    putBE16(p + 2, static_cast<std::uint16_t>(v));
+}
+inline void putBE64(std::uint8_t* p, std::uint64_t v) {
+    putBE32(p, static_cast<std::uint32_t>(v >> 32));
+    putBE32(p + 4, static_cast<std::uint32_t>(v));
+}
+
 inline constexpr std::uint64_t kSectorSize = 512;
 // 2^40 sectors is 512 TiB: far beyond any real image, small enough that
 // byte counts derived from it never overflow.
@@ -39,6 +52,10 @@ struct Checksum {
     std::array<std::uint8_t, 128> bytes{};
 
     static Checksum parse(const std::uint8_t* p);
+    /// A CRC-32 record holding value.
+    static Checksum crc32(std::uint32_t value);
+    /// The 136 bytes parse() reads.
+    void write(std::uint8_t* p) const;
     bool isCRC32() const { return type == kChecksumCRC32 && bits == 32; }
     std::uint32_t value32() const { return be32(bytes.data()); }
 };
@@ -55,6 +72,7 @@ struct Trailer {
     std::uint64_t rsrcForkLength = 0;
     std::uint32_t segmentNumber = 0;
     std::uint32_t segmentCount = 0;
+    std::array<std::uint8_t, 16> segmentID{};
     Checksum dataForkChecksum;
     std::uint64_t xmlOffset = 0;
     std::uint64_t xmlLength = 0;
@@ -67,6 +85,8 @@ struct Trailer {
     /// Reads the trailer at the end of a file of fileSize bytes; nothing and
     /// the reason when a field lies about the file.
     static std::optional<Trailer> parse(const std::uint8_t* bytes, std::uint64_t fileSize, std::string* reason);
+    /// The 512 bytes of this trailer, reserved fields zero.
+    std::array<std::uint8_t, Size> serialize() const;
 
     /// Whether the trailer says the image is one segment of several; asked
     /// before parse, as a segment's forks need not lie within its own file.

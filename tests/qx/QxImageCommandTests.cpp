@@ -75,6 +75,17 @@ TEST_F(QxImage, ConvertWritesASparseRawDisk) {
     EXPECT_LT(static_cast<std::uint64_t>(info.st_blocks) * 512, disk.size()) << "zero chunks became data, not holes";
 }
 
+// A sample to UDZO and back: the same disk, and a terminal-free run prints nothing.
+TEST_F(QxImage, ConvertToUDIFAndBack) {
+    const std::string udif = (dir() / "again.dmg").string();
+    const auto run = image({"convert", fixturePath("nodeudif-gpt.dmg"), "-o", udif, "--format", "UDZO", "-T", "2"});
+    ASSERT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_TRUE(run.err.empty() && run.out.empty()) << run.describe();
+    ASSERT_EQ(image({"convert", udif, "-o", out()}).exitStatus, 0);
+    ASSERT_EQ(image({"convert", fixturePath("nodeudif-gpt.dmg"), "-o", (dir() / "direct").string()}).exitStatus, 0);
+    EXPECT_EQ(readBytes(out()), readBytes(dir() / "direct"));
+}
+
 TEST_F(QxImage, FailuresAreOneLine) {
     struct Row { const char* label; std::vector<std::string> args; std::string name; };
     Bytes encrypted = randomBytes(4096, 1);
@@ -86,6 +97,12 @@ TEST_F(QxImage, FailuresAreOneLine) {
         {"encrypted image", {"info", encryptedPath}, encryptedPath},
         {"no agreement", {"license", fixturePath("nodeudif-gpt.dmg")}, fixturePath("nodeudif-gpt.dmg")},
         {"convert of a missing image", {"convert", missing, "-o", out()}, missing},
+        {"unknown format", {"convert", fixturePath("nodeudif-gpt.dmg"), "-o", out(), "--format", "UDXX"}, "image convert"},
+        {"level out of range", {"convert", fixturePath("nodeudif-gpt.dmg"), "-o", out(), "--format", "UDBZ", "--level", "0"},
+         "image convert"},
+        {"licence on raw output", {"convert", fixturePath("nodeudif-gpt.dmg"), "-o", out(), "--license", missing}, "image convert"},
+        {"missing licence", {"convert", fixturePath("nodeudif-gpt.dmg"), "-o", out(), "--format", "UDZO", "--license", missing},
+         missing},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.label);

@@ -9,6 +9,7 @@
 #include "ProgressLine.h"
 
 #include <QXFoundation/QXDiskImage.h>
+#include <QXFoundation/QXDiskImageWriter.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
 
 #include "Internal/QXSafeFileWriter.h"
@@ -24,7 +25,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
 
 #include <unistd.h>
@@ -37,6 +41,10 @@ struct ImageOptions {
     std::string image;
     std::string output;
     bool plist = false;
+    std::string format = "raw";
+    std::optional<int> level;
+    unsigned threads = 0;
+    std::string license;
 };
 
 qx::Ref<QXDiskImage> openImage(const std::string& image, qx::Ref<qx::Error>* error) {
@@ -181,7 +189,42 @@ bool writeAt(int fd, const std::uint8_t* bytes, std::uint64_t length, std::uint6
     return true;
 }
 
+int convertToUDIF(const ImageOptions& options, QXDiskImageFormat format) {
+    auto writer = QXDiskImageWriter::writerWithFormat(format);
+    writer->setCompressionLevel(options.level);
+    writer->setThreadCount(options.threads);
+    qx::Ref<qx::Error> error;
+    if (!options.license.empty()) {
+        std::ifstream file(options.license, std::ios::binary);
+        std::ostringstream text;
+        text << file.rdbuf();
+        if (!file || file.bad()) return reportFailure(inputDisplayName(options.license), std::strerror(errno ? errno : EIO));
+        if (!writer->setLicenseAgreement(text.str(), &error))
+            return reportFailure(inputDisplayName(options.license), reasonFromError(error));
+    }
+    auto image = openImage(options.image, &error);
+    if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
+    ProgressLine progress(image->size(), ::isatty(STDERR_FILENO) == 1);
+    writer->setProgressBlock([&progress](std::uint64_t done, std::uint64_t) { progress.update(done, done); });
+    const bool written = writer->writeImage(*image, options.output, &error);
+    progress.clear();
+    if (!written) {
+        const std::int64_t code = error && error->domain() == kQXDiskImageErrorDomain ? error->code() : 0;
+        const std::string name = code == kQXDiskImageErrorWriteFailed   ? outputDisplayName(options.output)
+                                 : code == kQXDiskImageErrorInvalidLevel ? std::string("image convert")
+                                                                          : inputDisplayName(options.image);
+        return reportFailure(name, reasonFromError(error));
+    }
+    return kExitSuccess;
+}
+
 int runConvert(const ImageOptions& options) {
+    if (options.format != "raw") {
+        const auto format = QXDiskImageWriter::formatNamed(options.format);
+        if (!format) return reportFailure("image convert", "unknown format '" + options.format + "' (raw, UDRO, UDZO, UDBZ, ULMO)");
+        return convertToUDIF(options, *format);
+    }
+    if (!options.license.empty()) return reportFailure("image convert", "--license needs a UDIF format");
     qx::Ref<qx::Error> error;
     auto image = openImage(options.image, &error);
     if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
@@ -232,8 +275,12 @@ void addImageCommand(CLI::App& app, Action& selected) {
     auto* license = addVerb(*image, "license", "Print the software license agreement", options);
     license->callback([&selected, options] { selected = [options] { return runLicense(*options); }; });
 
-    auto* convert = addVerb(*image, "convert", "Write the decoded disk as a raw (sparse) image", options);
+    auto* convert = addVerb(*image, "convert", "Write the decoded disk as a raw (sparse) image or as UDIF", options);
     convert->add_option("-o,--output", options->output, "Output file")->required();
+    convert->add_option("--format", options->format, "raw (default), UDRO, UDZO, UDBZ or ULMO");
+    convert->add_option("--level", options->level, "Compression level (zlib 0-9, bzip2 1-9, xz 0-9)");
+    convert->add_option("-T,--threads", options->threads, "Compressing threads (0: one per processor)");
+    convert->add_option("--license", options->license, "Add this English text file as the license agreement");
     convert->callback([&selected, options] { selected = [options] { return runConvert(*options); }; });
 }
 
