@@ -41,6 +41,19 @@ bool QXIsalInflater::decode(const std::uint8_t*& in, std::uint32_t& inLength, st
     return result >= 0;
 }
 
+std::size_t QXIsalInflater::takeBytesAfterEnd(std::uint8_t* to) {
+    // ISA-L reads ahead up to 64 bits. The bits of the stream's last byte
+    // that it did not use come first; whole bytes follow, lowest first.
+    inflate_state* s = state_.get();
+    if (s->read_in_length <= 0) return 0;
+    const auto count = static_cast<std::size_t>(s->read_in_length / 8);
+    std::uint64_t bits = s->read_in >> (s->read_in_length % 8);
+    for (std::size_t i = 0; i < count; ++i, bits >>= 8) to[i] = static_cast<std::uint8_t>(bits);
+    s->read_in = 0;
+    s->read_in_length = 0;
+    return count;
+}
+
 bool QXIsalInflater::ended() const { return state_->block_state == ISAL_BLOCK_FINISH; }
 
 std::uint32_t QXIsalInflater::check() const { return state_->crc; }

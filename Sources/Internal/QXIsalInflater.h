@@ -7,6 +7,7 @@
 // before the start), and zlib calls every such fault Z_DATA_ERROR.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -29,9 +30,11 @@ public:
     bool decode(const std::uint8_t*& in, std::uint32_t& inLength, std::uint8_t*& out, std::uint32_t& room);
 
     /// True once the last block has been decoded and all its output written.
-    /// The input after it was not consumed: in and inLength stop right after
-    /// the last byte that holds a bit of the stream.
     bool ended() const;
+    /// Once ended: the whole bytes after the stream that ISA-L had already
+    /// taken in (at most 8), which come right before where in stopped.
+    /// Writes them to to and returns their count; a second call gives none.
+    std::size_t takeBytesAfterEnd(std::uint8_t* to);
     /// The check chosen at construction over all the output; valid once ended.
     std::uint32_t check() const;
 

@@ -121,7 +121,7 @@ bool QXZlibCodec::feed(const std::uint8_t* bytes, std::uint64_t length, Data& ou
         }
         if (result == Z_STREAM_END) {
             finished_ = true;
-            unconsumed_ = left + (length - piece);
+            unconsumed_ = (readAheadLength_ - readAheadUsed_) + left + (length - piece);
         }
         if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
             const Ref<Error> failure = QXCodecError(QXCodecStep::Inflate, result);
@@ -216,30 +216,38 @@ int QXZlibCodec::feedBody(const std::uint8_t*& bytes, std::uint32_t& length, Dat
         }
         if (body_->ended()) {
             phase_ = Phase::Trailer;
-            return trailerWanted_ == 0 ? Z_STREAM_END : Z_OK;
+            readAheadLength_ = body_->takeBytesAfterEnd(readAhead_);
+            return feedTrailer(bytes, length);
         }
         if (length == 0 && room != 0) return Z_OK;
     }
 }
 
 int QXZlibCodec::feedTrailer(const std::uint8_t*& bytes, std::uint32_t& length) {
-    // As zlib: the check value is compared once its 4 bytes are in, the
-    // gzip length once its own 4 are.
-    while (length > 0 && trailerLength_ < trailerWanted_) {
-        trailer_[trailerLength_++] = *bytes++;
+    // What ISA-L read ahead comes first; zlib would not have taken it yet.
+    while (trailerLength_ < trailerWanted_ && readAheadUsed_ < readAheadLength_) {
+        const int result = takeTrailerByte(readAhead_[readAheadUsed_++]);
+        if (result != Z_OK) return result;
+    }
+    while (trailerLength_ < trailerWanted_ && length > 0) {
         --length;
-        if (trailerChecked_ && trailerLength_ == 4) {
-            const std::uint32_t stored = trailerWanted_ == 8 ? littleEndian32(trailer_) : bigEndian32(trailer_);
-            if (stored != body_->check()) {
-                failed_ = true;
-                return Z_DATA_ERROR;
-            }
-        }
+        const int result = takeTrailerByte(*bytes++);
+        if (result != Z_OK) return result;
     }
-    if (trailerLength_ < trailerWanted_) return Z_OK;
-    if (trailerChecked_ && trailerWanted_ == 8 && littleEndian32(trailer_ + 4) != static_cast<std::uint32_t>(bodyLength_)) {
-        failed_ = true;
-        return Z_DATA_ERROR;
-    }
-    return Z_STREAM_END;
+    return trailerLength_ < trailerWanted_ ? Z_OK : Z_STREAM_END;
+}
+
+// As zlib: the check value is compared once its 4 bytes are in, the gzip
+// length once its own 4 are.
+int QXZlibCodec::takeTrailerByte(std::uint8_t byte) {
+    trailer_[trailerLength_++] = byte;
+    if (!trailerChecked_) return Z_OK;
+    bool matches = true;
+    if (trailerLength_ == 4)
+        matches = (trailerWanted_ == 8 ? littleEndian32(trailer_) : bigEndian32(trailer_)) == body_->check();
+    else if (trailerLength_ == 8)
+        matches = littleEndian32(trailer_ + 4) == static_cast<std::uint32_t>(bodyLength_);
+    if (matches) return Z_OK;
+    failed_ = true;
+    return Z_DATA_ERROR;
 }

@@ -52,6 +52,7 @@ private:
     int feedZlib(const std::uint8_t*& bytes, std::uint32_t& length, qx::Data& out);
     int feedBody(const std::uint8_t*& bytes, std::uint32_t& length, qx::Data& out);
     int feedTrailer(const std::uint8_t*& bytes, std::uint32_t& length);
+    int takeTrailerByte(std::uint8_t byte);
     void startBody();
     void countHeldAfterEnd();
 
@@ -64,6 +65,8 @@ private:
     Phase phase_ = Phase::Header;
     std::unique_ptr<QXIsalInflater> body_;  // from the first block on
     std::uint64_t bodyLength_ = 0;          // output of the body, for the gzip length check
+    std::uint8_t readAhead_[8] = {};  // bytes after the body that ISA-L had taken in
+    std::size_t readAheadLength_ = 0, readAheadUsed_ = 0;
     std::uint8_t trailer_[8] = {};
     std::size_t trailerLength_ = 0;  // trailer bytes read so far
     std::size_t trailerWanted_ = 0;  // 0 (raw deflate), 4 (zlib) or 8 (gzip)
