@@ -13,7 +13,10 @@
 // zlib decodes the whole stream where that would not hold: a zlib header
 // that asks for a smaller window than 32 KiB (zlib's "distance too far
 // back" then depends on how much output one call holds), and every stream
-// while QXSetZlibInflateForTesting is on.
+// while QXSetZlibInflateForTesting is on. One difference is left: at the end
+// of a call's input ISA-L may keep the last few bytes of output (a symbol
+// whose bits it has, unverified) for the next call; the output of the whole
+// stream, and where it ends, are the same.
 #pragma once
 
 #include "Internal/QXCodec.h"

@@ -18,12 +18,15 @@ namespace {
 
 // What one decoder showed of a run: each call's output or error, then its state.
 std::vector<std::string> trace(const Bytes& input, QXDecompressionAlgorithm algorithm, unsigned seed, bool zlibOnly) {
+    // The codec is made by the first call that brings enough input.
     QXSetZlibInflateForTesting(zlibOnly);
     auto decoder = QXDecompressor::initForStreamingWithAlgorithm(algorithm);
-    QXSetZlibInflateForTesting(false);
     std::vector<std::string> seen;
     qx::ScopedLogCapture log;
     std::mt19937 random(seed);
+    // ISA-L may keep the last few bytes of a call's output for the next one
+    // (see QXZlibCodec.h): the output is compared whole, each call's failure one by one.
+    Bytes output;
     for (std::size_t at = 0; at < input.size();) {
         // Mostly small pieces, so headers, blocks and trailers are cut everywhere.
         const std::size_t step = random() % 3 == 0 ? 1 + random() % 40 : 1 + random() % 6000;
@@ -31,10 +34,12 @@ std::vector<std::string> trace(const Bytes& input, QXDecompressionAlgorithm algo
         qx::Ref<qx::Error> error;
         auto out = decoder->decompressedDataFromStreamWithInputData(Data::withBytes(input.data() + at, n),
                                                                     at + n == input.size(), nullptr, &error);
-        seen.push_back(out ? "out " + std::to_string(out->length()) + " " + std::to_string(crc32(0, out->bytes(), static_cast<uInt>(out->length())))
-                           : "error " + error->domain() + " " + std::to_string(error->code()) + " " + error->localizedDescription());
+        if (out) output.insert(output.end(), out->bytes(), out->bytes() + out->length());
+        seen.push_back(out ? "ok" : "error " + error->domain() + " " + std::to_string(error->code()) + " " + error->localizedDescription());
         at += n;
     }
+    seen.push_back("out " + std::to_string(output.size()) + " " + std::to_string(crc32(0, output.data(), static_cast<uInt>(output.size()))));
+    QXSetZlibInflateForTesting(false);
     for (const auto& line : log.lines()) seen.push_back("log " + line);
     seen.push_back("finished " + std::to_string(decoder->isFinished()) + " left " + std::to_string(decoder->unconsumedLength()));
     return seen;
