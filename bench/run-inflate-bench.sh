@@ -4,7 +4,7 @@
 #
 # A deterministic mixed payload of QX_BENCH_MIB MiB (default 192; text-like
 # and binary halves, made by qx_decompress_bench) is compressed once with
-# gzip -6 and with xz -6 -T2 (which writes independent blocks); the inputs
+# gzip -6 and with xz -2 -T2 (which writes independent blocks); the inputs
 # are kept in QX_BENCH_OUT and reused. Each is then decoded, from the page
 # cache to the null device, in one hyperfine run:
 #   gzip   qx decompress    igzip -dc, pigz -dc, gzip -dc
@@ -43,7 +43,7 @@ make_input() {  # file, command reading the payload on stdin
   "$@" < "$payload" > "$file.tmp" && mv "$file.tmp" "$file"
 }
 make_input "$out/payload.gz" gzip -6 -c
-make_input "$out/payload.xz" xz -6 -T2 -c
+make_input "$out/payload.xz" xz -2 -T2 -c  # blocks of 6 MiB: 32 of them
 cat "$out"/payload* > /dev/null  # into the page cache
 
 sum=$(md5sum < "$payload")
