@@ -182,7 +182,10 @@ std::int64_t QXDecompressor::decompressGZFileHandle(const Ref<qx::FileHandle>& h
                                                     std::uint64_t length, const DataBlock& dataBlock,
                                                     const CancelBlock& cancelBlock, const ProgressBlock& progressBlock,
                                                     Ref<Error>* error) {
-    // zlib's reader closes what it is given: a copy, so the caller's handle stays open.
+    // zlib's gzip reader stays here, not the faster inflate of the streaming
+    // codec: its seeking, its trailer check and gzerror's codes are this
+    // driver's results. It closes what it is given: a copy, so the caller's
+    // handle stays open.
     qx::UniqueFd fd(handle ? ::dup(handle->fileDescriptor()) : -1);
     gzFile file = fd ? gzdopen(fd.get(), "rb") : nullptr;
     if (!file) {

@@ -11,6 +11,7 @@ packages=(
   libicu-dev                       # collation, case mapping, locale-aware formatting
   libcurl4-openssl-dev             # URL parsing, HTTP
   zlib1g-dev libbz2-dev liblzma-dev # deflate, gzip, bzip2, xz
+  libisal-dev isal                 # the fast inflate, and igzip as its benchmark peer
   nettle-dev                       # MD2, MD5, SHA digests
   libxml2-dev                      # XML property lists
   libblkid-dev                     # partition tables of disks written as images

@@ -11,6 +11,7 @@
 #include "FileIO.h"
 #include "ProgressLine.h"
 #include "StreamChain.h"
+#include "ThreadedXZDecoder.h"
 #include "TrailerCheck.h"
 
 #include <QXFoundation/QXChecksum.h>
@@ -142,6 +143,8 @@ struct Transfer {
     // For gzip and bzip2: the driver passes the compressed bytes through and
     // the chain decodes every stream; the checksum is then taken here.
     std::unique_ptr<StreamChain> chain;
+    // For xz: the same, decoded by liblzma's threaded decoder.
+    std::unique_ptr<ThreadedXZDecoder> xz;
     qx::Ref<QXChecksum> checksum;
     std::atomic<std::uint64_t> compressedTotal{0};
     std::atomic<std::uint64_t> decompressedTotal{0};
@@ -171,22 +174,27 @@ QXDecompressor::Handler makeHandler(const std::shared_ptr<Transfer>& transfer) {
             transfer->end();
             return false;
         }
-        auto write = [&transfer](const qx::Ref<qx::Data>& piece) {
+        auto writeBytes = [&transfer](const std::uint8_t* bytes, std::size_t length) {
             qx::Ref<qx::Error> writeError;
-            if (!transfer->output->write(piece->bytes(), piece->length(), &writeError)) {
+            if (!transfer->output->write(bytes, length, &writeError)) {
                 transfer->writeError = writeError;
                 return false;
             }
-            transfer->trailer.addOutput(piece->bytes(), piece->length());
-            if (transfer->checksum) transfer->checksum->updateWithInputData(piece->bytes(), piece->length());
-            transfer->decompressedTotal += piece->length();
+            transfer->trailer.addOutput(bytes, length);
+            if (transfer->checksum) transfer->checksum->updateWithInputData(bytes, length);
+            transfer->decompressedTotal += length;
             return true;
         };
-        if (transfer->chain) {
-            qx::Ref<qx::Error> chainError;
-            if (!transfer->chain->feed(output ? *output : qx::Data(), finished, write, &chainError,
-                                       &transfer->trailerReason)) {
-                transfer->decodingError = chainError;
+        auto write = [&writeBytes](const qx::Ref<qx::Data>& piece) { return writeBytes(piece->bytes(), piece->length()); };
+        const bool decodedHere = transfer->chain || transfer->xz;
+        if (decodedHere) {
+            qx::Ref<qx::Error> decoderError;
+            const bool ok = transfer->chain ? transfer->chain->feed(output ? output : qx::Data::create(), finished, write,
+                                                                    &decoderError, &transfer->trailerReason)
+                                            : transfer->xz->feed(output ? *output : qx::Data(), finished, writeBytes,
+                                                                 &decoderError);
+            if (!ok) {
+                transfer->decodingError = decoderError;
                 transfer->end();
                 return false;
             }
@@ -197,7 +205,7 @@ QXDecompressor::Handler makeHandler(const std::shared_ptr<Transfer>& transfer) {
             }
         }
         transfer->compressedTotal = compressedTotal;
-        if (!transfer->chain) transfer->decompressedTotal = decompressedTotal;
+        if (!decodedHere) transfer->decompressedTotal = decompressedTotal;
         if (finished) {
             transfer->decompressedChecksum = transfer->checksum ? transfer->checksum->checksumData() : decompressedChecksum;
             transfer->end();
@@ -246,10 +254,16 @@ int runDecompress(const DecompressOptions& options) {
         return reportFailure(sourceName, "not in a known compressed format");
     }
 
-    const bool chained = StreamChain::handles(algorithm);
+    // Gzip, bzip2 and xz pass through the driver undecoded and are decoded
+    // here (see StreamChain and ThreadedXZDecoder).
+    const bool chained = StreamChain::handles(algorithm) || algorithm == QXDecompressionAlgorithmXZ;
     auto transfer = std::make_shared<Transfer>(chained ? QXDecompressionAlgorithmNone : algorithm);
     if (chained) {
-        transfer->chain = std::make_unique<StreamChain>(algorithm);
+        if (algorithm == QXDecompressionAlgorithmXZ) {
+            transfer->xz = std::make_unique<ThreadedXZDecoder>();
+        } else {
+            transfer->chain = std::make_unique<StreamChain>(algorithm);
+        }
         if (options.checksum != QXChecksumAlgorithmNone) transfer->checksum = QXChecksum::initWithAlgorithm(options.checksum);
     }
     transfer->output = OutputFile::open(destinationPath, &error);

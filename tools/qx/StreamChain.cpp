@@ -29,33 +29,51 @@ bool StreamChain::startsStream(const std::uint8_t* bytes, std::size_t length) co
     return length >= 3 && bytes[0] == 'B' && bytes[1] == 'Z' && bytes[2] == 'h';
 }
 
-void StreamChain::keepHistory(const std::vector<std::uint8_t>& window, std::size_t end) {
-    history_.assign(window.begin() + static_cast<std::ptrdiff_t>(end - std::min(end, kHistory)),
-                    window.begin() + static_cast<std::ptrdiff_t>(end));
+std::vector<std::uint8_t> StreamChain::bytesOf(const qx::Data& input, std::size_t from, std::size_t to) const {
+    // Positions count from the start of history_, which input follows.
+    std::vector<std::uint8_t> bytes;
+    bytes.reserve(to - from);
+    const std::size_t kept = history_.size();
+    for (std::size_t at = from; at < std::min(to, kept); ++at) bytes.push_back(history_[at]);
+    if (to > kept) {
+        const std::size_t first = std::max(from, kept) - kept;
+        bytes.insert(bytes.end(), input.bytes() + first, input.bytes() + (to - kept));
+    }
+    return bytes;
 }
 
-bool StreamChain::feed(const qx::Data& chunk, bool isFinal, const Sink& sink, qx::Ref<qx::Error>* error,
+void StreamChain::keepHistory(const qx::Data& input, std::size_t end) {
+    history_ = bytesOf(input, end - std::min(end, kHistory), end);
+}
+
+bool StreamChain::feed(const qx::Ref<qx::Data>& chunk, bool isFinal, const Sink& sink, qx::Ref<qx::Error>* error,
                        std::string* reason) {
     if (garbage_) return true;
-    // The input fed so far that may still matter, then what is fed now.
-    std::vector<std::uint8_t> window(history_);
-    window.insert(window.end(), pending_.begin(), pending_.end());
-    window.insert(window.end(), chunk.bytes(), chunk.bytes() + chunk.length());
-    pending_.clear();
+    // What is fed now follows history_ (input already fed that may still
+    // matter) and pending_; the chunk itself goes to the decoder uncopied
+    // unless a stream ends inside it or bytes are pending.
+    qx::Ref<qx::Data> input = chunk;
+    if (!pending_.empty()) {
+        input = qx::Data::withBytes(pending_.data(), pending_.size());
+        input->append(*chunk);
+        pending_.clear();
+    }
+    const std::size_t size = history_.size() + input->length();
     std::size_t start = history_.size();
     for (;;) {
-        const std::size_t left = window.size() - start;
+        const std::size_t left = size - start;
         if (!decoder_) {
             // The first stream is decoded whatever its first bytes (its
             // decoder reports them); a later one must show its magic.
             if (started_) {
                 if (left < magicLength(algorithm_) && !isFinal) {
-                    pending_.assign(window.begin() + static_cast<std::ptrdiff_t>(start), window.end());
-                    keepHistory(window, start);
+                    pending_ = bytesOf(*input, start, size);
+                    keepHistory(*input, start);
                     return true;
                 }
                 if (left == 0) return true;
-                if (!startsStream(window.data() + start, left)) {
+                const auto head = bytesOf(*input, start, start + std::min<std::size_t>(left, 3));
+                if (!startsStream(head.data(), head.size())) {
                     garbage_ = true;
                     return true;
                 }
@@ -66,8 +84,12 @@ bool StreamChain::feed(const qx::Data& chunk, bool isFinal, const Sink& sink, qx
             started_ = true;
         }
         bool again = false;
-        auto input = qx::Data::withBytes(window.data() + start, left);
-        auto out = decoder_->decompressedDataFromStreamWithInputData(input, isFinal, &again, error);
+        qx::Ref<qx::Data> piece = input;
+        if (start != history_.size()) {
+            const auto bytes = bytesOf(*input, start, size);
+            piece = qx::Data::withBytes(bytes.data(), bytes.size());
+        }
+        auto out = decoder_->decompressedDataFromStreamWithInputData(piece, isFinal, &again, error);
         for (;;) {
             if (!out) return false;
             if (out->length() > 0) {
@@ -78,13 +100,12 @@ bool StreamChain::feed(const qx::Data& chunk, bool isFinal, const Sink& sink, qx
             out = decoder_->decompressedDataFromStreamWithInputData(qx::Data::create(), isFinal, &again, error);
         }
         if (decoder_->isFinished()) {
-            const std::size_t unused = std::min<std::uint64_t>(decoder_->unconsumedLength(), window.size());
-            const std::size_t end = window.size() - unused;
+            const std::size_t unused = std::min<std::uint64_t>(decoder_->unconsumedLength(), size);
+            const std::size_t end = size - unused;
             if (algorithm_ == QXDecompressionAlgorithmGzip) {
                 // This member's trailer lies just before the bytes it left.
-                const std::size_t trailerStart = end - std::min<std::size_t>(end, check_->tailLength());
-                auto trailer = qx::Data::withBytes(window.data() + trailerStart, end - trailerStart);
-                *reason = check_->verify(*trailer);
+                const auto trailer = bytesOf(*input, end - std::min<std::size_t>(end, check_->tailLength()), end);
+                *reason = check_->verify(*qx::Data::withBytes(trailer.data(), trailer.size()));
                 if (!reason->empty()) return false;
             }
             decoder_.reset();
@@ -95,12 +116,11 @@ bool StreamChain::feed(const qx::Data& chunk, bool isFinal, const Sink& sink, qx
         if (isFinal) {
             // Inside a stream at the range's end: gzip's last trailer was held
             // back from the decoder; a bzip2 stream there was cut short.
-            const std::size_t tailStart = window.size() - std::min(window.size(), check_->tailLength());
-            auto tail = qx::Data::withBytes(window.data() + tailStart, window.size() - tailStart);
-            *reason = check_->verify(*tail);
+            const auto tail = bytesOf(*input, size - std::min(size, check_->tailLength()), size);
+            *reason = check_->verify(*qx::Data::withBytes(tail.data(), tail.size()));
             return reason->empty();
         }
-        keepHistory(window, window.size());
+        keepHistory(*input, size);
         return true;
     }
 }

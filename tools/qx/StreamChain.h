@@ -44,14 +44,16 @@ public:
     /// Feeds the next bytes of the range, the last call with isFinal. True
     /// when all went well; else false with either a decoder's error or a
     /// trailer's reason (or neither, when sink stopped).
-    bool feed(const qx::Data& chunk, bool isFinal, const Sink& sink, qx::Ref<qx::Error>* error, std::string* reason);
+    bool feed(const qx::Ref<qx::Data>& chunk, bool isFinal, const Sink& sink, qx::Ref<qx::Error>* error, std::string* reason);
 
     /// True when bytes after a stream's end started no other stream.
     bool trailingGarbage() const { return garbage_; }
 
 private:
     bool startsStream(const std::uint8_t* bytes, std::size_t length) const;
-    void keepHistory(const std::vector<std::uint8_t>& window, std::size_t end);
+    // Bytes [from, to) of history_ followed by input.
+    std::vector<std::uint8_t> bytesOf(const qx::Data& input, std::size_t from, std::size_t to) const;
+    void keepHistory(const qx::Data& input, std::size_t end);
 
     QXDecompressionAlgorithm algorithm_;
     qx::Ref<QXDecompressor> decoder_;       // the stream being decoded; null between streams

@@ -1,7 +1,8 @@
 // TrailerCheck.cpp - does a decompressed payload end where its format says it does?
 #include "TrailerCheck.h"
 
-#include <zlib.h>
+#include <isa-l/crc.h>
+#include <isa-l/igzip_lib.h>
 
 namespace qxtool {
 
@@ -45,11 +46,11 @@ TrailerCheck::TrailerCheck(QXDecompressionAlgorithm algorithm) : algorithm_(algo
     switch (algorithm) {
     case QXDecompressionAlgorithmGzip:
         tailLength_ = kGzipTrailer;
-        sum_ = static_cast<std::uint32_t>(::crc32_z(0, nullptr, 0));
+        sum_ = 0;
         break;
     case QXDecompressionAlgorithmZlib:
         tailLength_ = kZlibTrailer;
-        sum_ = static_cast<std::uint32_t>(::adler32_z(0, nullptr, 0));
+        sum_ = 1;
         break;
     case QXDecompressionAlgorithmBZip2:
         tailLength_ = kBZip2Trailer;
@@ -61,12 +62,14 @@ TrailerCheck::TrailerCheck(QXDecompressionAlgorithm algorithm) : algorithm_(algo
     }
 }
 
+// ISA-L's checksums: the same values as zlib's, several times faster on
+// the output of a fast inflate, which they would otherwise slow down.
 void TrailerCheck::addOutput(const std::uint8_t* bytes, std::size_t length) {
     outputLength_ += length;
     if (algorithm_ == QXDecompressionAlgorithmGzip)
-        sum_ = static_cast<std::uint32_t>(::crc32_z(sum_, bytes, length));
+        sum_ = ::crc32_gzip_refl(sum_, bytes, length);
     else if (algorithm_ == QXDecompressionAlgorithmZlib)
-        sum_ = static_cast<std::uint32_t>(::adler32_z(sum_, bytes, length));
+        sum_ = ::isal_adler32(sum_, bytes, length);
 }
 
 std::string TrailerCheck::verify(const qx::Data& tail) const {
