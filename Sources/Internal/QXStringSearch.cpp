@@ -7,6 +7,7 @@
 // whenever that provably gives the collation's answer.
 #include "Internal/QXStringSearch.h"
 
+#include <unicode/coleitr.h>
 #include <unicode/coll.h>
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
@@ -22,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 namespace QXStringSearch {
 
@@ -141,6 +143,11 @@ struct CollatorSlot {
     bool asciiByCodeUnit = false;
     std::unique_ptr<UStringSearch, SearchClose> search;
     icu::UnicodeString pattern;  // the search reads it in place
+    // For codePointWeight, made on first use: every code point that occurs
+    // in a contraction or prefix rule, one element iterator, and the answers.
+    std::unique_ptr<icu::UnicodeSet> inRules;
+    std::unique_ptr<icu::CollationElementIterator> elements;
+    std::unordered_map<UChar32, CodePointWeight> weights;
 };
 
 // Collators of the current locale, one per strength, made once per thread
@@ -223,6 +230,47 @@ bool collatedContains(CollatorSlot& slot, const icu::UnicodeString& text, const 
     return U_SUCCESS(status) && found;
 }
 
+// Filled on the slot's first use by codePointWeight; false when ICU fails,
+// and every code point then counts as depending on its neighbours.
+bool prepareWeights(CollatorSlot& slot) {
+    if (slot.inRules) return slot.elements != nullptr;
+    slot.inRules = std::make_unique<icu::UnicodeSet>();
+    UErrorCode status = U_ZERO_ERROR;
+    icu::UnicodeSet contractions;
+    ucol_getContractionsAndExpansions(slot.rules->toUCollator(), contractions.toUSet(), nullptr, true, &status);
+    if (U_FAILURE(status)) return false;
+    for (icu::UnicodeSetIterator each(contractions); each.next();) {
+        if (!each.isString()) {
+            slot.inRules->add(each.getCodepoint());
+            continue;
+        }
+        const icu::UnicodeString& s = each.getString();
+        for (int32_t i = 0; i < s.length(); i = s.moveIndex32(i, 1)) slot.inRules->add(s.char32At(i));
+    }
+    slot.elements.reset(slot.rules->createCollationElementIterator(icu::UnicodeString()));
+    return slot.elements != nullptr;
+}
+
+CodePointWeight weigh(CollatorSlot& slot, UChar32 c) {
+    CodePointWeight weight;
+    if (!prepareWeights(slot)) return weight;
+    UErrorCode status = U_ZERO_ERROR;
+    const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
+    if (U_FAILURE(status)) return weight;
+    icu::UnicodeString decomposed;
+    if (!nfd->getDecomposition(c, decomposed)) decomposed = icu::UnicodeString(c);
+    bool free = u_getCombiningClass(c) == 0 && !slot.inRules->contains(c) &&
+                u_getCombiningClass(decomposed.char32At(0)) == 0;
+    for (int32_t i = 0; i < decomposed.length() && free; i = decomposed.moveIndex32(i, 1))
+        free = !slot.inRules->contains(decomposed.char32At(i));
+    slot.elements->setText(icu::UnicodeString(c), status);
+    const int32_t first = slot.elements->next(status);
+    if (U_FAILURE(status) || first == icu::CollationElementIterator::NULLORDER) return weight;
+    weight.leadPrimary = static_cast<std::uint32_t>(icu::CollationElementIterator::primaryOrder(first));
+    weight.contextFree = free;
+    return weight;
+}
+
 icu::UnicodeString fromUTF8(std::string_view s) {
     return icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
 }
@@ -268,10 +316,22 @@ bool contains(std::string_view text, std::string_view pattern, std::uint64_t opt
     return containsUnicode(text, pattern, options);
 }
 
+bool containsASCII(std::string_view text, std::string_view pattern, std::uint64_t options) {
+    return !pattern.empty() && asciiMatch(text, pattern, options, options & kCaseInsensitive);
+}
+
 bool comparesASCIIByCodeUnit(std::uint64_t options) {
     if (options & kLiteral) return true;
     const CollatorSlot* slot = collatorSlot(strengthFor(options));
     return slot && slot->asciiByCodeUnit;
+}
+
+CodePointWeight codePointWeight(UChar32 c, std::uint64_t options) {
+    CollatorSlot* slot = collatorSlot(strengthFor(options));
+    if (!slot) return {};
+    auto found = slot->weights.find(c);
+    if (found == slot->weights.end()) found = slot->weights.emplace(c, weigh(*slot, c)).first;
+    return found->second;
 }
 
 bool dataContains(const qx::Data& data, std::string_view pattern, unsigned flags) {

@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include <unicode/umachine.h>
+
 namespace QXStringSearch {
 
 /// True when text contains pattern (an empty pattern is never found). With
@@ -24,10 +26,28 @@ bool contains(std::string_view text, std::string_view pattern, std::uint64_t opt
 /// (contains compares ASCII byte by byte where that cannot differ from it).
 bool containsUnicode(std::string_view text, std::string_view pattern, std::uint64_t options);
 
+/// The byte-by-byte answer contains gives where comparesASCIIByCodeUnit
+/// allows it (A-Z and a-z alike with the case-insensitive bit).
+bool containsASCII(std::string_view text, std::string_view pattern, std::uint64_t options);
+
 /// True when contains answers printable-ASCII text and pattern byte by byte
 /// for these options in the current locale (its collation tells ASCII
 /// characters apart as code units do). Literal searches always may.
 bool comparesASCIIByCodeUnit(std::uint64_t options);
+
+/// What the collation used for these options makes of one code point on its
+/// own. leadPrimary is the leading 16 bits of the primary weight of its first
+/// collation element (0 when that element has no primary weight: ignorable
+/// characters, combining marks). contextFree is true when the code point's
+/// weights cannot depend on its neighbours: it is a starter that takes part
+/// in no contraction or prefix rule, and so does its decomposition. A range
+/// of text holding a context-free code point then holds that first element,
+/// which no comparison strength drops. Meaningless for literal searches.
+struct CodePointWeight {
+    std::uint32_t leadPrimary = 0;
+    bool contextFree = false;
+};
+CodePointWeight codePointWeight(UChar32 c, std::uint64_t options);
 
 /// Data-search flags: 1 backwards, 2 anchored (a match must start the data,
 /// or with backwards end it). An empty pattern is never found.

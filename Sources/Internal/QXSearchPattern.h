@@ -1,0 +1,75 @@
+// QXSearchPattern.h - one search text compiled for testing a great many values.
+//
+// Private to Sources/. Every answer equals QXStringSearch::contains of the
+// value's text (its stringValue, or each of a date's four display texts),
+// with the same options in the current locale; what is worked out once per
+// search instead of once per value is how that answer can be had cheaply:
+//   - a printable-ASCII text is compared byte by byte when the collation
+//     tells ASCII apart as code units do (QXStringSearch's shortcut);
+//   - a text that is not ASCII is ruled out without the Unicode machinery
+//     when the pattern's bytes occur nowhere in it and each of its other
+//     characters is "inert": context-free, with a leading primary weight
+//     that none of the pattern's characters has. Any collation match of an
+//     ASCII pattern then lies inside a run of printable ASCII, where it is a
+//     byte match. Otherwise ICU decides;
+//   - numbers and dates are ruled out when the pattern holds a character
+//     that no text of theirs could hold (by the same reasoning over the set
+//     of characters they can show), and only then formatted.
+// Not to be shared between threads (it caches per-thread ICU answers).
+#pragma once
+
+#include <qx/Data.h>
+#include <qx/Date.h>
+#include <qx/DateFormatter.h>
+#include <qx/Number.h>
+
+#include <unicode/uniset.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+class QXSearchPattern {
+public:
+    QXSearchPattern(std::string_view pattern, std::uint64_t options);
+
+    /// QXStringSearch::contains(text, pattern, options).
+    bool matchesText(std::string_view text) const;
+    /// The same for the number's description.
+    bool matchesNumber(const qx::Number& number) const;
+    /// The data search of the options' shifted flags over data's bytes.
+    bool matchesData(const qx::Data& data) const;
+    /// True when one of the four display styles of date contains the pattern.
+    bool matchesDate(const qx::Ref<qx::Date>& date) const;
+
+    /// Full, long, medium and short, for the current locale and time zone
+    /// setting; made once per thread and again when either changes.
+    static const std::array<qx::Ref<qx::DateFormatter>, 4>& dateFormatters();
+
+    /// True when matchesText of any text made only of these characters is
+    /// false, shown without searching (exposed for tests).
+    bool rulesOut(const icu::UnicodeSet& alphabet) const;
+
+private:
+    enum class Mode {
+        Never,        // empty pattern: nothing matches
+        Bytes,        // literal without folding: code points compared as they are
+        ASCII,        // printable-ASCII pattern, collation that keeps ASCII apart by code unit
+        Unicode,      // anything else: every text goes to ICU
+    };
+    bool isInert(UChar32 c) const;
+    bool bytesOccurIn(std::string_view text) const;
+
+    std::string pattern_;
+    std::uint64_t options_;
+    Mode mode_ = Mode::Unicode;
+    bool ignoreCase_ = false;
+    std::vector<std::uint32_t> primaries_;  // the pattern characters' leading primaries (ASCII mode)
+    bool numberRuledOut_ = false;
+    mutable std::unordered_map<UChar32, bool> inert_;
+    mutable bool datesKnown_ = false;  // dateStyleRuledOut_ is worked out on the first date
+    mutable std::array<bool, 4> dateStyleRuledOut_{};
+};
