@@ -85,29 +85,62 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
     if (!text) return found;
     const QXSearchPattern pattern(text->utf8(), options);
     // Pre-order with an explicit stack of child lists: deep trees cannot
-    // exhaust the call stack, and no node is copied unless it matches.
+    // exhaust the call stack, and no node is copied unless it matches. The
+    // walk is bound by memory latency (a node, its key and its value lie in
+    // three places), so the nodes a few places ahead in the list, and then
+    // their keys and values, are fetched while the current one is tested.
     struct Level {
         const qx::Array* list;
         std::size_t next;
         bool dictionary;
     };
+    constexpr std::size_t kNodesAhead = 4, kFieldsAhead = 2;
+    auto nodeAt = [](const qx::Array& list, std::size_t i) -> const QXPropertyList* {
+        const qx::Object* item = list[i].get();
+        if (!item) return nullptr;
+        return typeid(*item) == typeid(QXPropertyList) ? static_cast<const QXPropertyList*>(item)
+                                                       : dynamic_cast<const QXPropertyList*>(item);
+    };
+    auto fetchFields = [](const qx::Array& list, std::size_t i) {
+        if (i >= list.count()) return;
+        // Reads only the pointers; the node may be of another class, whose
+        // fields are then not touched.
+        const qx::Object* item = list[i].get();
+        if (!item || typeid(*item) != typeid(QXPropertyList)) return;
+        const auto* node = static_cast<const QXPropertyList*>(item);
+        __builtin_prefetch(node->_privateKey.get());
+        __builtin_prefetch(node->_privateValue.get());
+    };
+    // Where a node's fields lie from the start of its object, so that an
+    // element can be fetched before its class is known (a prefetch never faults).
+    const std::ptrdiff_t fieldsOffset = reinterpret_cast<const char*>(&_privateTypeCode) -
+                                        reinterpret_cast<const char*>(static_cast<const qx::Object*>(this));
+    auto fetchNode = [fieldsOffset](const qx::Array& list, std::size_t i) {
+        if (i < list.count()) __builtin_prefetch(reinterpret_cast<const char*>(list[i].get()) + fieldsOffset);
+    };
     std::vector<Level> stack;
-    if (const qx::Array* list = childList()) stack.push_back({list, 0, _privateTypeCode == QXPropertyListDictionaryType});
+    auto enter = [&stack, &fetchNode](const qx::Array* list, bool dictionary) {
+        for (std::size_t i = 0; i < kNodesAhead; ++i) fetchNode(*list, i);
+        stack.push_back({list, 0, dictionary});
+    };
+    if (const qx::Array* list = childList()) enter(list, _privateTypeCode == QXPropertyListDictionaryType);
     while (!stack.empty()) {
         Level& level = stack.back();
-        if (level.next == level.list->count()) {
+        const qx::Array& list = *level.list;
+        if (level.next == list.count()) {
             stack.pop_back();
             continue;
         }
-        const qx::Ref<qx::Object>& item = (*level.list)[level.next++];
-        const QXPropertyList* node = item && typeid(*item) == typeid(QXPropertyList)
-                                         ? static_cast<const QXPropertyList*>(item.get())
-                                         : dynamic_cast<const QXPropertyList*>(item.get());
+        const std::size_t at = level.next++;
+        const bool dictionary = level.dictionary;
+        fetchNode(list, at + kNodesAhead);
+        fetchFields(list, at + kFieldsAhead);
+        const QXPropertyList* node = nodeAt(list, at);
         if (!node) continue;  // a plain element of a list set as a value reads as no node
-        if (node->matchesSearchPattern(pattern, scope, matchTypes, level.dictionary))
-            found.push_back(std::static_pointer_cast<QXPropertyList>(item));
-        if (const qx::Array* list = node->childList())
-            stack.push_back({list, 0, node->_privateTypeCode == QXPropertyListDictionaryType});
+        if (node->matchesSearchPattern(pattern, scope, matchTypes, dictionary))
+            found.push_back(std::static_pointer_cast<QXPropertyList>(list[at]));
+        if (const qx::Array* children = node->childList())
+            enter(children, node->_privateTypeCode == QXPropertyListDictionaryType);
     }
     if (options & QXBackwardsSearch) std::reverse(found.begin(), found.end());
     return found;

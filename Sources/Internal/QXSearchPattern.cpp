@@ -71,8 +71,8 @@ QXSearchPattern::QXSearchPattern(std::string_view pattern, std::uint64_t options
     } else if (!(options & kLiteral) && isPrintableASCII(pattern_) && QXStringSearch::comparesASCIIByCodeUnit(options)) {
         mode_ = Mode::ASCII;
         for (char c : pattern_) {
-            const std::uint32_t primary = QXStringSearch::codePointWeight(static_cast<unsigned char>(c), options).leadPrimary;
-            if (std::find(primaries_.begin(), primaries_.end(), primary) == primaries_.end()) primaries_.push_back(primary);
+            for (std::uint32_t primary : QXStringSearch::codePointWeight(static_cast<unsigned char>(c), options).primaries)
+                if (std::find(primaries_.begin(), primaries_.end(), primary) == primaries_.end()) primaries_.push_back(primary);
         }
     }
     numberRuledOut_ = rulesOut(numberAlphabet());
@@ -82,14 +82,21 @@ bool QXSearchPattern::bytesOccurIn(std::string_view text) const {
     return QXStringSearch::containsASCII(text, pattern_, options_ & ~kAnchored);
 }
 
-bool QXSearchPattern::isInert(UChar32 c) const {
+const QXSearchPattern::Inertness& QXSearchPattern::inertness(UChar32 c) const {
     auto known = inert_.find(c);
     if (known != inert_.end()) return known->second;
-    const QXStringSearch::CodePointWeight weight = QXStringSearch::codePointWeight(c, options_);
-    const bool inert = weight.contextFree && weight.leadPrimary != 0 &&
-                       std::find(primaries_.begin(), primaries_.end(), weight.leadPrimary) == primaries_.end();
-    inert_.emplace(c, inert);
-    return inert;
+    QXStringSearch::CodePointWeight weight = QXStringSearch::codePointWeight(c, options_);
+    // One element that no pattern character has is enough: an accent (no
+    // pattern character is one), or a primary weight not among the pattern's.
+    auto unmatched = [this](std::uint32_t primary) {
+        return primary != 0 && std::find(primaries_.begin(), primaries_.end(), primary) == primaries_.end();
+    };
+    Inertness answer;
+    answer.inert = weight.contextFree &&
+                   (weight.hasSecondaryOnly || std::any_of(weight.primaries.begin(), weight.primaries.end(), unmatched));
+    answer.decomposed = weight.decomposed;
+    if (answer.inert) answer.contractions = std::move(weight.contractions);
+    return inert_.emplace(c, std::move(answer)).first->second;
 }
 
 bool QXSearchPattern::matchesText(std::string_view text) const {
@@ -104,7 +111,7 @@ bool QXSearchPattern::matchesText(std::string_view text) const {
         // Ruled out when every other character is inert (see the header).
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
         const auto length = static_cast<int32_t>(text.size());
-        bool ruledOut = true;
+        bool ruledOut = true, contracts = false;
         for (int32_t i = 0; i < length && ruledOut;) {
             if (isPrintableASCII(bytes[i])) {
                 ++i;
@@ -112,11 +119,59 @@ bool QXSearchPattern::matchesText(std::string_view text) const {
             }
             UChar32 c;
             U8_NEXT(bytes, i, length, c);
-            ruledOut = c >= 0 && isInert(c);
+            const Inertness* inert = c >= 0 ? &inertness(c) : nullptr;
+            ruledOut = inert && inert->inert;
+            contracts = contracts || (ruledOut && !inert->contractions.empty());
         }
+        if (ruledOut && contracts) ruledOut = !contractionPresent(text);
         if (ruledOut) return false;
     }
     return QXStringSearch::containsUnicode(text, pattern_, options_);
+}
+
+namespace {
+
+bool allPresent(const icu::UnicodeString& contraction, const std::vector<UChar32>& present) {
+    for (int32_t i = 0; i < contraction.length(); i = contraction.moveIndex32(i, 1))
+        if (std::find(present.begin(), present.end(), contraction.char32At(i)) == present.end()) return false;
+    return true;
+}
+
+bool anyFormed(const std::vector<icu::UnicodeString>& contractions, const std::vector<UChar32>& present) {
+    return std::any_of(contractions.begin(), contractions.end(),
+                       [&present](const icu::UnicodeString& s) { return allPresent(s, present); });
+}
+
+} // namespace
+
+void QXSearchPattern::addDecomposed(UChar32 c, std::vector<UChar32>& present) const {
+    if (c < 0x80) {
+        present.push_back(c);
+        return;
+    }
+    const icu::UnicodeString& parts = inertness(c).decomposed;
+    for (int32_t i = 0; i < parts.length(); i = parts.moveIndex32(i, 1)) present.push_back(parts.char32At(i));
+}
+
+bool QXSearchPattern::contractionPresent(std::string_view text) const {
+    // A contraction matches decomposed text: the characters present are
+    // those of every character's decomposition.
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    const auto length = static_cast<int32_t>(text.size());
+    std::vector<UChar32> present;
+    for (int32_t i = 0; i < length;) {
+        UChar32 c;
+        U8_NEXT(bytes, i, length, c);
+        if (c >= 0) addDecomposed(c, present);
+    }
+    for (int32_t i = 0; i < length;) {
+        UChar32 c;
+        U8_NEXT(bytes, i, length, c);
+        if (c >= 0 && !(c < 0x80 && isPrintableASCII(static_cast<unsigned char>(c))) &&
+            anyFormed(inertness(c).contractions, present))
+            return true;
+    }
+    return false;
 }
 
 bool QXSearchPattern::rulesOut(const icu::UnicodeSet& alphabet) const {
@@ -133,9 +188,16 @@ bool QXSearchPattern::rulesOut(const icu::UnicodeSet& alphabet) const {
     case Mode::ASCII: break;
     }
     const bool transforms = options_ & (kDiacriticInsensitive | kWidthInsensitive);
+    std::vector<UChar32> present;
     for (int32_t r = 0; r < alphabet.getRangeCount(); ++r)
-        for (UChar32 c = alphabet.getRangeStart(r); c <= alphabet.getRangeEnd(r); ++c)
-            if (!(c < 0x80 && isPrintableASCII(static_cast<unsigned char>(c))) && (transforms || !isInert(c))) return false;
+        for (UChar32 c = alphabet.getRangeStart(r); c <= alphabet.getRangeEnd(r); ++c) addDecomposed(c, present);
+    for (int32_t r = 0; r < alphabet.getRangeCount(); ++r)
+        for (UChar32 c = alphabet.getRangeStart(r); c <= alphabet.getRangeEnd(r); ++c) {
+            if (c < 0x80 && isPrintableASCII(static_cast<unsigned char>(c))) continue;
+            if (transforms) return false;
+            const Inertness& inert = inertness(c);
+            if (!inert.inert || anyFormed(inert.contractions, present)) return false;
+        }
     for (char c : pattern_) {
         const auto u = static_cast<unsigned char>(c);
         const bool letter = (u | 0x20) >= 'a' && (u | 0x20) <= 'z';

@@ -8,10 +8,12 @@
 //     tells ASCII apart as code units do (QXStringSearch's shortcut);
 //   - a text that is not ASCII is ruled out without the Unicode machinery
 //     when the pattern's bytes occur nowhere in it and each of its other
-//     characters is "inert": context-free, with a leading primary weight
-//     that none of the pattern's characters has. Any collation match of an
-//     ASCII pattern then lies inside a run of printable ASCII, where it is a
-//     byte match. Otherwise ICU decides;
+//     characters is "inert": context-free, with a collation element that
+//     none of the pattern's characters has (an accent, or a primary weight
+//     not among theirs), and no contraction whose characters are all present. A range of text holding an inert character
+//     holds a collation element no pattern character has, so any collation
+//     match of an ASCII pattern lies inside a run of printable ASCII, where
+//     it is a byte match. Otherwise ICU decides;
 //   - numbers and dates are ruled out when the pattern holds a character
 //     that no text of theirs could hold (by the same reasoning over the set
 //     of characters they can show), and only then formatted.
@@ -60,8 +62,21 @@ private:
         ASCII,        // printable-ASCII pattern, collation that keeps ASCII apart by code unit
         Unicode,      // anything else: every text goes to ICU
     };
-    bool isInert(UChar32 c) const;
+    // How a character other than printable ASCII stands to the pattern:
+    // inert (see above) unless all the characters of one of its
+    // contractions are present.
+    struct Inertness {
+        bool inert = false;
+        icu::UnicodeString decomposed;
+        std::vector<icu::UnicodeString> contractions;
+    };
+    /// Appends c's canonical decomposition to present.
+    void addDecomposed(UChar32 c, std::vector<UChar32>& present) const;
+    const Inertness& inertness(UChar32 c) const;
     bool bytesOccurIn(std::string_view text) const;
+    /// True when all the characters of a contraction of one of text's
+    /// characters are present in text.
+    bool contractionPresent(std::string_view text) const;
 
     std::string pattern_;
     std::uint64_t options_;
@@ -69,7 +84,7 @@ private:
     bool ignoreCase_ = false;
     std::vector<std::uint32_t> primaries_;  // the pattern characters' leading primaries (ASCII mode)
     bool numberRuledOut_ = false;
-    mutable std::unordered_map<UChar32, bool> inert_;
+    mutable std::unordered_map<UChar32, Inertness> inert_;
     mutable bool datesKnown_ = false;  // dateStyleRuledOut_ is worked out on the first date
     mutable std::array<bool, 4> dateStyleRuledOut_{};
 };

@@ -24,6 +24,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace QXStringSearch {
 
@@ -143,9 +144,11 @@ struct CollatorSlot {
     bool asciiByCodeUnit = false;
     std::unique_ptr<UStringSearch, SearchClose> search;
     icu::UnicodeString pattern;  // the search reads it in place
-    // For codePointWeight, made on first use: every code point that occurs
-    // in a contraction or prefix rule, one element iterator, and the answers.
-    std::unique_ptr<icu::UnicodeSet> inRules;
+    // For codePointWeight, made on first use: the code points the locale
+    // tailors, the contractions each code point occurs in, one element
+    // iterator, and the answers.
+    std::unique_ptr<icu::UnicodeSet> tailored;
+    std::unordered_map<UChar32, std::vector<icu::UnicodeString>> contractions;
     std::unique_ptr<icu::CollationElementIterator> elements;
     std::unordered_map<UChar32, CodePointWeight> weights;
 };
@@ -233,23 +236,38 @@ bool collatedContains(CollatorSlot& slot, const icu::UnicodeString& text, const 
 // Filled on the slot's first use by codePointWeight; false when ICU fails,
 // and every code point then counts as depending on its neighbours.
 bool prepareWeights(CollatorSlot& slot) {
-    if (slot.inRules) return slot.elements != nullptr;
-    slot.inRules = std::make_unique<icu::UnicodeSet>();
+    if (slot.tailored) return slot.elements != nullptr;
+    slot.tailored = std::make_unique<icu::UnicodeSet>();
     UErrorCode status = U_ZERO_ERROR;
     icu::UnicodeSet contractions;
     ucol_getContractionsAndExpansions(slot.rules->toUCollator(), contractions.toUSet(), nullptr, true, &status);
-    if (U_FAILURE(status)) return false;
+    std::unique_ptr<icu::UnicodeSet> tailored(slot.rules->getTailoredSet(status));
+    if (U_FAILURE(status) || !tailored) return false;
+    for (icu::UnicodeSetIterator each(*tailored); each.next();) {
+        if (!each.isString()) {
+            slot.tailored->add(each.getCodepoint());
+            continue;
+        }
+        slot.tailored->addAll(each.getString());
+    }
     for (icu::UnicodeSetIterator each(contractions); each.next();) {
         if (!each.isString()) {
-            slot.inRules->add(each.getCodepoint());
+            slot.tailored->add(each.getCodepoint());  // not expected: counts as unknown
             continue;
         }
         const icu::UnicodeString& s = each.getString();
-        for (int32_t i = 0; i < s.length(); i = s.moveIndex32(i, 1)) slot.inRules->add(s.char32At(i));
+        for (int32_t i = 0; i < s.length(); i = s.moveIndex32(i, 1)) {
+            auto& list = slot.contractions[s.char32At(i)];
+            if (list.empty() || list.back() != s) list.push_back(s);
+        }
     }
     slot.elements.reset(slot.rules->createCollationElementIterator(icu::UnicodeString()));
     return slot.elements != nullptr;
 }
+
+// The second half of a 64-bit collation element split in two (the 32-bit
+// form the element iterator returns) carries these bits.
+constexpr int32_t kContinuationMarker = 0xC0;
 
 CodePointWeight weigh(CollatorSlot& slot, UChar32 c) {
     CodePointWeight weight;
@@ -259,15 +277,29 @@ CodePointWeight weigh(CollatorSlot& slot, UChar32 c) {
     if (U_FAILURE(status)) return weight;
     icu::UnicodeString decomposed;
     if (!nfd->getDecomposition(c, decomposed)) decomposed = icu::UnicodeString(c);
-    bool free = u_getCombiningClass(c) == 0 && !slot.inRules->contains(c) &&
-                u_getCombiningClass(decomposed.char32At(0)) == 0;
-    for (int32_t i = 0; i < decomposed.length() && free; i = decomposed.moveIndex32(i, 1))
-        free = !slot.inRules->contains(decomposed.char32At(i));
+    bool free = u_getCombiningClass(c) == 0 && u_getCombiningClass(decomposed.char32At(0)) == 0 &&
+                !slot.tailored->contains(c);
+    for (int32_t i = 0; i < decomposed.length() && free; i = decomposed.moveIndex32(i, 1)) {
+        const UChar32 part = decomposed.char32At(i);
+        free = !slot.tailored->contains(part);
+        for (UChar32 each : {c, part}) {
+            auto found = slot.contractions.find(each);
+            if (found != slot.contractions.end())
+                weight.contractions.insert(weight.contractions.end(), found->second.begin(), found->second.end());
+        }
+    }
     slot.elements->setText(icu::UnicodeString(c), status);
-    const int32_t first = slot.elements->next(status);
-    if (U_FAILURE(status) || first == icu::CollationElementIterator::NULLORDER) return weight;
-    weight.leadPrimary = static_cast<std::uint32_t>(icu::CollationElementIterator::primaryOrder(first));
+    for (int32_t element = slot.elements->next(status);
+         U_SUCCESS(status) && element != icu::CollationElementIterator::NULLORDER; element = slot.elements->next(status)) {
+        if ((element & kContinuationMarker) == kContinuationMarker) continue;
+        const auto primary = static_cast<std::uint32_t>(icu::CollationElementIterator::primaryOrder(element));
+        if (primary == 0 && icu::CollationElementIterator::secondaryOrder(element) == 0) continue;
+        weight.hasSecondaryOnly = weight.hasSecondaryOnly || primary == 0;
+        weight.primaries.push_back(primary);
+    }
+    if (U_FAILURE(status)) return {};
     weight.contextFree = free;
+    weight.decomposed = decomposed;
     return weight;
 }
 

@@ -13,7 +13,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include <unicode/umachine.h>
+#include <unicode/unistr.h>
+
+#include <vector>
 
 namespace QXStringSearch {
 
@@ -36,16 +38,27 @@ bool containsASCII(std::string_view text, std::string_view pattern, std::uint64_
 bool comparesASCIIByCodeUnit(std::uint64_t options);
 
 /// What the collation used for these options makes of one code point on its
-/// own. leadPrimary is the leading 16 bits of the primary weight of its first
-/// collation element (0 when that element has no primary weight: ignorable
-/// characters, combining marks). contextFree is true when the code point's
-/// weights cannot depend on its neighbours: it is a starter that takes part
-/// in no contraction or prefix rule, and so does its decomposition. A range
-/// of text holding a context-free code point then holds that first element,
-/// which no comparison strength drops. Meaningless for literal searches.
+/// own, to prove that text cannot match without searching it. A search
+/// compares collation elements one for one, and a match never splits the
+/// elements of one character: a range of text holding a context-free
+/// character holds all of its elements.
 struct CodePointWeight {
-    std::uint32_t leadPrimary = 0;
+    /// The leading 16 bits of the primary weight of each of its collation
+    /// elements in order (continuations left out), 0 for an element without
+    /// one; elements ignorable at secondary strength are left out.
+    std::vector<std::uint32_t> primaries;
+    /// True when one element has no primary weight but a secondary one (an
+    /// accent): no comparison strength of a search drops it.
+    bool hasSecondaryOnly = false;
+    /// False when its weights may depend on its neighbours in ways not listed
+    /// below: a combining mark (reordered), a character the locale tailors
+    /// (prefix rules among them), or one that starts with a mark.
     bool contextFree = false;
+    /// Its canonical decomposition (itself when it has none).
+    icu::UnicodeString decomposed;
+    /// The contractions holding it or a character of its decomposition: its
+    /// weights may change where all the characters of one are present.
+    std::vector<icu::UnicodeString> contractions;
 };
 CodePointWeight codePointWeight(UChar32 c, std::uint64_t options);
 
