@@ -139,7 +139,10 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
         if (!node) continue;  // a plain element of a list set as a value reads as no node
         if (node->matchesSearchPattern(pattern, scope, matchTypes, dictionary))
             found.push_back(std::static_pointer_cast<QXPropertyList>(list[at]));
-        if (const qx::Array* children = node->childList())
+        if (!isContainerCode(node->_privateTypeCode)) continue;
+        const qx::Object* value = node->_privateValue.get();
+        if (const qx::Array* children = value && typeid(*value) == typeid(qx::Array) ? static_cast<const qx::Array*>(value)
+                                                                                      : node->childList())
             enter(children, node->_privateTypeCode == QXPropertyListDictionaryType);
     }
     if (options & QXBackwardsSearch) std::reverse(found.begin(), found.end());

@@ -158,7 +158,8 @@ bool QXSearchPattern::contractionPresent(std::string_view text) const {
     // those of every character's decomposition.
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
     const auto length = static_cast<int32_t>(text.size());
-    std::vector<UChar32> present;
+    std::vector<UChar32>& present = present_;
+    present.clear();
     for (int32_t i = 0; i < length;) {
         UChar32 c;
         U8_NEXT(bytes, i, length, c);

@@ -85,6 +85,7 @@ private:
     std::vector<std::uint32_t> primaries_;  // the pattern characters' leading primaries (ASCII mode)
     bool numberRuledOut_ = false;
     mutable std::unordered_map<UChar32, Inertness> inert_;
+    mutable std::vector<UChar32> present_;  // contractionPresent's buffer, kept between calls
     mutable bool datesKnown_ = false;  // dateStyleRuledOut_ is worked out on the first date
     mutable std::array<bool, 4> dateStyleRuledOut_{};
 };
