@@ -53,7 +53,7 @@ bool QXPropertyList::containsSearchString(const qx::Ref<qx::String>& text, QXPro
 bool QXPropertyList::matchesSearchPattern(const QXSearchPattern& pattern, QXPropertyListSearchScope scope,
                                           const MatchTypes& matchTypes, bool underDictionary) const {
     if (matchTypes && !matchTypes->count(_privateTypeCode)) return false;
-    if ((scope & QXPropertyListSearchKeys) && _privateKey && underDictionary && pattern.matchesText(_privateKey->utf8()))
+    if ((scope & QXPropertyListSearchKeys) && _privateKey && underDictionary && pattern.matchesKey(*_privateKey))
         return true;
     if (!(scope & QXPropertyListSearchValues)) return false;
     // Values of the kind the type code promises are read in place; anything
@@ -86,29 +86,28 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
     const QXSearchPattern pattern(text->utf8(), options);
     // Pre-order with an explicit stack of child lists: deep trees cannot
     // exhaust the call stack, and no node is copied unless it matches. The
-    // walk is bound by memory latency (a node, its key and its value lie in
-    // three places), so the nodes a few places ahead in the list, and then
-    // their keys and values, are fetched while the current one is tested.
+    // walk is bound by memory latency (a node and its value lie in two
+    // places), so the nodes a few places ahead in the list, and then their
+    // values, are fetched while the current one is tested.
     struct Level {
         const qx::Array* list;
         std::size_t next;
         bool dictionary;
     };
-    constexpr std::size_t kNodesAhead = 4, kFieldsAhead = 2;
+    constexpr std::size_t kNodesAhead = 6, kFieldsAhead = 3;
     auto nodeAt = [](const qx::Array& list, std::size_t i) -> const QXPropertyList* {
         const qx::Object* item = list[i].get();
         if (!item) return nullptr;
         return typeid(*item) == typeid(QXPropertyList) ? static_cast<const QXPropertyList*>(item)
                                                        : dynamic_cast<const QXPropertyList*>(item);
     };
+    // Keys need no fetching: dictionaries share them, and the pattern keeps
+    // its answer per key object.
     auto fetchFields = [](const qx::Array& list, std::size_t i) {
         if (i >= list.count()) return;
-        // Reads only the pointers; the node may be of another class, whose
-        // fields are then not touched.
         const qx::Object* item = list[i].get();
         if (!item || typeid(*item) != typeid(QXPropertyList)) return;
         const auto* node = static_cast<const QXPropertyList*>(item);
-        __builtin_prefetch(node->_privateKey.get());
         __builtin_prefetch(node->_privateValue.get());
     };
     // Where a node's fields lie from the start of its object, so that an
@@ -116,7 +115,10 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
     const std::ptrdiff_t fieldsOffset = reinterpret_cast<const char*>(&_privateTypeCode) -
                                         reinterpret_cast<const char*>(static_cast<const qx::Object*>(this));
     auto fetchNode = [fieldsOffset](const qx::Array& list, std::size_t i) {
-        if (i < list.count()) __builtin_prefetch(reinterpret_cast<const char*>(list[i].get()) + fieldsOffset);
+        if (i >= list.count()) return;
+        const char* item = reinterpret_cast<const char*>(list[i].get());
+        __builtin_prefetch(item);  // the class, read first
+        __builtin_prefetch(item + fieldsOffset);
     };
     std::vector<Level> stack;
     auto enter = [&stack, &fetchNode](const qx::Array* list, bool dictionary) {

@@ -83,8 +83,13 @@ bool QXSearchPattern::bytesOccurIn(std::string_view text) const {
 }
 
 const QXSearchPattern::Inertness& QXSearchPattern::inertness(UChar32 c) const {
+    auto& recent = recent_[static_cast<std::size_t>(c) % recent_.size()];
+    if (recent.second && recent.first == c) return *recent.second;
     auto known = inert_.find(c);
-    if (known != inert_.end()) return known->second;
+    if (known != inert_.end()) {
+        recent = {c, &known->second};
+        return known->second;
+    }
     QXStringSearch::CodePointWeight weight = QXStringSearch::codePointWeight(c, options_);
     // One element that no pattern character has is enough: an accent (no
     // pattern character is one), or a primary weight not among the pattern's.
@@ -96,7 +101,15 @@ const QXSearchPattern::Inertness& QXSearchPattern::inertness(UChar32 c) const {
                    (weight.hasSecondaryOnly || std::any_of(weight.primaries.begin(), weight.primaries.end(), unmatched));
     answer.decomposed = weight.decomposed;
     if (answer.inert) answer.contractions = std::move(weight.contractions);
-    return inert_.emplace(c, std::move(answer)).first->second;
+    for (const auto& contraction : answer.contractions) {
+        std::uint64_t bits = 0;
+        for (int32_t i = 0; i < contraction.length(); i = contraction.moveIndex32(i, 1))
+            bits |= std::uint64_t{1} << (contraction.char32At(i) % 64);
+        answer.contractionBits.push_back(bits);
+    }
+    const Inertness& stored = inert_.emplace(c, std::move(answer)).first->second;
+    recent = {c, &stored};
+    return stored;
 }
 
 bool QXSearchPattern::matchesText(std::string_view text) const {
@@ -137,20 +150,26 @@ bool allPresent(const icu::UnicodeString& contraction, const std::vector<UChar32
     return true;
 }
 
-bool anyFormed(const std::vector<icu::UnicodeString>& contractions, const std::vector<UChar32>& present) {
-    return std::any_of(contractions.begin(), contractions.end(),
-                       [&present](const icu::UnicodeString& s) { return allPresent(s, present); });
+template <class Inertness>
+bool anyFormed(const Inertness& inert, const std::vector<UChar32>& present, std::uint64_t presentBits) {
+    for (std::size_t i = 0; i < inert.contractions.size(); ++i)
+        if ((inert.contractionBits[i] & ~presentBits) == 0 && allPresent(inert.contractions[i], present)) return true;
+    return false;
 }
 
 } // namespace
 
-void QXSearchPattern::addDecomposed(UChar32 c, std::vector<UChar32>& present) const {
+void QXSearchPattern::addDecomposed(UChar32 c, std::vector<UChar32>& present, std::uint64_t& bits) const {
     if (c < 0x80) {
         present.push_back(c);
+        bits |= std::uint64_t{1} << (c % 64);
         return;
     }
     const icu::UnicodeString& parts = inertness(c).decomposed;
-    for (int32_t i = 0; i < parts.length(); i = parts.moveIndex32(i, 1)) present.push_back(parts.char32At(i));
+    for (int32_t i = 0; i < parts.length(); i = parts.moveIndex32(i, 1)) {
+        present.push_back(parts.char32At(i));
+        bits |= std::uint64_t{1} << (parts.char32At(i) % 64);
+    }
 }
 
 bool QXSearchPattern::contractionPresent(std::string_view text) const {
@@ -160,16 +179,17 @@ bool QXSearchPattern::contractionPresent(std::string_view text) const {
     const auto length = static_cast<int32_t>(text.size());
     std::vector<UChar32>& present = present_;
     present.clear();
+    std::uint64_t bits = 0;
     for (int32_t i = 0; i < length;) {
         UChar32 c;
         U8_NEXT(bytes, i, length, c);
-        if (c >= 0) addDecomposed(c, present);
+        if (c >= 0) addDecomposed(c, present, bits);
     }
     for (int32_t i = 0; i < length;) {
         UChar32 c;
         U8_NEXT(bytes, i, length, c);
         if (c >= 0 && !(c < 0x80 && isPrintableASCII(static_cast<unsigned char>(c))) &&
-            anyFormed(inertness(c).contractions, present))
+            anyFormed(inertness(c), present, bits))
             return true;
     }
     return false;
@@ -190,14 +210,15 @@ bool QXSearchPattern::rulesOut(const icu::UnicodeSet& alphabet) const {
     }
     const bool transforms = options_ & (kDiacriticInsensitive | kWidthInsensitive);
     std::vector<UChar32> present;
+    std::uint64_t bits = 0;
     for (int32_t r = 0; r < alphabet.getRangeCount(); ++r)
-        for (UChar32 c = alphabet.getRangeStart(r); c <= alphabet.getRangeEnd(r); ++c) addDecomposed(c, present);
+        for (UChar32 c = alphabet.getRangeStart(r); c <= alphabet.getRangeEnd(r); ++c) addDecomposed(c, present, bits);
     for (int32_t r = 0; r < alphabet.getRangeCount(); ++r)
         for (UChar32 c = alphabet.getRangeStart(r); c <= alphabet.getRangeEnd(r); ++c) {
             if (c < 0x80 && isPrintableASCII(static_cast<unsigned char>(c))) continue;
             if (transforms) return false;
             const Inertness& inert = inertness(c);
-            if (!inert.inert || anyFormed(inert.contractions, present)) return false;
+            if (!inert.inert || anyFormed(inert, present, bits)) return false;
         }
     for (char c : pattern_) {
         const auto u = static_cast<unsigned char>(c);
@@ -205,6 +226,12 @@ bool QXSearchPattern::rulesOut(const icu::UnicodeSet& alphabet) const {
         if (ignoreCase_ && letter ? lacks(u | 0x20) && lacks(u & ~0x20) : lacks(u)) return true;
     }
     return false;
+}
+
+bool QXSearchPattern::matchesKey(const qx::String& key) const {
+    auto& known = keys_[(reinterpret_cast<std::uintptr_t>(&key) >> 4) % keys_.size()];
+    if (known.first != &key) known = {&key, matchesText(key.utf8())};
+    return known.second;
 }
 
 bool QXSearchPattern::matchesNumber(const qx::Number& number) const {

@@ -24,6 +24,7 @@
 #include <qx/Date.h>
 #include <qx/DateFormatter.h>
 #include <qx/Number.h>
+#include <qx/String.h>
 
 #include <unicode/uniset.h>
 
@@ -40,6 +41,10 @@ public:
 
     /// QXStringSearch::contains(text, pattern, options).
     bool matchesText(std::string_view text) const;
+    /// matchesText of key's text. Strings are immutable and a tree's
+    /// dictionaries share their key strings, so answers are kept by object
+    /// (for as long as the pattern lives the keys it saw must live too).
+    bool matchesKey(const qx::String& key) const;
     /// The same for the number's description.
     bool matchesNumber(const qx::Number& number) const;
     /// The data search of the options' shifted flags over data's bytes.
@@ -69,9 +74,12 @@ private:
         bool inert = false;
         icu::UnicodeString decomposed;
         std::vector<icu::UnicodeString> contractions;
+        // Per contraction, the bits (code point mod 64) of its characters:
+        // one that is absent rules the contraction out without a search.
+        std::vector<std::uint64_t> contractionBits;
     };
-    /// Appends c's canonical decomposition to present.
-    void addDecomposed(UChar32 c, std::vector<UChar32>& present) const;
+    /// Appends c's canonical decomposition to present, and their bits.
+    void addDecomposed(UChar32 c, std::vector<UChar32>& present, std::uint64_t& bits) const;
     const Inertness& inertness(UChar32 c) const;
     bool bytesOccurIn(std::string_view text) const;
     /// True when all the characters of a contraction of one of text's
@@ -85,6 +93,9 @@ private:
     std::vector<std::uint32_t> primaries_;  // the pattern characters' leading primaries (ASCII mode)
     bool numberRuledOut_ = false;
     mutable std::unordered_map<UChar32, Inertness> inert_;
+    // The last answers by code point, in front of inert_ (a text repeats few characters).
+    mutable std::array<std::pair<UChar32, const Inertness*>, 64> recent_{};
+    mutable std::array<std::pair<const qx::String*, bool>, 64> keys_{};
     mutable std::vector<UChar32> present_;  // contractionPresent's buffer, kept between calls
     mutable bool datesKnown_ = false;  // dateStyleRuledOut_ is worked out on the first date
     mutable std::array<bool, 4> dateStyleRuledOut_{};
