@@ -229,7 +229,8 @@ bool QXSearchPattern::rulesOut(const icu::UnicodeSet& alphabet) const {
 }
 
 bool QXSearchPattern::matchesKey(const qx::String& key) const {
-    auto& known = keys_[(reinterpret_cast<std::uintptr_t>(&key) >> 4) % keys_.size()];
+    const std::uint64_t hash = (reinterpret_cast<std::uintptr_t>(&key) >> 4) * 0x9E3779B97F4A7C15ull;
+    auto& known = keys_[(hash >> 56) % keys_.size()];
     if (known.first != &key) known = {&key, matchesText(key.utf8())};
     return known.second;
 }

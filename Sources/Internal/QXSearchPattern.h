@@ -95,7 +95,7 @@ private:
     mutable std::unordered_map<UChar32, Inertness> inert_;
     // The last answers by code point, in front of inert_ (a text repeats few characters).
     mutable std::array<std::pair<UChar32, const Inertness*>, 64> recent_{};
-    mutable std::array<std::pair<const qx::String*, bool>, 64> keys_{};
+    mutable std::array<std::pair<const qx::String*, bool>, 256> keys_{};
     mutable std::vector<UChar32> present_;  // contractionPresent's buffer, kept between calls
     mutable bool datesKnown_ = false;  // dateStyleRuledOut_ is worked out on the first date
     mutable std::array<bool, 4> dateStyleRuledOut_{};
