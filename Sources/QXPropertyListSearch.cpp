@@ -18,6 +18,17 @@
 #include <typeinfo>
 #include <vector>
 
+namespace {
+
+// value when its class is exactly T: one comparison of type identities,
+// where a dynamic cast would walk the class hierarchy.
+template <class T>
+const T* exactly(const qx::Object* value) {
+    return value && typeid(*value) == typeid(T) ? static_cast<const T*>(value) : nullptr;
+}
+
+} // namespace
+
 bool QXPropertyList::containsSearchString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
                                           QXStringCompareOptions options, const MatchTypes& matchTypes) const {
     if (!text) return false;
@@ -61,14 +72,14 @@ bool QXPropertyList::matchesSearchPattern(const QXSearchPattern& pattern, QXProp
     const qx::Object* value = _privateValue.get();
     switch (_privateTypeCode) {
     case QXPropertyListStringType:
-        if (value && typeid(*value) == typeid(qx::String)) return pattern.matchesText(static_cast<const qx::String*>(value)->utf8());
+        if (const auto* string = exactly<qx::String>(value)) return pattern.matchesText(string->utf8());
         [[fallthrough]];
     case QXPropertyListNumberType:
     case QXPropertyListBooleanType:
-        if (value && typeid(*value) == typeid(qx::Number)) return pattern.matchesNumber(*static_cast<const qx::Number*>(value));
+        if (const auto* number = exactly<qx::Number>(value)) return pattern.matchesNumber(*number);
         return pattern.matchesText(stringValue()->utf8());
     case QXPropertyListDataType: {
-        if (value && typeid(*value) == typeid(qx::Data)) return pattern.matchesData(*static_cast<const qx::Data*>(value));
+        if (const auto* bytes = exactly<qx::Data>(value)) return pattern.matchesData(*bytes);
         auto data = dataValue();
         return data && pattern.matchesData(*data);
     }
@@ -143,8 +154,9 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
             found.push_back(std::static_pointer_cast<QXPropertyList>(list[at]));
         if (!isContainerCode(node->_privateTypeCode)) continue;
         const qx::Object* value = node->_privateValue.get();
-        if (const qx::Array* children = value && typeid(*value) == typeid(qx::Array) ? static_cast<const qx::Array*>(value)
-                                                                                      : node->childList())
+        const qx::Array* children = exactly<qx::Array>(value);
+        if (!children) children = node->childList();
+        if (children)
             enter(children, node->_privateTypeCode == QXPropertyListDictionaryType);
     }
     if (options & QXBackwardsSearch) std::reverse(found.begin(), found.end());

@@ -10,10 +10,11 @@
 //     when the pattern's bytes occur nowhere in it and each of its other
 //     characters is "inert": context-free, with a collation element that
 //     none of the pattern's characters has (an accent, or a primary weight
-//     not among theirs), and no contraction whose characters are all present. A range of text holding an inert character
-//     holds a collation element no pattern character has, so any collation
-//     match of an ASCII pattern lies inside a run of printable ASCII, where
-//     it is a byte match. Otherwise ICU decides;
+//     not among theirs), and no contraction whose characters are all
+//     present. A range of text holding an inert character holds an element
+//     no pattern character has, so any collation match of an ASCII pattern
+//     lies inside a run of printable ASCII, where it is a byte match.
+//     Otherwise ICU decides;
 //   - numbers and dates are ruled out when the pattern holds a character
 //     that no text of theirs could hold (by the same reasoning over the set
 //     of characters they can show), and only then formatted.
