@@ -46,8 +46,7 @@ qx::Ref<qx::Object> readValues(const qx::Ref<qx::Data>& bytes) {
     return QXPropertyListSerialization::propertyListWithData(bytes, &format);
 }
 
-// The same walk as `qx plist find --all`: every node below the root, in
-// document order, then each tested on its own (a match's descendants count too).
+// Every node below the root in document order (the node count).
 void preOrder(const QXPropertyList::Ref& node, std::vector<QXPropertyList::Ref>& out) {
     for (std::size_t i = 0; i < node->countOfChildren(); ++i) {
         auto child = node->objectInChildrenAtIndex(i);
@@ -56,14 +55,10 @@ void preOrder(const QXPropertyList::Ref& node, std::vector<QXPropertyList::Ref>&
     }
 }
 
+// What `qx plist find --all` asks: a match's descendants count too.
 std::size_t findAll(const QXPropertyList::Ref& root, const qx::Ref<qx::String>& text) {
-    std::vector<QXPropertyList::Ref> nodes;
-    preOrder(root, nodes);
-    std::size_t matches = 0;
-    for (const auto& node : nodes)
-        if (node->containsSearchString(text, QXPropertyListSearchKeys | QXPropertyListSearchValues, 0, std::nullopt))
-            ++matches;
-    return matches;
+    return root->allChildrenContainingString(text, QXPropertyListSearchKeys | QXPropertyListSearchValues, 0, std::nullopt)
+        .size();
 }
 
 template <typename Body>

@@ -69,6 +69,8 @@ inline constexpr QXStringCompareOptions QXNumericSearch = 64;
 inline constexpr QXStringCompareOptions QXDiacriticInsensitiveSearch = 128;
 inline constexpr QXStringCompareOptions QXWidthInsensitiveSearch = 256;
 
+class QXSearchPattern;
+
 /// Exported for the host application; no operation of the library posts it.
 extern const char* const QXPropertyListDidChangeNotification;
 
@@ -214,6 +216,13 @@ public:
     Ref nextChildMatchingPredicateFromParent(const Predicate& test, const Ref& parent, std::size_t index,
                                              bool backwards, bool climbUpTree) const;
     static Ref searchPropertyList(const Ref& node, const Predicate& test, bool backwards);
+    /// Every node of the subtree below this one that containsSearchString
+    /// accepts, in document order (or its exact reverse when the options hold
+    /// the backwards bit), descendants of a match included: unlike repeated
+    /// find-next, which leaves a match's own subtree unvisited. One walk, the
+    /// text compiled once for it.
+    Nodes allChildrenContainingString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
+                                      QXStringCompareOptions options, const MatchTypes& matchTypes) const;
     bool containsSearchString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
                               QXStringCompareOptions options, const MatchTypes& matchTypes) const;
 
@@ -276,6 +285,9 @@ private:
     void adoptUnwrappedValue(const qx::Ref<qx::Object>& value);
     Ref self() const;
     const qx::Array* childList() const;
+    /// containsSearchString with the text compiled, the parent's kind known.
+    bool matchesSearchPattern(const QXSearchPattern& pattern, QXPropertyListSearchScope scope,
+                              const MatchTypes& matchTypes, bool underDictionary) const;
     bool parentIsDictionary() const;
     bool parentIsArray() const;
     std::size_t indexOfChild(const QXPropertyList* child) const;

@@ -7,6 +7,7 @@
 // whenever that provably gives the collation's answer.
 #include "Internal/QXStringSearch.h"
 
+#include <unicode/coleitr.h>
 #include <unicode/coll.h>
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
@@ -22,6 +23,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace QXStringSearch {
 
@@ -141,6 +144,13 @@ struct CollatorSlot {
     bool asciiByCodeUnit = false;
     std::unique_ptr<UStringSearch, SearchClose> search;
     icu::UnicodeString pattern;  // the search reads it in place
+    // For codePointWeight, made on first use: the code points the locale
+    // tailors, the contractions each code point occurs in, one element
+    // iterator, and the answers.
+    std::unique_ptr<icu::UnicodeSet> tailored;
+    std::unordered_map<UChar32, std::vector<icu::UnicodeString>> contractions;
+    std::unique_ptr<icu::CollationElementIterator> elements;
+    std::unordered_map<UChar32, CodePointWeight> weights;
 };
 
 // Collators of the current locale, one per strength, made once per thread
@@ -223,6 +233,76 @@ bool collatedContains(CollatorSlot& slot, const icu::UnicodeString& text, const 
     return U_SUCCESS(status) && found;
 }
 
+// Filled on the slot's first use by codePointWeight; false when ICU fails,
+// and every code point then counts as depending on its neighbours.
+bool prepareWeights(CollatorSlot& slot) {
+    if (slot.tailored) return slot.elements != nullptr;
+    slot.tailored = std::make_unique<icu::UnicodeSet>();
+    UErrorCode status = U_ZERO_ERROR;
+    icu::UnicodeSet contractions;
+    ucol_getContractionsAndExpansions(slot.rules->toUCollator(), contractions.toUSet(), nullptr, true, &status);
+    std::unique_ptr<icu::UnicodeSet> tailored(slot.rules->getTailoredSet(status));
+    if (U_FAILURE(status) || !tailored) return false;
+    for (icu::UnicodeSetIterator each(*tailored); each.next();) {
+        if (!each.isString()) {
+            slot.tailored->add(each.getCodepoint());
+            continue;
+        }
+        slot.tailored->addAll(each.getString());
+    }
+    for (icu::UnicodeSetIterator each(contractions); each.next();) {
+        if (!each.isString()) {
+            slot.tailored->add(each.getCodepoint());  // not expected: counts as unknown
+            continue;
+        }
+        const icu::UnicodeString& s = each.getString();
+        for (int32_t i = 0; i < s.length(); i = s.moveIndex32(i, 1)) {
+            auto& list = slot.contractions[s.char32At(i)];
+            if (list.empty() || list.back() != s) list.push_back(s);
+        }
+    }
+    slot.elements.reset(slot.rules->createCollationElementIterator(icu::UnicodeString()));
+    return slot.elements != nullptr;
+}
+
+// The second half of a 64-bit collation element split in two (the 32-bit
+// form the element iterator returns) carries these bits.
+constexpr int32_t kContinuationMarker = 0xC0;
+
+CodePointWeight weigh(CollatorSlot& slot, UChar32 c) {
+    CodePointWeight weight;
+    if (!prepareWeights(slot)) return weight;
+    UErrorCode status = U_ZERO_ERROR;
+    const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
+    if (U_FAILURE(status)) return weight;
+    icu::UnicodeString decomposed;
+    if (!nfd->getDecomposition(c, decomposed)) decomposed = icu::UnicodeString(c);
+    bool free = u_getCombiningClass(c) == 0 && u_getCombiningClass(decomposed.char32At(0)) == 0 &&
+                !slot.tailored->contains(c);
+    for (int32_t i = 0; i < decomposed.length() && free; i = decomposed.moveIndex32(i, 1)) {
+        const UChar32 part = decomposed.char32At(i);
+        free = !slot.tailored->contains(part);
+        for (UChar32 each : {c, part}) {
+            auto found = slot.contractions.find(each);
+            if (found != slot.contractions.end())
+                weight.contractions.insert(weight.contractions.end(), found->second.begin(), found->second.end());
+        }
+    }
+    slot.elements->setText(icu::UnicodeString(c), status);
+    for (int32_t element = slot.elements->next(status);
+         U_SUCCESS(status) && element != icu::CollationElementIterator::NULLORDER; element = slot.elements->next(status)) {
+        if ((element & kContinuationMarker) == kContinuationMarker) continue;
+        const auto primary = static_cast<std::uint32_t>(icu::CollationElementIterator::primaryOrder(element));
+        if (primary == 0 && icu::CollationElementIterator::secondaryOrder(element) == 0) continue;
+        weight.hasSecondaryOnly = weight.hasSecondaryOnly || primary == 0;
+        weight.primaries.push_back(primary);
+    }
+    if (U_FAILURE(status)) return {};
+    weight.contextFree = free;
+    weight.decomposed = decomposed;
+    return weight;
+}
+
 icu::UnicodeString fromUTF8(std::string_view s) {
     return icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<int32_t>(s.size())));
 }
@@ -268,10 +348,22 @@ bool contains(std::string_view text, std::string_view pattern, std::uint64_t opt
     return containsUnicode(text, pattern, options);
 }
 
+bool containsASCII(std::string_view text, std::string_view pattern, std::uint64_t options) {
+    return !pattern.empty() && asciiMatch(text, pattern, options, options & kCaseInsensitive);
+}
+
 bool comparesASCIIByCodeUnit(std::uint64_t options) {
     if (options & kLiteral) return true;
     const CollatorSlot* slot = collatorSlot(strengthFor(options));
     return slot && slot->asciiByCodeUnit;
+}
+
+CodePointWeight codePointWeight(UChar32 c, std::uint64_t options) {
+    CollatorSlot* slot = collatorSlot(strengthFor(options));
+    if (!slot) return {};
+    auto found = slot->weights.find(c);
+    if (found == slot->weights.end()) found = slot->weights.emplace(c, weigh(*slot, c)).first;
+    return found->second;
 }
 
 bool dataContains(const qx::Data& data, std::string_view pattern, unsigned flags) {

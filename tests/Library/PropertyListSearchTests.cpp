@@ -139,18 +139,48 @@ TEST(PropertyListSearch, MatchingOneNode) {
               inArray);
 }
 
+// Find-all against each node asked on its own, in document order or its
+// reverse, with a match's descendants included.
+TEST(PropertyListSearch, FindAllMatchesEachNodeInOrder) {
+    ScopedLocale locale("en_US");
+    const std::optional<std::set<QXPropertyListType>> all, strings = std::set<QXPropertyListType>{QXPropertyListStringType};
+    for (unsigned seed = 1; seed <= 30; ++seed) {
+        auto tree = PL::propertyListWithUnwrappedValue(plisttree::randomTree(seed, 5));
+        PL::Ref root = tree;
+        for (const auto& n : plisttree::preOrder(tree))
+            if (seed % 3 == 0 && n != tree && n->isContainer()) root = n;
+        auto order = plisttree::preOrder(root);
+        order.erase(order.begin());
+        for (const char* text : {"a", "Al", "et", "1", "Jan", "AM", "caf\xC3\xA9", "x1 "})
+            for (std::uint64_t options : {0, 1, 4, 2, 1 | 8 | 4})
+                for (QXPropertyListSearchScope scope : {1, 2, 3}) {
+                    const auto& types = seed % 2 ? all : strings;
+                    std::vector<PL::Ref> expected;
+                    for (const auto& n : order)
+                        if (n->containsSearchString(str(text), scope, options, types)) expected.push_back(n);
+                    if (options & QXBackwardsSearch) std::reverse(expected.begin(), expected.end());
+                    ASSERT_EQ(root->allChildrenContainingString(str(text), scope, options, types), expected)
+                        << "seed " << seed << " text " << text << " options " << options << " scope " << scope;
+                }
+    }
+}
+
 // 2024-01-03 12:00 UTC is a Wednesday in every time zone from -11 to +11 hours.
 TEST(PropertyListSearch, DatesMatchAnyDisplayStyle) {
     const char* savedTZ = std::getenv("TZ");
     const std::string saved = savedTZ ? savedTZ : "";
     setenv("TZ", "UTC", 1);
     auto node = PL::propertyListWithValue(Date::withTimeIntervalSince1970(1704283200));
+    auto root = PL::propertyListWithUnwrappedValue(std::make_shared<Array>(Array{Date::withTimeIntervalSince1970(1704283200)}));
     const std::optional<std::set<QXPropertyListType>> all;
     for (const auto& [locale, weekday, other] : std::vector<std::tuple<const char*, const char*, const char*>>{
              {"en_US", "Wednesday", "Mittwoch"}, {"de_DE", "Mittwoch", "Wednesday"}}) {
         ScopedLocale scoped(locale);
         EXPECT_TRUE(node->containsSearchString(str(weekday), QXPropertyListSearchValues, 0, all)) << locale;
         EXPECT_FALSE(node->containsSearchString(str(other), QXPropertyListSearchValues, 0, all)) << locale;
+        // The other styles' alphabets rule the weekday out; the full one must still be shown.
+        EXPECT_EQ(root->allChildrenContainingString(str(weekday), QXPropertyListSearchValues, 0, all).size(), 1u) << locale;
+        EXPECT_TRUE(root->allChildrenContainingString(str(other), QXPropertyListSearchValues, 0, all).empty()) << locale;
         // Only the full style shows the weekday.
         EXPECT_EQ(node->stringValue()->utf8().find(weekday), std::string::npos) << locale;
     }

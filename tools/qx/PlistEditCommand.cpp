@@ -224,16 +224,6 @@ int runRemove(const EditOptions& options) {
     return save(options, loaded);
 }
 
-// Every node below root in document order, for --all: find-next leaves a
-// match's own subtree unvisited, so it cannot list matching descendants.
-void preOrder(const QXPropertyList::Ref& node, std::vector<QXPropertyList::Ref>& out) {
-    for (std::size_t i = 0; i < node->countOfChildren(); ++i) {
-        auto child = node->objectInChildrenAtIndex(i);
-        out.push_back(child);
-        preOrder(child, out);
-    }
-}
-
 int runFind(const EditOptions& options) {
     Loaded loaded = load(options.input);
     if (!loaded.root) return kExitFailure;
@@ -249,11 +239,9 @@ int runFind(const EditOptions& options) {
     const auto text = qx::str(options.text);
     std::string out;
     if (options.all) {
-        std::vector<QXPropertyList::Ref> nodes;
-        preOrder(loaded.root, nodes);
-        if (options.backwards) std::reverse(nodes.begin(), nodes.end());
-        for (const auto& node : nodes)
-            if (node->containsSearchString(text, scope, compare, types)) out += keyPathOf(node) + "\n";
+        // Not repeated find-next: that leaves a match's own subtree unvisited.
+        for (const auto& node : loaded.root->allChildrenContainingString(text, scope, compare, types))
+            out += keyPathOf(node) + "\n";
     } else if (auto node = loaded.root->nextChildContainingString(text, nullptr, false, scope, compare, types)) {
         out = keyPathOf(node) + "\n";
     }
