@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <ctime>
 #include <cstdio>
 #include <string_view>
@@ -122,18 +123,42 @@ public:
 
     bool print(const qx::Object* value, unsigned depth, qx::Ref<qx::Error>* error);
 
+    // Moves what is gathered to the result; call once printing is done.
+    void flush() {
+        const auto* b = reinterpret_cast<const std::uint8_t*>(block_);
+        out_.insert(out_.end(), b, b + used_);
+        used_ = 0;
+    }
+
     // False once a text was printed that the reader might not take as it is.
     bool plain() const { return plain_; }
 
 private:
+    // Leaves are short: they are gathered in a small buffer and moved to the
+    // result a block at a time, which spares the vector's bookkeeping per piece.
     void put(const char* p, std::size_t n) {
-        const auto* b = reinterpret_cast<const std::uint8_t*>(p);
-        out_.insert(out_.end(), b, b + n);
+        if (n > sizeof block_ - used_) {
+            flush();
+            if (n > sizeof block_) {
+                const auto* b = reinterpret_cast<const std::uint8_t*>(p);
+                out_.insert(out_.end(), b, b + n);
+                return;
+            }
+        }
+        std::memcpy(block_ + used_, p, n);
+        used_ += n;
     }
     void put(std::string_view s) { put(s.data(), s.size()); }
-    void put(char c) { out_.push_back(static_cast<std::uint8_t>(c)); }
+    void put(char c) { put(&c, 1); }
 
-    void indent(unsigned level) { out_.insert(out_.end(), 2 * static_cast<std::size_t>(level), ' '); }
+    void indent(unsigned level) {
+        static constexpr char kSpaces[] = "                                                                ";
+        for (std::size_t n = 2 * static_cast<std::size_t>(level); n > 0;) {
+            const std::size_t k = std::min(n, sizeof kSpaces - 1);
+            put(kSpaces, k);
+            n -= k;
+        }
+    }
 
     void escaped(std::string_view text) {
         if (text.size() > kPlainTextLimit) plain_ = false;
@@ -192,6 +217,8 @@ private:
     std::vector<std::uint8_t>& out_;
     bool plain_ = true;
     char number_[40];
+    std::size_t used_ = 0;  // 0 <= used_ <= sizeof block_
+    char block_[1 << 15];
 };
 
 bool XMLPrinter::print(const qx::Object* value, unsigned depth, qx::Ref<qx::Error>* error) {
@@ -284,6 +311,7 @@ bool printPropertyList(const qx::Object* value, std::vector<std::uint8_t>& out, 
                        bool* plain) {
     XMLPrinter printer(out);
     if (!printer.print(value, 0, error)) return false;
+    printer.flush();
     if (plain) *plain = *plain && printer.plain();
     return true;
 }
