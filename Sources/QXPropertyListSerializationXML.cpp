@@ -20,18 +20,7 @@ using namespace QXXMLPlistInternal;
 
 qx::Ref<qx::Data> QXPropertyListSerialization::xmlDataWithPropertyList(const qx::Ref<qx::Object>& plist,
                                                                        qx::Ref<qx::Error>* error) {
-    return failingOnExhaustion(error, [&]() -> qx::Ref<qx::Data> {
-        tzset();  // dates are written in the local zone as it is now
-        std::string out =
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-            "<plist version=\"1.0\">\n";
-        if (!printPropertyList(plist.get(), out, error)) return nullptr;
-        out += "</plist>\n";
-        auto data = qx::Data::create();
-        data->vector().assign(out.begin(), out.end());
-        return data;
-    });
+    return xmlDocumentWithPropertyList(plist, nullptr, error);
 }
 
 qx::Ref<qx::Object> QXPropertyListSerialization::XMLPropertyListWithData(const qx::Ref<qx::Data>& data,

@@ -1,4 +1,4 @@
-// PlistBenchmark.cpp - binary property-list read and write, in process.
+// PlistBenchmark.cpp - property-list read and write, binary and XML, in process.
 //
 //   qx_plist_bench [--plist=FILE] [Google Benchmark flags]
 //
@@ -92,8 +92,50 @@ void BM_BinaryWrite(benchmark::State& state) {
     report(state);
 }
 
+// The XML document of the decoded value, as `qx plist convert --format xml` prints it.
+void BM_XMLWrite(benchmark::State& state) {
+    QXPropertyListFormat format = 0;
+    const auto plist = QXPropertyListSerialization::propertyListWithData(input().bytes, &format);
+    if (!plist) {
+        state.SkipWithError("the library cannot read the benchmark file");
+        return;
+    }
+    for (auto _ : state) {
+        auto data = QXPropertyListSerialization::dataWithPropertyList(plist, QXPropertyListXMLFormat_v1_0);
+        if (!data) {
+            state.SkipWithError("the library cannot write the benchmark value as XML");
+            return;
+        }
+        benchmark::DoNotOptimize(data->bytes());
+    }
+    report(state);
+}
+
+// Reading that document back, including releasing the value.
+void BM_XMLRead(benchmark::State& state) {
+    QXPropertyListFormat format = 0;
+    const auto plist = QXPropertyListSerialization::propertyListWithData(input().bytes, &format);
+    const auto xml = plist ? QXPropertyListSerialization::dataWithPropertyList(plist, QXPropertyListXMLFormat_v1_0)
+                           : nullptr;
+    if (!xml) {
+        state.SkipWithError("the library cannot write the benchmark value as XML");
+        return;
+    }
+    for (auto _ : state) {
+        auto value = QXPropertyListSerialization::XMLPropertyListWithData(xml);
+        if (!value) {
+            state.SkipWithError("the library cannot read its own XML");
+            return;
+        }
+        benchmark::DoNotOptimize(value.get());
+    }
+    report(state);
+}
+
 BENCHMARK(BM_BinaryRead)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_BinaryWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_XMLWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_XMLRead)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

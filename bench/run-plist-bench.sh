@@ -15,7 +15,10 @@
 #   plistlib         python3: plistlib.load + plistlib.dump(fmt=FMT_BINARY)
 # Wall time with hyperfine (or /usr/bin/time when hyperfine is missing), peak
 # resident memory with /usr/bin/time; prints throughput, peak memory and the
-# ratios of qx to each peer. The in-process Google Benchmark cases follow.
+# ratios of qx to each peer. The in-process Google Benchmark cases follow
+# (binary and XML read and write), then run-xml-plist-bench.sh on the same
+# build: binary to XML and XML to binary against plistutil and plistlib, with
+# the peak memory of each (QX_BENCH_XML=0 leaves that part out).
 #
 # Environment: QX_BENCH_OBJECTS (default 1000000), QX_BENCH_SEED (1),
 # QX_BENCH_RUNS (at most this many timed runs per tool, at least 3; 10),
@@ -161,3 +164,9 @@ PYTHON
 echo
 echo "== in-process read and write (Google Benchmark)"
 "$build/bench/qx_plist_bench" --plist="$big" --benchmark_min_time=1
+
+if [ "${QX_BENCH_XML:-1}" != 0 ]; then
+    echo
+    echo "== XML: binary to XML and XML to binary"
+    QX_BENCH_BUILD=$build QX_BENCH_OUT=$out "$root/bench/run-xml-plist-bench.sh"
+fi

@@ -5,8 +5,11 @@
 // no encoding for (non-string keys, over-long UIDs); the re-read can fail only
 // where the writer's own rules leave a value behind (sets and other kinds
 // without bytes, references cut to the chosen width). Every failure must carry
-// NSCocoaErrorDomain 3840.
+// NSCocoaErrorDomain 3840. Whatever XML document the printer vouches for must
+// read back.
 #include <QXFoundation/QXPropertyListSerialization.h>
+
+#include "Internal/QXXMLPlistPrinter.h"
 
 #include <qx/Log.h>
 
@@ -32,6 +35,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     auto general = QXPropertyListSerialization::propertyListWithData(data, &format, &generalError);
     if (general && format == QXPropertyListBinaryFormat_v1_0 && !plist) std::abort();
     if (!plist) return 0;
+
+    // A value read from binary can hold any text; the XML printer's word that
+    // its document reads back (which lets qx skip parsing it again) must hold.
+    bool readsBack = false;
+    auto xml = QXXMLPlistInternal::xmlDocumentWithPropertyList(plist, &readsBack, nullptr);
+    if (xml && readsBack && !QXPropertyListSerialization::XMLPropertyListWithData(xml, nullptr)) std::abort();
 
     qx::Ref<qx::Error> writeError;
     auto written = QXPropertyListSerialization::binaryDataWithPropertyList(plist, &writeError);

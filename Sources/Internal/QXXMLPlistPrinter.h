@@ -15,6 +15,7 @@
 #include <qx/Dictionary.h>
 #include <qx/Log.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -48,8 +49,22 @@ bool checkDepth(unsigned depth, qx::Ref<qx::Error>* error);
 std::string realText(const qx::Number& number);
 
 /// Appends the elements of value (one level inside the plist element) to
-/// out; false with *error set when a value cannot be written.
-bool printPropertyList(const qx::Object* value, std::string& out, qx::Ref<qx::Error>* error);
+/// out; false with *error set when a value cannot be written. When plain is
+/// given, it is cleared unless every text printed is one the reader takes as
+/// it is (see xmlDocumentWithPropertyList).
+bool printPropertyList(const qx::Object* value, std::vector<std::uint8_t>& out, qx::Ref<qx::Error>* error,
+                       bool* plain = nullptr);
+
+/// The whole XML document of plist, as xmlDataWithPropertyList returns it.
+/// When readsBack is given it says whether the document certainly reads
+/// back: every text in it is well-formed UTF-8 of characters XML allows, no
+/// text comes near the parser's limit on one text node, every real's text
+/// parses, and the document is of a size the parser takes. Such a document
+/// is read back by XMLPropertyListWithData without fail (the printer writes
+/// nothing else that could fail), so a caller that wants "no file it cannot
+/// read" need not parse it again; false means only reading it back tells.
+qx::Ref<qx::Data> xmlDocumentWithPropertyList(const qx::Ref<qx::Object>& plist, bool* readsBack,
+                                              qx::Ref<qx::Error>* error);
 
 
 } // namespace QXXMLPlistInternal

@@ -6,6 +6,8 @@
 #include "FileIO.h"
 #include "PlistKeyPath.h"
 
+#include "Internal/QXXMLPlistPrinter.h"
+
 #include <QXFoundation/QXPropertyListSerialization.h>
 
 #include <CLI/CLI.hpp>
@@ -284,8 +286,17 @@ void addOutputOptions(CLI::App* command, EditOptions& options) {
 
 qx::Ref<qx::Data> serializeForWriting(const qx::Ref<qx::Object>& value, QXPropertyListFormat format,
                                       qx::Ref<qx::Error>* error) {
-    auto bytes = QXPropertyListSerialization::dataWithPropertyList(value, format, QXBinaryPlistWidenReferences, error);
-    if (!bytes) return nullptr;
+    qx::Ref<qx::Data> bytes;
+    if (format == QXPropertyListXMLFormat_v1_0) {
+        // Parsing a large XML document again costs more than writing it; the
+        // printer vouches for the documents that cannot fail to read back.
+        bool readsBack = false;
+        bytes = QXXMLPlistInternal::xmlDocumentWithPropertyList(value, &readsBack, error);
+        if (!bytes || readsBack) return bytes;
+    } else {
+        bytes = QXPropertyListSerialization::dataWithPropertyList(value, format, QXBinaryPlistWidenReferences, error);
+        if (!bytes) return nullptr;
+    }
     qx::Ref<qx::Error> readError;
     if (!QXPropertyListSerialization::propertyListWithData(bytes, nullptr, &readError)) {
         if (error) {
