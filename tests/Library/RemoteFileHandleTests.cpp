@@ -275,8 +275,9 @@ TEST(RemoteFileHandle, ChunkedReadFailuresAreOneCall) {
         {Handle::initForWritingToURL(fileURL(path)), true, EINVAL},
         {Handle::initForWritingToResourceForkAtURL(fileURL(path)), true, EINVAL},
         {wrap(::open(dir->path().c_str(), O_RDONLY)), false, EISDIR}};
-    for (const auto& [h, done, code] : rows) {
+    for (const auto& [handle, done, code] : rows) {
         SCOPED_TRACE(code);
+        const Ref<Handle> h = handle;  // a lambda below captures it
         Ref<Error> error;
         EXPECT_TRUE(h->isReadable() || (!h->readDataOfLength(1, &error) && qxtest::isError(error, NSPOSIXErrorDomain, code)));
         auto d = Deliveries::of([&](auto handler) { h->readDataOfLengthMaxBufferSize(100, 10, handler); });
