@@ -39,13 +39,12 @@ bool QXBZip2Codec::feed(const std::uint8_t* bytes, std::uint64_t length, Data& o
         bz->avail_in = static_cast<unsigned>(piece);
         int result;
         for (;;) {
-            const std::size_t at = out.length();
-            out.setLength(at + kQXCodecBufferSize);
-            bz->next_out = reinterpret_cast<char*>(out.mutableBytes() + at);
+            const bool inPlace = decodesInPlace(bz->avail_in);
+            bz->next_out = reinterpret_cast<char*>(openRoom(out, inPlace));
             bz->avail_out = static_cast<unsigned>(kQXCodecBufferSize);
             const unsigned inBefore = bz->avail_in;
             result = BZ2_bzDecompress(bz);
-            out.setLength(at + kQXCodecBufferSize - bz->avail_out);
+            closeRoom(out, inPlace, kQXCodecBufferSize - bz->avail_out);
             if (result == BZ_OK) {
                 if (bz->avail_in == 0 && bz->avail_out != 0) break;
                 if (bz->avail_in == inBefore && bz->avail_out == kQXCodecBufferSize) break;  // no progress possible

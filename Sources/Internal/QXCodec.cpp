@@ -47,6 +47,20 @@ std::uint8_t* QXCodec::scratch() {
     return scratch_.get();
 }
 
+std::uint8_t* QXCodec::openRoom(Data& out, bool inPlace) {
+    if (!inPlace) return scratch();
+    const std::size_t at = out.length();
+    out.setLength(at + kQXCodecBufferSize);
+    return out.mutableBytes() + at;
+}
+
+void QXCodec::closeRoom(Data& out, bool inPlace, std::size_t produced) {
+    if (inPlace)
+        out.setLength(out.length() - kQXCodecBufferSize + produced);
+    else
+        out.append(scratch(), produced);
+}
+
 Ref<Data> QXStoredCodec::decodeChunk(const Ref<Data>& input, bool, bool*, Ref<Error>*) {
     return Data::withBytes(input->bytes(), input->length());
 }

@@ -69,6 +69,16 @@ protected:
     /// kQXCodecBufferSize bytes of room that stay with the codec, made on
     /// first use and left uninitialised: decoders only hand back bytes they wrote.
     std::uint8_t* scratch();
+    /// kQXCodecBufferSize bytes of room for one decoder step whose output
+    /// belongs at the end of out, and then the step's output put there.
+    /// With inPlace (the input is large enough to fill the room) the room is
+    /// out's own storage; otherwise it is scratch() and what the step wrote
+    /// is appended, so that a call with a few input bytes does not clear a
+    /// whole room of output storage for a few bytes of output.
+    std::uint8_t* openRoom(qx::Data& out, bool inPlace);
+    void closeRoom(qx::Data& out, bool inPlace, std::size_t produced);
+    /// Whether input of length bytes decodes in place (see openRoom).
+    static bool decodesInPlace(std::uint64_t length) { return length >= kQXCodecBufferSize / 16; }
 
     bool finished_ = false;
     std::uint64_t unconsumed_ = 0;  // set by codecs when finished_ becomes true

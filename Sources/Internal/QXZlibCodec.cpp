@@ -149,12 +149,11 @@ int QXZlibCodec::feedZlib(const std::uint8_t*& bytes, std::uint32_t& length, Dat
             z->avail_out = sizeof none;
             result = inflate(z, Z_BLOCK);
         } else {
-            const std::size_t at = out.length();
-            out.setLength(at + kQXCodecBufferSize);
-            z->next_out = out.mutableBytes() + at;
+            const bool inPlace = decodesInPlace(z->avail_in);
+            z->next_out = openRoom(out, inPlace);
             z->avail_out = static_cast<uInt>(kQXCodecBufferSize);
             result = inflate(z, Z_SYNC_FLUSH);
-            out.setLength(at + kQXCodecBufferSize - z->avail_out);
+            closeRoom(out, inPlace, kQXCodecBufferSize - z->avail_out);
         }
         if (gzip_ && gzipHeader_.done != 0 && !checkOff_) {
             // Gzip trailers never reach inflate, so the running CRC-32
@@ -202,13 +201,12 @@ void QXZlibCodec::startBody() {
 
 int QXZlibCodec::feedBody(const std::uint8_t*& bytes, std::uint32_t& length, Data& out) {
     for (;;) {
-        const std::size_t at = out.length();
-        out.setLength(at + kQXCodecBufferSize);
-        std::uint8_t* to = out.mutableBytes() + at;
+        const bool inPlace = decodesInPlace(length);
+        std::uint8_t* to = openRoom(out, inPlace);
         auto room = static_cast<std::uint32_t>(kQXCodecBufferSize);
         const bool ok = body_->decode(bytes, length, to, room);
         const std::size_t produced = kQXCodecBufferSize - room;
-        out.setLength(at + produced);
+        closeRoom(out, inPlace, produced);
         bodyLength_ += produced;
         if (!ok) {
             failed_ = true;
