@@ -66,11 +66,6 @@ Bytes with(Bytes b, std::size_t at, std::uint8_t mask) {
     return b;
 }
 
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 } // namespace
 
 TEST(Inflate, BothPathsAgreeCallForCall) {

@@ -57,8 +57,7 @@ TEST_F(QxCompress, OneThreadWritesTheLibrarysSingleStream) {
 }
 
 TEST_F(QxCompress, ARangeOfAFileOrAPipeAndInPlace) {
-    Bytes container = randomBytes(4099, 3);
-    container.insert(container.end(), plain.begin(), plain.end());
+    Bytes container = randomBytes(4099, 3) + plain;
     container.resize(container.size() + 777, 0x1F);
     const std::string path = input("container", container), length = std::to_string(plain.size());
     for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), "cat " + shellQuote(path) + " |"}}) {
