@@ -95,3 +95,9 @@ inline const Payloads& payloads() {
 }
 
 } // namespace decompressorpayloads
+
+// a followed by b: concatenates the pieces of test inputs.
+inline qxtest::Bytes operator+(qxtest::Bytes a, const qxtest::Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}

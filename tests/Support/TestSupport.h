@@ -205,10 +205,4 @@ inline ::testing::AssertionResult isError(const qx::Ref<qx::Error>& error, const
 
 } // namespace qxtest
 
-// a followed by b: concatenates the pieces of test inputs.
-inline qxtest::Bytes operator+(qxtest::Bytes a, const qxtest::Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 #define EXPECT_QX_ERROR(error, domain, code) EXPECT_TRUE(::qxtest::isError((error), (domain), (code)))
