@@ -229,14 +229,9 @@ TEST(DecompressorStreaming, TruncatedDamagedOrMisnamedInput) {
     Bytes notXZChunk = {'p', 'b', 'z', 'x'};  // a compressed chunk whose bytes are not xz at all
     for (std::uint64_t v : {0, 100, 10}) appendBigEndian64(notXZChunk, v);
     notXZChunk.insert(notXZChunk.end(), 10, 0xAA);
-    const struct {
-        Bytes input;
-        QXDecompressionAlgorithm algorithm;
-        const char* domain;  // null: a quiet prefix, of code bytes when not 0
-        std::int64_t code;
-        const char* logLine = nullptr;
-        const char* description = nullptr;
-    } cases[] = {
+    // domain null: a quiet prefix, of code bytes when not 0.
+    const struct { Bytes input; QXDecompressionAlgorithm algorithm; const char* domain; std::int64_t code;
+                   const char *logLine = nullptr, *description = nullptr; } cases[] = {
         {cut(p.zlib, p.zlib.size() * 2 / 3), QXDecompressionAlgorithmZlib, nullptr, 0},
         {cut(p.raw, p.raw.size() * 2 / 3), QXDecompressionAlgorithmRawDeflate, nullptr, 0},
         {cut(p.gzip, p.gzip.size() * 2 / 3), QXDecompressionAlgorithmGzip, nullptr, 0},
