@@ -219,8 +219,9 @@ TEST(CompressorDrivers, FileRangesAndTheCountConsumed) {
     TempDir dir;
     const Bytes content = makePayload(500000, 4);
     const std::string source = dir.file("source", content);
-    const struct { std::uint64_t offset, length, expected; } cases[] = {{0, 0, 500000}, {1000, 300000, 300000}, {250000, 0, 250000}, {499999, 1, 1},
-                 {400000, 900000, 100000}, {102400, 102400, 102400}, {7, 102401, 102401}, {500000, 0, 0}};
+    const struct { std::uint64_t offset, length, expected; } cases[] = {
+        {0, 0, 500000}, {1000, 300000, 300000}, {250000, 0, 250000}, {499999, 1, 1},
+        {400000, 900000, 100000}, {102400, 102400, 102400}, {7, 102401, 102401}, {500000, 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.length));
         const Bytes slice(content.begin() + static_cast<long>(c.offset),
@@ -279,9 +280,10 @@ TEST(CompressorDrivers, ToAURLAndInPlaceReplaceOnlyOnSuccess) {
     EXPECT_EQ(toolDecode(QXDecompressionAlgorithmGzip, qxtest::readBytes(destination)), std::optional<Bytes>(content));
     EXPECT_EQ(qxtest::fileMode(destination), 0640u);
 
-    const struct { const char* name; std::string from; QXDecompressionAlgorithm algorithm; const char* domain; int code; } failures[] = {{"missing source", dir / "missing", QXDecompressionAlgorithmGzip, "NSCocoaErrorDomain", 260},
-                    {"algorithm 7", source, QXDecompressionAlgorithmPBZX, "NSPOSIXErrorDomain", 22},
-                    {"a folder as source", dir.path().string(), QXDecompressionAlgorithmXZ, "NSCocoaErrorDomain", 256}};
+    const struct { const char* name; std::string from; QXDecompressionAlgorithm algorithm; const char* domain; int code; } failures[] = {
+        {"missing source", dir / "missing", QXDecompressionAlgorithmGzip, "NSCocoaErrorDomain", 260},
+        {"algorithm 7", source, QXDecompressionAlgorithmPBZX, "NSPOSIXErrorDomain", 22},
+        {"a folder as source", dir.path().string(), QXDecompressionAlgorithmXZ, "NSCocoaErrorDomain", 256}};
     const Bytes before = qxtest::readBytes(destination);
     for (const auto& f : failures)
         for (unsigned threads : {1u, 2u}) {
