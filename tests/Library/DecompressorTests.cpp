@@ -258,9 +258,7 @@ TEST(DecompressorStreaming, TruncatedDamagedOrMisnamedInput) {
             if (!c.domain) {
                 ASSERT_TRUE(out) << error->localizedDescription();
                 EXPECT_LT(out->length(), p.plain.size());
-                if (c.code) {
-                    EXPECT_EQ(out->length(), static_cast<std::size_t>(c.code));
-                }
+                if (c.code) { EXPECT_EQ(out->length(), static_cast<std::size_t>(c.code)); }
                 EXPECT_TRUE(std::equal(out->bytes(), out->bytes() + out->length(), p.plain.begin()));
                 continue;
             }

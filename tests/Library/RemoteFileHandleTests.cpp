@@ -294,9 +294,7 @@ TEST(RemoteFileHandleLocal, StopEndsDeliveriesEvenOfChunksAlreadyRead) {
         EXPECT_EQ(d->calls.size(), calls);
         EXPECT_EQ(d->bytes, slice(content, 0, calls * MiB));
         EXPECT_EQ(d->doneCount(), 0u);
-        if (limit < 16 * MiB) {
-            EXPECT_LE(h->offsetInFile(), (2 * calls + 1) * MiB) << "the reader went on after the stop";
-        }
+        if (limit < 16 * MiB) { EXPECT_LE(h->offsetInFile(), (2 * calls + 1) * MiB) << "the reader went on after the stop"; }
     }
 }
 
