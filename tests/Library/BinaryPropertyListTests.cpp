@@ -147,9 +147,7 @@ TEST(BinaryPropertyListEncoding, EachKindIsWrittenAsTheseBytesAndReadBack) {
     for (const auto& row : table) {
         SCOPED_TRACE(row.what);
         const Bytes file = assemble({row.objects, 2, 2});
-        if (row.direction != ReadOnly) {
-            EXPECT_EQ(write(row.value), file);
-        }
+        if (row.direction != ReadOnly) { EXPECT_EQ(write(row.value), file); }
         if (row.direction != WriteOnly) {
             auto r = readPlist(file);
             EXPECT_TRUE(sameValue(r.value, row.value)) << describe(r.value.get());

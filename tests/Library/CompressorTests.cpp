@@ -146,12 +146,8 @@ TEST(Compressor, OutputIsThePlainLibraryCallsAtTheDefaultOrGivenLevel) {
 }
 
 TEST(Compressor, RefusalsGiveTheirDomainCodeTextAndLogLine) {
-    const struct {
-        QXDecompressionAlgorithm algorithm;
-        int level;
-        const char *domain, *description, *logLine;  // description "": not checked; logLine "": none
-        int code;
-    } cases[] = {
+    // description "": not checked; logLine "": none.
+    const struct { QXDecompressionAlgorithm algorithm; int level; const char *domain, *description, *logLine; int code; } cases[] = {
         {QXDecompressionAlgorithmPBZX, 9, "NSPOSIXErrorDomain", "", "", 22},
         {QXDecompressionAlgorithmAutomatic, 9, "NSPOSIXErrorDomain", "", "", 22},
         {QXDecompressionAlgorithmGzip, 10, "QXCompressorZLIBErrorDomain", "deflateInit error -2: stream error",
@@ -223,10 +219,9 @@ TEST(CompressorDrivers, FileRangesAndTheCountConsumed) {
     TempDir dir;
     const Bytes content = makePayload(500000, 4);
     const std::string source = dir.file("source", content);
-    const struct {
-        std::uint64_t offset, length, expected;
-    } cases[] = {{0, 0, 500000}, {1000, 300000, 300000}, {250000, 0, 250000}, {499999, 1, 1},
-                 {400000, 900000, 100000}, {102400, 102400, 102400}, {7, 102401, 102401}, {500000, 0, 0}};
+    const struct { std::uint64_t offset, length, expected; } cases[] = {
+        {0, 0, 500000}, {1000, 300000, 300000}, {250000, 0, 250000}, {499999, 1, 1},
+        {400000, 900000, 100000}, {102400, 102400, 102400}, {7, 102401, 102401}, {500000, 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.length));
         const Bytes slice(content.begin() + static_cast<long>(c.offset),
@@ -285,15 +280,10 @@ TEST(CompressorDrivers, ToAURLAndInPlaceReplaceOnlyOnSuccess) {
     EXPECT_EQ(toolDecode(QXDecompressionAlgorithmGzip, qxtest::readBytes(destination)), std::optional<Bytes>(content));
     EXPECT_EQ(qxtest::fileMode(destination), 0640u);
 
-    const struct {
-        const char* name;
-        std::string from;
-        QXDecompressionAlgorithm algorithm;
-        const char* domain;
-        int code;
-    } failures[] = {{"missing source", dir / "missing", QXDecompressionAlgorithmGzip, "NSCocoaErrorDomain", 260},
-                    {"algorithm 7", source, QXDecompressionAlgorithmPBZX, "NSPOSIXErrorDomain", 22},
-                    {"a folder as source", dir.path().string(), QXDecompressionAlgorithmXZ, "NSCocoaErrorDomain", 256}};
+    const struct { const char* name; std::string from; QXDecompressionAlgorithm algorithm; const char* domain; int code; } failures[] = {
+        {"missing source", dir / "missing", QXDecompressionAlgorithmGzip, "NSCocoaErrorDomain", 260},
+        {"algorithm 7", source, QXDecompressionAlgorithmPBZX, "NSPOSIXErrorDomain", 22},
+        {"a folder as source", dir.path().string(), QXDecompressionAlgorithmXZ, "NSCocoaErrorDomain", 256}};
     const Bytes before = qxtest::readBytes(destination);
     for (const auto& f : failures)
         for (unsigned threads : {1u, 2u}) {
@@ -364,46 +354,25 @@ TEST(CompressorDrivers, ThreadCountPicksTheSingleStreamOrBlocksInEveryDriver) {
     const std::pair<std::optional<unsigned>, const Bytes*> counts[] = {
         {std::nullopt, &single}, {1u, &single}, {2u, &blocks}, {3u, &blocks}, {0u, severalProcessors ? &blocks : &single}};
 
-    // Each writes source's compressed form to dir/"out" (in place: to a copy there).
+    // Each writes source's compressed form to dir/"out" (in place: to a copy there), through the
+    // form without a thread count when none is given.
     using Run = std::function<std::int64_t(std::optional<unsigned>)>;
     const auto gzip = QXDecompressionAlgorithmGzip;
-    auto toHandle = [&](const std::function<std::int64_t(const Ref<qx::FileHandle>&)>& driver) {
-        dir.file("out", "");
-        auto out = qx::FileHandle::fileHandleForWritingToURL(fileURL(dir / "out"));
-        const std::int64_t count = driver(out);
-        out->closeFile();
-        return count;
-    };
+    const auto from = fileURL(source), to = fileURL(dir / "out");
+    const auto in = [&] { return qx::FileHandle::fileHandleForReadingAtPath(source); };
+    const auto out = [&] { dir.file("out", ""); return qx::FileHandle::fileHandleForWritingToURL(to); };  // closed after the call
     const std::pair<const char*, Run> drivers[] = {
-        {"handle range", [&](std::optional<unsigned> t) {
-             return toHandle([&](const Ref<qx::FileHandle>& out) {
-                 auto in = qx::FileHandle::fileHandleForReadingAtPath(source);
-                 return t ? QXCompressor::compressFileHandle(in, 0, 0, out, gzip, *t, nullptr, nullptr)
-                          : QXCompressor::compressFileHandle(in, 0, 0, out, gzip, nullptr, nullptr);
-             });
-         }},
-        {"handle to handle", [&](std::optional<unsigned> t) {
-             return toHandle([&](const Ref<qx::FileHandle>& out) {
-                 auto in = qx::FileHandle::fileHandleForReadingAtPath(source);
-                 return t ? QXCompressor::compressFileHandleToFileHandle(in, out, gzip, *t, nullptr, nullptr)
-                          : QXCompressor::compressFileHandleToFileHandle(in, out, gzip);
-             });
-         }},
-        {"file to handle", [&](std::optional<unsigned> t) {
-             return toHandle([&](const Ref<qx::FileHandle>& out) {
-                 return t ? QXCompressor::compressFileAtURLToFileHandle(fileURL(source), out, gzip, *t, nullptr, nullptr)
-                          : QXCompressor::compressFileAtURLToFileHandle(fileURL(source), out, gzip);
-             });
-         }},
-        {"file to URL", [&](std::optional<unsigned> t) {
-             return t ? QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(dir / "out"), gzip, *t, nullptr,
-                                                             nullptr)
-                      : QXCompressor::compressFileAtURLToURL(fileURL(source), fileURL(dir / "out"), gzip);
-         }},
-        {"in place", [&](std::optional<unsigned> t) {
+        {"handle range", [&](auto t) { return t ? QXCompressor::compressFileHandle(in(), 0, 0, out(), gzip, *t, nullptr, nullptr)
+                                                : QXCompressor::compressFileHandle(in(), 0, 0, out(), gzip, nullptr, nullptr); }},
+        {"handle to handle", [&](auto t) { return t ? QXCompressor::compressFileHandleToFileHandle(in(), out(), gzip, *t, nullptr, nullptr)
+                                                    : QXCompressor::compressFileHandleToFileHandle(in(), out(), gzip); }},
+        {"file to handle", [&](auto t) { return t ? QXCompressor::compressFileAtURLToFileHandle(from, out(), gzip, *t, nullptr, nullptr)
+                                                  : QXCompressor::compressFileAtURLToFileHandle(from, out(), gzip); }},
+        {"file to URL", [&](auto t) { return t ? QXCompressor::compressFileAtURLToURL(from, to, gzip, *t, nullptr, nullptr)
+                                               : QXCompressor::compressFileAtURLToURL(from, to, gzip); }},
+        {"in place", [&](auto t) {
              qxtest::writeFile(dir / "out", content);
-             return t ? QXCompressor::compressFileAtURL(fileURL(dir / "out"), gzip, *t, nullptr, nullptr)
-                      : QXCompressor::compressFileAtURL(fileURL(dir / "out"), gzip);
+             return t ? QXCompressor::compressFileAtURL(to, gzip, *t, nullptr, nullptr) : QXCompressor::compressFileAtURL(to, gzip);
          }},
     };
     for (const auto& [name, run] : drivers)

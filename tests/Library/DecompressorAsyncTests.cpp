@@ -143,12 +143,8 @@ TEST(DecompressorAsync, RangeInsideALargerFileIsFoundWhereverTheHandleStands) {
     TempDir dir;
     const Payloads& p = payloads();
     const Bytes junk = randomBytes(777, 3);
-    Bytes contents = junk;
-    contents.insert(contents.end(), p.gzip.begin(), p.gzip.end());
-    const std::uint64_t bzip2At = contents.size();
-    contents.insert(contents.end(), p.bzip2.begin(), p.bzip2.end());
-    auto handle = openForReading(dir.file("mixed", contents));
-    handle->seekToFileOffset(bzip2At);  // bzip2's magic here would mislead detection
+    auto handle = openForReading(dir.file("mixed", junk + p.gzip + p.bzip2));
+    handle->seekToFileOffset(junk.size() + p.gzip.size());  // bzip2's magic here would mislead detection
     Recording recording;
     QXDecompressor::decompressFileHandle(handle, junk.size(), p.gzip.size(), QXDecompressionAlgorithmAutomatic,
                                          QXChecksumAlgorithmCRC32, QXChecksumAlgorithmNone, recording.handler(goOn));
@@ -166,8 +162,7 @@ TEST(DecompressorAsync, PipeGivesTheDecoderTheBytesTakenForDetection) {
     const Bytes junk = randomBytes(3000, 9);
     for (const std::size_t offset : {std::size_t{0}, junk.size()}) {
         SCOPED_TRACE(offset);
-        Bytes contents = slice(junk, 0, offset);
-        contents.insert(contents.end(), p.xz.begin(), p.xz.end());
+        const Bytes contents = slice(junk, 0, offset) + p.xz;
         Pipe pipe;
         std::thread writer([&] {
             // A run that gives up early closes the read end: the write then

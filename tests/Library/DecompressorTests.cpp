@@ -229,14 +229,9 @@ TEST(DecompressorStreaming, TruncatedDamagedOrMisnamedInput) {
     Bytes notXZChunk = {'p', 'b', 'z', 'x'};  // a compressed chunk whose bytes are not xz at all
     for (std::uint64_t v : {0, 100, 10}) appendBigEndian64(notXZChunk, v);
     notXZChunk.insert(notXZChunk.end(), 10, 0xAA);
-    const struct {
-        Bytes input;
-        QXDecompressionAlgorithm algorithm;
-        const char* domain;  // null: a quiet prefix, of code bytes when not 0
-        std::int64_t code;
-        const char* logLine = nullptr;
-        const char* description = nullptr;
-    } cases[] = {
+    // domain null: a quiet prefix, of code bytes when not 0.
+    const struct { Bytes input; QXDecompressionAlgorithm algorithm; const char* domain; std::int64_t code;
+                   const char *logLine = nullptr, *description = nullptr; } cases[] = {
         {cut(p.zlib, p.zlib.size() * 2 / 3), QXDecompressionAlgorithmZlib, nullptr, 0},
         {cut(p.raw, p.raw.size() * 2 / 3), QXDecompressionAlgorithmRawDeflate, nullptr, 0},
         {cut(p.gzip, p.gzip.size() * 2 / 3), QXDecompressionAlgorithmGzip, nullptr, 0},
@@ -263,9 +258,7 @@ TEST(DecompressorStreaming, TruncatedDamagedOrMisnamedInput) {
             if (!c.domain) {
                 ASSERT_TRUE(out) << error->localizedDescription();
                 EXPECT_LT(out->length(), p.plain.size());
-                if (c.code) {
-                    EXPECT_EQ(out->length(), static_cast<std::size_t>(c.code));
-                }
+                if (c.code) { EXPECT_EQ(out->length(), static_cast<std::size_t>(c.code)); }
                 EXPECT_TRUE(std::equal(out->bytes(), out->bytes() + out->length(), p.plain.begin()));
                 continue;
             }
@@ -553,9 +546,7 @@ TEST(DecompressorPBZX, LyingChunkHeadersFailOrDecodeWhatIsThereButNeverTrustTheS
     // compressed size off by a little either way cuts or overruns the xz
     // stream and misreads the next header; a huge one runs into the end of
     // the input. Each fails with an error, allocating nothing of that size.
-    Bytes both = first;
-    both.insert(both.end(), second.begin(), second.end());
-    EXPECT_TRUE(toBytes(QXDecompressor::decompressedDataFromData(toData(container(5, xzFirst.size())), 7)) == both);
+    EXPECT_TRUE(toBytes(QXDecompressor::decompressedDataFromData(toData(container(5, xzFirst.size())), 7)) == first + second);
     for (std::uint64_t packed : {xzFirst.size() - 1, xzFirst.size() + 1, std::uint64_t(1) << 62, ~std::uint64_t(0)}) {
         Ref<Error> error;
         EXPECT_FALSE(QXDecompressor::decompressedDataFromData(toData(container(first.size(), packed)), 7, &error));
@@ -598,10 +589,8 @@ TEST(DecompressorStreaming, UnconsumedLengthCountsTheBytesAfterTheStreamsEnd) {
     for (const auto& [stream, algorithm] : streams)
         for (std::size_t step : {std::size_t{1}, std::size_t{7}, std::size_t{4096}, stream->size(), stream->size() + 3}) {
             SCOPED_TRACE("algorithm " + std::to_string(algorithm) + ", step " + std::to_string(step));
-            Bytes input = *stream;
-            input.insert(input.end(), tail.begin(), tail.end());
             auto d = QXDecompressor::initForStreamingWithAlgorithm(algorithm);
-            auto out = decode(d, input, step);
+            auto out = decode(d, *stream + tail, step);
             EXPECT_EQ(toBytes(out), p.plain);
             EXPECT_TRUE(d->isFinished());
             EXPECT_EQ(d->unconsumedLength(), tail.size());

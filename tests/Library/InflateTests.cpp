@@ -46,8 +46,6 @@ std::vector<std::string> trace(const Bytes& input, QXDecompressionAlgorithm algo
 }
 
 Bytes gzipWithHeaderFields(const Bytes& plain) {
-    z_stream z{};
-    EXPECT_EQ(deflateInit2(&z, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
     Bytef extra[300] = {'x', 'y', 40, 1};
     char name[] = "name.txt", comment[] = "a comment";
     gz_header header{};
@@ -56,41 +54,16 @@ Bytes gzipWithHeaderFields(const Bytes& plain) {
     header.name = reinterpret_cast<Bytef*>(name);
     header.comment = reinterpret_cast<Bytef*>(comment);
     header.hcrc = 1;
-    deflateSetHeader(&z, &header);
-    Bytes out(deflateBound(&z, plain.size()) + 400);
-    z.next_in = const_cast<Bytef*>(plain.data());
-    z.avail_in = static_cast<uInt>(plain.size());
-    z.next_out = out.data();
-    z.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
+    return deflateBytes(plain, 31, 6, [&](z_stream& z) { deflateSetHeader(&z, &header); });
 }
 
 Bytes zlibWithDictionary(const Bytes& plain) {
-    z_stream z{};
-    EXPECT_EQ(deflateInit(&z, 6), Z_OK);
-    deflateSetDictionary(&z, plain.data(), 1000);
-    Bytes out(deflateBound(&z, plain.size()));
-    z.next_in = const_cast<Bytef*>(plain.data());
-    z.avail_in = static_cast<uInt>(plain.size());
-    z.next_out = out.data();
-    z.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
+    return deflateBytes(plain, 15, 6, [&](z_stream& z) { deflateSetDictionary(&z, plain.data(), 1000); });
 }
 
 Bytes with(Bytes b, std::size_t at, std::uint8_t mask) {
     b[at % b.size()] ^= mask;
     return b;
-}
-
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
 }
 
 } // namespace

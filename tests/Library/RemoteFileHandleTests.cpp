@@ -103,12 +103,7 @@ TEST(RemoteFileHandle, FlagsComeFromTheDescriptorsStatusWord) {
 TEST(RemoteFileHandle, InitialiserFailures) {
     TempDir dir;
     const auto absent = fileURL(dir / "absent");
-    struct Row {
-        const char* what;
-        std::function<Ref<Handle>(Ref<Error>*)> make;
-        const char* domain;
-        std::int64_t code;
-    } rows[] = {
+    struct Row { const char* what; std::function<Ref<Handle>(Ref<Error>*)> make; const char* domain; std::int64_t code; } rows[] = {
         {"missing file", [&](Ref<Error>* e) { return Handle::initForReadingFromURL(absent, e); }, NSCocoaErrorDomain, 260},
         {"missing file for writing", [&](Ref<Error>* e) { return Handle::initForWritingToURL(absent, e); }, NSCocoaErrorDomain, 4},
         {"scheme not read", [](Ref<Error>* e) { return Handle::initForReadingFromURL(URL::URLWithString("ftp://127.0.0.1/f"), e); },
@@ -139,12 +134,8 @@ TEST(RemoteFileHandle, SynchronousReadsOfEachSource) {
     REQUIRE_FORK_DIR(dir);
     const auto forked = dir->file("forked", "data fork");
     ASSERT_EQ(::setxattr(forked.c_str(), kFork, content.data(), content.size(), 0), 0);
-    struct Row {
-        const char* what;
-        Ref<Handle> handle;
-        bool readsAdvance;  // a fork read leaves the offset where it was
-        std::int64_t status;
-    } rows[] = {
+    // A fork read leaves the offset where it was.
+    struct Row { const char* what; Ref<Handle> handle; bool readsAdvance; std::int64_t status; } rows[] = {
         {"local file", Handle::initForReadingFromURL(fileURL(dir->file("a", content))), true, 0},
         {"resource fork", Handle::initForReadingFromResourceForkAtURL(fileURL(forked)), false, 0},
         {"HTTP", httpHandle(server, HttpTestServer::RangesPath), true, 206},
@@ -303,9 +294,7 @@ TEST(RemoteFileHandleLocal, StopEndsDeliveriesEvenOfChunksAlreadyRead) {
         EXPECT_EQ(d->calls.size(), calls);
         EXPECT_EQ(d->bytes, slice(content, 0, calls * MiB));
         EXPECT_EQ(d->doneCount(), 0u);
-        if (limit < 16 * MiB) {
-            EXPECT_LE(h->offsetInFile(), (2 * calls + 1) * MiB) << "the reader went on after the stop";
-        }
+        if (limit < 16 * MiB) { EXPECT_LE(h->offsetInFile(), (2 * calls + 1) * MiB) << "the reader went on after the stop"; }
     }
 }
 

@@ -88,9 +88,7 @@ TEST_P(RingBufferTransfer, EveryByteArrivesInOrder) {
                 r->commitWrite(sent);
             } else {
                 sent = r->writeBytes(chunk.data(), n, wait);
-                if (wait) {
-                    EXPECT_EQ(sent, n);
-                }
+                if (wait) { EXPECT_EQ(sent, n); }
             }
             if (sent == 0) sent = r->writeBytes(chunk.data(), std::min(n, capacity), true);  // full: wait for room
             position += sent;
@@ -112,9 +110,7 @@ TEST_P(RingBufferTransfer, EveryByteArrivesInOrder) {
             if (got > 0) std::memcpy(buffer.data(), appended->bytes(), got);
         } else {
             got = r->readBytes(buffer.data(), n, wait);
-            if (wait) {
-                EXPECT_EQ(got, n);
-            }
+            if (wait) { EXPECT_EQ(got, n); }
         }
         if (got == 0) got = r->readBytes(buffer.data(), std::min(n, capacity), true);  // empty: wait for data
         for (std::uint64_t i = 0; i < got; ++i) mismatches += buffer[i] != patternByte(position + i);

@@ -12,13 +12,10 @@ using Names = std::vector<std::string>;
 namespace {
 
 // Sets the process's file-creation mask for one scope.
-class ScopedUmask {
-public:
-    explicit ScopedUmask(mode_t mask) : saved_(::umask(mask)) {}
-    ~ScopedUmask() { ::umask(saved_); }
-
-private:
-    mode_t saved_;
+struct ScopedUmask {
+    explicit ScopedUmask(mode_t mask) : saved(::umask(mask)) {}
+    ~ScopedUmask() { ::umask(saved); }
+    const mode_t saved;
 };
 
 int writeAndCommit(QXSafeFileWriter& writer, const std::string& text) {
@@ -160,13 +157,10 @@ TEST(SafeFileWriter, ACallerNamedTemporaryIsUsedAsGivenOrRefused) {
     EXPECT_EQ(dir.names(), (Names{"taken", "target"}));
 
     // Nothing is overwritten or taken in its place, and nothing is left.
-    const struct {
-        const char* name;
-        int code;
-    } refusals[] = {{"taken", EEXIST}, {"target", EEXIST}, {"sub/name", EINVAL}, {"..", EINVAL}, {"", EINVAL}};
-    for (const auto& r : refusals) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(writer.open(target, std::string(r.name)), r.code);
+    for (const auto& [name, code] : std::vector<std::pair<std::string, int>>{
+             {"taken", EEXIST}, {"target", EEXIST}, {"sub/name", EINVAL}, {"..", EINVAL}, {"", EINVAL}}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(writer.open(target, name), code);
         EXPECT_EQ(writer.fd(), -1);
         EXPECT_EQ(readFile(dir / "taken"), "someone else's");
         EXPECT_EQ(readFile(target), "new");

@@ -29,10 +29,7 @@ bool vouched(const Ref<Object>& value) {
 
 TEST(XMLPropertyListPrinter, VouchesOnlyForTextTheParserTakes) {
     const std::string megabyte(1u << 20, 'a');
-    struct Row {
-        Ref<Object> value;
-        bool readsBack;
-    };
+    struct Row { Ref<Object> value; bool readsBack; };
     const std::vector<Row> table = {
         {dict({{"k & <l>", str("a & <b> \r\n\t\x7f \u00e9\u4e2d\U0001F600 \U0010FFFF")}, {"n", Number::withDouble(1.5)},
                {"i", Number::withDouble(INFINITY)}, {"d", Data::withString("\x01\x02")},

@@ -204,13 +204,7 @@ TEST(HTTPInputStream, ReadsARangeThroughTheScheduledLoopAndReportsABrokenTransfe
 }
 
 TEST_F(HTTPClientTest, DeliversTheFinalResponseThenItsBody) {
-    struct Case {
-        std::string method, path, range;
-        int status;
-        std::vector<std::uint8_t> body;
-        std::int64_t expectedLength;
-        bool acceptRanges;
-    };
+    struct Case { std::string method, path, range; int status; std::vector<std::uint8_t> body; std::int64_t expectedLength; bool acceptRanges; };
     const std::vector<Case> cases = {
         {"GET", "/ranges", "bytes=100-109", 206, slice(content, 100, 10), 10, true},
         {"GET", "/chunked", "", 200, content, -1, false},

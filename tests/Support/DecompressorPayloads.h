@@ -21,10 +21,11 @@ using qx::Ref;
 /// Bytes from..to of b.
 inline Bytes slice(const Bytes& b, std::size_t from, std::size_t to) { return Bytes(b.begin() + from, b.begin() + to); }
 
-// windowBits: 15 zlib, 31 gzip, -15 raw deflate.
-inline Bytes deflateBytes(const Bytes& in, int windowBits, int level = 6) {
+// windowBits: 15 zlib, 31 gzip, -15 raw deflate; prepare may set a gzip header or a dictionary.
+inline Bytes deflateBytes(const Bytes& in, int windowBits, int level = 6, const std::function<void(z_stream&)>& prepare = {}) {
     z_stream z{};
     EXPECT_EQ(deflateInit2(&z, level, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    if (prepare) prepare(z);
     Bytes out(deflateBound(&z, in.size()) + 64);
     z.next_in = const_cast<Bytef*>(in.data());
     z.avail_in = static_cast<uInt>(in.size());
@@ -94,3 +95,9 @@ inline const Payloads& payloads() {
 }
 
 } // namespace decompressorpayloads
+
+// a followed by b: concatenates the pieces of test inputs.
+inline qxtest::Bytes operator+(qxtest::Bytes a, const qxtest::Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}

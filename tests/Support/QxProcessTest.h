@@ -53,9 +53,9 @@ protected:
         return runShell(command, stdinPath);
     }
 
-    // Status 1, one line naming the file and giving a reason, nothing on standard output.
-    static void expectOneLineFailure(const QxRun& run, const std::string& name) {
-        EXPECT_EQ(run.exitStatus, 1) << run.describe();
+    // Status 1 (2 for usage errors), one line naming the file and giving a reason, nothing on standard output.
+    static void expectOneLineFailure(const QxRun& run, const std::string& name, int status = 1) {
+        EXPECT_EQ(run.exitStatus, status) << run.describe();
         EXPECT_EQ(run.errLines(), 1u) << run.describe();
         EXPECT_EQ(run.err.rfind("qx: " + name + ": ", 0), 0u) << run.describe();
         EXPECT_GT(run.err.size(), ("qx: " + name + ": \n").size()) << "the reason is missing";

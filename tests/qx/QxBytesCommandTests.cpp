@@ -83,23 +83,14 @@ TEST_F(QxBytes, RefusedInvocationsFailOnOneLineAndLeaveTheFileAlone) {
     const Bytes original = makePayload(64);
     const std::string file = input("data", original);
     const std::vector<std::vector<std::string>> cases = {
-        {"edit", file, "--delete", "60:5"},
-        {"edit", file, "--insert", "0:41", "--delete", "64:2"},  // in range only before the insertion
-        {"edit", file, "--insert", "65:41"},
-        {"edit", file, "--insert", "1:4"},
-        {"edit", file, "--insert", "x:41"},
-        {"edit", file, "--replace", "1:"},
-        {"edit", file},
-        {"find", file, "zz", "--hex"},
-        {"find", file, "a", "--offset", "65"},
-        {"find", file, "a", "--offset", "10", "--length", "55"},
-        {"find", (dir() / "missing").string(), "a"},
+        {"edit", file, "--delete", "60:5"}, {"edit", file, "--insert", "0:41", "--delete", "64:2"},  // in range only before the insertion
+        {"edit", file, "--insert", "65:41"}, {"edit", file, "--insert", "1:4"}, {"edit", file, "--insert", "x:41"},
+        {"edit", file, "--replace", "1:"}, {"edit", file}, {"find", file, "zz", "--hex"}, {"find", file, "a", "--offset", "65"},
+        {"find", file, "a", "--offset", "10", "--length", "55"}, {"find", (dir() / "missing").string(), "a"},
     };
     for (auto args : cases) {
         args.insert(args.begin(), "bytes");
-        const auto run = runQx(args);
-        SCOPED_TRACE(run.err);
-        expectOneLineFailure(run, args[2]);
+        expectOneLineFailure(runQx(args), args[2]);
         EXPECT_EQ(readBytes(file), original);
     }
 }

@@ -35,11 +35,8 @@ Bytes makeZip(const std::vector<ZipWriterEntry>& entries) {
             put32(b, central ? 0x02014b50 : 0x04034b50);
             if (central) put16(b, 20);
             for (unsigned v : {20u, unsigned{e.flags}, unsigned{e.method}, 0u, 0u}) put16(b, v);  // version, flags, method, time, date
-            put32(b, crc);
-            put32(b, static_cast<std::uint32_t>(data.size()));
-            put32(b, static_cast<std::uint32_t>(e.content.size()));
-            put16(b, static_cast<unsigned>(e.name.size()));
-            put16(b, 0);
+            for (std::uint32_t v : {crc, std::uint32_t(data.size()), std::uint32_t(e.content.size())}) put32(b, v);
+            for (unsigned v : {unsigned(e.name.size()), 0u}) put16(b, v);  // name and extra-field lengths
             if (central) {
                 for (int i = 0; i < 5; ++i) put16(b, 0);  // comment, disk, internal and external attributes
                 put32(b, offset);
@@ -54,8 +51,7 @@ Bytes makeZip(const std::vector<ZipWriterEntry>& entries) {
     file.insert(file.end(), directory.begin(), directory.end());
     put32(file, 0x06054b50);
     for (unsigned v : {0u, 0u, unsigned(entries.size()), unsigned(entries.size())}) put16(file, v);
-    put32(file, static_cast<std::uint32_t>(directory.size()));
-    put32(file, directoryOffset);
+    for (std::uint32_t v : {std::uint32_t(directory.size()), directoryOffset}) put32(file, v);
     put16(file, 0);
     return file;
 }

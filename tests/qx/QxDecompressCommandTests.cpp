@@ -6,6 +6,7 @@
 #include "HttpTestServer.h"
 #include "LegacyZipFixtures.h"
 #include "QxProcessTest.h"
+#include "ToolDecode.h"
 
 #include <qx/FileHandle.h>
 
@@ -67,8 +68,7 @@ TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
     EXPECT_TRUE(run.exitStatus == 0 && run.out.empty() && run.err.empty() && readFile(out()) == plain) << run.describe();
 
     // A payload inside a larger file, from the file and from a pipe (skipped, then read).
-    Bytes container = randomBytes(4099, 3);
-    container.insert(container.end(), payloads().gzip.begin(), payloads().gzip.end());
+    Bytes container = randomBytes(4099, 3) + payloads().gzip;
     container.resize(container.size() + 777, 0x1F);
     const std::string path = input("container", container), length = std::to_string(payloads().gzip.size());
     // The output's checksum goes to standard error, out of the data.
@@ -82,19 +82,14 @@ TEST_F(QxDecompress, OutputToAFileAndFromARangeOfAFileOrAPipe) {
 
 TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
     const Bytes first = makePayload(200000, 5), second = randomBytes(70000, 6), empty;
-    const auto concatenated = [](std::initializer_list<Bytes> parts) {
-        Bytes out;
-        for (const auto& part : parts) out.insert(out.end(), part.begin(), part.end());
-        return out;
-    };
-    const Bytes both = concatenated({first, second});
-    const Bytes gz = concatenated({deflateBytes(first, 31), deflateBytes(empty, 31), deflateBytes(second, 31)});
-    const Bytes bz2 = concatenated({decompressorpayloads::bzip2Bytes(first), decompressorpayloads::bzip2Bytes(second)});
+    const Bytes both = first + second;
+    const Bytes gz = deflateBytes(first, 31) + deflateBytes(empty, 31) + deflateBytes(second, 31);
+    const Bytes bz2 = decompressorpayloads::bzip2Bytes(first) + decompressorpayloads::bzip2Bytes(second);
     const struct { const char* name; Bytes input; bool garbage; } cases[] = {
         {"gzip members", gz, false},
         {"bzip2 streams", bz2, false},
-        {"gzip and zeros", concatenated({gz, Bytes(1000, 0)}), true},
-        {"bzip2 and text", concatenated({bz2, toBytes(std::string("BZ"))}), true},
+        {"gzip and zeros", gz + Bytes(1000, 0), true},
+        {"bzip2 and text", bz2 + toBytes(std::string("BZ")), true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -114,22 +109,8 @@ TEST_F(QxDecompress, EveryGzipMemberAndBzip2StreamIsDecoded) {
 
 TEST_F(QxDecompress, XZInIndependentBlocksIsDecodedWholeAndACutOneFails) {
     // Blocks of 64 KiB, as a threaded encoder writes them for threaded decoders.
-    const Bytes plainBytes = payloads().plain;
-    lzma_mt options{};
-    options.threads = 2;
-    options.block_size = 65536;
-    options.preset = 1;
-    options.check = LZMA_CHECK_CRC64;
-    lzma_stream z = LZMA_STREAM_INIT;
-    ASSERT_EQ(lzma_stream_encoder_mt(&z, &options), LZMA_OK);
-    Bytes xz(lzma_stream_buffer_bound(plainBytes.size()));
-    z.next_in = plainBytes.data();
-    z.avail_in = plainBytes.size();
-    z.next_out = xz.data();
-    z.avail_out = xz.size();
-    ASSERT_EQ(lzma_code(&z, LZMA_FINISH), LZMA_STREAM_END);
-    xz.resize(z.total_out);
-    lzma_end(&z);
+    auto xz = runFilter("xz -1 -T2 --block-size=65536 -c", payloads().plain).value_or(Bytes{});
+    ASSERT_GT(xz.size(), 100u);
     const std::string path = input("blocks.xz", xz);
     for (const auto& [source, pipe] : {std::pair{path, std::string()}, {std::string("-"), pipeFrom(path)}}) {
         const QxRun run = qx({source}, pipe.empty() ? "/dev/null" : "", pipe);

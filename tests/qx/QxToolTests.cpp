@@ -104,13 +104,18 @@ TEST_F(QxTool, OutputReplacesFilesAndWritesIntoPipes) {
     EXPECT_EQ(workEntries(), (std::vector<std::string>{"fifo", "replaced", "same"}));
 }
 
-TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsNameTheFileAndTheReason) {
+TEST_F(QxTool, UnwritableDestinationsAndUnreadableInputsOrRangesNameTheFileAndTheReason) {
     const fs::path noDir = work() / "no-such-dir" / "out", missing = dir() / "missing";
+    const std::string small = dir() / "small.bin";
+    writeFile(small, "abc");
     const std::vector<std::tuple<QxRun, std::string, int>> cases = {
         {convert(kGoodInput, noDir), noDir.string(), ENOENT},
         {convert(kGoodInput, work()), work().string(), 0},  // a directory is not a file to replace
         {runQx({"plist", "print", missing.string()}), missing.string(), ENOENT},
         {runQx({"plist", "print", work().string()}), work().string(), EISDIR},
+        {runQx({"hexdump", missing.string()}), missing.string(), ENOENT},
+        {runQx({"hexdump", small, "--offset", "4"}), small, 0},  // past the end
+        {runQx({"hexdump", "-", "--offset", "4"}, "", "cat " + shellQuote(small) + " |"), "(standard input)", 0},
     };
     for (const auto& [run, name, code] : cases) {
         expectOneLineFailure(run, name);
@@ -154,12 +159,4 @@ TEST_F(QxTool, HexdumpShowsOffsetHexAndTextColumnsOfAnyRangeOfFilesAndPipes) {
         run = runQx(args, "", "cat " + shellQuote(input) + " |");
         EXPECT_EQ(run.out, expected) << "piped " << ::testing::PrintToString(options);
     }
-}
-
-TEST_F(QxTool, HexdumpFailuresNameTheInput) {
-    const std::string input = dir() / "small.bin", missing = dir() / "missing";
-    writeFile(input, "abc");
-    expectOneLineFailure(runQx({"hexdump", input, "--offset", "4"}), input);
-    expectOneLineFailure(runQx({"hexdump", missing}), missing);
-    expectOneLineFailure(runQx({"hexdump", "-", "--offset", "4"}, "", "cat " + shellQuote(input) + " |"), "(standard input)");
 }

@@ -87,11 +87,5 @@ TEST_F(QxWatch, ErrorsAreOneLineAndExitTwo) {
         {{"watch", "--changed-since", "-1", folder()}, "watch"},
         {{"watch", "--latest", "--changed-since", "5", folder()}, "watch"},
     };
-    for (const auto& c : cases) {
-        auto run = runQx(c.args);
-        EXPECT_EQ(run.exitStatus, 2) << run.describe();
-        EXPECT_EQ(run.errLines(), 1u) << run.describe();
-        EXPECT_EQ(run.err.rfind("qx: " + c.name + ": ", 0), 0u) << run.describe();
-        EXPECT_TRUE(run.out.empty()) << run.out;
-    }
+    for (const auto& c : cases) expectOneLineFailure(runQx(c.args), c.name, 2);
 }
