@@ -18,17 +18,6 @@
 #include <typeinfo>
 #include <vector>
 
-namespace {
-
-// value when its class is exactly T: one comparison of type identities,
-// where a dynamic cast would walk the class hierarchy.
-template <class T>
-const T* exactly(const qx::Object* value) {
-    return value && typeid(*value) == typeid(T) ? static_cast<const T*>(value) : nullptr;
-}
-
-} // namespace
-
 bool QXPropertyList::containsSearchString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
                                           QXStringCompareOptions options, const MatchTypes& matchTypes) const {
     if (!text) return false;
@@ -67,23 +56,27 @@ bool QXPropertyList::matchesSearchPattern(const QXSearchPattern& pattern, QXProp
     if ((scope & QXPropertyListSearchKeys) && _privateKey && underDictionary && pattern.matchesKey(*_privateKey))
         return true;
     if (!(scope & QXPropertyListSearchValues)) return false;
-    // Values of the kind the type code promises are read in place; anything
-    // else takes the conversions containsSearchString takes.
+    // Values of the kind the type code promises are read in place, and not
+    // at all when the pattern rules their kind out; anything else takes the
+    // conversions containsSearchString takes.
     const qx::Object* value = _privateValue.get();
     switch (_privateTypeCode) {
     case QXPropertyListStringType:
-        if (const auto* string = exactly<qx::String>(value)) return pattern.matchesText(string->utf8());
+        if (_valueKind == ValueKind::String) return pattern.matchesText(static_cast<const qx::String*>(value)->utf8());
         [[fallthrough]];
     case QXPropertyListNumberType:
     case QXPropertyListBooleanType:
-        if (const auto* number = exactly<qx::Number>(value)) return pattern.matchesNumber(*number);
+        if (_valueKind == ValueKind::Number)
+            return !pattern.rulesOutNumbers() && pattern.matchesNumber(*static_cast<const qx::Number*>(value));
         return pattern.matchesText(stringValue()->utf8());
     case QXPropertyListDataType: {
-        if (const auto* bytes = exactly<qx::Data>(value)) return pattern.matchesData(*bytes);
+        if (_valueKind == ValueKind::Data) return pattern.matchesData(*static_cast<const qx::Data*>(value));
         auto data = dataValue();
         return data && pattern.matchesData(*data);
     }
-    case QXPropertyListDateType: return pattern.matchesDate(dateValue());
+    case QXPropertyListDateType:
+        if (_valueKind == ValueKind::FiniteDate && pattern.rulesOutFiniteDates()) return false;
+        return pattern.matchesDate(dateValue());
     default: return false;
     }
 }
@@ -112,13 +105,18 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
         return typeid(*item) == typeid(QXPropertyList) ? static_cast<const QXPropertyList*>(item)
                                                        : dynamic_cast<const QXPropertyList*>(item);
     };
-    // Keys need no fetching: dictionaries share them, and the pattern keeps
-    // its answer per key object.
-    auto fetchFields = [](const qx::Array& list, std::size_t i) {
+    // The pattern keeps its answer per key object, so a shared key is read
+    // once per search.
+    auto fetchFields = [&pattern](const qx::Array& list, std::size_t i) {
         if (i >= list.count()) return;
         const qx::Object* item = list[i].get();
         if (!item || typeid(*item) != typeid(QXPropertyList)) return;
         const auto* node = static_cast<const QXPropertyList*>(item);
+        __builtin_prefetch(node->_privateKey.get());  // cheap when keys are shared, as they mostly are
+        const ValueKind kind = node->_valueKind;
+        if ((kind == ValueKind::Number && pattern.rulesOutNumbers()) ||
+            (kind == ValueKind::FiniteDate && pattern.rulesOutFiniteDates()))
+            return;  // a value that will not be read
         __builtin_prefetch(node->_privateValue.get());
     };
     // Where a node's fields lie from the start of its object, so that an
@@ -153,9 +151,9 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
         if (node->matchesSearchPattern(pattern, scope, matchTypes, dictionary))
             found.push_back(std::static_pointer_cast<QXPropertyList>(list[at]));
         if (!isContainerCode(node->_privateTypeCode)) continue;
-        const qx::Object* value = node->_privateValue.get();
-        const qx::Array* children = exactly<qx::Array>(value);
-        if (!children) children = node->childList();
+        const qx::Array* children = node->_valueKind == ValueKind::Array
+                                        ? static_cast<const qx::Array*>(node->_privateValue.get())
+                                        : node->childList();
         if (children)
             enter(children, node->_privateTypeCode == QXPropertyListDictionaryType);
     }
