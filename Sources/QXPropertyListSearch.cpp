@@ -15,6 +15,12 @@
 #include "Internal/QXStringSearch.h"
 
 #include <algorithm>
+#include <atomic>
+#include <exception>
+#include <iterator>
+#include <string>
+#include <system_error>
+#include <thread>
 #include <typeinfo>
 #include <vector>
 
@@ -81,81 +87,214 @@ bool QXPropertyList::matchesSearchPattern(const QXSearchPattern& pattern, QXProp
     }
 }
 
-QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<qx::String>& text,
-                                                                  QXPropertyListSearchScope scope,
-                                                                  QXStringCompareOptions options,
-                                                                  const MatchTypes& matchTypes) const {
-    Nodes found;
-    if (!text) return found;
-    const QXSearchPattern pattern(text->utf8(), options);
-    // Pre-order with an explicit stack of child lists: deep trees cannot
-    // exhaust the call stack, and no node is copied unless it matches. The
-    // walk is bound by memory latency (a node and its value lie in two
-    // places), so the nodes a few places ahead in the list, and then their
-    // values, are fetched while the current one is tested.
-    struct Level {
+// Find-all walks ranges of child lists. A large tree is cut into ranges
+// first: the top of the tree is opened level by level, its nodes tested on
+// the way, until there are enough ranges below it for the threads to share;
+// each thread then takes the next untaken range (with its own pattern, whose
+// caches are not shared), and the answer is the pieces joined in document
+// order. Ranges are not equal in size, so many more are made than threads.
+struct QXPropertyList::FindAll {
+    struct Range {
         const qx::Array* list;
-        std::size_t next;
+        std::size_t begin, end;
         bool dictionary;
     };
-    constexpr std::size_t kNodesAhead = 6, kFieldsAhead = 3;
-    auto nodeAt = [](const qx::Array& list, std::size_t i) -> const QXPropertyList* {
+    // One piece of the answer, in document order: a node matched while the
+    // tree was being cut, or the matches of a range.
+    struct Piece {
+        Ref match;
+        Range range{};
+        Nodes found;
+    };
+
+    QXPropertyListSearchScope scope;
+    const MatchTypes& matchTypes;
+
+    static constexpr std::size_t kRanges = 64;          // enough to share out unequal ranges
+    static constexpr std::size_t kFanOut = 8;           // a long list is cut into this many
+    static constexpr std::size_t kThreadedNodes = 1024; // fewer nodes left than this: one thread
+    static constexpr std::size_t kMaxThreads = 4;
+
+    static const QXPropertyList* nodeAt(const qx::Array& list, std::size_t i) {
         const qx::Object* item = list[i].get();
         if (!item) return nullptr;
         return typeid(*item) == typeid(QXPropertyList) ? static_cast<const QXPropertyList*>(item)
                                                        : dynamic_cast<const QXPropertyList*>(item);
-    };
-    // The pattern keeps its answer per key object, so a shared key is read
-    // once per search.
-    auto fetchFields = [&pattern](const qx::Array& list, std::size_t i) {
-        if (i >= list.count()) return;
-        const qx::Object* item = list[i].get();
+    }
+
+    static const qx::Array* childrenOf(const QXPropertyList& node) {
+        if (!isContainerCode(node._privateTypeCode)) return nullptr;
+        return node._valueKind == ValueKind::Array ? static_cast<const qx::Array*>(node._privateValue.get())
+                                                   : node.childList();
+    }
+
+    bool matches(const QXSearchPattern& pattern, const QXPropertyList& node, bool dictionary) const {
+        return node.matchesSearchPattern(pattern, scope, matchTypes, dictionary);
+    }
+
+    std::vector<Piece> cut(const QXSearchPattern& pattern, const Range& whole) const;
+    void walk(const QXSearchPattern& pattern, const Range& range, Nodes& found) const;
+};
+
+std::vector<QXPropertyList::FindAll::Piece> QXPropertyList::FindAll::cut(const QXSearchPattern& pattern,
+                                                                         const Range& whole) const {
+    std::vector<Piece> pieces(1);
+    pieces[0].range = whole;
+    for (bool opened = true; opened;) {
+        const auto ranges = static_cast<std::size_t>(
+            std::count_if(pieces.begin(), pieces.end(), [](const Piece& p) { return !p.match; }));
+        if (ranges >= kRanges) break;
+        opened = false;
+        std::vector<Piece> next;
+        for (auto& piece : pieces) {
+            const Range r = piece.range;
+            const std::size_t length = r.end - r.begin;
+            if (piece.match || length == 0) {
+                if (piece.match) next.push_back(std::move(piece));
+                continue;
+            }
+            opened = true;
+            if (length > 1) {
+                const std::size_t parts = std::min(length, kFanOut);
+                for (std::size_t k = 0; k < parts; ++k) {
+                    Piece part;
+                    part.range = {r.list, r.begin + length * k / parts, r.begin + length * (k + 1) / parts, r.dictionary};
+                    next.push_back(std::move(part));
+                }
+                continue;
+            }
+            const QXPropertyList* node = nodeAt(*r.list, r.begin);
+            if (!node) continue;  // a plain element of a list set as a value reads as no node
+            if (matches(pattern, *node, r.dictionary)) {
+                Piece found;
+                found.match = std::static_pointer_cast<QXPropertyList>((*r.list)[r.begin]);
+                next.push_back(std::move(found));
+            }
+            if (const qx::Array* children = childrenOf(*node)) {
+                Piece below;
+                below.range = {children, 0, children->count(), node->_privateTypeCode == QXPropertyListDictionaryType};
+                next.push_back(std::move(below));
+            }
+        }
+        pieces = std::move(next);
+    }
+    return pieces;
+}
+
+void QXPropertyList::FindAll::walk(const QXSearchPattern& pattern, const Range& range, Nodes& found) const {
+    // Pre-order with an explicit stack of child lists: deep trees cannot
+    // exhaust the call stack, and no node is copied unless it matches. The
+    // walk is bound by memory latency (a node and its value lie in two
+    // places), so the nodes a few places ahead in the list, and then their
+    // values and keys, are fetched while the current one is tested; values
+    // the pattern rules out by their kind are not.
+    constexpr std::size_t kNodesAhead = 6, kFieldsAhead = 3;
+    auto fetchFields = [&pattern](const Range& level, std::size_t i) {
+        if (i >= level.end) return;
+        const qx::Object* item = (*level.list)[i].get();
         if (!item || typeid(*item) != typeid(QXPropertyList)) return;
         const auto* node = static_cast<const QXPropertyList*>(item);
         __builtin_prefetch(node->_privateKey.get());  // cheap when keys are shared, as they mostly are
         const ValueKind kind = node->_valueKind;
         if ((kind == ValueKind::Number && pattern.rulesOutNumbers()) ||
             (kind == ValueKind::FiniteDate && pattern.rulesOutFiniteDates()))
-            return;  // a value that will not be read
+            return;
         __builtin_prefetch(node->_privateValue.get());
     };
-    // Where a node's fields lie from the start of its object, so that an
-    // element can be fetched before its class is known (a prefetch never faults).
-    const std::ptrdiff_t fieldsOffset = reinterpret_cast<const char*>(&_privateTypeCode) -
-                                        reinterpret_cast<const char*>(static_cast<const qx::Object*>(this));
-    auto fetchNode = [fieldsOffset](const qx::Array& list, std::size_t i) {
-        if (i >= list.count()) return;
-        const char* item = reinterpret_cast<const char*>(list[i].get());
-        __builtin_prefetch(item);  // the class, read first
-        __builtin_prefetch(item + fieldsOffset);
+    // The class pointer and the fields lie close together at the start of a
+    // node, so fetching the start and one line on brings both (a prefetch
+    // never faults, so the element need not be known to be a node).
+    auto fetchNode = [](const Range& level, std::size_t i) {
+        if (i >= level.end) return;
+        const char* item = reinterpret_cast<const char*>((*level.list)[i].get());
+        __builtin_prefetch(item);
+        __builtin_prefetch(item + 64);
     };
-    std::vector<Level> stack;
-    auto enter = [&stack, &fetchNode](const qx::Array* list, bool dictionary) {
-        for (std::size_t i = 0; i < kNodesAhead; ++i) fetchNode(*list, i);
-        stack.push_back({list, 0, dictionary});
+    std::vector<Range> stack;
+    auto enter = [&stack, &fetchNode](const Range& level) {
+        for (std::size_t i = level.begin; i < level.begin + kNodesAhead; ++i) fetchNode(level, i);
+        stack.push_back(level);
     };
-    if (const qx::Array* list = childList()) enter(list, _privateTypeCode == QXPropertyListDictionaryType);
+    enter(range);
     while (!stack.empty()) {
-        Level& level = stack.back();
-        const qx::Array& list = *level.list;
-        if (level.next == list.count()) {
+        Range& level = stack.back();
+        if (level.begin == level.end) {
             stack.pop_back();
             continue;
         }
-        const std::size_t at = level.next++;
-        const bool dictionary = level.dictionary;
-        fetchNode(list, at + kNodesAhead);
-        fetchFields(list, at + kFieldsAhead);
-        const QXPropertyList* node = nodeAt(list, at);
-        if (!node) continue;  // a plain element of a list set as a value reads as no node
-        if (node->matchesSearchPattern(pattern, scope, matchTypes, dictionary))
-            found.push_back(std::static_pointer_cast<QXPropertyList>(list[at]));
-        if (!isContainerCode(node->_privateTypeCode)) continue;
-        const qx::Array* children = node->_valueKind == ValueKind::Array
-                                        ? static_cast<const qx::Array*>(node->_privateValue.get())
-                                        : node->childList();
-        if (children)
-            enter(children, node->_privateTypeCode == QXPropertyListDictionaryType);
+        const std::size_t at = level.begin++;
+        const Range here = level;  // enter() may move the stack
+        fetchNode(here, at + kNodesAhead);
+        fetchFields(here, at + kFieldsAhead);
+        const QXPropertyList* node = nodeAt(*here.list, at);
+        if (!node) continue;
+        if (matches(pattern, *node, here.dictionary))
+            found.push_back(std::static_pointer_cast<QXPropertyList>((*here.list)[at]));
+        if (const qx::Array* children = childrenOf(*node))
+            enter({children, 0, children->count(), node->_privateTypeCode == QXPropertyListDictionaryType});
+    }
+}
+
+QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<qx::String>& text,
+                                                                  QXPropertyListSearchScope scope,
+                                                                  QXStringCompareOptions options,
+                                                                  const MatchTypes& matchTypes) const {
+    Nodes found;
+    const qx::Array* list = childList();
+    if (!text || !list) return found;
+    const QXSearchPattern pattern(text->utf8(), options);
+    const FindAll search{scope, matchTypes};
+    const bool dictionary = _privateTypeCode == QXPropertyListDictionaryType;
+    std::vector<FindAll::Piece> pieces = search.cut(pattern, {list, 0, list->count(), dictionary});
+
+    std::vector<FindAll::Piece*> ranges;
+    std::size_t left = 0;
+    for (auto& piece : pieces)
+        if (!piece.match) {
+            ranges.push_back(&piece);
+            left += piece.range.end - piece.range.begin;
+        }
+    std::atomic<std::size_t> next{0};
+    auto work = [&search, &ranges, &next](const QXSearchPattern& mine) {
+        for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < ranges.size();)
+            search.walk(mine, ranges[i]->range, ranges[i]->found);
+    };
+    std::vector<std::thread> helpers;
+    std::vector<std::exception_ptr> failures;
+    const std::size_t threads =
+        left < FindAll::kThreadedNodes ? 1 : std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, FindAll::kMaxThreads);
+    failures.resize(threads);
+    const std::string needle = text->utf8();
+    for (std::size_t t = 1; t < threads; ++t) {
+        try {
+            helpers.emplace_back([&work, &failures, &needle, options, t] {
+                try {
+                    const QXSearchPattern mine(needle, options);
+                    work(mine);
+                } catch (...) {
+                    failures[t] = std::current_exception();
+                }
+            });
+        } catch (const std::system_error&) {
+            break;  // no more threads to be had: the ones started and this one do the rest
+        }
+    }
+    try {
+        work(pattern);
+    } catch (...) {
+        failures[0] = std::current_exception();
+        next.store(ranges.size());  // the helpers stop at their next range
+    }
+    for (auto& helper : helpers) helper.join();
+    for (const auto& failure : failures)
+        if (failure) std::rethrow_exception(failure);
+
+    for (auto& piece : pieces) {
+        if (piece.match) {
+            found.push_back(std::move(piece.match));
+        } else {
+            found.insert(found.end(), std::make_move_iterator(piece.found.begin()), std::make_move_iterator(piece.found.end()));
+        }
     }
     if (options & QXBackwardsSearch) std::reverse(found.begin(), found.end());
     return found;

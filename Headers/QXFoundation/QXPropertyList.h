@@ -219,8 +219,9 @@ public:
     /// Every node of the subtree below this one that containsSearchString
     /// accepts, in document order (or its exact reverse when the options hold
     /// the backwards bit), descendants of a match included: unlike repeated
-    /// find-next, which leaves a match's own subtree unvisited. One walk, the
-    /// text compiled once for it.
+    /// find-next, which leaves a match's own subtree unvisited. The text is
+    /// compiled once; a large tree is walked on several threads at once, so
+    /// nothing may edit it meanwhile (as for any reading of a tree).
     Nodes allChildrenContainingString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
                                       QXStringCompareOptions options, const MatchTypes& matchTypes) const;
     bool containsSearchString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
@@ -289,6 +290,8 @@ private:
     static Ref makeUnwrapped(const qx::Ref<qx::Object>& value, SharedKeys& keys);
     Ref self() const;
     const qx::Array* childList() const;
+    /// allChildrenContainingString's walk (QXPropertyListSearch.cpp).
+    struct FindAll;
     /// containsSearchString with the text compiled, the parent's kind known.
     bool matchesSearchPattern(const QXSearchPattern& pattern, QXPropertyListSearchScope scope,
                               const MatchTypes& matchTypes, bool underDictionary) const;
