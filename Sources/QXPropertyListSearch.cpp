@@ -11,16 +11,17 @@
 // which gives the same answers with far less work per node.
 #include <QXFoundation/QXPropertyList.h>
 
+#include "Internal/QXHelperThreads.h"
 #include "Internal/QXSearchPattern.h"
 #include "Internal/QXStringSearch.h"
 
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <iterator>
+#include <mutex>
 #include <string>
-#include <system_error>
-#include <thread>
 #include <typeinfo>
 #include <vector>
 
@@ -113,7 +114,6 @@ struct QXPropertyList::FindAll {
     static constexpr std::size_t kRanges = 64;          // enough to share out unequal ranges
     static constexpr std::size_t kFanOut = 8;           // a long list is cut into this many
     static constexpr std::size_t kThreadedNodes = 1024; // fewer nodes left than this: one thread
-    static constexpr std::size_t kMaxThreads = 4;
 
     static const QXPropertyList* nodeAt(const qx::Array& list, std::size_t i) {
         const qx::Object* item = list[i].get();
@@ -259,35 +259,26 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
         for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < ranges.size();)
             search.walk(mine, ranges[i]->range, ranges[i]->found);
     };
-    std::vector<std::thread> helpers;
-    std::vector<std::exception_ptr> failures;
-    const std::size_t threads =
-        left < FindAll::kThreadedNodes ? 1 : std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, FindAll::kMaxThreads);
-    failures.resize(threads);
-    const std::string needle = text->utf8();
-    for (std::size_t t = 1; t < threads; ++t) {
-        try {
-            helpers.emplace_back([&work, &failures, &needle, options, t] {
-                try {
-                    const QXSearchPattern mine(needle, options);
-                    work(mine);
-                } catch (...) {
-                    failures[t] = std::current_exception();
-                }
-            });
-        } catch (const std::system_error&) {
-            break;  // no more threads to be had: the ones started and this one do the rest
-        }
-    }
-    try {
+    if (left < FindAll::kThreadedNodes) {
         work(pattern);
-    } catch (...) {
-        failures[0] = std::current_exception();
-        next.store(ranges.size());  // the helpers stop at their next range
-    }
-    for (auto& helper : helpers) helper.join();
-    for (const auto& failure : failures)
+    } else {
+        // Each thread tests with a pattern of its own (its caches are not shared).
+        const std::string needle = text->utf8();
+        std::mutex failed;
+        std::exception_ptr failure;
+        const std::function<void()> job = [&] {
+            try {
+                const QXSearchPattern mine(needle, options);
+                work(mine);
+            } catch (...) {
+                std::lock_guard<std::mutex> lock(failed);
+                if (!failure) failure = std::current_exception();
+                next.store(ranges.size());  // the others stop at their next range
+            }
+        };
+        QXHelperThreads::shared().run(job);
         if (failure) std::rethrow_exception(failure);
+    }
 
     for (auto& piece : pieces) {
         if (piece.match) {
