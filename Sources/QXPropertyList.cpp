@@ -90,7 +90,7 @@ bool countsAsMutation(std::string_view key) {
 QXPropertyList::Ref QXPropertyList::propertyList() {
     Ref node = makeNode();
     node->_privateTypeCode = QXPropertyListDictionaryType;
-    node->_privateValue = qx::Array::create();
+    node->storeValue(qx::Array::create());
     node->startWatchingMutations();
     return node;
 }
@@ -98,13 +98,6 @@ QXPropertyList::Ref QXPropertyList::propertyList() {
 QXPropertyList::Ref QXPropertyList::propertyListWithValue(const qx::Ref<qx::Object>& value) {
     Ref node = makeNode();
     node->setValue(value);
-    node->startWatchingMutations();
-    return node;
-}
-
-QXPropertyList::Ref QXPropertyList::propertyListWithUnwrappedValue(const qx::Ref<qx::Object>& value) {
-    Ref node = makeNode();
-    node->adoptUnwrappedValue(value);
     node->startWatchingMutations();
     return node;
 }

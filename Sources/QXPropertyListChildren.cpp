@@ -41,7 +41,7 @@ void QXPropertyList::registerRestore(const qx::Ref<qx::Object>& old) {
 void QXPropertyList::privateSetValue(const qx::Ref<qx::Object>& value) {
     registerRestore(_privateValue);
     announceWill("privateValue");
-    _privateValue = value;
+    storeValue(value);
     announceDid("privateValue");
 }
 
@@ -51,7 +51,7 @@ void QXPropertyList::privateSetChildren(const Nodes& children) {
     list->reserve(children.size());
     for (const auto& child : children) list->addObject(child);
     announceWill("privateValue");
-    _privateValue = list;
+    storeValue(std::move(list));
     announceDid("privateValue");
     // Attaching finds each node already in the list, so none is added twice.
     const Ref me = self();

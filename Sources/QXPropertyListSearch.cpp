@@ -11,23 +11,19 @@
 // which gives the same answers with far less work per node.
 #include <QXFoundation/QXPropertyList.h>
 
+#include "Internal/QXHelperThreads.h"
 #include "Internal/QXSearchPattern.h"
 #include "Internal/QXStringSearch.h"
 
 #include <algorithm>
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <string>
 #include <typeinfo>
 #include <vector>
-
-namespace {
-
-// value when its class is exactly T: one comparison of type identities,
-// where a dynamic cast would walk the class hierarchy.
-template <class T>
-const T* exactly(const qx::Object* value) {
-    return value && typeid(*value) == typeid(T) ? static_cast<const T*>(value) : nullptr;
-}
-
-} // namespace
 
 bool QXPropertyList::containsSearchString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
                                           QXStringCompareOptions options, const MatchTypes& matchTypes) const {
@@ -67,24 +63,175 @@ bool QXPropertyList::matchesSearchPattern(const QXSearchPattern& pattern, QXProp
     if ((scope & QXPropertyListSearchKeys) && _privateKey && underDictionary && pattern.matchesKey(*_privateKey))
         return true;
     if (!(scope & QXPropertyListSearchValues)) return false;
-    // Values of the kind the type code promises are read in place; anything
-    // else takes the conversions containsSearchString takes.
+    // Values of the kind the type code promises are read in place, and not
+    // at all when the pattern rules their kind out; anything else takes the
+    // conversions containsSearchString takes.
     const qx::Object* value = _privateValue.get();
     switch (_privateTypeCode) {
     case QXPropertyListStringType:
-        if (const auto* string = exactly<qx::String>(value)) return pattern.matchesText(string->utf8());
+        if (_valueKind == ValueKind::String) return pattern.matchesText(static_cast<const qx::String*>(value)->utf8());
         [[fallthrough]];
     case QXPropertyListNumberType:
     case QXPropertyListBooleanType:
-        if (const auto* number = exactly<qx::Number>(value)) return pattern.matchesNumber(*number);
+        if (_valueKind == ValueKind::Number)
+            return !pattern.rulesOutNumbers() && pattern.matchesNumber(*static_cast<const qx::Number*>(value));
         return pattern.matchesText(stringValue()->utf8());
     case QXPropertyListDataType: {
-        if (const auto* bytes = exactly<qx::Data>(value)) return pattern.matchesData(*bytes);
+        if (_valueKind == ValueKind::Data) return pattern.matchesData(*static_cast<const qx::Data*>(value));
         auto data = dataValue();
         return data && pattern.matchesData(*data);
     }
-    case QXPropertyListDateType: return pattern.matchesDate(dateValue());
+    case QXPropertyListDateType:
+        if (_valueKind == ValueKind::FiniteDate && pattern.rulesOutFiniteDates()) return false;
+        return pattern.matchesDate(dateValue());
     default: return false;
+    }
+}
+
+// Find-all walks ranges of child lists. A large tree is cut into ranges
+// first: the top of the tree is opened level by level, its nodes tested on
+// the way, until there are enough ranges below it for the threads to share;
+// each thread then takes the next untaken range (with its own pattern, whose
+// caches are not shared), and the answer is the pieces joined in document
+// order. Ranges are not equal in size, so many more are made than threads.
+struct QXPropertyList::FindAll {
+    struct Range {
+        const qx::Array* list;
+        std::size_t begin, end;
+        bool dictionary;
+    };
+    // One piece of the answer, in document order: a node matched while the
+    // tree was being cut, or the matches of a range.
+    struct Piece {
+        Ref match;
+        Range range{};
+        Nodes found;
+    };
+
+    QXPropertyListSearchScope scope;
+    const MatchTypes& matchTypes;
+
+    static constexpr std::size_t kRanges = 64;          // enough to share out unequal ranges
+    static constexpr std::size_t kFanOut = 8;           // a long list is cut into this many
+    static constexpr std::size_t kThreadedNodes = 1024; // fewer nodes left than this: one thread
+
+    static const QXPropertyList* nodeAt(const qx::Array& list, std::size_t i) {
+        const qx::Object* item = list[i].get();
+        if (!item) return nullptr;
+        return typeid(*item) == typeid(QXPropertyList) ? static_cast<const QXPropertyList*>(item)
+                                                       : dynamic_cast<const QXPropertyList*>(item);
+    }
+
+    static const qx::Array* childrenOf(const QXPropertyList& node) {
+        if (!isContainerCode(node._privateTypeCode)) return nullptr;
+        return node._valueKind == ValueKind::Array ? static_cast<const qx::Array*>(node._privateValue.get())
+                                                   : node.childList();
+    }
+
+    bool matches(const QXSearchPattern& pattern, const QXPropertyList& node, bool dictionary) const {
+        return node.matchesSearchPattern(pattern, scope, matchTypes, dictionary);
+    }
+
+    std::vector<Piece> cut(const QXSearchPattern& pattern, const Range& whole) const;
+    void walk(const QXSearchPattern& pattern, const Range& range, Nodes& found) const;
+};
+
+std::vector<QXPropertyList::FindAll::Piece> QXPropertyList::FindAll::cut(const QXSearchPattern& pattern,
+                                                                         const Range& whole) const {
+    std::vector<Piece> pieces(1);
+    pieces[0].range = whole;
+    for (bool opened = true; opened;) {
+        const auto ranges = static_cast<std::size_t>(
+            std::count_if(pieces.begin(), pieces.end(), [](const Piece& p) { return !p.match; }));
+        if (ranges >= kRanges) break;
+        opened = false;
+        std::vector<Piece> next;
+        for (auto& piece : pieces) {
+            const Range r = piece.range;
+            const std::size_t length = r.end - r.begin;
+            if (piece.match || length == 0) {
+                if (piece.match) next.push_back(std::move(piece));
+                continue;
+            }
+            opened = true;
+            if (length > 1) {
+                const std::size_t parts = std::min(length, kFanOut);
+                for (std::size_t k = 0; k < parts; ++k) {
+                    Piece part;
+                    part.range = {r.list, r.begin + length * k / parts, r.begin + length * (k + 1) / parts, r.dictionary};
+                    next.push_back(std::move(part));
+                }
+                continue;
+            }
+            const QXPropertyList* node = nodeAt(*r.list, r.begin);
+            if (!node) continue;  // a plain element of a list set as a value reads as no node
+            if (matches(pattern, *node, r.dictionary)) {
+                Piece found;
+                found.match = std::static_pointer_cast<QXPropertyList>((*r.list)[r.begin]);
+                next.push_back(std::move(found));
+            }
+            if (const qx::Array* children = childrenOf(*node)) {
+                Piece below;
+                below.range = {children, 0, children->count(), node->_privateTypeCode == QXPropertyListDictionaryType};
+                next.push_back(std::move(below));
+            }
+        }
+        pieces = std::move(next);
+    }
+    return pieces;
+}
+
+void QXPropertyList::FindAll::walk(const QXSearchPattern& pattern, const Range& range, Nodes& found) const {
+    // Pre-order with an explicit stack of child lists: deep trees cannot
+    // exhaust the call stack, and no node is copied unless it matches. The
+    // walk is bound by memory latency (a node and its value lie in two
+    // places), so the nodes a few places ahead in the list, and then their
+    // values and keys, are fetched while the current one is tested; values
+    // the pattern rules out by their kind are not.
+    constexpr std::size_t kNodesAhead = 6, kFieldsAhead = 3;
+    auto fetchFields = [&pattern](const Range& level, std::size_t i) {
+        if (i >= level.end) return;
+        const qx::Object* item = (*level.list)[i].get();
+        if (!item || typeid(*item) != typeid(QXPropertyList)) return;
+        const auto* node = static_cast<const QXPropertyList*>(item);
+        __builtin_prefetch(node->_privateKey.get());  // cheap when keys are shared, as they mostly are
+        const ValueKind kind = node->_valueKind;
+        if ((kind == ValueKind::Number && pattern.rulesOutNumbers()) ||
+            (kind == ValueKind::FiniteDate && pattern.rulesOutFiniteDates()))
+            return;
+        __builtin_prefetch(node->_privateValue.get());
+    };
+    // The class pointer and the fields lie close together at the start of a
+    // node, so fetching the start and one line on brings both (a prefetch
+    // never faults, so the element need not be known to be a node).
+    auto fetchNode = [](const Range& level, std::size_t i) {
+        if (i >= level.end) return;
+        const char* item = reinterpret_cast<const char*>((*level.list)[i].get());
+        __builtin_prefetch(item);
+        __builtin_prefetch(item + 64);
+    };
+    std::vector<Range> stack;
+    auto enter = [&stack, &fetchNode](const Range& level) {
+        for (std::size_t i = level.begin; i < level.begin + kNodesAhead; ++i) fetchNode(level, i);
+        stack.push_back(level);
+    };
+    enter(range);
+    while (!stack.empty()) {
+        Range& level = stack.back();
+        if (level.begin == level.end) {
+            stack.pop_back();
+            continue;
+        }
+        const std::size_t at = level.begin++;
+        const Range here = level;  // enter() may move the stack
+        fetchNode(here, at + kNodesAhead);
+        fetchFields(here, at + kFieldsAhead);
+        const QXPropertyList* node = nodeAt(*here.list, at);
+        if (!node) continue;
+        if (matches(pattern, *node, here.dictionary))
+            found.push_back(std::static_pointer_cast<QXPropertyList>((*here.list)[at]));
+        if (const qx::Array* children = childrenOf(*node))
+            enter({children, 0, children->count(), node->_privateTypeCode == QXPropertyListDictionaryType});
     }
 }
 
@@ -93,71 +240,52 @@ QXPropertyList::Nodes QXPropertyList::allChildrenContainingString(const qx::Ref<
                                                                   QXStringCompareOptions options,
                                                                   const MatchTypes& matchTypes) const {
     Nodes found;
-    if (!text) return found;
+    const qx::Array* list = childList();
+    if (!text || !list) return found;
     const QXSearchPattern pattern(text->utf8(), options);
-    // Pre-order with an explicit stack of child lists: deep trees cannot
-    // exhaust the call stack, and no node is copied unless it matches. The
-    // walk is bound by memory latency (a node and its value lie in two
-    // places), so the nodes a few places ahead in the list, and then their
-    // values, are fetched while the current one is tested.
-    struct Level {
-        const qx::Array* list;
-        std::size_t next;
-        bool dictionary;
-    };
-    constexpr std::size_t kNodesAhead = 6, kFieldsAhead = 3;
-    auto nodeAt = [](const qx::Array& list, std::size_t i) -> const QXPropertyList* {
-        const qx::Object* item = list[i].get();
-        if (!item) return nullptr;
-        return typeid(*item) == typeid(QXPropertyList) ? static_cast<const QXPropertyList*>(item)
-                                                       : dynamic_cast<const QXPropertyList*>(item);
-    };
-    // Keys need no fetching: dictionaries share them, and the pattern keeps
-    // its answer per key object.
-    auto fetchFields = [](const qx::Array& list, std::size_t i) {
-        if (i >= list.count()) return;
-        const qx::Object* item = list[i].get();
-        if (!item || typeid(*item) != typeid(QXPropertyList)) return;
-        const auto* node = static_cast<const QXPropertyList*>(item);
-        __builtin_prefetch(node->_privateValue.get());
-    };
-    // Where a node's fields lie from the start of its object, so that an
-    // element can be fetched before its class is known (a prefetch never faults).
-    const std::ptrdiff_t fieldsOffset = reinterpret_cast<const char*>(&_privateTypeCode) -
-                                        reinterpret_cast<const char*>(static_cast<const qx::Object*>(this));
-    auto fetchNode = [fieldsOffset](const qx::Array& list, std::size_t i) {
-        if (i >= list.count()) return;
-        const char* item = reinterpret_cast<const char*>(list[i].get());
-        __builtin_prefetch(item);  // the class, read first
-        __builtin_prefetch(item + fieldsOffset);
-    };
-    std::vector<Level> stack;
-    auto enter = [&stack, &fetchNode](const qx::Array* list, bool dictionary) {
-        for (std::size_t i = 0; i < kNodesAhead; ++i) fetchNode(*list, i);
-        stack.push_back({list, 0, dictionary});
-    };
-    if (const qx::Array* list = childList()) enter(list, _privateTypeCode == QXPropertyListDictionaryType);
-    while (!stack.empty()) {
-        Level& level = stack.back();
-        const qx::Array& list = *level.list;
-        if (level.next == list.count()) {
-            stack.pop_back();
-            continue;
+    const FindAll search{scope, matchTypes};
+    const bool dictionary = _privateTypeCode == QXPropertyListDictionaryType;
+    std::vector<FindAll::Piece> pieces = search.cut(pattern, {list, 0, list->count(), dictionary});
+
+    std::vector<FindAll::Piece*> ranges;
+    std::size_t left = 0;
+    for (auto& piece : pieces)
+        if (!piece.match) {
+            ranges.push_back(&piece);
+            left += piece.range.end - piece.range.begin;
         }
-        const std::size_t at = level.next++;
-        const bool dictionary = level.dictionary;
-        fetchNode(list, at + kNodesAhead);
-        fetchFields(list, at + kFieldsAhead);
-        const QXPropertyList* node = nodeAt(list, at);
-        if (!node) continue;  // a plain element of a list set as a value reads as no node
-        if (node->matchesSearchPattern(pattern, scope, matchTypes, dictionary))
-            found.push_back(std::static_pointer_cast<QXPropertyList>(list[at]));
-        if (!isContainerCode(node->_privateTypeCode)) continue;
-        const qx::Object* value = node->_privateValue.get();
-        const qx::Array* children = exactly<qx::Array>(value);
-        if (!children) children = node->childList();
-        if (children)
-            enter(children, node->_privateTypeCode == QXPropertyListDictionaryType);
+    std::atomic<std::size_t> next{0};
+    auto work = [&search, &ranges, &next](const QXSearchPattern& mine) {
+        for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < ranges.size();)
+            search.walk(mine, ranges[i]->range, ranges[i]->found);
+    };
+    if (left < FindAll::kThreadedNodes) {
+        work(pattern);
+    } else {
+        // Each thread tests with a pattern of its own (its caches are not shared).
+        const std::string needle = text->utf8();
+        std::mutex failed;
+        std::exception_ptr failure;
+        const std::function<void()> job = [&] {
+            try {
+                const QXSearchPattern mine(needle, options);
+                work(mine);
+            } catch (...) {
+                std::lock_guard<std::mutex> lock(failed);
+                if (!failure) failure = std::current_exception();
+                next.store(ranges.size());  // the others stop at their next range
+            }
+        };
+        QXHelperThreads::shared().run(job);
+        if (failure) std::rethrow_exception(failure);
+    }
+
+    for (auto& piece : pieces) {
+        if (piece.match) {
+            found.push_back(std::move(piece.match));
+        } else {
+            found.insert(found.end(), std::make_move_iterator(piece.found.begin()), std::make_move_iterator(piece.found.end()));
+        }
     }
     if (options & QXBackwardsSearch) std::reverse(found.begin(), found.end());
     return found;

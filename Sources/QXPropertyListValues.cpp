@@ -10,6 +10,11 @@
 #include <qx/Format.h>
 
 #include <array>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <string>
+#include <typeinfo>
 
 namespace {
 
@@ -27,6 +32,30 @@ QXPropertyListType typeCodeOfValue(const qx::Ref<qx::Object>& value) {
 }
 
 } // namespace
+
+void QXPropertyList::storeValue(qx::Ref<qx::Object> value) {
+    const qx::Object* plain = value.get();
+    const std::type_info* type = plain ? &typeid(*plain) : nullptr;
+    if (!type) {
+        _valueKind = ValueKind::Other;
+    } else if (*type == typeid(qx::String)) {
+        _valueKind = ValueKind::String;
+    } else if (*type == typeid(qx::Number)) {
+        _valueKind = ValueKind::Number;
+    } else if (*type == typeid(qx::Data)) {
+        _valueKind = ValueKind::Data;
+    } else if (*type == typeid(qx::Array)) {
+        _valueKind = ValueKind::Array;
+    } else if (*type == typeid(qx::Date)) {
+        // Dates never change, so whether they can be shown as a calendar
+        // date is known once.
+        const double t = static_cast<const qx::Date*>(plain)->timeIntervalSince1970();
+        _valueKind = std::isfinite(t * 1000.0) ? ValueKind::FiniteDate : ValueKind::Date;
+    } else {
+        _valueKind = ValueKind::Other;
+    }
+    _privateValue = std::move(value);
+}
 
 // --- Type codes and names ---------------------------------------------------------------------
 
@@ -208,6 +237,37 @@ void QXPropertyList::setDateValue(const qx::Ref<qx::Date>& value) {
 
 // --- Plain values in and out ----------------------------------------------------------------------
 
+// Files often repeat the same few keys in every dictionary, each its own
+// string object; one object per text makes the tree smaller and lets a
+// search that has tested a key once know the answer by its address. A table
+// of fixed size keeps the texts seen last, so memory stays bounded whatever
+// the file.
+struct QXPropertyList::SharedKeys {
+    std::array<qx::Ref<qx::String>, 1024> slots;
+
+    qx::Ref<qx::String> share(qx::Ref<qx::String> key) {
+        const qx::Object& object = *key;
+        if (typeid(object) != typeid(qx::String)) return key;
+        const std::string& text = key->utf8();
+        qx::Ref<qx::String>& slot = slots[std::hash<std::string>()(text) % slots.size()];
+        if (slot && slot->utf8() == text) return slot;
+        slot = key;
+        return key;
+    }
+};
+
+QXPropertyList::Ref QXPropertyList::propertyListWithUnwrappedValue(const qx::Ref<qx::Object>& value) {
+    auto keys = std::make_unique<SharedKeys>();
+    return makeUnwrapped(value, *keys);
+}
+
+QXPropertyList::Ref QXPropertyList::makeUnwrapped(const qx::Ref<qx::Object>& value, SharedKeys& keys) {
+    Ref node = makeNode();
+    node->adoptUnwrappedValue(value, keys);
+    node->startWatchingMutations();
+    return node;
+}
+
 // Containers are attached in one step (privateSetChildren) rather than child
 // by child: a source dictionary's keys are unique already, so the per-child
 // key search would only make loading quadratic.
@@ -215,7 +275,8 @@ void QXPropertyList::loadUnwrappedValue(const qx::Ref<qx::Object>& value) {
     if (auto array = qx::dyn_cast<qx::Array>(value)) {
         Nodes nodes;
         nodes.reserve(array->count());
-        for (const auto& item : *array) nodes.push_back(propertyListWithUnwrappedValue(item));
+        auto keys = std::make_unique<SharedKeys>();
+        for (const auto& item : *array) nodes.push_back(makeUnwrapped(item, *keys));
         privateSetTypeCode(QXPropertyListArrayType);
         privateSetChildren(nodes);
         return;
@@ -223,8 +284,9 @@ void QXPropertyList::loadUnwrappedValue(const qx::Ref<qx::Object>& value) {
     if (auto dictionary = qx::dyn_cast<qx::Dictionary>(value)) {
         Nodes nodes;
         nodes.reserve(dictionary->count());
+        auto keys = std::make_unique<SharedKeys>();
         for (const auto& entry : *dictionary) {
-            Ref child = propertyListWithUnwrappedValue(entry.second);
+            Ref child = makeUnwrapped(entry.second, *keys);
             auto key = qx::dyn_cast<qx::String>(entry.first);
             child->setKey(key ? key : qx::str(qx::describe(entry.first.get())));
             nodes.push_back(child);
@@ -244,19 +306,19 @@ void QXPropertyList::loadUnwrappedValue(const qx::Ref<qx::Object>& value) {
 // Stores directly what loadUnwrappedValue would store through the primitives
 // (their announcements and inverses reach nobody on a node this new), which
 // is most of the cost of turning a large file into a tree.
-void QXPropertyList::adoptUnwrappedValue(const qx::Ref<qx::Object>& value) {
+void QXPropertyList::adoptUnwrappedValue(const qx::Ref<qx::Object>& value, SharedKeys& keys) {
     const qx::Object* plain = value.get();
     if (const auto* array = dynamic_cast<const qx::Array*>(plain)) {
         auto list = std::make_shared<qx::Array>();
         list->reserve(array->count());
         const Ref me = self();
         for (const auto& item : *array) {
-            Ref child = propertyListWithUnwrappedValue(item);
+            Ref child = makeUnwrapped(item, keys);
             child->_privateParent = me;
             list->addObject(std::move(child));
         }
         _privateTypeCode = QXPropertyListArrayType;
-        _privateValue = std::move(list);
+        storeValue(std::move(list));
         return;
     }
     if (const auto* dictionary = dynamic_cast<const qx::Dictionary*>(plain)) {
@@ -264,17 +326,17 @@ void QXPropertyList::adoptUnwrappedValue(const qx::Ref<qx::Object>& value) {
         list->reserve(dictionary->count());
         const Ref me = self();
         for (const auto& entry : *dictionary) {
-            Ref child = propertyListWithUnwrappedValue(entry.second);
+            Ref child = makeUnwrapped(entry.second, keys);
             auto key = qx::dyn_cast<qx::String>(entry.first);
-            child->_privateKey = key ? std::move(key) : qx::str(qx::describe(entry.first.get()));
+            child->_privateKey = key ? keys.share(std::move(key)) : qx::str(qx::describe(entry.first.get()));
             child->_privateParent = me;
             list->addObject(std::move(child));
         }
         _privateTypeCode = QXPropertyListDictionaryType;
-        _privateValue = std::move(list);
+        storeValue(std::move(list));
         return;
     }
-    _privateValue = value ? value->copy() : nullptr;
+    storeValue(value ? value->copy() : nullptr);
     _privateTypeCode = typeCodeOfValue(_privateValue);
 }
 

@@ -219,8 +219,9 @@ public:
     /// Every node of the subtree below this one that containsSearchString
     /// accepts, in document order (or its exact reverse when the options hold
     /// the backwards bit), descendants of a match included: unlike repeated
-    /// find-next, which leaves a match's own subtree unvisited. One walk, the
-    /// text compiled once for it.
+    /// find-next, which leaves a match's own subtree unvisited. The text is
+    /// compiled once; a large tree is walked on several threads at once, so
+    /// nothing may edit it meanwhile (as for any reading of a tree).
     Nodes allChildrenContainingString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
                                       QXStringCompareOptions options, const MatchTypes& matchTypes) const;
     bool containsSearchString(const qx::Ref<qx::String>& text, QXPropertyListSearchScope scope,
@@ -245,7 +246,7 @@ public:
     const qx::Ref<qx::String>& privateKey() const { return _privateKey; }
     void setPrivateKey(const qx::Ref<qx::String>& key) { _privateKey = key; }
     const qx::Ref<qx::Object>& privateValue() const { return _privateValue; }
-    void setPrivateValue(const qx::Ref<qx::Object>& value) { _privateValue = value; }
+    void setPrivateValue(const qx::Ref<qx::Object>& value) { storeValue(value); }
     bool isWatchingMutations() const { return _isWatchingMutations; }
     void setIsWatchingMutations(bool watching) { _isWatchingMutations = watching; }
     /// Changes counted since watching began.
@@ -282,9 +283,15 @@ private:
     /// Fills a node that nothing else refers to yet (no observers, no undo
     /// manager, no parent) with the tree of value, without the primitives:
     /// nothing could hear or undo their announcements and inverses.
-    void adoptUnwrappedValue(const qx::Ref<qx::Object>& value);
+    /// keys hands out one string object per key text seen recently, so
+    /// that the dictionaries of a large tree share their keys.
+    struct SharedKeys;
+    void adoptUnwrappedValue(const qx::Ref<qx::Object>& value, SharedKeys& keys);
+    static Ref makeUnwrapped(const qx::Ref<qx::Object>& value, SharedKeys& keys);
     Ref self() const;
     const qx::Array* childList() const;
+    /// allChildrenContainingString's walk (QXPropertyListSearch.cpp).
+    struct FindAll;
     /// containsSearchString with the text compiled, the parent's kind known.
     bool matchesSearchPattern(const QXSearchPattern& pattern, QXPropertyListSearchScope scope,
                               const MatchTypes& matchTypes, bool underDictionary) const;
@@ -307,11 +314,19 @@ private:
     /// Registers the inverse that stores old again as the value.
     void registerRestore(const qx::Ref<qx::Object>& old);
 
-    std::uint64_t _mutations = 0;
+    // The class of _privateValue when it is exactly one of the plain kinds,
+    // noted whenever the value is stored, so that a search reads the value
+    // only when the pattern could match it.
+    enum class ValueKind : std::uint8_t { Other, String, Number, Data, FiniteDate, Date, Array };
+    void storeValue(qx::Ref<qx::Object> value);
+
+    // What a search reads comes first, next to the class pointer.
+    QXPropertyListType _privateTypeCode = 0;
+    ValueKind _valueKind = ValueKind::Other;
     bool _isWatchingMutations = false;
+    qx::Ref<qx::Object> _privateValue;  // a leaf's value, or a container's qx::Array of nodes
+    qx::Ref<qx::String> _privateKey;
     qx::WeakRef<QXPropertyList> _privateParent;
     qx::Ref<qx::UndoManager> _privateUndoManager;
-    QXPropertyListType _privateTypeCode = 0;
-    qx::Ref<qx::String> _privateKey;
-    qx::Ref<qx::Object> _privateValue;  // a leaf's value, or a container's qx::Array of nodes
+    std::uint64_t _mutations = 0;
 };

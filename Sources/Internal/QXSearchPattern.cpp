@@ -245,8 +245,7 @@ bool QXSearchPattern::matchesData(const qx::Data& data) const {
 
 bool QXSearchPattern::matchesDate(const qx::Ref<qx::Date>& date) const {
     const bool finite = std::isfinite(date->timeIntervalSince1970() * 1000.0);
-    if (datesKnown_ && finite && std::all_of(dateStyleRuledOut_.begin(), dateStyleRuledOut_.end(), [](bool out) { return out; }))
-        return false;
+    if (datesKnown_ && finite && datesRuledOut_) return false;
     DateStyles& styles = dateStyles();
     if (!datesKnown_) {
         const icu::DateFormat::EStyle kinds[] = {icu::DateFormat::kFull, icu::DateFormat::kLong, icu::DateFormat::kMedium,
@@ -256,6 +255,7 @@ bool QXSearchPattern::matchesDate(const qx::Ref<qx::Date>& date) const {
                 styles.alphabets[i] = std::make_unique<QXDateTextAlphabet>(icu::Locale::getDefault(), kinds[i]);
             dateStyleRuledOut_[i] = styles.alphabets[i]->isBounded() && rulesOut(styles.alphabets[i]->characters());
         }
+        datesRuledOut_ = std::all_of(dateStyleRuledOut_.begin(), dateStyleRuledOut_.end(), [](bool out) { return out; });
         datesKnown_ = true;
     }
     for (std::size_t i = 0; i < 4; ++i) {

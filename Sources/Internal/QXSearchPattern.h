@@ -52,6 +52,12 @@ public:
     bool matchesData(const qx::Data& data) const;
     /// True when one of the four display styles of date contains the pattern.
     bool matchesDate(const qx::Ref<qx::Date>& date) const;
+    /// True when no number's description can match: matchesNumber is false
+    /// for every number.
+    bool rulesOutNumbers() const { return numberRuledOut_; }
+    /// True when matchesDate has shown that no date with a finite time can
+    /// match (known after the first date it was asked about).
+    bool rulesOutFiniteDates() const { return datesKnown_ && datesRuledOut_; }
 
     /// Full, long, medium and short, for the current locale and time zone
     /// setting; made once per thread and again when either changes.
@@ -100,4 +106,5 @@ private:
     mutable std::vector<UChar32> present_;  // contractionPresent's buffer, kept between calls
     mutable bool datesKnown_ = false;  // dateStyleRuledOut_ is worked out on the first date
     mutable std::array<bool, 4> dateStyleRuledOut_{};
+    mutable bool datesRuledOut_ = false;  // all four of dateStyleRuledOut_
 };

@@ -165,6 +165,31 @@ TEST(PropertyListSearch, FindAllMatchesEachNodeInOrder) {
     }
 }
 
+// A tree large enough to be cut into ranges and walked on several threads:
+// the pieces must join in document order, matches found while cutting it
+// (nodes near the top) included.
+TEST(PropertyListSearch, FindAllOfALargeTreeKeepsDocumentOrder) {
+    ScopedLocale locale("en_US");
+    std::mt19937 rng(7);
+    auto top = Array::create();
+    for (int i = 0; i < 3000; ++i) top->addObject(plisttree::randomValue(rng, 4));
+    auto dict = Dictionary::create();
+    dict->setObject(top, "alpha list");
+    dict->setObject(str("zeta"), "x1");
+    auto root = PL::propertyListWithUnwrappedValue(std::make_shared<Array>(Array{dict, str("alpha"), top}));
+    auto order = plisttree::preOrder(root);
+    order.erase(order.begin());
+    for (const char* text : {"a", "x1", "et"})
+        for (std::uint64_t options : {0, 4, 1 | 4}) {
+            std::vector<PL::Ref> expected;
+            for (const auto& n : order)
+                if (n->containsSearchString(str(text), 3, options, std::nullopt)) expected.push_back(n);
+            if (options & QXBackwardsSearch) std::reverse(expected.begin(), expected.end());
+            ASSERT_EQ(root->allChildrenContainingString(str(text), 3, options, std::nullopt), expected)
+                << "text " << text << " options " << options;
+        }
+}
+
 // 2024-01-03 12:00 UTC is a Wednesday in every time zone from -11 to +11 hours.
 TEST(PropertyListSearch, DatesMatchAnyDisplayStyle) {
     const char* savedTZ = std::getenv("TZ");

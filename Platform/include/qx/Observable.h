@@ -56,7 +56,10 @@ public:
     bool removeObserver(Token token);
     /// True while at least one observer is registered, on any key. A cheap
     /// check that lets an object skip preparing an announcement nobody hears.
-    bool hasObservers() const { return observerCount_.load(std::memory_order_acquire) != 0; }
+    bool hasObservers() const {
+        const State* state = existingState();
+        return state && state->count.load(std::memory_order_acquire) != 0;
+    }
 
     void willChangeValueForKey(const std::string& key);
     void didChangeValueForKey(const std::string& key);
@@ -81,6 +84,7 @@ protected:
 
     Observable() = default;
     Observable(const Observable&) : Object() {}  // a copy starts with no observers
+    ~Observable() override;
 
 private:
     struct Entry {
@@ -90,14 +94,24 @@ private:
         bool prior;
         std::shared_ptr<std::atomic<bool>> live;
     };
+    // Observers and the object's own dependencies. Most objects never get
+    // either (every node of a large tree, say), so an object holds only a
+    // pointer, set the first time something is registered: the object stays
+    // small and a walk over many of them touches less memory.
+    struct State {
+        std::mutex mutex;
+        std::vector<Entry> observers;         // in order added
+        DependentsTable dependents;           // key -> keys depending on it
+        Token nextToken = 1;
+        std::atomic<std::size_t> count{0};    // observers.size(), readable without the lock
+    };
 
     void announce(const std::string& key, const Change& change);
+    /// The state, made on first use (several threads may race to make it).
+    State& state();
+    State* existingState() const { return state_.load(std::memory_order_acquire); }
 
-    mutable std::mutex mutex_;
-    std::vector<Entry> observers_;                                  // in order added
-    DependentsTable dependents_;                                    // key -> keys depending on it
-    Token nextToken_ = 1;
-    std::atomic<std::size_t> observerCount_{0};                     // observers_.size(), readable without the lock
+    std::atomic<State*> state_{nullptr};
 };
 
 } // namespace qx
