@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 
 QXHelperThreads& QXHelperThreads::shared() {
     // Never deleted: its threads wait on it until the process ends.
@@ -12,7 +13,7 @@ QXHelperThreads& QXHelperThreads::shared() {
     return *helpers;
 }
 
-QXHelperThreads::QXHelperThreads(unsigned count) {
+QXHelperThreads::QXHelperThreads(unsigned count) : owner_(::getpid()) {
     for (unsigned i = 0; i < count; ++i) {
         try {
             std::thread([this] { serve(); }).detach();
@@ -26,7 +27,7 @@ QXHelperThreads::QXHelperThreads(unsigned count) {
 
 void QXHelperThreads::run(const std::function<void()>& job) {
     std::unique_lock<std::mutex> busy(busy_, std::try_to_lock);
-    if (!busy || threads_ == 0) {
+    if (!busy || threads_ == 0 || ::getpid() != owner_) {
         job();
         return;
     }

@@ -6,6 +6,7 @@
 // for each search would make it again every time, where these keep it.
 // One job at a time: a caller that finds the helpers busy does its job
 // alone. The threads are never stopped; they wait until the process ends.
+// A child made by fork has none of them, so there every caller works alone.
 #pragma once
 
 #include <condition_variable>
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <sys/types.h>
 
 class QXHelperThreads {
 public:
@@ -39,4 +41,5 @@ private:
     std::uint64_t generation_ = 0;  // one more per job handed out
     std::size_t threads_ = 0;       // helpers started
     std::size_t pending_ = 0;       // helpers still on the current job
+    const pid_t owner_;             // the process the helpers run in
 };
