@@ -205,6 +205,9 @@ BlockDeviceAnswer DirectBlockDeviceProvider::unmount(const std::string& deviceNa
         if (::umount2(point.c_str(), force ? MNT_FORCE | MNT_DETACH : 0) != 0) {
             const int error = errno;
             announce({deviceName});
+            // umount(8)'s words, which the storage daemon passes on as well.
+            if (error == EBUSY)
+                return BlockDeviceAnswer::failure(name::DeviceBusy, "Error unmounting " + d->device + ": target is busy");
             return refusal(error, "Error unmounting " + d->device);
         }
         // Folders this provider made for a mount go with it.
