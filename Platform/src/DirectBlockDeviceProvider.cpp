@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -123,6 +124,31 @@ void collectUeventName(const char* message, std::size_t length, std::vector<std:
         at += field.size() + 1;
     }
     if (block && !device.empty()) names.push_back(fs::path(device).filename().string());
+}
+
+UniqueFd openUeventSocket() {
+    UniqueFd socket(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT));
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = 1;  // the kernel's own events
+    if (socket && ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) socket.reset();
+    return socket;
+}
+
+// Waits (at most a few seconds, on the kernel's events) until the loop
+// device has let go of its file. Without events (no socket) it returns at once.
+void waitForDetach(const std::string& deviceName, int events) {
+    const std::string attached = "/sys/class/block/" + deviceName + "/loop/backing_file";
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::vector<char> buffer(8192);
+    while (events >= 0 && ::access(attached.c_str(), F_OK) == 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+        if (left <= 0) return;
+        pollfd p{events, POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(left)) < 0 && errno != EINTR) return;
+        while (::recv(events, buffer.data(), buffer.size(), 0) > 0) {
+        }
+    }
 }
 
 } // namespace
@@ -326,7 +352,12 @@ BlockDeviceAnswer DirectBlockDeviceProvider::loopDelete(const std::string& devic
         arg.data = &partition;
         ::ioctl(loop.get(), BLKPG, &arg);
     }
+    // A detach while someone else has the device open (a probe) happens at
+    // their last close; the kernel's change event tells when.
+    UniqueFd events = openUeventSocket();
     if (::ioctl(loop.get(), LOOP_CLR_FD, 0) != 0) return refusal(errno, "Error deleting " + d->device);
+    loop.reset();
+    waitForDetach(deviceName, events.get());
     announce({deviceName});
     return BlockDeviceAnswer::success();
 }
@@ -360,13 +391,7 @@ void DirectBlockDeviceProvider::announce(const std::vector<std::string>& names) 
 
 void DirectBlockDeviceProvider::watch() {
     UniqueFd mountinfo(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
-    UniqueFd uevents(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT));
-    if (uevents) {
-        sockaddr_nl address{};
-        address.nl_family = AF_NETLINK;
-        address.nl_groups = 1;  // the kernel's own events
-        if (::bind(uevents.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) uevents.reset();
-    }
+    UniqueFd uevents = openUeventSocket();
     std::vector<char> buffer(16384);
     for (;;) {
         pollfd fds[3] = {{stop_.get(), POLLIN, 0}, {mountinfo.get(), POLLPRI, 0}, {uevents.get(), POLLIN, 0}};

@@ -120,8 +120,8 @@ TEST_F(DeviceTest, MountFindUnmount) {
     EXPECT_FALSE(device->mountPointURL());
     EXPECT_FALSE(std::filesystem::exists(point)) << "the folder made for the mount stays behind";
 
-    // A folder of the caller's, with options.
-    const std::string folder = loops.dir() / "mnt";
+    // A folder of the caller's (a name the mount table escapes), with options.
+    const std::string folder = loops.dir() / "m n\\t";
     std::filesystem::create_directory(folder);
     auto readOnly = qx::Array::create();
     readOnly->addObject(qx::String::create("ro"));
@@ -130,6 +130,7 @@ TEST_F(DeviceTest, MountFindUnmount) {
     ASSERT_EQ(::statvfs(folder.c_str(), &vfs), 0);
     EXPECT_TRUE(vfs.f_flag & ST_RDONLY);
     EXPECT_TRUE(std::filesystem::exists(folder + "/inside"));
+    EXPECT_EQ(device->mountPointURL() ? device->mountPointURL()->path() : "", folder);
     EXPECT_FALSE(device->mountToURL(nullptr, false, nullptr, &error));  // already mounted
     EXPECT_EQ(error->code(), QXDiskArbitrationStatusExclusive);
     ASSERT_TRUE(device->unmountWholeDisk(false, false, &error)) << error->localizedDescription();
