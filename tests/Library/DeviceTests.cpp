@@ -167,6 +167,7 @@ TEST_F(DeviceTest, BusyUnmountIsRefusedWithTheServicesTextUntilForced) {
     ASSERT_TRUE(device);
     qx::Ref<qx::Error> error;
     ASSERT_TRUE(device->mountAndReturnError(&error));
+    ASSERT_TRUE(device->mountPointURL());
     const std::string point = device->mountPointURL()->path();
     const int open = ::open((point + "/held").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
     ASSERT_GE(open, 0);

@@ -104,7 +104,7 @@ public:
             while (fields >> word && word != "-") {
             }
             fields >> word >> source;
-            if (source == "/dev/" + name || source.rfind("/dev/" + name + "p", 0) == 0) points.push_back(point);
+            if (source == "/dev/" + name || source.rfind("/dev/" + name + "p", 0) == 0) points.push_back(unescape(point));
         }
         for (auto it = points.rbegin(); it != points.rend(); ++it) {
             ::umount2(it->c_str(), MNT_DETACH);
@@ -115,6 +115,20 @@ public:
     }
 
 private:
+    // The mount table writes space, tab, newline and backslash as \ooo.
+    static std::string unescape(const std::string& field) {
+        std::string out;
+        for (std::size_t i = 0; i < field.size(); ++i) {
+            if (field[i] == '\\' && i + 3 < field.size()) {
+                out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+                i += 3;
+            } else {
+                out += field[i];
+            }
+        }
+        return out;
+    }
+
     static void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
     TempDir dir_{"qx-devices"};
