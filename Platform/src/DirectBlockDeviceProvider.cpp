@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -135,13 +136,20 @@ UniqueFd openUeventSocket() {
     return socket;
 }
 
+// True while the device still reports a medium; its size is the last thing
+// the kernel clears on a detach (after the loop attributes go).
+bool hasMedium(const std::string& deviceName) {
+    UniqueFd size(::open(("/sys/class/block/" + deviceName + "/size").c_str(), O_RDONLY | O_CLOEXEC));
+    char text[32] = {};
+    return size && ::read(size.get(), text, sizeof text - 1) > 0 && std::strtoull(text, nullptr, 10) != 0;
+}
+
 // Waits (at most a few seconds, on the kernel's events) until the loop
 // device has let go of its file. Without events (no socket) it returns at once.
 void waitForDetach(const std::string& deviceName, int events) {
-    const std::string attached = "/sys/class/block/" + deviceName + "/loop/backing_file";
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     std::vector<char> buffer(8192);
-    while (events >= 0 && ::access(attached.c_str(), F_OK) == 0) {
+    while (events >= 0 && hasMedium(deviceName)) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
         if (left <= 0) return;
         pollfd p{events, POLLIN, 0};
