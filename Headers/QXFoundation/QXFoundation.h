@@ -33,3 +33,6 @@
 #include <QXFoundation/QXDecompressionStream.h>
 #include <QXFoundation/QXFileChunk.h>
 #include <QXFoundation/QXDataReference.h>
+#include <QXFoundation/QXDevice.h>
+#include <QXFoundation/QXDeviceCallbackContext.h>
+#include <QXFoundation/QXDeviceManager.h>

@@ -15,6 +15,7 @@
 #include "BytesCommand.h"
 #include "ImageCommand.h"
 #include "WatchCommand.h"
+#include "DevicesCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -33,6 +34,7 @@ constexpr qxtool::CommandRegistration kCommands[] = {
     qxtool::addBytesCommand,
     qxtool::addImageCommand,
     qxtool::addWatchCommand,
+    qxtool::addDevicesCommand,
 };
 
 } // namespace

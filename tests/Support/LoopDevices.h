@@ -1,0 +1,148 @@
+// LoopDevices.h - small ext4 images attached as loop devices, for the device tests.
+//
+// Needs root, /dev/loop-control, mkfs.ext4 and sfdisk. Tests call
+// QX_REQUIRE_LOOP_DEVICES() first: without them the test is skipped with the
+// reason, except when CI=true, where it fails. Everything attached through a
+// LoopDevices is unmounted and detached when it goes, by device.
+#pragma once
+
+#include "TestSupport.h"
+
+#include <qx/BlockDeviceProvider.h>
+#include <qx/RunLoop.h>
+#include <qx/UUID.h>
+#include <qx/UniqueFd.h>
+
+#include <QXFoundation/QXDevice.h>
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <pwd.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+
+namespace qxtest {
+
+inline std::string missingLoopPrerequisite() {
+    if (::geteuid() != 0) return "loop devices and mounts need root";
+    if (::access("/dev/loop-control", W_OK) != 0) return "no /dev/loop-control";
+    if (std::system("command -v mkfs.ext4 >/dev/null && command -v sfdisk >/dev/null") != 0)
+        return "mkfs.ext4 or sfdisk is missing (scripts/setup.sh installs them)";
+    return {};
+}
+
+#define QX_REQUIRE_LOOP_DEVICES()                                                                  \
+    do {                                                                                           \
+        const std::string why = ::qxtest::missingLoopPrerequisite();                               \
+        if (!why.empty()) {                                                                        \
+            const char* ci = std::getenv("CI");                                                    \
+            if (ci && std::string(ci) == "true") FAIL() << why;                                    \
+            GTEST_SKIP() << why;                                                                   \
+        }                                                                                          \
+    } while (0)
+
+// Where mounts without a mount point go.
+inline std::string defaultMountRoot() {
+    const passwd* user = ::getpwuid(::geteuid());
+    return std::string("/run/media/") + (user ? user->pw_name : "root");
+}
+
+inline std::string newUUID() {
+    std::string text = qx::UUID::create()->UUIDString();
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+class LoopDevices {
+public:
+    LoopDevices() = default;
+    ~LoopDevices() {
+        for (auto it = attached_.rbegin(); it != attached_.rend(); ++it) detach(*it);
+    }
+    LoopDevices(const LoopDevices&) = delete;
+    LoopDevices& operator=(const LoopDevices&) = delete;
+
+    const TempDir& dir() const { return dir_; }
+
+    // An 8 MiB ext4 image with this label and UUID.
+    std::string ext4Image(const std::string& name, const std::string& label, const std::string& uuid) const {
+        const std::string path = dir_ / name;
+        run("truncate -s 8M " + path + " && mkfs.ext4 -q -F -L " + label + " -U " + uuid + " " + path);
+        return path;
+    }
+
+    // An 8 MiB GPT image (table UUID tableUUID) with two 3 MiB ext4 partitions
+    // named "first" and "second", with these partition UUIDs and volume labels and UUIDs.
+    std::string gptImage(const std::string& name, const std::string& tableUUID, const std::string (&partUUID)[2],
+                         const std::string (&label)[2], const std::string (&uuid)[2]) const {
+        const std::string path = dir_ / name;
+        run("truncate -s 8M " + path + " && printf 'label: gpt\\nlabel-id: " + tableUUID + "\\nstart=2048, size=6144, uuid=" +
+            partUUID[0] + ", name=first\\nstart=8192, size=6144, uuid=" + partUUID[1] + ", name=second\\n' | sfdisk -q " + path);
+        for (int i = 0; i < 2; ++i)
+            run("mkfs.ext4 -q -F -E offset=" + std::to_string((i ? 8192 : 2048) * 512) + " -L " + label[i] + " -U " + uuid[i] +
+                " " + path + " 3M");
+        return path;
+    }
+
+    // Attaches path through the direct provider (partitions announced); the device's name.
+    std::string attach(const std::string& path) {
+        qx::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+        const auto answer = qx::BlockDeviceProvider::directProvider()->loopSetup(fd.get(), {});
+        EXPECT_TRUE(answer.succeeded()) << answer.errorName << ": " << answer.message;
+        if (answer.succeeded()) attached_.push_back(answer.result);
+        return answer.result;
+    }
+
+    // Unmounts whatever is mounted from the device or its partitions and detaches it.
+    static void detach(const std::string& name) {
+        std::ifstream mountinfo("/proc/self/mountinfo");
+        std::vector<std::string> points;
+        for (std::string line; std::getline(mountinfo, line);) {
+            std::istringstream fields(line);
+            std::string word, point, source;
+            for (int i = 0; i < 5 && fields >> word; ++i) point = word;
+            while (fields >> word && word != "-") {
+            }
+            fields >> word >> source;
+            if (source == "/dev/" + name || source.rfind("/dev/" + name + "p", 0) == 0) points.push_back(unescape(point));
+        }
+        for (auto it = points.rbegin(); it != points.rend(); ++it) {
+            ::umount2(it->c_str(), MNT_DETACH);
+            if (it->rfind(defaultMountRoot() + "/", 0) == 0) ::rmdir(it->c_str());
+        }
+        qx::UniqueFd loop(::open(("/dev/" + name).c_str(), O_RDONLY | O_CLOEXEC));
+        if (loop) ::ioctl(loop.get(), LOOP_CLR_FD, 0);
+    }
+
+private:
+    // The mount table writes space, tab, newline and backslash as \ooo.
+    static std::string unescape(const std::string& field) {
+        std::string out;
+        for (std::size_t i = 0; i < field.size(); ++i) {
+            if (field[i] == '\\' && i + 3 < field.size()) {
+                out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+                i += 3;
+            } else {
+                out += field[i];
+            }
+        }
+        return out;
+    }
+
+    static void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
+
+    TempDir dir_{"qx-devices"};
+    std::vector<std::string> attached_;
+};
+
+// Runs the calling thread's loop in the devices' private mode until done() or 10 s pass.
+inline bool runDeviceLoopUntil(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        qx::RunLoop::current()->runMode(QXDeviceRunLoopMode, std::chrono::milliseconds(100));
+    }
+    return true;
+}
+
+} // namespace qxtest
