@@ -74,7 +74,8 @@ void BM_BinaryRead(benchmark::State& state) {
     report(state);
 }
 
-void BM_BinaryWrite(benchmark::State& state) {
+// Writing the decoded value in format, as `qx plist convert` does.
+void writeBenchmark(benchmark::State& state, QXPropertyListFormat to) {
     QXPropertyListFormat format = 0;
     const auto plist = QXPropertyListSerialization::propertyListWithData(input().bytes, &format);
     if (!plist) {
@@ -82,9 +83,9 @@ void BM_BinaryWrite(benchmark::State& state) {
         return;
     }
     for (auto _ : state) {
-        auto data = QXPropertyListSerialization::dataWithPropertyList(plist, QXPropertyListBinaryFormat_v1_0);
+        auto data = QXPropertyListSerialization::dataWithPropertyList(plist, to);
         if (!data) {
-            state.SkipWithError("the library cannot write the benchmark value");
+            state.SkipWithError("the library cannot write the benchmark value in this format");
             return;
         }
         benchmark::DoNotOptimize(data->bytes());
@@ -92,24 +93,10 @@ void BM_BinaryWrite(benchmark::State& state) {
     report(state);
 }
 
+void BM_BinaryWrite(benchmark::State& state) { writeBenchmark(state, QXPropertyListBinaryFormat_v1_0); }
+
 // The XML document of the decoded value, as `qx plist convert --format xml` prints it.
-void BM_XMLWrite(benchmark::State& state) {
-    QXPropertyListFormat format = 0;
-    const auto plist = QXPropertyListSerialization::propertyListWithData(input().bytes, &format);
-    if (!plist) {
-        state.SkipWithError("the library cannot read the benchmark file");
-        return;
-    }
-    for (auto _ : state) {
-        auto data = QXPropertyListSerialization::dataWithPropertyList(plist, QXPropertyListXMLFormat_v1_0);
-        if (!data) {
-            state.SkipWithError("the library cannot write the benchmark value as XML");
-            return;
-        }
-        benchmark::DoNotOptimize(data->bytes());
-    }
-    report(state);
-}
+void BM_XMLWrite(benchmark::State& state) { writeBenchmark(state, QXPropertyListXMLFormat_v1_0); }
 
 // Reading that document back, including releasing the value.
 void BM_XMLRead(benchmark::State& state) {
