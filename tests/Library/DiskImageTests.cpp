@@ -19,6 +19,8 @@
 
 #include <qx/URL.h>
 
+#include <zlib.h>
+
 using namespace diskimage;
 using legacyzip::sha256Hex;
 using qxtest::Bytes;
@@ -424,6 +426,59 @@ TEST(DiskImageDamage, DamagedChunkBytesFailTheirRead) {
         EXPECT_FALSE(image->readDataInRange(512, 512, &error));
         EXPECT_QX_ERROR(error, kQXDiskImageErrorDomain, kQXDiskImageErrorCorrupt);
     }
+}
+
+// The zlib chunk decoder hands common streams to a faster inflater; whatever
+// the stream, its verdict (the count, or -1) must be zlib's own.
+TEST(DiskImageDamage, ZlibChunkVerdictsMatchZlib) {
+    const Bytes plain = sectors(64, 9);
+    auto deflated = [&plain](int windowBits) {
+        z_stream z{};
+        deflateInit2(&z, 6, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+        Bytes out(deflateBound(&z, plain.size()));
+        z.next_in = const_cast<Bytef*>(plain.data());
+        z.avail_in = static_cast<uInt>(plain.size());
+        z.next_out = out.data();
+        z.avail_out = static_cast<uInt>(out.size());
+        deflate(&z, Z_FINISH);
+        out.resize(z.total_out);
+        deflateEnd(&z);
+        return out;
+    };
+    auto zlibVerdict = [](const Bytes& in, std::size_t room) -> std::ptrdiff_t {
+        Bytes out(room + 1);
+        uLongf written = room;
+        uLong consumed = in.size();
+        return uncompress2(out.data(), &written, in.data(), &consumed) == Z_OK ? std::ptrdiff_t(written) : -1;
+    };
+    const Bytes good = deflated(15);
+    struct Row { const char* label; Bytes stream; std::size_t room; };
+    std::vector<Row> rows = {
+        {"whole", good, plain.size()},
+        {"room one short", good, plain.size() - 1},
+        {"room to spare", good, plain.size() + 100},
+        {"small window", deflated(10), plain.size()},
+        {"bytes after the trailer", good, plain.size()},
+        {"header checks wrong", good, plain.size()},
+        {"dictionary asked for", good, plain.size()},
+    };
+    rows[4].stream.insert(rows[4].stream.end(), {1, 2, 3});
+    rows[5].stream[1] ^= 1;
+    rows[6].stream[1] = static_cast<std::uint8_t>(rows[6].stream[1] | 0x20);
+    for (std::size_t cut = 1; cut <= 6; ++cut) rows.push_back({"cut short", Bytes(good.begin(), good.end() - long(cut)), plain.size()});
+    for (std::size_t at : {good.size() - 1, good.size() - 4, std::size_t{5}, good.size() / 2}) {
+        rows.push_back({"byte changed", good, plain.size()});
+        rows.back().stream[at] ^= 0x40;
+    }
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.label);
+        Bytes out(row.room + 1);
+        EXPECT_EQ(QXUDIF::inflateChunk(row.stream.data(), row.stream.size(), out.data(), row.room),
+                  zlibVerdict(row.stream, row.room));
+    }
+    Bytes out(plain.size());
+    ASSERT_EQ(QXUDIF::inflateChunk(good.data(), good.size(), out.data(), out.size()), std::ptrdiff_t(plain.size()));
+    EXPECT_EQ(out, plain);
 }
 
 TEST(DiskImageDamage, TruncationAndRandomDamageNeverReadOutsideTheFile) {
