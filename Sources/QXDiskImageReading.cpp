@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
+#include <memory>
 #include <sstream>
 
 using namespace QXUDIF;
@@ -29,11 +31,16 @@ std::string sectorText(const QXDiskImageMappedChunk& chunk) {
 
 } // namespace
 
-qx::Ref<qx::Error> QXDiskImage::State::decodeChunk(const QXDiskImageMappedChunk& chunk, std::vector<std::uint8_t>& out) {
+qx::Ref<qx::Error> QXDiskImage::State::decodeChunk(const QXDiskImageMappedChunk& chunk, std::vector<std::uint8_t>& out,
+                                                  std::vector<std::uint8_t>& stored) {
     qx::Ref<qx::Error> error;
+    // Buffers come back from the previous chunk: resizing to the same size
+    // costs nothing, and everything past what is decoded is written below.
+    out.resize(chunk.sectorCount * kSectorSize);
     if (chunk.type == kChunkRaw) {
-        out.assign(chunk.sectorCount * kSectorSize, 0);
-        if (!source->read(chunk.fileOffset, out.data(), chunk.length, &error)) return error;
+        const std::uint64_t length = std::min<std::uint64_t>(chunk.length, out.size());
+        if (!source->read(chunk.fileOffset, out.data(), length, &error)) return error;
+        std::memset(out.data() + length, 0, out.size() - length);
         return nullptr;
     }
     const ChunkDecoder* decoder = chunkDecoderForType(chunk.type);
@@ -41,9 +48,8 @@ qx::Ref<qx::Error> QXDiskImage::State::decodeChunk(const QXDiskImageMappedChunk&
     if (!decoder->decode)
         return QXDiskImageError(kQXDiskImageErrorUnsupportedChunk,
                                 std::string("unsupported chunk compression (") + decoder->name + ")");
-    std::vector<std::uint8_t> stored(chunk.length);
+    stored.resize(chunk.length);
     if (!source->read(chunk.fileOffset, stored.data(), stored.size(), &error)) return error;
-    out.resize(chunk.sectorCount * kSectorSize);
     const std::ptrdiff_t written = decoder->decode(stored.data(), stored.size(), out.data(), out.size());
     if (written < 0 || static_cast<std::uint64_t>(written) != out.size())
         return QXDiskImageError(kQXDiskImageErrorCorrupt,
@@ -54,7 +60,8 @@ qx::Ref<qx::Error> QXDiskImage::State::decodeChunk(const QXDiskImageMappedChunk&
 QXDiskImageChunkCache::Bytes QXDiskImage::State::cachedChunk(std::size_t index, qx::Ref<qx::Error>* error) {
     if (auto held = cache.find(index)) return held;
     auto bytes = std::make_shared<std::vector<std::uint8_t>>();
-    if (auto failure = decodeChunk(chunks[index], *bytes)) {
+    std::vector<std::uint8_t> stored;
+    if (auto failure = decodeChunk(chunks[index], *bytes, stored)) {
         if (error) *error = failure;
         return nullptr;
     }
@@ -62,52 +69,82 @@ QXDiskImageChunkCache::Bytes QXDiskImage::State::cachedChunk(std::size_t index, 
     return bytes;
 }
 
+namespace {
+
+// One chunk of a pass on its way: decoded on the queue, visited in order.
+struct PendingChunk {
+    std::size_t index = 0;
+    qx::Ref<qx::Operation> operation;  // null for a zero chunk
+    std::vector<std::uint8_t> out, stored;
+    qx::Ref<qx::Error> failure;
+};
+
+} // namespace
+
 bool QXDiskImage::State::visitChunks(const std::vector<std::size_t>& indices,
                                      const std::function<bool(std::size_t, const std::uint8_t*)>& visit,
                                      qx::Ref<qx::Error>* error) {
     auto queue = QXDecompressor::operationQueue();
-    const std::size_t maxBatch = static_cast<std::size_t>(std::max<std::int64_t>(2, QXDecompressor::maxOperationCount()));
+    // Two chunks per worker keeps every worker busy while the oldest is
+    // visited; the byte bound holds for chunks far larger than 1 MiB.
+    const std::size_t maxDecoding =
+        2 * static_cast<std::size_t>(std::max<std::int64_t>(1, QXDecompressor::maxOperationCount()));
+    std::deque<std::unique_ptr<PendingChunk>> pending;  // in visiting order
+    std::vector<std::unique_ptr<PendingChunk>> spare;   // buffers to reuse
+    std::size_t decoding = 0;
+    std::uint64_t bytesInFlight = 0;
+    // Every operation refers to its chunk: none may outlive this call.
+    struct Drain {
+        std::deque<std::unique_ptr<PendingChunk>>& pending;
+        ~Drain() {
+            for (auto& p : pending)
+                if (p->operation) p->operation->waitUntilFinished();
+        }
+    } drain{pending};
+
     std::size_t next = 0;
-    while (next < indices.size()) {
-        // A batch: the next chunks up to the batch size or the bytes allowed in flight.
-        std::size_t end = next;
-        std::uint64_t bytes = 0;
-        std::size_t decoding = 0;
-        while (end < indices.size() && decoding < maxBatch) {
-            const auto& chunk = chunks[indices[end]];
-            if (!isZeroChunk(chunk.type)) {
-                const std::uint64_t size = chunk.sectorCount * kSectorSize;
-                if (decoding > 0 && bytes + size > kMaxBytesInFlight) break;
-                bytes += size;
+    while (next < indices.size() || !pending.empty()) {
+        while (next < indices.size()) {
+            const auto& chunk = chunks[indices[next]];
+            const std::uint64_t size = isZeroChunk(chunk.type) ? 0 : chunk.sectorCount * kSectorSize;
+            if (size > 0 && decoding > 0 && (decoding >= maxDecoding || bytesInFlight + size > kMaxBytesInFlight)) break;
+            std::unique_ptr<PendingChunk> item;
+            if (!spare.empty()) {
+                item = std::move(spare.back());
+                spare.pop_back();
+            } else {
+                item = std::make_unique<PendingChunk>();
+            }
+            item->index = indices[next];
+            if (size > 0) {
+                PendingChunk* p = item.get();
+                item->operation = qx::BlockOperation::create(
+                    [this, p] { p->failure = decodeChunk(chunks[p->index], p->out, p->stored); });
+                queue->addOperation(item->operation);
                 ++decoding;
+                bytesInFlight += size;
             }
-            ++end;
+            pending.push_back(std::move(item));
+            ++next;
         }
-        std::vector<std::vector<std::uint8_t>> decoded(end - next);
-        std::vector<qx::Ref<qx::Error>> failures(end - next);
-        std::vector<qx::Ref<qx::Operation>> operations;
-        for (std::size_t i = next; i < end; ++i) {
-            const auto& chunk = chunks[indices[i]];
-            if (isZeroChunk(chunk.type)) continue;
-            auto* out = &decoded[i - next];
-            auto* failure = &failures[i - next];
-            auto work = [this, &chunk, out, failure] { *failure = decodeChunk(chunk, *out); };
-            if (decoding == 1) work();
-            else operations.push_back(qx::BlockOperation::create(work));
-        }
-        if (!operations.empty()) queue->addOperations(operations, true);
-        for (std::size_t i = next; i < end; ++i) {
-            if (failures[i - next]) {
-                if (error) *error = failures[i - next];
-                return false;
-            }
-            const auto& chunk = chunks[indices[i]];
-            if (!visit(indices[i], isZeroChunk(chunk.type) ? nullptr : decoded[i - next].data())) {
-                if (error) *error = QXDiskImageError(kQXDiskImageErrorCancelled, "stopped");
+        std::unique_ptr<PendingChunk> oldest = std::move(pending.front());
+        pending.pop_front();
+        const auto& chunk = chunks[oldest->index];
+        if (oldest->operation) {
+            oldest->operation->waitUntilFinished();
+            oldest->operation = nullptr;
+            --decoding;
+            bytesInFlight -= chunk.sectorCount * kSectorSize;
+            if (oldest->failure) {
+                if (error) *error = oldest->failure;
                 return false;
             }
         }
-        next = end;
+        if (!visit(oldest->index, isZeroChunk(chunk.type) ? nullptr : oldest->out.data())) {
+            if (error) *error = QXDiskImageError(kQXDiskImageErrorCancelled, "stopped");
+            return false;
+        }
+        spare.push_back(std::move(oldest));
     }
     return true;
 }

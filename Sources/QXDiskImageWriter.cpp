@@ -79,7 +79,7 @@ public:
     Pipeline(const PartitionMap& map, const ChunkEncoder& encoder, unsigned threads, QXSafeFileWriter& out,
              const QXDiskImageWriter::ProgressBlock& progress, std::uint64_t diskSize)
         : encoder_(encoder), out_(out), progress_(progress), diskSize_(diskSize),
-          queue_(qx::OperationQueue::create("QXDiskImageWriter")), maxInFlight_(2 * std::size_t{threads}) {
+          queue_(qx::OperationQueue::create("QXDiskImageWriter")), maxInFlight_(4 * std::size_t{threads}) {
         queue_->setMaxConcurrentOperationCount(static_cast<int>(threads));
         for (const auto& entry : map.entries) {
             BlockTable table;
@@ -195,6 +195,9 @@ private:
     const QXDiskImageWriter::ProgressBlock& progress_;
     std::uint64_t diskSize_;
     qx::Ref<qx::OperationQueue> queue_;
+    // Pieces submitted and not yet stored. Three queued behind each worker's
+    // own keep the workers busy while this thread waits for the processor on
+    // a loaded machine; a few MiB per thread bound the memory.
     std::size_t maxInFlight_;
 
     std::vector<BlockTable> tables_;

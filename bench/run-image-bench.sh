@@ -23,7 +23,8 @@ mib=${QX_BENCH_MIB:-256}
 runs=${QX_BENCH_RUNS:-3}
 mkdir -p "$out"
 
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENCH=ON -DQX_BUILD_TESTS=OFF > /dev/null
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENCH=ON -DQX_BUILD_TESTS=OFF \
+  -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache > /dev/null
 ninja -C "$build" -j"${QX_BENCH_JOBS:-2}" qx qx_decompress_bench > /dev/null
 qx=$build/tools/qx/qx
 

@@ -41,9 +41,10 @@ struct QXDiskImage::State {
     std::optional<std::string> license;
     QXDiskImageChunkCache cache{8};
 
-    /// A chunk's decoded bytes (sectorCount * 512 of them) into out; zero
-    /// chunks are not asked for.
-    qx::Ref<qx::Error> decodeChunk(const QXDiskImageMappedChunk& chunk, std::vector<std::uint8_t>& out);
+    /// A chunk's decoded bytes (sectorCount * 512 of them) into out, its
+    /// stored bytes read into stored on the way; zero chunks are not asked for.
+    qx::Ref<qx::Error> decodeChunk(const QXDiskImageMappedChunk& chunk, std::vector<std::uint8_t>& out,
+                                   std::vector<std::uint8_t>& stored);
     /// decodeChunk through the cache.
     QXDiskImageChunkCache::Bytes cachedChunk(std::size_t index, qx::Ref<qx::Error>* error);
     /// Calls visit for each of the chunks named by indices, in that order,

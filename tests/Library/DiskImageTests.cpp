@@ -19,6 +19,8 @@
 
 #include <qx/URL.h>
 
+#include <zlib.h>
+
 using namespace diskimage;
 using legacyzip::sha256Hex;
 using qxtest::Bytes;
@@ -423,6 +425,44 @@ TEST(DiskImageDamage, DamagedChunkBytesFailTheirRead) {
         EXPECT_EQ(qxtest::toBytes(image->readDataInRange(0, 512, &error)), Bytes(built.disk.begin(), built.disk.begin() + 512));
         EXPECT_FALSE(image->readDataInRange(512, 512, &error));
         EXPECT_QX_ERROR(error, kQXDiskImageErrorDomain, kQXDiskImageErrorCorrupt);
+    }
+}
+
+// The zlib chunk decoder hands common streams to a faster inflater; whatever
+// the stream, its verdict (the count, or -1) must be zlib's own.
+TEST(DiskImageDamage, ZlibChunkVerdictsMatchZlib) {
+    const Bytes plain = sectors(64, 9);
+    auto deflated = [&plain](int windowBits) {
+        z_stream z{};
+        deflateInit2(&z, 6, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+        Bytes out(deflateBound(&z, plain.size()));
+        z.next_in = const_cast<Bytef*>(plain.data());
+        z.avail_in = static_cast<uInt>(plain.size());
+        z.next_out = out.data();
+        z.avail_out = static_cast<uInt>(out.size());
+        deflate(&z, Z_FINISH);
+        out.resize(z.total_out);
+        deflateEnd(&z);
+        return out;
+    };
+    const Bytes good = deflated(15);
+    const std::size_t n = plain.size();
+    // Rows: the stream, the room, a byte to flip (or none), bytes to cut (or append, when negative).
+    struct Row { Bytes stream; std::size_t room; std::size_t flip; long cut; };
+    std::vector<Row> rows = {{good, n, 0, 0}, {good, n - 1, 0, 0}, {good, n + 100, 0, 0}, {deflated(10), n, 0, 0},
+                             {good, n, 0, -3}, {good, n, 1, 0}, {good, n, 5, 0}, {good, n, good.size() / 2, 0},
+                             {good, n, good.size() - 1, 0}, {good, n, good.size() - 4, 0}};
+    for (long cut = 1; cut <= 6; ++cut) rows.push_back({good, n, 0, cut});
+    for (auto row : rows) {
+        if (row.flip) row.stream[row.flip] ^= 0x40;
+        if (row.cut > 0) row.stream.resize(row.stream.size() - std::size_t(row.cut));
+        else row.stream.insert(row.stream.end(), std::size_t(-row.cut), 7);
+        Bytes out(row.room + 1);
+        uLongf written = row.room;
+        uLong consumed = row.stream.size();
+        const std::ptrdiff_t zlib = uncompress2(out.data(), &written, row.stream.data(), &consumed) == Z_OK ? std::ptrdiff_t(written) : -1;
+        EXPECT_EQ(QXUDIF::inflateChunk(row.stream.data(), row.stream.size(), out.data(), row.room), zlib)
+            << "room " << row.room << " flip " << row.flip << " cut " << row.cut;
     }
 }
 
