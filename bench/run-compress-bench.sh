@@ -35,14 +35,10 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENC
 ninja -C "$build" -j"${QX_BENCH_JOBS:-2}" qx qx_decompress_bench > /dev/null
 qx=$build/tools/qx/qx
 
-have() { command -v "$1" > /dev/null 2>&1; }
+. "$root/bench/payload.sh"
 wants() { [[ " $groups " == *" $1 "* ]]; }
 
-payload=$out/payload.bin
-if [ ! -f "$payload" ] || [ "$(stat -c %s "$payload")" -ne $((mib * 1024 * 1024)) ]; then
-  rm -f "$out"/payload.*
-  "$build/bench/qx_decompress_bench" payload "$payload" "$mib"
-fi
+make_payload "$build/bench/qx_decompress_bench"
 cat "$payload" > /dev/null  # into the page cache
 sum=$(md5sum < "$payload")
 

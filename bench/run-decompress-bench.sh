@@ -43,20 +43,10 @@ tool=$build/bench/qx_decompress_bench
 pbzxbench=$build/bench/qx_pbzx_bench
 qx=$build/tools/qx/qx
 
-have() { command -v "$1" > /dev/null 2>&1; }
+. "$root/bench/payload.sh"
 
 # ----- Inputs (made once; a changed size remakes them all) -----
-payload=$out/payload.bin
-if [ ! -f "$payload" ] || [ "$(stat -c %s "$payload")" -ne $((mib * 1024 * 1024)) ]; then
-  rm -f "$out"/payload.*
-  "$tool" payload "$payload" "$mib"
-fi
-make_input() {  # file, command reading the payload on stdin
-  local file=$1; shift
-  [ -s "$file" ] && [ "$file" -nt "$payload" ] && return
-  echo "making $(basename "$file")" >&2
-  "$@" < "$payload" > "$file.tmp" && mv "$file.tmp" "$file"
-}
+make_payload "$tool"
 make_input "$out/payload.gz" gzip -6 -c
 make_input "$out/payload.bz2" bzip2 -9 -c
 make_input "$out/payload.xz" xz -6 -T0 -c  # one stream; its blocks are only there to compress faster

@@ -29,19 +29,9 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENC
 ninja -C "$build" -j"${QX_BENCH_JOBS:-2}" qx qx_decompress_bench > /dev/null
 qx=$build/tools/qx/qx
 
-have() { command -v "$1" > /dev/null 2>&1; }
+. "$root/bench/payload.sh"
 
-payload=$out/payload.bin
-if [ ! -f "$payload" ] || [ "$(stat -c %s "$payload")" -ne $((mib * 1024 * 1024)) ]; then
-  rm -f "$out"/payload.*
-  "$build/bench/qx_decompress_bench" payload "$payload" "$mib"
-fi
-make_input() {  # file, command reading the payload on stdin
-  local file=$1; shift
-  [ -s "$file" ] && [ "$file" -nt "$payload" ] && return
-  echo "making $(basename "$file")" >&2
-  "$@" < "$payload" > "$file.tmp" && mv "$file.tmp" "$file"
-}
+make_payload "$build/bench/qx_decompress_bench"
 make_input "$out/payload.gz" gzip -6 -c
 make_input "$out/payload.xz" xz -2 -T2 -c  # blocks of 6 MiB: 32 of them
 cat "$out"/payload* > /dev/null  # into the page cache
