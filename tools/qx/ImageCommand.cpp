@@ -239,6 +239,7 @@ int runConvert(const ImageOptions& options) {
                 writeError = errno ? errno : EIO;
                 return false;
             }
+            writer.wroteUpTo(offset + length);
             progress.update(offset + length, offset + length);
             return true;
         },
