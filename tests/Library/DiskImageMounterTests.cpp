@@ -4,62 +4,59 @@
 
 #include <QXFoundation/QXDiskImageMounter.h>
 #include <QXFoundation/QXError.h>
-#include <QXFoundation/QXPropertyListSerialization.h>
 
-#include <qx/Number.h>
-
-#include <sys/stat.h>
-
-using qxtest::TempDir;
+#include <sstream>
 
 namespace {
 
-using Dict = std::initializer_list<std::pair<const char*, qx::Ref<qx::Object>>>;
-
-qx::Ref<qx::Dictionary> dict(Dict entries) {
-    auto d = qx::Dictionary::create();
-    for (const auto& [key, value] : entries) d->setObject(value, key);
-    return d;
+// Property-list text: a dictionary of `body`, and system entities (device,
+// mount point or "").
+std::string plist(const std::string& body) {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" + body + "</dict></plist>";
+}
+std::string entities(std::initializer_list<std::pair<std::string, std::string>> list) {
+    std::string xml = "<key>system-entities</key><array>";
+    for (const auto& [device, mountPoint] : list)
+        xml += "<dict><key>dev-entry</key><string>" + device + "</string>" +
+               (mountPoint.empty() ? "" : "<key>mount-point</key><string>" + mountPoint + "</string>") + "</dict>";
+    return xml + "</array>";
 }
 
-// A device the tool reports; mount point "" for none.
-qx::Ref<qx::Object> entity(const std::string& device, const std::string& mountPoint = "") {
-    return dict({{"dev-entry", qx::str(device)}, {"mount-point", mountPoint.empty() ? nullptr : qx::str(mountPoint)}});
+// Scenario lines for one verb.
+std::string steps(const std::string& verb, const std::string& lines) {
+    std::string scenario, line;
+    for (std::istringstream in(lines); std::getline(in, line);) scenario += verb + " " + line + "\n";
+    return scenario;
 }
 
-qx::Ref<qx::Object> array(std::initializer_list<qx::Ref<qx::Object>> list) { return std::make_shared<qx::Array>(list); }
-qx::Ref<qx::Object> entities(std::initializer_list<qx::Ref<qx::Object>> list) {
-    return dict({{"system-entities", array(list)}});
-}
-
-// The tool as a link to the stand-in in a fresh folder, playing `scenario`.
+// The tool as a link to the stand-in in a fresh folder, where files are
+// written; `play` starts a new scenario and a new log.
 struct StandIn {
-    TempDir dir{"qx-mounter"};
+    qxtest::TempDir dir{"qx-mounter"};
     explicit StandIn(const std::string& scenario = "") {
         EXPECT_EQ(::symlink(QX_SOURCE_DIR "/tests/Support/hdiutil-standin.sh", (dir / "hdiutil").c_str()), 0);
         QXDiskImageMounter::setToolPath(dir / "hdiutil");
         play(scenario);
     }
     ~StandIn() { QXDiskImageMounter::setToolPath(""); }
-    // A new scenario, and a new log.
     void play(const std::string& scenario) const {
         dir.file("scenario", scenario);
         std::filesystem::remove(dir.path() / "log");
     }
-    void plist(const std::string& name, const qx::Ref<qx::Object>& plist) const {
-        dir.file(name, qxtest::toString(QXPropertyListSerialization::dataWithPropertyList(plist, 100)));
-    }
-    std::string log(const std::string& kind = "") const {
-        std::string lines, line;
-        std::istringstream in(qxtest::readFile(dir.path() / "log"));
-        while (std::getline(in, line))
-            if (line.rfind(kind, 0) == 0) lines += line.substr(kind.size()) + "\n";
-        return lines;
-    }
+    std::string read(const std::string& name) const { return qxtest::readFile(dir.path() / name); }
 };
 
 const auto mounter = QXDiskImageMounter::sharedInstance;
-constexpr const char* kEmptyImageInfo = "imageinfo out <?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>\n";
+qx::Ref<qx::URL> at(const std::string& path) { return qx::URL::fileURLWithPath(path); }
+std::string pathOf(const qx::Ref<qx::URL>& url) { return url ? url->path() : ""; }
+// Success without a domain; else that error, with that description unless "".
+void expectOutcome(bool ok, const qx::Ref<qx::Error>& error, const char* domain, std::int64_t code, const char* text) {
+    EXPECT_EQ(ok, !domain);
+    if (!domain) return;
+    EXPECT_QX_ERROR(error, domain, code);
+    EXPECT_TRUE(!*text || (error && error->localizedDescription() == text)) << (error ? error->description() : "");
+}
+const std::string kEmptyImageInfo = "imageinfo out " + plist("") + "\n";
 
 } // namespace
 
@@ -76,50 +73,38 @@ struct Conversation {
     const char* shown;     // what the callbacks were shown
     const char* answers;   // what was typed
 };
-
 void PrintTo(const Conversation& c, std::ostream* os) { *os << c.name; }
 
 class DiskImageMounterConversation : public ::testing::TestWithParam<Conversation> {};
 
 TEST_P(DiskImageMounterConversation, EndsAsTheToolSays) {
     const auto& c = GetParam();
-    StandIn tool;
-    tool.plist("mounted", entities({entity("/dev/disk7"), entity("disk7s1", tool.dir.path())}));
-    tool.plist("unmounted", entities({entity("/dev/disk7")}));
-    tool.plist("info", dict({{"Properties", dict({{"Software License Agreement", qx::Number::withBool(c.licence)}})}}));
-    std::string scenario = "imageinfo cat info\n", step;
-    for (std::istringstream in(c.steps); std::getline(in, step);) scenario += "attach " + step + "\n";
-    tool.play(scenario);
-
+    StandIn tool("imageinfo cat info\n" + steps("attach", c.steps));
+    tool.dir.file("mounted", plist(entities({{"/dev/disk7", ""}, {"disk7s1", tool.dir.path()}})));
+    tool.dir.file("unmounted", plist(entities({{"/dev/disk7", ""}})));
+    tool.dir.file("info", plist("<key>Properties</key><dict><key>Software License Agreement</key>" +
+                                std::string(c.licence ? "<true/>" : "<false/>") + "</dict>"));
     std::string shown;
     QXDiskImageMounter::LicenseHandler licence;
     QXDiskImageMounter::YesNoPromptHandler yesNo;
-    if (c.licenceAnswer >= 0) licence = [&](const qx::Ref<qx::String>& text) {
-        shown += "L:" + text->utf8() + ";";
-        return c.licenceAnswer == 1;
-    };
-    if (c.yesNoAnswer >= 0) yesNo = [&](const qx::Ref<qx::String>& output, const qx::Ref<qx::String>& console) {
-        shown += "Q:" + output->utf8() + "|" + console->utf8() + ";";
-        return c.yesNoAnswer == 1;
+    if (c.licenceAnswer >= 0) licence = [&](auto& text) { return shown += "L:" + text->utf8() + ";", c.licenceAnswer; };
+    if (c.yesNoAnswer >= 0) yesNo = [&](auto& out, auto& console) {
+        return shown += "Q:" + out->utf8() + "|" + console->utf8() + ";", c.yesNoAnswer;
     };
     qx::Ref<qx::URL> mountPoint, device;
     qx::Ref<qx::Error> error;
-    const bool ok = mounter()->attachImageAtURLWithoutMounting(qx::URL::fileURLWithPath(tool.dir / "image.dmg"),
-                                                               c.withoutMounting, &mountPoint, &device, licence, yesNo,
-                                                               &error);
+    const auto image = at(tool.dir / "my image.dmg");
+    const bool ok = mounter()->attachImageAtURLWithoutMounting(image, c.withoutMounting, &mountPoint, &device, licence,
+                                                               yesNo, &error);
+    EXPECT_EQ(tool.read("log"), "imageinfo " + image->absoluteString() + " -plist\nattach -readonly -nokernel -plist "
+              "-noverify -nobrowse -noidme -noautoopen -puppetstrings " + (c.withoutMounting ? "-nomount " : "") +
+              image->absoluteString() + "\n");
     EXPECT_EQ(shown, c.shown);
-    EXPECT_EQ(tool.log("answer "), c.answers);
-    if (!c.domain) {
-        ASSERT_TRUE(ok) << error->localizedDescription();
-        EXPECT_EQ(device ? device->path() : "", c.expected);
-        EXPECT_EQ(mountPoint ? mountPoint->path() : "", c.withoutMounting ? "" : tool.dir.path().string());
-        return;
-    }
-    EXPECT_FALSE(ok);
-    EXPECT_QX_ERROR(error, c.domain, c.code);
-    if (*c.expected && error) {
-        EXPECT_EQ(error->localizedDescription(), c.expected);
-    }
+    EXPECT_EQ(tool.read("answers"), c.answers);
+    expectOutcome(ok, error, c.domain, c.code, c.domain ? c.expected : "");
+    if (c.domain) return;
+    EXPECT_EQ(pathOf(device), c.expected);
+    EXPECT_EQ(pathOf(mountPoint), c.withoutMounting ? "" : tool.dir.path().string());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -138,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
                      "err hdiutil: attach failed - image not recognized\\n\nexit 1", QXErrorDomain, -1,
                      "Attach failed - image not recognized", "", ""},
         Conversation{"ConsoleUnderTenCharacters", false, false, 1, 1, "err hdiutil:\\n\nexit 1", QXErrorDomain, -1,
-                     "Unknown Error image.dmg", "", ""},
+                     "Unknown Error my image.dmg", "", ""},
         Conversation{"NoPropertyList", false, false, 1, 1, "out attached\\n", qx::NSCocoaErrorDomain, 256, "", "", ""},
         Conversation{"ExitStatusOneWithPropertyList", false, false, 1, 1, "cat mounted\nexit 1",
                      qx::NSCocoaErrorDomain, 256, "", "", ""},
@@ -151,13 +136,10 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(DiskImageMounterThreads, AttachesRunSideBySide) {
-    StandIn tool;
-    tool.plist("mounted", entities({entity("disk7s1", tool.dir.path())}));
-    tool.play(std::string(kEmptyImageInfo) + "attach err Go? y/n\nattach ask\nattach cat mounted\n");
-    auto attach = [&] {
-        return mounter()->attachImageAtURL(qx::URL::fileURLWithPath(tool.dir / "image.dmg"), nullptr, nullptr,
-                                           [](auto&, auto&) { return true; });
-    };
+    StandIn tool(kEmptyImageInfo + steps("attach", "err Go? y/n\nask\ncat mounted"));
+    tool.dir.file("mounted", plist(entities({{"disk7s1", tool.dir.path()}})));
+    const auto yes = [](auto&, auto&) { return true; };
+    auto attach = [&] { return mounter()->attachImageAtURL(at(tool.dir / "i.dmg"), nullptr, nullptr, yes); };
     auto other = std::async(std::launch::async, attach);
     EXPECT_TRUE(attach());
     EXPECT_TRUE(other.get());
@@ -165,51 +147,24 @@ TEST(DiskImageMounterThreads, AttachesRunSideBySide) {
 
 // ---- command lines, detach and the tool's information -----------------------
 
-TEST(DiskImageMounterTool, CommandLines) {
-    StandIn tool(std::string(kEmptyImageInfo) + "attach cat mounted\n");
-    tool.plist("mounted", entities({entity("disk7s1", "/mnt")}));
-    const auto image = qx::URL::fileURLWithPath(tool.dir.file("my image.dmg", ""));
-    EXPECT_TRUE(mounter()->attachImageWithoutMountingAtURL(image, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(mounter()->detachImageWithDevEntryURL(qx::URL::fileURLWithPath("/dev/disk7s1")));
-    const std::string url = image->absoluteString();
-    EXPECT_EQ(tool.log("run "), "info -plist\nimageinfo " + url +
-                                    " -plist\nattach -readonly -nokernel -plist -noverify -nobrowse -noidme "
-                                    "-noautoopen -puppetstrings -nomount " + url + "\ndetach /dev/disk7s1\n");
-    QXDiskImageMounter::setToolPath(tool.dir / "missing");
-    qx::Ref<qx::Error> error;
-    EXPECT_FALSE(mounter()->attachImageAtURL(image, nullptr, nullptr, nullptr, &error));
-    EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, ENOENT);
-}
-
 struct ToolRun {
-    const char* verb;   // "detach" or "info"
+    const char* verb;  // "detach" or "info"
     const char* steps;
     const char* domain;  // nullptr: success
     std::int64_t code;
     const char* description;
 };
-
 void PrintTo(const ToolRun& r, std::ostream* os) { *os << r.verb << ": " << r.steps; }
 
 class DiskImageMounterTool : public ::testing::TestWithParam<ToolRun> {};
 
 TEST_P(DiskImageMounterTool, ErrorsFromTheToolsWords) {
     const auto& r = GetParam();
-    StandIn tool;
-    tool.plist("images", dict({{"images", qx::Array::create()}}));
-    std::string scenario, step;
-    for (std::istringstream in(r.steps); std::getline(in, step);) scenario += std::string(r.verb) + " " + step + "\n";
-    tool.play(scenario);
+    StandIn tool(steps(r.verb, r.steps));
     qx::Ref<qx::Error> error;
-    const bool ok = std::string(r.verb) == "detach"
-                        ? mounter()->detachImageWithDevEntryURL(qx::URL::fileURLWithPath("/dev/disk7"), &error)
-                        : mounter()->globalInfoWithError(&error) != nullptr;
-    EXPECT_EQ(ok, r.domain == nullptr);
-    if (!r.domain) return;
-    EXPECT_QX_ERROR(error, r.domain, r.code);
-    if (*r.description && error) {
-        EXPECT_EQ(error->localizedDescription(), r.description);
-    }
+    const bool ok = std::string(r.verb) == "detach" ? mounter()->detachImageWithDevEntryURL(at("/dev/disk7"), &error)
+                                                    : mounter()->globalInfoWithError(&error) != nullptr;
+    expectOutcome(ok, error, r.domain, r.code, r.description);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -220,8 +175,9 @@ INSTANTIATE_TEST_SUITE_P(
                       ToolRun{"detach", "out hdiutil: detach failed - No such file or directory\\n\nexit 1",
                               QXErrorDomain, -1, "detach failed - No such file or directory"},
                       ToolRun{"detach", "out boom\nexit 2", QXErrorDomain, -1, "boom"},
-                      ToolRun{"info", "cat images", nullptr, 0, ""},
-                      ToolRun{"info", "cat images\nerr warning: hdiutil: info failed - Resource busy now\\n",
+                      ToolRun{"info", "out <?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>", nullptr, 0, ""},
+                      ToolRun{"info", "out <?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>\nerr x "
+                                      "hdiutil: info failed - Resource busy now\\n",
                               QXErrorDomain, -1, "info failed - Resource busy now"},
                       ToolRun{"info", "exit 0", qx::NSCocoaErrorDomain, 256, ""}));
 
@@ -237,13 +193,12 @@ protected:
     }();
     StandIn tool{"info cat info\n"};
     std::string image = tool.dir.file("a.dmg", "a"), first = devices + "/d1s1", second = devices + "/d2s1";
-
     void SetUp() override {
-        auto local = entities({entity(devices + "/d1"), entity(first, "/mnt/1"), entity(second, "/mnt/2")});
-        auto remote = entities({entity("disk9s1", "/mnt/9")});
-        qx::dyn_cast<qx::Dictionary>(local)->setObject(qx::str(image), "image-path");
-        qx::dyn_cast<qx::Dictionary>(remote)->setObject(qx::str("https://example.com/c.dmg"), "image-path");
-        tool.plist("info", dict({{"images", array({local, remote})}}));
+        const auto local = entities({{devices + "/d1", ""}, {first, "/mnt/1"}, {second, "/mnt/2"}});
+        const auto remote = entities({{"disk9s1", "/mnt/9"}});
+        tool.dir.file("info", plist("<key>images</key><array><dict><key>image-path</key><string>" + image +
+                                    "</string>" + local + "</dict><dict><key>image-path</key><string>"
+                                    "https://example.com/c.dmg</string>" + remote + "</dict></array>"));
     }
     ~DiskImageMounterAttached() override { std::filesystem::remove_all(devices); }
 
@@ -254,43 +209,30 @@ protected:
         const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
         EXPECT_EQ(::utimensat(AT_FDCWD, node.c_str(), times, 0), 0);
     }
-    std::string paths(const qx::Ref<qx::Array>& urls) const {
-        std::string out;
-        for (const auto& url : urls ? urls->items() : std::vector<qx::Ref<qx::Object>>{})
-            out += qx::dyn_cast<qx::URL>(url)->path() + " ";
-        return out;
-    }
 };
 
 TEST_F(DiskImageMounterAttached, RecordsKeepMountedDevicesOfEachImage) {
     auto records = mounter()->currentlyAttachedImagesWithError();
-    ASSERT_TRUE(records && records->count() == 2);
     std::string seen;
-    for (const auto& item : *records) {
+    for (const auto& item : records ? records->items() : std::vector<qx::Ref<qx::Object>>{}) {
         auto record = qx::dyn_cast<qx::Dictionary>(item);
-        seen += record->get<QXRef>("QXRef")->url()->absoluteString() + ": ";
-        for (const auto& item : *record->get<qx::Array>("Partitions")) {
-            auto partition = qx::dyn_cast<qx::Dictionary>(item);
-            seen += partition->get<qx::URL>("DevEntryURL")->path() + " " +
-                    partition->get<qx::URL>("MountPointURL")->path() + " ";
+        seen += record->get<QXRef>("QXRef")->url()->absoluteString() + ":";
+        for (const auto& partition : *record->get<qx::Array>("Partitions")) {
+            auto urls = qx::dyn_cast<qx::Dictionary>(partition);
+            seen += " " + pathOf(urls->get<qx::URL>("DevEntryURL")) + " " + pathOf(urls->get<qx::URL>("MountPointURL"));
         }
     }
-    EXPECT_EQ(seen, qx::URL::fileURLWithPath(image)->absoluteString() + ": " + first + " /mnt/1 " + second +
-                        " /mnt/2 https://example.com/c.dmg: /dev/disk9s1 /mnt/9 ");
-    qx::Ref<qx::Array> found;
-    EXPECT_EQ(paths(mounter()->mountPointsForAttachedImageAtURL(qx::URL::fileURLWithPath(image), &found)),
-              "/mnt/1 /mnt/2 ");
-    EXPECT_EQ(paths(found), first + " " + second + " ");
+    EXPECT_EQ(seen, at(image)->absoluteString() + ": " + first + " /mnt/1 " + second +
+                        " /mnt/2https://example.com/c.dmg: /dev/disk9s1 /mnt/9");
     EXPECT_TRUE(mounter()->isDiskImageAttachedAtURL(qx::URL::URLWithString("https://example.com/c.dmg")));
 }
 
 TEST_F(DiskImageMounterAttached, ImagesNotAttachedOrNotThere) {
     qx::Ref<qx::Error> error;
-    EXPECT_FALSE(mounter()->devEntryURLsForAttachedImageAtURL(qx::URL::fileURLWithPath(tool.dir / "scenario"), &error));
+    EXPECT_FALSE(mounter()->devEntryURLsForAttachedImageAtURL(at(tool.dir / "scenario"), &error));
     EXPECT_QX_ERROR(error, QXDiskImageMounterErrorDomain, 1);
-    EXPECT_FALSE(mounter()->isDiskImageAttachedAtURL(qx::URL::fileURLWithPath(tool.dir / "gone.dmg")));
-    EXPECT_FALSE(mounter()->mountPointForAttachedImageAtURL(qx::URL::fileURLWithPath(tool.dir / "gone.dmg"), nullptr,
-                                                            &error));
+    EXPECT_FALSE(mounter()->isDiskImageAttachedAtURL(at(tool.dir / "gone.dmg")));
+    EXPECT_FALSE(mounter()->mountPointForAttachedImageAtURL(at(tool.dir / "gone.dmg"), nullptr, &error));
     EXPECT_QX_ERROR(error, qx::NSCocoaErrorDomain, 4);
     EXPECT_QX_ERROR(error->underlyingError(), qx::NSCocoaErrorDomain, 260);
 }
@@ -303,47 +245,43 @@ TEST_F(DiskImageMounterAttached, NewestDeviceIsChosen) {
         date(first, c.first);
         date(second, c.second);
         qx::Ref<qx::URL> device;
-        auto mountPoint = mounter()->mountPointForAttachedImageAtURL(qx::URL::fileURLWithPath(image), &device);
-        ASSERT_TRUE(mountPoint && device);
-        EXPECT_EQ(mountPoint->path(), c.chosen) << c.first << " " << c.second;
-        EXPECT_EQ(device->path(), c.chosen == std::string("/mnt/1") ? first : second);
+        EXPECT_EQ(pathOf(mounter()->mountPointForAttachedImageAtURL(at(image), &device)), c.chosen) << c.first;
+        EXPECT_EQ(pathOf(device), c.chosen == std::string("/mnt/1") ? first : second);
     }
 }
 
 TEST_F(DiskImageMounterAttached, ImageInfoAndDetachGoThroughTheDevices) {
     date(first, 100);
     date(second, 200);
-    tool.play(std::string("info cat info\ndetach exit 0\n") + kEmptyImageInfo);
-    EXPECT_TRUE(mounter()->imageInfoAtURL(qx::URL::fileURLWithPath(image)));
-    EXPECT_TRUE(mounter()->detachImageAtURL(qx::URL::fileURLWithPath(image)));
-    const std::string runs = tool.log("run ");
-    EXPECT_NE(runs.find("imageinfo file://" + second + " -plist\n"), std::string::npos) << runs;
-    EXPECT_NE(runs.find("info -plist\ndetach " + first + "\ndetach " + second + "\n"), std::string::npos) << runs;
+    tool.play("info cat info\ndetach exit 0\n" + kEmptyImageInfo);
+    EXPECT_TRUE(mounter()->imageInfoAtURL(at(image)));
+    EXPECT_TRUE(mounter()->detachImageAtURL(at(image)));
+    EXPECT_EQ(tool.read("log"), "info -plist\ninfo -plist\nimageinfo file://" + second +
+                                    " -plist\ninfo -plist\ndetach " + first + "\ndetach " + second + "\n");
 
     // A failure stops the walk; a node gone with an earlier one is skipped.
     qx::Ref<qx::Error> error;
     tool.play("info cat info\ndetach exit 1\n");
-    EXPECT_FALSE(mounter()->detachImageAtURL(qx::URL::fileURLWithPath(image), &error));
+    EXPECT_FALSE(mounter()->detachImageAtURL(at(image), &error));
     EXPECT_QX_ERROR(error, QXErrorDomain, -1);
-    EXPECT_EQ(tool.log("run detach "), first + "\n");
+    EXPECT_EQ(tool.read("log"), "info -plist\ndetach " + first + "\n");
     date(second, -1);
     tool.play("info cat info\ndetach exit 0\n");
-    EXPECT_TRUE(mounter()->detachImageAtURL(qx::URL::fileURLWithPath(image)));
-    EXPECT_EQ(tool.log("run detach "), first + "\n");
+    EXPECT_TRUE(mounter()->detachImageAtURL(at(image)));
+    EXPECT_EQ(tool.read("log"), "info -plist\ndetach " + first + "\n");
 }
 
 // ---- recognising images and choosing the tool ---------------------------------------
 
 TEST(DiskImageMounter, RecognisesImagesByExtension) {
     const std::pair<const char*, bool> cases[] = {
-        {"file:///a/x.dmg", true},  {"file:///a/X.SparseBundle/", true}, {"file:///a/x.dmg.bin", true},
-        {"file:///a/x.Img.BIN", true}, {"file:///a/x.bin", false}, {"file:///a/x.txt.bin", false},
-        {"file:///a/.dmg", false},  {"file:///a/dmg", false}, {"https://h/x.iso?y=1", true}};
+        {"file:///a/x.dmg", true},     {"file:///a/X.SparseBundle/", true}, {"file:///a/x.dmg.bin", true},
+        {"file:///a/x.Img.BIN", true}, {"file:///a/x.bin", false},          {"file:///a/x.txt.bin", false},
+        {"file:///a/.dmg", false},     {"file:///a/dmg", false},            {"https://h/x.iso?y=1", true}};
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(mounter()->isDiskImageAtURL(qx::URL::URLWithString(text)), expected) << text;
-    auto types = mounter()->diskImageTypes();
-    ASSERT_EQ(types->count(), 18u);
-    EXPECT_EQ(qx::dyn_cast<qx::String>(types->objectAtIndex(17))->utf8(), "image");
+    ASSERT_EQ(mounter()->diskImageTypes()->count(), 18u);
+    EXPECT_EQ(mounter()->diskImageTypes()->objectAtIndex(17)->description(), "image");
 }
 
 TEST(DiskImageMounter, ToolPathPrecedence) {
@@ -351,10 +289,13 @@ TEST(DiskImageMounter, ToolPathPrecedence) {
     const std::string fallback = QXDiskImageMounter::toolPath();
     EXPECT_TRUE(fallback == "/usr/bin/hdiutil" || fallback.ends_with("/qxfoundation/hdiutil")) << fallback;
     ::setenv("QX_HDIUTIL_PATH", "/from/environment", 1);
-    EXPECT_EQ(QXDiskImageMounter::toolPath(), "/from/environment");
+    const std::string environment = QXDiskImageMounter::toolPath();
     QXDiskImageMounter::setToolPath("/from/application");
-    EXPECT_EQ(QXDiskImageMounter::toolPath(), "/from/application");
-    QXDiskImageMounter::setToolPath("");
+    EXPECT_EQ(environment + " " + QXDiskImageMounter::toolPath(), "/from/environment /from/application");
     ::unsetenv("QX_HDIUTIL_PATH");
-    EXPECT_EQ(QXDiskImageMounter::toolPath(), fallback);
+    QXDiskImageMounter::setToolPath("/nonexistent/hdiutil");
+    qx::Ref<qx::Error> error;
+    EXPECT_FALSE(mounter()->detachImageWithDevEntryURL(at("/dev/disk7"), &error));
+    EXPECT_QX_ERROR(error, qx::NSPOSIXErrorDomain, ENOENT);
+    QXDiskImageMounter::setToolPath("");
 }

@@ -10,11 +10,11 @@
 #   ask        reads one answer line from standard input; anything but "y"
 #              cancels as the tool does ("hdiutil: VERB canceled", exit 1)
 #   exit N     ends with status N (the end of the scenario ends with 0)
-# Each start ("run ARGS") and each answer ("answer TEXT") is appended to the
-# folder's "log".
+# Each start's arguments are appended to the folder's "log", each answer to
+# its "answers".
 here=$(dirname "$0")
 verb=$1
-printf 'run %s\n' "$*" >> "$here/log"
+printf '%s\n' "$*" >> "$here/log"
 while IFS=' ' read -r -u 3 step action text; do
   [ "$step" = "$verb" ] || continue
   case $action in
@@ -23,7 +23,7 @@ while IFS=' ' read -r -u 3 step action text; do
     cat) cat "$here/$text" ;;
     ask)
       IFS= read -r answer
-      printf 'answer %s\n' "$answer" >> "$here/log"
+      printf '%s\n' "$answer" >> "$here/answers"
       if [ "$answer" != y ]; then printf 'hdiutil: %s canceled\n' "$verb" >&2; exit 1; fi ;;
     exit) exit "$text" ;;
   esac
