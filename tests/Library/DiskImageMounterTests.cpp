@@ -122,6 +122,8 @@ INSTANTIATE_TEST_SUITE_P(
         Conversation{"LowerCaseComplaint", false, false, 1, 1,
                      "err hdiutil: attach failed - image not recognized\\n\nexit 1", QXErrorDomain, -1,
                      "Attach failed - image not recognized", "", ""},
+        Conversation{"ConsoleOfTenCharacters", false, false, 1, 1, "err hdiutil: x\\n\nexit 1", QXErrorDomain, -1, "X",
+                     "", ""},
         Conversation{"ConsoleUnderTenCharacters", false, false, 1, 1, "err hdiutil:\\n\nexit 1", QXErrorDomain, -1,
                      "Unknown Error my image.dmg", "", ""},
         Conversation{"NoPropertyList", false, false, 1, 1, "out attached\\n", qx::NSCocoaErrorDomain, 256, "", "", ""},
