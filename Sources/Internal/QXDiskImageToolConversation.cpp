@@ -106,25 +106,28 @@ bool QXDiskImageToolConversation::run(qx::Ref<qx::Error>* error) {
     texts.output.fd = process->standardOutput()->fileDescriptor();
     texts.console.fd = terminal;
     QXToolChannel* const channels[] = {&texts.console, &texts.output};
-    bool takesPropertyList = false;
-    for (bool goesOn = true; goesOn;) {
+    // How the conversation ended decides what of the output is kept.
+    enum class End { Talking, PropertyList, Stopped, WentQuiet } end = End::Talking;
+    while (end == End::Talking) {
         const bool arrived = QXPollChannels(channels, 2, kPollInterval);
         if (startsWith(texts.output.text, "<?xml")) {
-            takesPropertyList = true;
-            goesOn = false;
+            end = End::PropertyList;
         } else if (asksYesOrNo(texts.output.text) || asksYesOrNo(texts.console.text)) {
-            goesOn = answerQuestion(texts, terminal);
+            if (!answerQuestion(texts, terminal)) end = End::Stopped;
         } else if (startsWith(texts.console.text, "hdiutil:")) {
             noteToolFailure(texts);
-            goesOn = false;
+            end = End::Stopped;
         } else if ((!texts.output.open() && !texts.console.open()) || (!arrived && !process->isRunning())) {
-            goesOn = false;  // gone without a word that ends the conversation
+            end = End::WentQuiet;
         }
     }
 
-    // The property list is whatever the output holds from its "<?xml" to
-    // its end; else any property list the output still brings.
-    if (!takesPropertyList) texts.output.text.clear();
+    // The property list is whatever the output holds from its "<?xml" on.
+    // After a refusal or a failure the output so far is dropped, and only a
+    // property list the tool still prints counts; a tool that went quiet
+    // keeps all it said, where a property list after other output is found.
+    const bool takesPropertyList = end == End::PropertyList;
+    if (end == End::Stopped) texts.output.text.clear();
     texts.console.text.clear();
     QXReadUntilQuiet(*process, channels, 2);
     _exitStatus = child.waitForExitStatus();

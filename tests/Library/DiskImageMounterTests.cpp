@@ -126,6 +126,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "", ""},
         Conversation{"ConsoleUnderTenCharacters", false, false, 1, 1, "err hdiutil:\\n\nexit 1", QXErrorDomain, -1,
                      "Unknown Error my image.dmg", "", ""},
+        Conversation{"PropertyListAfterOtherOutput", false, false, 1, 1, "out PERCENT:-1.000000\\n\ncat mounted",
+                     nullptr, 0, "/dev/disk7s1", "", ""},
         Conversation{"NoPropertyList", false, false, 1, 1, "out attached\\n", qx::NSCocoaErrorDomain, 256, "", "", ""},
         Conversation{"ExitStatusOneWithPropertyList", false, false, 1, 1, "cat mounted\nexit 1",
                      qx::NSCocoaErrorDomain, 256, "", "", ""},
@@ -147,41 +149,35 @@ TEST(DiskImageMounterThreads, AttachesRunSideBySide) {
     EXPECT_TRUE(other.get());
 }
 
-// ---- command lines, detach and the tool's information -----------------------
+// ---- detach and the tool's information ---------------------------------------
 
-struct ToolRun {
-    const char* verb;  // "detach" or "info"
-    const char* steps;
-    const char* domain;  // nullptr: success
-    std::int64_t code;
-    const char* description;
-};
-void PrintTo(const ToolRun& r, std::ostream* os) { *os << r.verb << ": " << r.steps; }
-
-class DiskImageMounterTool : public ::testing::TestWithParam<ToolRun> {};
-
-TEST_P(DiskImageMounterTool, ErrorsFromTheToolsWords) {
-    const auto& r = GetParam();
-    StandIn tool(steps(r.verb, r.steps));
-    qx::Ref<qx::Error> error;
-    const bool ok = std::string(r.verb) == "detach" ? mounter()->detachImageWithDevEntryURL(at("/dev/disk7"), &error)
-                                                    : mounter()->globalInfoWithError(&error) != nullptr;
-    expectOutcome(ok, error, r.domain, r.code, r.description);
+TEST(DiskImageMounterTool, ErrorsFromTheToolsWords) {
+    const std::string empty = "out " + plist("");
+    const struct {
+        const char *verb, *domain;
+        std::string steps;
+        std::int64_t code;
+        const char* text;
+    } runs[] = {
+        {"detach", nullptr, "exit 0", 0, ""},
+        {"detach", qx::NSPOSIXErrorDomain, "err hdiutil: couldn't eject \"disk7\" - Resource busy\\n\nexit 16", EBUSY,
+         "couldn't eject \"disk7\" - Resource busy"},
+        {"detach", QXErrorDomain, "out hdiutil: detach failed - No such file or directory\\n\nexit 1", -1,
+         "detach failed - No such file or directory"},
+        {"detach", QXErrorDomain, "out boom\nexit 2", -1, "boom"},
+        {"info", nullptr, empty, 0, ""},
+        {"info", QXErrorDomain, empty + "\nerr x hdiutil: info failed - Resource busy now", -1,
+         "info failed - Resource busy now"},
+        {"info", qx::NSCocoaErrorDomain, "exit 0", 256, ""}};
+    for (const auto& r : runs) {
+        SCOPED_TRACE(r.steps);
+        StandIn tool(steps(r.verb, r.steps));
+        qx::Ref<qx::Error> error;
+        const bool ok = std::string(r.verb) == "detach" ? mounter()->detachImageWithDevEntryURL(at("/dev/x"), &error)
+                                                        : mounter()->globalInfoWithError(&error) != nullptr;
+        expectOutcome(ok, error, r.domain, r.code, r.text);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Runs, DiskImageMounterTool,
-    ::testing::Values(ToolRun{"detach", "exit 0", nullptr, 0, ""},
-                      ToolRun{"detach", "err hdiutil: couldn't eject \"disk7\" - Resource busy\\n\nexit 16",
-                              qx::NSPOSIXErrorDomain, EBUSY, "couldn't eject \"disk7\" - Resource busy"},
-                      ToolRun{"detach", "out hdiutil: detach failed - No such file or directory\\n\nexit 1",
-                              QXErrorDomain, -1, "detach failed - No such file or directory"},
-                      ToolRun{"detach", "out boom\nexit 2", QXErrorDomain, -1, "boom"},
-                      ToolRun{"info", "out <?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>", nullptr, 0, ""},
-                      ToolRun{"info", "out <?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>\nerr x "
-                                      "hdiutil: info failed - Resource busy now\\n",
-                              QXErrorDomain, -1, "info failed - Resource busy now"},
-                      ToolRun{"info", "exit 0", qx::NSCocoaErrorDomain, 256, ""}));
 
 // ---- what is attached -------------------------------------------------------------
 
