@@ -210,8 +210,11 @@ qx::Ref<qx::Dictionary> QXDiskImageMounter::imageInfoAtURL(const qx::Ref<qx::URL
         if (error) *error = QXGenerateError(qx::NSCocoaErrorDomain, 262);
         return nullptr;
     }
-    auto target = url;
-    if (isDiskImageAttachedAtURL(url) && !mountPointForAttachedImageAtURL(url, &target, error)) return nullptr;
+    // An attached image is asked about through its newest device. One look
+    // at the attached images answers both whether it is attached and which
+    // device that is.
+    qx::Ref<qx::URL> device;
+    const auto& target = mountPointForAttachedImageAtURL(url, &device) && device ? device : url;
     return toolInformation(target->absoluteString(), target, error);
 }
 

@@ -254,7 +254,7 @@ TEST_F(DiskImageMounterAttached, ImageInfoAndDetachGoThroughTheDevices) {
     tool.play("info cat info\ndetach exit 0\n" + kEmptyImageInfo);
     EXPECT_TRUE(mounter()->imageInfoAtURL(at(image)));
     EXPECT_TRUE(mounter()->detachImageAtURL(at(image)));
-    EXPECT_EQ(tool.read("log"), "info -plist\ninfo -plist\nimageinfo file://" + second +
+    EXPECT_EQ(tool.read("log"), "info -plist\nimageinfo file://" + second +
                                     " -plist\ninfo -plist\ndetach " + first + "\ndetach " + second + "\n");
 
     // A failure stops the walk; a node gone with an earlier one is skipped.
