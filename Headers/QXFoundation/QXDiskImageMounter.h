@@ -131,7 +131,8 @@ public:
     bool isDiskImageAttachedAtURL(const qx::Ref<qx::URL>& url) const;
     /// Of the image's mounted devices, the one whose node changed last (the
     /// newest attachment; the first when no node's date can be read): its
-    /// mount point, and its device through devEntryURL. Cocoa 4 when none.
+    /// mount point, and its device through devEntryURL. Cocoa 4 when none,
+    /// with what stopped the search (not attached, unreachable) underneath.
     qx::Ref<qx::URL> mountPointForAttachedImageAtURL(const qx::Ref<qx::URL>& url, qx::Ref<qx::URL>* devEntryURL,
                                                      qx::Ref<qx::Error>* error = nullptr) const;
     /// Every mount point of the image, and the devices in the same order.
