@@ -36,3 +36,5 @@
 #include <QXFoundation/QXDevice.h>
 #include <QXFoundation/QXDeviceCallbackContext.h>
 #include <QXFoundation/QXDeviceManager.h>
+#include <QXFoundation/QXDiskImageMounter.h>
+#include <QXFoundation/QXRef.h>
