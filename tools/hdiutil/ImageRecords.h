@@ -1,0 +1,21 @@
+// ImageRecords.h - which image a decoded cache file stands for.
+//
+// A loop device knows only its backing file; for a decoded image that is a
+// cache file with a made-up name. Attaching one leaves a record in the
+// run-time folder, named after the cache file and holding the image's path
+// or URL, so that listings can name the image the user attached. Records live
+// in a run-time folder because they describe attachments, which end with the
+// session; a missing record only makes the listing name the cache file.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace hdiutil {
+
+/// Records that the cache file at cachePath holds imageName's disk; 0 or an errno value.
+int rememberImage(const std::string& cachePath, const std::string& imageName);
+/// The image the cache file at cachePath stands for, when recorded.
+std::optional<std::string> recordedImage(const std::string& cachePath);
+
+} // namespace hdiutil
