@@ -37,9 +37,31 @@ constexpr Name kMBRTypes[] = {
     {"0xef", "EFI"},        {"0x83", "Linux"},
 };
 
-constexpr Name kFileSystems[] = {
-    {"hfsplus", "Apple_HFS"}, {"hfs", "Apple_HFS"}, {"apfs", "Apple_APFS"}, {"iso9660", "CD_partition_scheme"},
-    {"udf", "UDF"}, {"vfat", "DOS_FAT_32"}, {"ntfs", "Windows_NTFS"}, {"exfat", "Windows_NTFS"},
+// A file system without a partition map: the name and type identifier a
+// partition holding it would have.
+struct FileSystemType {
+    const char* idType;
+    const char* hint;
+    const char* guid;
+};
+
+constexpr const char* kLinuxData = "0FC63DAF-8483-4772-8E79-3D69D8477DE4";
+constexpr const char* kBasicData = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+
+constexpr FileSystemType kFileSystems[] = {
+    {"hfsplus", "Apple_HFS", "48465300-0000-11AA-AA11-00306543ECAC"},
+    {"hfs", "Apple_HFS", "48465300-0000-11AA-AA11-00306543ECAC"},
+    {"apfs", "Apple_APFS", "7C3457EF-0000-11AA-AA11-00306543ECAC"},
+    {"vfat", "DOS_FAT_32", kBasicData},
+    {"exfat", "Windows_NTFS", kBasicData},
+    {"ntfs", "Windows_NTFS", kBasicData},
+    {"ext2", "Linux", kLinuxData},
+    {"ext3", "Linux", kLinuxData},
+    {"ext4", "Linux", kLinuxData},
+    {"xfs", "Linux", kLinuxData},
+    {"btrfs", "Linux", kLinuxData},
+    {"squashfs", "Linux", kLinuxData},
+    {"erofs", "Linux", kLinuxData},
 };
 
 template <std::size_t N> const char* lookup(const Name (&table)[N], const std::string& key) {
@@ -86,10 +108,12 @@ qx::Ref<qx::Dictionary> entity(const qx::BlockDeviceDescription& d, const std::v
         hint = known ? known : udifHint(udif, d.partition->offset, false);
         if (hint.empty()) hint = unmapped;
     } else {
-        const char* known = lookup(kFileSystems, d.idType);
-        unmapped = known ? known : d.idType;
+        const FileSystemType* known = nullptr;
+        for (const auto& type : kFileSystems)
+            if (d.idType == type.idType) known = &type;
+        unmapped = known ? known->guid : d.idType;
         hint = udifHint(udif, 0, true);
-        if (hint.empty()) hint = unmapped;
+        if (hint.empty() || hint == d.idType) hint = known ? known->hint : d.idType;
     }
     const bool mountable = d.filesystem.has_value();
     auto e = qx::Dictionary::create();
