@@ -202,6 +202,26 @@ TEST_F(HdiutilTool, BusyDetachLeavesEverythingAttached) {
     EXPECT_EQ(run.exitStatus, 0) << run.describe();
 }
 
+TEST_F(HdiutilTool, DecodedOnceWhileTheImageIsUnchanged) {
+    const std::string image = udif(ext4Image("cached.img", "c"), QXDiskImageFormat::UDZO);
+    const auto cacheFiles = [&] {
+        std::map<std::string, ino_t> files;
+        for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache")) {
+            struct stat status {};
+            ::stat(entry.path().c_str(), &status);
+            files[entry.path().filename()] = status.st_ino;
+        }
+        return files;
+    };
+    ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    const auto first = cacheFiles();
+    ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    EXPECT_EQ(cacheFiles(), first) << "the unchanged image was decoded again";
+    ASSERT_EQ(std::system(("touch -d '2001-01-01' " + image).c_str()), 0);
+    ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    EXPECT_EQ(cacheFiles().size(), 2u) << "the changed image reused the old decoded file";
+}
+
 TEST_F(HdiutilTool, FileSystemTheKernelCannotMount) {
     if (readFile("/proc/filesystems").find("hfsplus") != std::string::npos) GTEST_SKIP() << "this kernel mounts HFS+";
     const std::string sample = diskimage::fixturePath("nodeudif-gpt.dmg");
