@@ -172,7 +172,12 @@ TEST_F(HdiutilTool, LicenseAnsweredOnTheConsole) {
     process->setStandardOutput(qx::Process::Stdio::Pipe);
     ASSERT_TRUE(process->launch());
     std::string console;
-    while (console.find("Agree Y/N? ") == std::string::npos) console += toString(process->terminal()->availableData());
+    while (console.find("Agree Y/N? ") == std::string::npos) {
+        const auto data = process->terminal()->availableData();
+        if (!data || data->length() == 0) break;
+        console += toString(data);
+    }
+    ASSERT_NE(console.find("Agree Y/N? "), std::string::npos) << console;
     process->terminal()->writeBytes("y\n", 2);
     const std::string out = toString(process->standardOutput()->readDataToEndOfFile());
     process->waitUntilExit();
