@@ -52,7 +52,7 @@ std::optional<std::string> readLine(int fd) {
     for (;;) {
         char c = 0;
         const ssize_t n = ::read(fd, &c, 1);
-        if (n < 0 && errno == EINTR) continue;
+        // An interrupt (the attach's handlers do not restart reads) declines.
         if (n <= 0) return line.empty() ? std::nullopt : std::optional<std::string>(line);
         if (c == '\n' || c == '\r') return line;
         line += c;
