@@ -33,12 +33,15 @@ class HdiutilTool : public QxProcessTest {
 protected:
     void SetUp() override { QX_REQUIRE_LOOP_DEVICES(); }
     void TearDown() override {
-        for (const auto& device : attached_) LoopDevices::detach(device);
+        // Only devices still on this test's files: a number detached already may be someone else's now.
+        auto left = leftovers();
+        for (const auto& device : left)
+            if (std::find(attached_.begin(), attached_.end(), device) != attached_.end()) LoopDevices::detach(device);
         // A detach while a prober has the device open completes at its last close.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!leftovers().empty() && std::chrono::steady_clock::now() < deadline)
+        while (!(left = leftovers()).empty() && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        for (const auto& device : leftovers()) {
+        for (const auto& device : left) {
             ADD_FAILURE() << device << " left on a file of " << dir();
             LoopDevices::detach(device);
         }
@@ -218,13 +221,19 @@ TEST_F(HdiutilTool, DecodedOnceWhileTheImageIsUnchanged) {
         }
         return files;
     };
-    ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    const auto attachChanged = [&](const char* date) {
+        ASSERT_EQ(std::system(("touch -d '" + std::string(date) + "' " + image).c_str()), 0);
+        ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    };
+    attachChanged("2001-01-01");
     const auto first = cacheFiles();
     ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
     EXPECT_EQ(cacheFiles(), first) << "the unchanged image was decoded again";
-    ASSERT_EQ(std::system(("touch -d '2001-01-01' " + image).c_str()), 0);
-    ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
-    EXPECT_EQ(cacheFiles().size(), 2u) << "the changed image reused the old decoded file";
+    attachChanged("2002-02-02");
+    EXPECT_EQ(cacheFiles().size(), 2u) << "a changed image reused the old decoded file, or dropped it in use";
+    for (const auto& device : attached_) EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
+    attachChanged("2003-03-03");
+    EXPECT_EQ(cacheFiles().size(), 1u) << "decoded files of older versions stay";
 }
 
 TEST_F(HdiutilTool, FileSystemTheKernelCannotMount) {

@@ -114,7 +114,7 @@ int runAttach(const ToolArguments& arguments) {
         if (const int signal = gSignal.load()) return 128 + signal;
         if (backing.empty()) return fail(kVerb, reason);
         // Without the record, listings name the cache file: worth no failure.
-        rememberImage(backing, location->name());
+        if (rememberImage(backing, location->name()) == 0) dropStaleDecodings(location->name(), backing);
     }
 
     const auto provider = qx::BlockDeviceProvider::systemProvider();

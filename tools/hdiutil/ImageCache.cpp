@@ -39,7 +39,9 @@ std::string ImageCache::fileName(QXDiskImage& image, const ImageLocation& locati
 }
 
 bool ImageCache::holds(const std::string& path) {
-    return std::filesystem::path(path).parent_path() == std::filesystem::path(cacheFolder());
+    // Backing files come from the kernel with links resolved.
+    std::error_code ec;
+    return std::filesystem::path(path).parent_path() == std::filesystem::weakly_canonical(cacheFolder(), ec);
 }
 
 std::string ImageCache::decodedFile(QXDiskImage& image, const ImageLocation& location,

@@ -17,5 +17,9 @@ namespace hdiutil {
 int rememberImage(const std::string& cachePath, const std::string& imageName);
 /// The image the cache file at cachePath stands for, when recorded.
 std::optional<std::string> recordedImage(const std::string& cachePath);
+/// Removes the cache files recorded for imageName other than keep, with
+/// their records, unless a loop device still reads them: an image that
+/// changed leaves one decoded file, not one per version.
+void dropStaleDecodings(const std::string& imageName, const std::string& keep);
 
 } // namespace hdiutil
