@@ -253,6 +253,28 @@ TEST_F(HdiutilTool, FileSystemTheKernelCannotMount) {
     EXPECT_EQ(tool({"detach", field(e, "dev-entry")}).exitStatus, 0);
 }
 
+TEST_F(HdiutilTool, FatPartitionsThroughTheFuseHelperWhereTheKernelHasNoDriver) {
+    if (std::system("command -v fusefat >/dev/null") != 0) {
+        if (const char* ci = std::getenv("CI"); ci && std::string(ci) == "true") FAIL() << "fusefat is missing";
+        GTEST_SKIP() << "fusefat is missing (scripts/setup.sh installs it)";
+    }
+    const auto entities = attach(diskimage::fixturePath("nodeudif-compression-zlib.dmg"));
+    ASSERT_EQ(entities->count(), 3u);
+    const std::string points[] = {field(entities->objectAtIndex(1), "mount-point"), field(entities->objectAtIndex(2), "mount-point")};
+    EXPECT_EQ(readFile(std::filesystem::path(points[0]) / "README.TXT").rfind("This is a test partition", 0), 0u) << points[0];
+    EXPECT_EQ(readFile(std::filesystem::path(points[1]) / "README.TXT").rfind("This is a second test partition", 0), 0u) << points[1];
+    auto inside = qx::Process::create("/bin/sleep", {"60"});
+    inside->setCurrentDirectory(points[0]);
+    ASSERT_TRUE(inside->launch());
+    const std::string device = field(entities->objectAtIndex(0), "dev-entry");
+    const auto busy = tool({"detach", device});
+    inside->terminate();
+    inside->waitUntilExit();
+    EXPECT_EQ(busy.exitStatus, 16) << busy.describe();
+    EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
+    for (const auto& point : points) EXPECT_FALSE(std::filesystem::exists(point)) << point << " stays";
+}
+
 TEST_F(HdiutilTool, RemoteImageReadByRanges) {
     const std::string contents = "from afar\n";
     HttpTestServer server(readBytes(udif(ext4Image("remote.img", contents), QXDiskImageFormat::UDZO)));

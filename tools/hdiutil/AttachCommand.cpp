@@ -6,6 +6,7 @@
 // for) detaches its loop device again before it fails.
 #include "AttachCommand.h"
 
+#include "FuseMounts.h"
 #include "ImageCache.h"
 #include "ImageLocation.h"
 #include "ImageRecords.h"
@@ -75,13 +76,16 @@ private:
 };
 
 // Mounts each unmounted file system of the image read-only at the service's
-// default place; a file system the kernel cannot mount stays unmounted. The
-// count of mounted ones (those mounted already included).
+// default place, or through a FUSE helper where the kernel refuses it; one
+// that neither can mount stays unmounted. The count of mounted ones (those
+// mounted already included).
 std::size_t mountFileSystems(qx::BlockDeviceProvider& provider, const std::vector<qx::BlockDeviceDescription>& devices) {
     std::size_t mounted = 0;
     for (const auto& d : devices) {
         if (!d.filesystem) continue;
-        if (!d.filesystem->mountPoints.empty() || provider.mount(d.name, "", "ro").succeeded()) ++mounted;
+        if (!d.filesystem->mountPoints.empty() || provider.mount(d.name, "", "ro").succeeded() ||
+            !mountWithHelper(d, devices.front()).empty())
+            ++mounted;
     }
     return mounted;
 }

@@ -7,13 +7,16 @@
 // image half detached; that unmount then fails the same way.
 #include "DetachCommand.h"
 
+#include "FuseMounts.h"
 #include "MountUsers.h"
 #include "SystemEntities.h"
 #include "ToolFailure.h"
 
 #include <qx/BlockDeviceProvider.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace hdiutil {
 
@@ -47,7 +50,16 @@ int runDetach(const ToolArguments& arguments) {
 
     // Partitions before the whole disk, so a disk with a file system of its own goes last.
     for (auto d = devices.rbegin(); d != devices.rend(); ++d) {
-        if (!d->filesystem || d->filesystem->mountPoints.empty()) continue;
+        if (!d->filesystem) continue;
+        bool kernelMount = false;
+        for (const auto& point : d->filesystem->mountPoints) {
+            if (!isHelperMount(devices, point)) {
+                kernelMount = true;
+            } else if (const int code = unmountHelper(point, arguments.force)) {
+                return code == EBUSY ? busy(name) : fail(verb, point + ": " + std::strerror(code));
+            }
+        }
+        if (!kernelMount) continue;
         const auto answer = provider->unmount(d->name, arguments.force);
         if (answer.errorName == qx::BlockDeviceErrorName::DeviceBusy) return busy(name);
         if (!answer.succeeded()) return fail(verb, answer.message.empty() ? answer.errorName : answer.message);
@@ -55,6 +67,7 @@ int runDetach(const ToolArguments& arguments) {
     const auto answer = provider->loopDelete(disk);
     if (answer.errorName == qx::BlockDeviceErrorName::DeviceBusy) return busy(name);
     if (!answer.succeeded()) return fail(verb, answer.message.empty() ? answer.errorName : answer.message);
+    forgetHelperMounts(devices.front());
     std::printf("\"%s\" ejected.\n", name.c_str());
     return 0;
 }

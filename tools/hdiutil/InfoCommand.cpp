@@ -6,6 +6,7 @@
 // are named by the record the attach left beside the cache.
 #include "InfoCommand.h"
 
+#include "FuseMounts.h"
 #include "ImageCache.h"
 #include "ImageRecords.h"
 #include "PlistOutput.h"
@@ -45,6 +46,7 @@ int runInfo(const ToolArguments& arguments) {
         std::vector<qx::BlockDeviceDescription> devices{disk};
         for (const auto& d : all)
             if (d.partition && d.partition->table == disk.name) devices.push_back(d);
+        addHelperMounts(devices);
         const std::string path = imageBehind(disk.loop->backingFile);
         const auto entities = systemEntities(devices, {});
         auto image = qx::Dictionary::create();

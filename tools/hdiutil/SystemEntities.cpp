@@ -1,6 +1,8 @@
 // SystemEntities.cpp - the devices of one attached image, as the tool lists them.
 #include "SystemEntities.h"
 
+#include "FuseMounts.h"
+
 #include <qx/BlockDeviceProvider.h>
 #include <qx/Dictionary.h>
 #include <qx/Number.h>
@@ -145,6 +147,7 @@ std::vector<qx::BlockDeviceDescription> imageDevices(const std::string& diskName
     if (disk->partitionTable)
         for (const auto& name : disk->partitionTable->partitions)
             if (auto part = provider->device(name)) devices.push_back(std::move(*part));
+    addHelperMounts(devices);
     return devices;
 }
 

@@ -20,7 +20,8 @@
 
 namespace hdiutil {
 
-/// The whole disk, then its partitions: the descriptions an image's entities are made of.
+/// The whole disk, then its partitions: the descriptions an image's entities
+/// are made of, with the mounts of FUSE helpers among their file systems' mount points.
 std::vector<qx::BlockDeviceDescription> imageDevices(const std::string& diskName);
 
 /// The entities of devices (whole disk first). udifPartitions are the
