@@ -33,6 +33,13 @@ class HdiutilTool : public QxProcessTest {
 protected:
     void SetUp() override { QX_REQUIRE_LOOP_DEVICES(); }
     void TearDown() override {
+        // FUSE helper mounts of this test's attachments, by the tool's records.
+        for (const auto& record : std::filesystem::directory_iterator(dir() / "run", ignored_)) {
+            std::ifstream lines(record.path());
+            for (std::string line; std::getline(lines, line);)
+                if (line.find('\t') != std::string::npos && ::umount2(line.substr(line.find('\t') + 1).c_str(), MNT_DETACH) == 0)
+                    ::rmdir(line.substr(line.find('\t') + 1).c_str());
+        }
         // Only devices still on this test's files: a number detached already may be someone else's now.
         auto left = leftovers();
         for (const auto& device : left)
@@ -101,6 +108,7 @@ protected:
         return raw + ".dmg";
     }
     std::vector<std::string> attached_;
+    std::error_code ignored_;
 };
 
 struct AttachCase {
