@@ -7,8 +7,9 @@ cd "$(dirname "$0")/.."
 seconds=${1:-600}; shift || true
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQX_BUILD_FUZZ=ON -DQX_BUILD_TESTS=OFF -DQX_BUILD_TOOLS=OFF > /dev/null
-ninja -C build-fuzz
 targets=("$@")
+# Named targets: only they (and the libraries) are built.
+ninja -C build-fuzz "${targets[@]}"
 [ ${#targets[@]} -gt 0 ] || targets=($(cd build-fuzz/fuzz && ls *Fuzzer))
 for t in "${targets[@]}"; do
   corpus=fuzz/corpus-$t

@@ -51,7 +51,7 @@ QXSafeFileWriter::~QXSafeFileWriter() { discard(); }
 QXSafeFileWriter::QXSafeFileWriter(QXSafeFileWriter&& other) noexcept
     : folder_(std::move(other.folder_)), file_(std::move(other.file_)), name_(std::move(other.name_)),
       temporaryName_(std::exchange(other.temporaryName_, {})), targetPath_(std::move(other.targetPath_)),
-      newFileMode_(other.newFileMode_) {}
+      newFileMode_(other.newFileMode_), appended_(other.appended_), writebackFrom_(other.writebackFrom_) {}
 
 QXSafeFileWriter& QXSafeFileWriter::operator=(QXSafeFileWriter&& other) noexcept {
     if (this != &other) {
@@ -62,6 +62,8 @@ QXSafeFileWriter& QXSafeFileWriter::operator=(QXSafeFileWriter&& other) noexcept
         temporaryName_ = std::exchange(other.temporaryName_, {});
         targetPath_ = std::move(other.targetPath_);
         newFileMode_ = other.newFileMode_;
+        appended_ = other.appended_;
+        writebackFrom_ = other.writebackFrom_;
     }
     return *this;
 }
@@ -116,6 +118,8 @@ int QXSafeFileWriter::start(qx::UniqueFd folder, std::string name, std::optional
             name_ = std::move(name);
             temporaryName_ = std::move(temporary);
             newFileMode_ = newFileMode;
+            appended_ = 0;
+            writebackFrom_ = 0;
             return 0;
         }
         if (errno != EEXIST) return errno;
@@ -135,8 +139,20 @@ int QXSafeFileWriter::writeAll(const void* bytes, std::size_t length) {
         if (n == 0) return EIO;
         p += n;
         length -= static_cast<std::size_t>(n);
+        appended_ += static_cast<std::uint64_t>(n);
     }
+    wroteUpTo(appended_);
     return 0;
+}
+
+void QXSafeFileWriter::wroteUpTo(std::uint64_t end) {
+    constexpr std::uint64_t step = std::uint64_t{8} << 20;
+    if (!file_ || end < writebackFrom_ + step) return;
+    const std::uint64_t upTo = end - end % step;
+    // Only starts the write-back (no waiting): errors surface at commit's sync.
+    ::sync_file_range(file_.get(), static_cast<off_t>(writebackFrom_), static_cast<off_t>(upTo - writebackFrom_),
+                      SYNC_FILE_RANGE_WRITE);
+    writebackFrom_ = upTo;
 }
 
 int QXSafeFileWriter::commit() {

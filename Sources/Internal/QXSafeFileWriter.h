@@ -17,6 +17,10 @@
 //   content survives a power loss once commit returns. A folder that cannot be
 //   synced is not reported: the target has been replaced by then, and an error
 //   would tell the caller it had not.
+// - Written bytes are handed to the kernel's write-back in 8 MiB steps while
+//   the caller goes on producing the next ones, so the sync at commit waits
+//   only for the last few steps instead of the whole file: a large output
+//   then costs little more than one that is never synced.
 // - Any failure, and destruction without commit, removes the temporary and
 //   leaves the target as it was.
 //
@@ -37,6 +41,7 @@
 #include <qx/UniqueFd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -66,6 +71,10 @@ public:
     /// Writes all of bytes to the temporary; 0 or an errno value. Short writes
     /// and EINTR are retried.
     int writeAll(const void* bytes, std::size_t length);
+    /// For bytes written through fd() directly (pwrite, holes): the file's
+    /// bytes before end are complete, so their write-back may start. A hint;
+    /// writeAll gives it itself.
+    void wroteUpTo(std::uint64_t end);
     /// Makes the written bytes the target; 0 or an errno value. On failure the
     /// temporary is gone and the target untouched. Nothing is open afterwards.
     int commit();
@@ -89,4 +98,6 @@ private:
     std::string temporaryName_;         // the temporary's name in folder_; empty when none
     std::string targetPath_;            // for display and callers; name_ alone for openAt
     std::optional<mode_t> newFileMode_; // a new file's mode when the caller chose one
+    std::uint64_t appended_ = 0;        // bytes writeAll has written
+    std::uint64_t writebackFrom_ = 0;   // where the next early write-back starts
 };

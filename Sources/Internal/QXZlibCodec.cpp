@@ -69,24 +69,27 @@ Ref<Data> QXZlibCodec::decodeChunk(const Ref<Data>& input, bool, bool*, Ref<Erro
         countHeldAfterEnd();
         return out;
     }
-    Ref<Data> in = joinHeld(input);
+    const Ref<Data> in = joinHeld(input);
+    // The bytes to feed are a prefix of in; cutting the trailer's 8 off by
+    // length rather than by copy keeps a large first chunk from being copied.
+    std::size_t length = in->length();
     if (gzip_) {
-        const std::size_t keep = std::min<std::size_t>(8, in->length());
-        if (!started() && in->length() - keep == 1) {
+        const std::size_t keep = std::min<std::size_t>(8, length);
+        if (!started() && length - keep == 1) {
             // Too little to start on: hold it all, in order, ahead of the trailer bytes.
             held().append(*in);
             return Data::create();
         }
-        held().append(in->bytes() + in->length() - keep, keep);
-        in = in->subdata(0, in->length() - keep);
+        held().append(in->bytes() + length - keep, keep);
+        length -= keep;
     }
-    if (in->length() == 0) return Data::create();
-    if (!started() && in->length() < 2) {
-        held().append(*in);
+    if (length == 0) return Data::create();
+    if (!started() && length < 2) {
+        held().append(in->bytes(), length);
         return Data::create();
     }
     auto out = reusableOutput();
-    if (!feed(in->bytes(), in->length(), *out, error)) return nullptr;
+    if (!feed(in->bytes(), length, *out, error)) return nullptr;
     countHeldAfterEnd();
     return out;
 }

@@ -63,7 +63,11 @@ std::string ImageCache::decodedFile(QXDiskImage& image, const ImageLocation& loc
     }
     int writeError = 0;
     qx::Ref<qx::Error> error;
-    if (!QXDiskImageExport::writeDisk(image, writer.fd(), progress, &writeError, &error)) {
+    const auto written = [&writer, &progress](std::uint64_t done, std::uint64_t total) {
+        writer.wroteUpTo(done);
+        return !progress || progress(done, total);
+    };
+    if (!QXDiskImageExport::writeDisk(image, writer.fd(), written, &writeError, &error)) {
         reason = writeError ? path + ": " + std::strerror(writeError) : reasonFromError(error);
         return {};
     }

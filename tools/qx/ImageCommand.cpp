@@ -179,7 +179,8 @@ int runConvert(const ImageOptions& options) {
     ProgressLine progress(image->size(), ::isatty(STDERR_FILENO) == 1);
     int writeError = 0;
     const bool written = QXDiskImageExport::writeDisk(
-        *image, writer.fd(), [&progress](std::uint64_t done, std::uint64_t) {
+        *image, writer.fd(), [&](std::uint64_t done, std::uint64_t) {
+            writer.wroteUpTo(done);
             progress.update(done, done);
             return true;
         },
