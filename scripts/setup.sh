@@ -29,6 +29,7 @@ packages=(
   gzip bzip2 xz-utils              # the compressor tests read its output back with the standard tools
   7zip dmg2img                     # read the disk images we write (tests) and peers for the image benchmark
   fdisk e2fsprogs                  # the disk-image tests partition and format small disks
+  fusefat fuseiso                  # FUSE helpers the disk-image tool mounts FAT and ISO 9660 with
   inotify-tools findutils          # peers for the file-system events benchmark
 )
 

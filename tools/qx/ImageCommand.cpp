@@ -12,6 +12,8 @@
 #include <QXFoundation/QXDiskImageWriter.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
 
+#include "Internal/QXDiskImageExport.h"
+#include "Internal/QXDiskImageSummary.h"
 #include "Internal/QXSafeFileWriter.h"
 
 #include <qx/Array.h>
@@ -65,57 +67,13 @@ bool printText(const std::string& text, qx::Ref<qx::Error>* error) {
     return output && output->write(text.data(), text.size(), error) && output->commit(error);
 }
 
-qx::Ref<qx::Dictionary> infoPropertyList(const QXDiskImage& image) {
-    auto root = qx::Dictionary::create();
-    const auto master = image.masterChecksum();
-    root->setObject(qx::String::create(image.formatName()), "Format");
-    root->setObject(qx::String::create(image.formatDescription()), "Format Description");
-    root->setObject(qx::String::create(image.isUDIF() ? "CUDIFDiskImage" : "CRawDiskImage"), "Class Name");
-    root->setObject(qx::String::create(master.type == 2 ? "CRC32" : "none"), "Checksum Type");
-    char value[16];
-    std::snprintf(value, sizeof value, "$%08" PRIX32, master.value);
-    if (master.type == 2) root->setObject(qx::String::create(value), "Checksum Value");
-
-    auto sizes = qx::Dictionary::create();
-    sizes->setObject(qx::Number::withUInt64(image.size()), "Total Bytes");
-    sizes->setObject(qx::Number::withUInt64(image.sectorCount()), "Sector Count");
-    sizes->setObject(qx::Number::withUInt64(image.compressedSize()), "Compressed Bytes");
-    sizes->setObject(qx::Number::withUInt64(image.fileSize()), "Total Non-Empty Bytes");
-    root->setObject(sizes, "Size Information");
-
-    const bool compressed = image.formatName() != "UDRO" && image.formatName() != "UDRW";
-    auto properties = qx::Dictionary::create();
-    properties->setObject(qx::Number::withBool(false), "Encrypted");
-    properties->setObject(qx::Number::withBool(true), "Kernel Compatible");
-    properties->setObject(qx::Number::withBool(master.type != 0), "Checksummed");
-    properties->setObject(qx::Number::withBool(image.hasLicenseAgreement()), "Software License Agreement");
-    properties->setObject(qx::Number::withBool(image.imageVariant() == 1), "Partitioned");
-    properties->setObject(qx::Number::withBool(compressed), "Compressed");
-    root->setObject(properties, "Properties");
-
-    auto list = qx::Array::create();
-    for (const auto& p : image.partitions()) {
-        auto entry = qx::Dictionary::create();
-        entry->setObject(qx::String::create(p.name), "partition-name");
-        entry->setObject(qx::Number::withUInt64(p.firstSector), "partition-start");
-        entry->setObject(qx::Number::withUInt64(p.sectorCount), "partition-length");
-        entry->setObject(qx::String::create(p.type), "partition-hint");
-        list->addObject(entry);
-    }
-    auto partitions = qx::Dictionary::create();
-    partitions->setObject(qx::Number::withUInt64(512), "block-size");
-    partitions->setObject(list, "partitions");
-    root->setObject(partitions, "partitions");
-    return root;
-}
-
 int runInfo(const ImageOptions& options) {
     qx::Ref<qx::Error> error;
     auto image = openImage(options.image, &error);
     if (!image) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
     std::string text;
     if (options.plist) {
-        auto data = QXPropertyListSerialization::dataWithPropertyList(infoPropertyList(*image), 100, &error);
+        auto data = QXPropertyListSerialization::dataWithPropertyList(QXDiskImageSummary::propertyList(*image), 100, &error);
         if (!data) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
         text.assign(reinterpret_cast<const char*>(data->bytes()), data->length());
     } else {
@@ -177,18 +135,6 @@ int runLicense(const ImageOptions& options) {
     return kExitSuccess;
 }
 
-bool writeAt(int fd, const std::uint8_t* bytes, std::uint64_t length, std::uint64_t offset) {
-    while (length > 0) {
-        const ssize_t n = ::pwrite(fd, bytes, length, static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes += n;
-        length -= static_cast<std::uint64_t>(n);
-        offset += static_cast<std::uint64_t>(n);
-    }
-    return true;
-}
-
 int convertToUDIF(const ImageOptions& options, QXDiskImageFormat format) {
     auto writer = QXDiskImageWriter::writerWithFormat(format);
     writer->setCompressionLevel(options.level);
@@ -232,23 +178,16 @@ int runConvert(const ImageOptions& options) {
     if (const int code = writer.open(options.output)) return reportFailure(outputDisplayName(options.output), std::strerror(code));
     ProgressLine progress(image->size(), ::isatty(STDERR_FILENO) == 1);
     int writeError = 0;
-    // Zero runs are left as holes: the final size comes from ftruncate.
-    const bool read = image->enumerateContents(
-        [&](std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t length) {
-            if (bytes && !writeAt(writer.fd(), bytes, length, offset)) {
-                writeError = errno ? errno : EIO;
-                return false;
-            }
-            writer.wroteUpTo(offset + length);
-            progress.update(offset + length, offset + length);
+    const bool written = QXDiskImageExport::writeDisk(
+        *image, writer.fd(), [&](std::uint64_t done, std::uint64_t) {
+            writer.wroteUpTo(done);
+            progress.update(done, done);
             return true;
         },
-        &error);
+        &writeError, &error);
     progress.clear();
     if (writeError != 0) return reportFailure(outputDisplayName(options.output), std::strerror(writeError));
-    if (!read) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
-    if (::ftruncate(writer.fd(), static_cast<off_t>(image->size())) != 0)
-        return reportFailure(outputDisplayName(options.output), std::strerror(errno));
+    if (!written) return reportFailure(inputDisplayName(options.image), reasonFromError(error));
     if (const int code = writer.commit()) return reportFailure(outputDisplayName(options.output), std::strerror(code));
     return kExitSuccess;
 }

@@ -1,0 +1,318 @@
+// HdiutilToolTests.cpp - the Linux disk-image tool run as a child, as root, on real loop devices.
+//
+// Every device a test attaches is detached by the fixture, by device; the
+// cache and the records live in the test's own folder, and the fixture checks
+// at the end that no loop device is left on a file of that folder.
+#include "DiskImageFixtures.h"
+#include "HttpTestServer.h"
+#include "LoopDevices.h"
+#include "QxProcessTest.h"
+
+#include <QXFoundation/QXDiskImageWriter.h>
+#include <QXFoundation/QXPropertyListSerialization.h>
+
+#include <qx/Array.h>
+#include <qx/Dictionary.h>
+#include <qx/Number.h>
+
+using namespace qxtest;
+
+namespace {
+
+qx::Ref<qx::Dictionary> parsePlist(const std::string& text) {
+    return qx::dyn_cast<qx::Dictionary>(QXPropertyListSerialization::propertyListWithData(toData(text), nullptr, nullptr));
+}
+
+std::string field(const qx::Ref<qx::Object>& entity, const char* key) {
+    auto d = qx::dyn_cast<qx::Dictionary>(entity);
+    auto value = d ? d->get<qx::String>(key) : nullptr;
+    return value ? value->utf8() : std::string();
+}
+
+class HdiutilTool : public QxProcessTest {
+protected:
+    void SetUp() override { QX_REQUIRE_LOOP_DEVICES(); }
+    void TearDown() override {
+        // FUSE helper mounts of this test's attachments, by the tool's records.
+        for (const auto& record : std::filesystem::directory_iterator(dir() / "run", ignored_)) {
+            std::ifstream lines(record.path());
+            for (std::string line; std::getline(lines, line);)
+                if (line.find('\t') != std::string::npos && ::umount2(line.substr(line.find('\t') + 1).c_str(), MNT_DETACH) == 0)
+                    ::rmdir(line.substr(line.find('\t') + 1).c_str());
+        }
+        // Only devices still on this test's files: a number detached already may be someone else's now.
+        auto left = leftovers();
+        for (const auto& device : left)
+            if (std::find(attached_.begin(), attached_.end(), device) != attached_.end()) LoopDevices::detach(device);
+        // A detach while a prober has the device open completes at its last close.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!(left = leftovers()).empty() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        for (const auto& device : left) {
+            ADD_FAILURE() << device << " left on a file of " << dir();
+            LoopDevices::detach(device);
+        }
+    }
+    // Loop devices on files of this test's folder.
+    std::vector<std::string> leftovers() const {
+        std::vector<std::string> devices;
+        for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
+            const std::string backing = readFile(entry.path() / "loop" / "backing_file");
+            if (backing.rfind(dir().string(), 0) == 0) devices.push_back(entry.path().filename());
+        }
+        return devices;
+    }
+
+    // The tool's own folders in the test's; a thread-sanitized tool exits with its decode workers still parked.
+    std::string environment() const {
+        const char* tsan = std::getenv("TSAN_OPTIONS");
+        return "QXFOUNDATION_IMAGE_CACHE=" + shellQuote(dir() / "cache") + " QXFOUNDATION_HDIUTIL_RUNTIME=" + shellQuote(dir() / "run") +
+               " TSAN_OPTIONS=" + shellQuote(std::string(tsan ? tsan : "") + ":report_thread_leaks=0");
+    }
+    QxRun tool(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
+        std::string command = before + " env " + environment() + " " + shellQuote(QX_HDIUTIL_BINARY);
+        for (const auto& arg : args) command += " " + shellQuote(arg);
+        return runShell(command, stdinPath);
+    }
+    // attach -plist: the entities, each device remembered for the teardown.
+    qx::Ref<qx::Array> attach(const std::string& image, std::vector<std::string> flags = {}) {
+        flags.insert(flags.begin(), {"attach", "-plist"});
+        flags.push_back(image);
+        return entitiesOf(tool(flags));
+    }
+    qx::Ref<qx::Array> entitiesOf(const QxRun& run) {
+        EXPECT_EQ(run.exitStatus, 0) << run.describe();
+        EXPECT_EQ(run.out.rfind("<?xml", 0), 0u) << run.out.substr(0, 200);
+        auto plist = parsePlist(run.out);
+        auto entities = plist ? plist->get<qx::Array>("system-entities") : nullptr;
+        if (entities && entities->count() > 0) attached_.push_back(field(entities->objectAtIndex(0), "dev-entry").substr(5));
+        return entities ? entities : qx::Array::create();
+    }
+    // An 8 MiB ext4 image (or, with gpt, two ext4 partitions) holding a file "name" with these contents in each.
+    std::string ext4Image(const std::string& name, const std::string& contents, bool gpt = false) {
+        const std::string source = dir() / "tree", path = dir() / name;
+        std::filesystem::create_directories(source);
+        writeFile(std::filesystem::path(source) / "file.txt", contents);
+        std::string command = "truncate -s 8M " + path;
+        if (gpt)
+            command += " && printf 'label: gpt\\nstart=2048, size=6144\\nstart=8192, size=6144\\n' | sfdisk -q " + path +
+                       " && mkfs.ext4 -q -F -E offset=1048576 -d " + source + " " + path + " 3M && mkfs.ext4 -q -F -E offset=4194304 -d " +
+                       source + " " + path + " 3M";
+        else
+            command += " && mkfs.ext4 -q -F -d " + source + " " + path;
+        EXPECT_EQ(std::system((command + " >/dev/null").c_str()), 0) << command;
+        return path;
+    }
+    std::string udif(const std::string& raw, QXDiskImageFormat format, const std::optional<std::string>& license = {}) {
+        auto writer = QXDiskImageWriter::writerWithFormat(format);
+        EXPECT_TRUE(writer->setLicenseAgreement(license));
+        auto source = QXDiskImage::imageWithContentsOfURL(qx::URL::fileURLWithPath(raw));
+        EXPECT_TRUE(source && writer->writeImage(*source, raw + ".dmg"));
+        return raw + ".dmg";
+    }
+    std::vector<std::string> attached_;
+    std::error_code ignored_;
+};
+
+struct AttachCase {
+    const char* name;
+    bool gpt;
+    std::optional<QXDiskImageFormat> format;
+    const char* firstHint;
+};
+
+class HdiutilAttach : public HdiutilTool, public ::testing::WithParamInterface<AttachCase> {};
+
+TEST_P(HdiutilAttach, MountsReadsBackListsAndDetaches) {
+    const auto& c = GetParam();
+    const std::string contents = "put in " + newUUID() + "\n";
+    std::string image = ext4Image("disk.img", contents, c.gpt);
+    if (c.format) image = udif(image, *c.format);
+    const auto entities = attach(image);
+    ASSERT_EQ(entities->count(), c.gpt ? 3u : 1u);
+    EXPECT_EQ(field(entities->objectAtIndex(0), "content-hint"), c.firstHint);
+    std::vector<std::string> points;
+    for (std::size_t i = c.gpt ? 1 : 0; i < entities->count(); ++i) {
+        const auto e = qx::dyn_cast<qx::Dictionary>(entities->objectAtIndex(i));
+        EXPECT_EQ(field(e, "volume-kind"), "ext4");
+        points.push_back(field(e, "mount-point"));
+        EXPECT_EQ(readFile(std::filesystem::path(points.back()) / "file.txt"), contents) << points.back();
+    }
+    const std::string device = field(entities->objectAtIndex(0), "dev-entry");
+
+    auto info = parsePlist(tool({"info", "-plist"}).out);
+    ASSERT_TRUE(info && info->get<qx::Array>("images"));
+    bool listed = false;
+    for (const auto& entry : *info->get<qx::Array>("images")) {
+        const auto e = qx::dyn_cast<qx::Dictionary>(entry);
+        listed = listed || (field(e, "image-path") == image && field(e->get<qx::Array>("system-entities")->objectAtIndex(0), "dev-entry") == device);
+    }
+    EXPECT_TRUE(listed) << "info does not name " << image << " on " << device;
+    auto imageInfo = parsePlist(tool({"imageinfo", device, "-plist"}).out);
+    ASSERT_TRUE(imageInfo);
+    EXPECT_EQ(field(imageInfo, "Format"), c.format ? (*c.format == QXDiskImageFormat::UDZO ? "UDZO" : "UDBZ") : "UDRW");
+
+    const auto run = tool({"detach", device});
+    EXPECT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_FALSE(std::filesystem::exists("/sys/block/" + device.substr(5) + "/loop/backing_file"));
+    for (const auto& point : points) EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(point) / "file.txt"));
+    const auto cached = std::filesystem::exists(dir() / "cache") ? std::distance(std::filesystem::directory_iterator(dir() / "cache"), {}) : 0;
+    EXPECT_EQ(cached, c.format ? 1 : 0) << "raw images are attached as they are, UDIF ones decoded once";
+}
+
+INSTANTIATE_TEST_SUITE_P(Images, HdiutilAttach,
+                         ::testing::Values(AttachCase{"RawExt4", false, std::nullopt, "Linux"},
+                                           AttachCase{"UDZOExt4", false, QXDiskImageFormat::UDZO, "Linux"},
+                                           AttachCase{"UDBZGPTTwoPartitions", true, QXDiskImageFormat::UDBZ, "GUID_partition_scheme"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(HdiutilTool, LicenseAnsweredOnTheConsole) {
+    const std::string image = udif(ext4Image("licensed.img", "x"), QXDiskImageFormat::UDZO, "Use it kindly.");
+    // Declined or unanswered (no console: standard error and standard input).
+    for (const char* answer : {"n\n", "", "maybe\n"}) {
+        const auto run = tool({"attach", "-plist", image}, input("answer", toBytes(std::string(answer))), "setsid -w");
+        EXPECT_EQ(run.exitStatus, 1) << answer;
+        EXPECT_EQ(run.out, "Use it kindly.\n");
+        EXPECT_EQ(run.err, "Agree Y/N? hdiutil: attach canceled\n");
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir() / "cache")) << "nothing decoded before the answer";
+
+    // Accepted on a pseudo-terminal, the way the mounter talks to the tool.
+    auto process = qx::Process::create(QX_HDIUTIL_BINARY, {"attach", "-plist", image});
+    process->setEnvironment({{"QXFOUNDATION_IMAGE_CACHE", (dir() / "cache").string()}, {"QXFOUNDATION_HDIUTIL_RUNTIME", (dir() / "run").string()},
+                             {"PATH", std::getenv("PATH")}, {"TSAN_OPTIONS", "report_thread_leaks=0"}});
+    process->setStandardInput(qx::Process::Stdio::Terminal);
+    process->setStandardError(qx::Process::Stdio::Terminal);
+    process->setStandardOutput(qx::Process::Stdio::Pipe);
+    ASSERT_TRUE(process->launch());
+    std::string console;
+    while (console.find("Agree Y/N? ") == std::string::npos) {
+        const auto data = process->terminal()->availableData();
+        if (!data || data->length() == 0) break;
+        console += toString(data);
+    }
+    ASSERT_NE(console.find("Agree Y/N? "), std::string::npos) << console;
+    process->terminal()->writeBytes("y\n", 2);
+    const std::string out = toString(process->standardOutput()->readDataToEndOfFile());
+    process->waitUntilExit();
+    const auto entities = entitiesOf({process->terminationStatus(), out.substr(out.find("<?xml")), ""});
+    EXPECT_EQ(out.substr(0, out.find("<?xml")), "Use it kindly.\n");
+    ASSERT_EQ(entities->count(), 1u);
+    EXPECT_EQ(readFile(std::filesystem::path(field(entities->objectAtIndex(0), "mount-point")) / "file.txt"), "x");
+}
+
+TEST_F(HdiutilTool, BusyDetachLeavesEverythingAttached) {
+    // The busy file system is the first partition, which a detach would unmount last.
+    const auto entities = attach(ext4Image("busy.img", "busy", true));
+    ASSERT_EQ(entities->count(), 3u);
+    const std::string device = field(entities->objectAtIndex(0), "dev-entry");
+    auto inside = qx::Process::create("/bin/sleep", {"60"});
+    inside->setCurrentDirectory(field(entities->objectAtIndex(1), "mount-point"));
+    ASSERT_TRUE(inside->launch());
+    auto run = tool({"detach", device});
+    inside->terminate();
+    inside->waitUntilExit();
+    EXPECT_EQ(run.exitStatus, 16);
+    EXPECT_EQ(run.err, "hdiutil: couldn't eject \"" + device.substr(5) + "\" - Resource busy\n");
+    for (std::size_t i = 1; i < 3; ++i)
+        EXPECT_EQ(readFile(std::filesystem::path(field(entities->objectAtIndex(i), "mount-point")) / "file.txt"), "busy")
+            << "a busy detach unmounted partition " << i;
+    run = tool({"detach", device});
+    EXPECT_EQ(run.exitStatus, 0) << run.describe();
+}
+
+TEST_F(HdiutilTool, DecodedOnceWhileTheImageIsUnchanged) {
+    const std::string image = udif(ext4Image("cached.img", "c"), QXDiskImageFormat::UDZO);
+    const auto cacheFiles = [&] {
+        std::map<std::string, ino_t> files;
+        for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache")) {
+            struct stat status {};
+            ::stat(entry.path().c_str(), &status);
+            files[entry.path().filename()] = status.st_ino;
+        }
+        return files;
+    };
+    const auto attachChanged = [&](const char* date) {
+        ASSERT_EQ(std::system(("touch -d '" + std::string(date) + "' " + image).c_str()), 0);
+        ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    };
+    attachChanged("2001-01-01");
+    const auto first = cacheFiles();
+    ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
+    EXPECT_EQ(cacheFiles(), first) << "the unchanged image was decoded again";
+    attachChanged("2002-02-02");
+    EXPECT_EQ(cacheFiles().size(), 2u) << "a changed image reused the old decoded file, or dropped it in use";
+    for (const auto& device : attached_) EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
+    attachChanged("2003-03-03");
+    EXPECT_EQ(cacheFiles().size(), 1u) << "decoded files of older versions stay";
+}
+
+TEST_F(HdiutilTool, FileSystemTheKernelCannotMount) {
+    if (readFile("/proc/filesystems").find("hfsplus") != std::string::npos) GTEST_SKIP() << "this kernel mounts HFS+";
+    const std::string sample = diskimage::fixturePath("nodeudif-gpt.dmg");
+    auto run = tool({"attach", "-plist", sample});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.err, "hdiutil: attach failed - no mountable file systems\n");
+    EXPECT_EQ(run.out, "");
+    const auto entities = attach(sample, {"-nomount"});
+    ASSERT_EQ(entities->count(), 1u);
+    const auto e = qx::dyn_cast<qx::Dictionary>(entities->objectAtIndex(0));
+    EXPECT_EQ(field(e, "content-hint"), "Apple_HFS");
+    EXPECT_EQ(field(e, "volume-kind"), "hfs");
+    EXPECT_FALSE(e->objectForKey("mount-point"));
+    EXPECT_TRUE(e->get<qx::Number>("potentially-mountable")->boolValue());
+    EXPECT_EQ(tool({"detach", field(e, "dev-entry")}).exitStatus, 0);
+}
+
+TEST_F(HdiutilTool, FatPartitionsThroughTheFuseHelperWhereTheKernelHasNoDriver) {
+    if (std::system("command -v fusefat >/dev/null") != 0) {
+        if (const char* ci = std::getenv("CI"); ci && std::string(ci) == "true") FAIL() << "fusefat is missing";
+        GTEST_SKIP() << "fusefat is missing (scripts/setup.sh installs it)";
+    }
+    const auto entities = attach(diskimage::fixturePath("nodeudif-compression-zlib.dmg"));
+    ASSERT_EQ(entities->count(), 3u);
+    const std::string points[] = {field(entities->objectAtIndex(1), "mount-point"), field(entities->objectAtIndex(2), "mount-point")};
+    EXPECT_EQ(readFile(std::filesystem::path(points[0]) / "README.TXT").rfind("This is a test partition", 0), 0u) << points[0];
+    EXPECT_EQ(readFile(std::filesystem::path(points[1]) / "README.TXT").rfind("This is a second test partition", 0), 0u) << points[1];
+    auto inside = qx::Process::create("/bin/sleep", {"60"});
+    inside->setCurrentDirectory(points[0]);
+    ASSERT_TRUE(inside->launch());
+    const std::string device = field(entities->objectAtIndex(0), "dev-entry");
+    const auto busy = tool({"detach", device});
+    inside->terminate();
+    inside->waitUntilExit();
+    EXPECT_EQ(busy.exitStatus, 16) << busy.describe();
+    EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
+    for (const auto& point : points) EXPECT_FALSE(std::filesystem::exists(point)) << point << " stays";
+}
+
+TEST_F(HdiutilTool, RemoteImageReadByRanges) {
+    const std::string contents = "from afar\n";
+    HttpTestServer server(readBytes(udif(ext4Image("remote.img", contents), QXDiskImageFormat::UDZO)));
+    const auto entities = attach(server.url(HttpTestServer::RangesPath));
+    ASSERT_EQ(entities->count(), 1u);
+    EXPECT_EQ(readFile(std::filesystem::path(field(entities->objectAtIndex(0), "mount-point")) / "file.txt"), contents);
+}
+
+TEST_F(HdiutilTool, FailuresAreOneLine) {
+    const std::string missing = dir() / "missing.dmg";
+    const struct {
+        std::vector<std::string> args;
+        std::string line;
+    } cases[] = {
+        {{"attach", "-plist", missing}, "hdiutil: attach failed - No such file or directory\n"},
+        {{"attach", "-plist", "file://" + missing}, "hdiutil: attach failed - No such file or directory\n"},
+        {{"attach", "-bogus", missing}, "hdiutil: attach failed - unknown option -bogus\n"},
+        {{"imageinfo", "-plist", missing}, "hdiutil: imageinfo failed - No such file or directory\n"},
+        {{"detach", "/dev/no-such-device"}, "hdiutil: detach failed - No such file or directory\n"},
+        {{"attach", "-plist", input("tiny.img", toBytes(std::string("tiny")))}, "hdiutil: attach failed - image not recognized\n"},
+    };
+    for (const auto& c : cases) {
+        const auto run = tool(c.args);
+        EXPECT_EQ(run.exitStatus, 1) << c.line;
+        EXPECT_EQ(run.err, c.line);
+        EXPECT_EQ(run.out, "");
+    }
+}
+
+} // namespace
