@@ -420,6 +420,9 @@ std::ptrdiff_t QXLZFSEDecode(const std::uint8_t* input, std::size_t inputLength,
             if (!(blockTag == kV1Tag ? parseV1Header(block, available, *header)
                                      : parseV2Header(block, available, *header)))
                 return -1;
+            // Every literal is one output byte; a count beyond the block's
+            // size would only make the literal buffer huge (a bvx1 count is 32 bits).
+            if (header->literalCount > header->rawBytes) return -1;
             const std::size_t payloadBytes = std::size_t(header->literalPayloadBytes) + header->lmdPayloadBytes;
             if (payloadBytes > available - header->headerSize) return -1;
             auto decoder = std::make_unique<CompressedBlock>(*header, literals);
