@@ -161,16 +161,6 @@ void waitForDetach(const std::string& deviceName, int events) {
 
 } // namespace
 
-Ref<BlockDeviceProvider> BlockDeviceProvider::directProvider() {
-    static const Ref<BlockDeviceProvider> provider = std::make_shared<DirectBlockDeviceProvider>();
-    return provider;
-}
-
-// The one place that chooses a provider for the machine. The storage
-// daemon's provider goes first here once it exists (when its name is owned
-// on the system bus); the direct provider stays the fallback.
-Ref<BlockDeviceProvider> BlockDeviceProvider::systemProvider() { return directProvider(); }
-
 DirectBlockDeviceProvider::DirectBlockDeviceProvider() : stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 DirectBlockDeviceProvider::~DirectBlockDeviceProvider() {
@@ -259,7 +249,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::eject(const std::string& deviceName
     return loopDelete(disk);
 }
 
-BlockDeviceAnswer DirectBlockDeviceProvider::addPartitions(const std::string& deviceName) {
+BlockDeviceAnswer DirectBlockDeviceProvider::announcePartitions(const std::string& deviceName) {
     const std::string path = "/dev/" + deviceName;
     const auto entries = blockprobe::readPartitionEntries(path);
     if (entries.empty()) return BlockDeviceAnswer::success();
@@ -316,7 +306,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::loopSetup(int fd, const LoopSetupOp
         }
         // Kernels without table parsers leave the partitions to user space.
         if (!options.noPartScan) {
-            if (auto added = addPartitions(deviceName); !added.succeeded()) {
+            if (auto added = announcePartitions(deviceName); !added.succeeded()) {
                 ::ioctl(loop.get(), LOOP_CLR_FD, 0);
                 return added;
             }
