@@ -35,8 +35,14 @@ start_time() {
 
 record() { echo "$1 $2 $(start_time "$2")" >> "$state"; }
 
-# True while PID is the process that was recorded with start time TICKS.
-same_process() { [ "$(start_time "$1" 2> /dev/null)" = "$2" ]; }
+# True while PID is the process that was recorded with start time TICKS
+# and has not ended (an ended one waits, a zombie, for init to reap it).
+same_process() {
+  local stat
+  stat=$(cat "/proc/$1/stat" 2> /dev/null) || return 1
+  stat=${stat##*) }
+  [ "${stat:0:1}" != Z ] && [ "$(start_time "$1")" = "$2" ]
+}
 
 # The processes owning the names the bus activates for the storage daemon.
 # (The bus does not stay their parent: its launcher hands them to init.)
