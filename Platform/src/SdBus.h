@@ -47,7 +47,7 @@ public:
     std::string message() const { return error_.message ? error_.message : ""; }
 
 private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error_{nullptr, nullptr, 0};  // SD_BUS_ERROR_NULL is a C compound literal
 };
 
 /// A new connection to the system bus; nothing (with the negative errno in

@@ -236,7 +236,8 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::call(const std::string& path, const
     return BlockDeviceAnswer::success();
 }
 
-BlockDeviceAnswer UDisksBlockDeviceProvider::describeAll(std::vector<BlockDeviceDescription>& out) {
+BlockDeviceAnswer UDisksBlockDeviceProvider::describeAll(std::vector<BlockDeviceDescription>& out,
+                                                         const std::function<bool(const BlockDeviceDescription&)>& keep) {
     sdbus::Message reply;
     auto answer = call(udisks::kRootPath, kObjectManager, "GetManagedObjects", nullptr, &reply);
     if (!answer.succeeded()) return answer;
@@ -244,6 +245,7 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::describeAll(std::vector<BlockDevice
     if (const int r = udisks::readManagedObjects(reply.get(), objects); r < 0)
         return busFailure("Error reading the storage daemon's objects", r);
     out = udisks::describeObjects(objects);
+    if (keep) out.erase(std::remove_if(out.begin(), out.end(), [&](const BlockDeviceDescription& d) { return !keep(d); }), out.end());
     for (auto& d : out) {
         blockprobe::addKernelAttributes(d);
         if (d.partitionTable && d.partitionTable->uuid.empty())
@@ -254,16 +256,14 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::describeAll(std::vector<BlockDevice
 
 std::vector<BlockDeviceDescription> UDisksBlockDeviceProvider::devices() {
     std::vector<BlockDeviceDescription> all;
-    describeAll(all);
-    all.erase(std::remove_if(all.begin(), all.end(), [](const BlockDeviceDescription& d) { return !d.hasMedium(); }), all.end());
+    describeAll(all, [](const BlockDeviceDescription& d) { return d.hasMedium(); });
     return all;
 }
 
 std::optional<BlockDeviceDescription> UDisksBlockDeviceProvider::device(const std::string& deviceName) {
-    std::vector<BlockDeviceDescription> all;
-    describeAll(all);
-    const auto* d = named(all, deviceName);
-    return d ? std::optional<BlockDeviceDescription>(*d) : std::nullopt;
+    std::vector<BlockDeviceDescription> one;
+    describeAll(one, [&](const BlockDeviceDescription& d) { return d.name == deviceName; });
+    return one.empty() ? std::nullopt : std::optional<BlockDeviceDescription>(std::move(one.front()));
 }
 
 bool UDisksBlockDeviceProvider::waitUntil(const Predicate& holds, std::chrono::milliseconds limit) {

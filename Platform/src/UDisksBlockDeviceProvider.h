@@ -67,8 +67,10 @@ private:
     using Predicate = std::function<bool(const std::vector<BlockDeviceDescription>&)>;
 
     Connection connection();
-    /// Every description (with or without a medium), or the failure.
-    BlockDeviceAnswer describeAll(std::vector<BlockDeviceDescription>& out);
+    /// Every description (with or without a medium) for which keep (when
+    /// given) holds, or the failure. Only those kept are completed from sysfs.
+    BlockDeviceAnswer describeAll(std::vector<BlockDeviceDescription>& out,
+                                  const std::function<bool(const BlockDeviceDescription&)>& keep = nullptr);
     /// Calls the daemon's member of interface on path with the arguments
     /// append adds; reply, when given, receives the answer.
     BlockDeviceAnswer call(const std::string& path, const char* interface, const char* member,
