@@ -15,7 +15,8 @@
 # devices it attached are detached again, by device and backing file.
 #
 # Environment: QX_BENCH_RUNS (20), QX_BENCH_BUILD (build-bench),
-# QX_BENCH_OUT (bench/out/devices), QX_BENCH_JOBS (2).
+# QX_BENCH_OUT (bench/out/devices), QX_BENCH_JOBS (2), QX_BENCH_QX (a qx
+# already built, instead of building one).
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -29,10 +30,14 @@ for tool in hyperfine lsblk udisksctl losetup mkfs.ext4 python3; do
   command -v "$tool" > /dev/null || { echo "$tool is not installed (scripts/setup.sh installs it)" >&2; exit 1; }
 done
 
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENCH=ON -DQX_BUILD_TESTS=OFF \
-  -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache > /dev/null
-ninja -C "$build" -j"${QX_BENCH_JOBS:-2}" qx > /dev/null
-qx=$build/tools/qx/qx
+if [ -n "${QX_BENCH_QX:-}" ]; then
+  qx=$QX_BENCH_QX
+else
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQX_BUILD_BENCH=ON -DQX_BUILD_TESTS=OFF \
+    -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache > /dev/null
+  ninja -C "$build" -j"${QX_BENCH_JOBS:-2}" qx > /dev/null
+  qx=$build/tools/qx/qx
+fi
 
 state=$out/services.state
 images=$out/images
