@@ -165,7 +165,7 @@ TEST_P(DeviceTest, WholeDiskMountsEveryVolumeAndEjectWaitsForThem) {
 
     // A mounted volume holds the disk.
     auto whole = manager().deviceWithBSDName(g);
-    EXPECT_FALSE(whole->ejectAndReturnError(&error));
+    ASSERT_FALSE(whole->ejectAndReturnError(&error));
     EXPECT_EQ(error->code(), QXDiskArbitrationStatusBusy);
     ASSERT_TRUE(partition->unmountWholeDisk(true, false, &error)) << error->localizedDescription();
     EXPECT_FALSE(partition->mountPointURL());
