@@ -15,6 +15,8 @@ packages=(
   nettle-dev                       # MD2, MD5, SHA digests
   libxml2-dev                      # XML property lists
   libblkid-dev                     # partition tables of disks written as images
+  libsystemd-dev                   # sd-bus: the storage daemon on the system bus
+  udisks2 dbus udev polkitd        # the storage daemon and what it needs, for the device tests (scripts/udisks-services.sh)
   w3c-sgml-lib                     # the HTML entity sets Resources/Entities.txt is made from
   libcpp-httplib-dev libssl-dev libbrotli-dev  # the tests' in-process HTTP server (its .pc needs both)
   curl                             # peer for the HTTP benchmark

@@ -167,6 +167,29 @@ std::string wholeDiskName(const std::string& name) {
     return ec ? name : real.parent_path().filename().string();
 }
 
+void addKernelAttributes(BlockDeviceDescription& d) {
+    if (d.name.empty() || d.name.find('/') != std::string::npos || d.name == "." || d.name == "..") return;
+    std::error_code ec;
+    const fs::path real = fs::canonical(kSysBlock / d.name, ec);
+    if (ec) return;
+    d.sysfsPath = real.string();
+    // A partition's folder lies inside its disk's.
+    const fs::path diskDir = fs::exists(real / "partition") ? real.parent_path() : real;
+    d.logicalBlockSize = static_cast<std::uint32_t>(numberAttribute(diskDir / "queue" / "logical_block_size"));
+    d.diskSeq = numberAttribute(diskDir / "diskseq");
+}
+
+std::string deviceDatabaseProperty(std::uint64_t deviceNumber, std::string_view key) {
+    std::ifstream in("/run/udev/data/b" + std::to_string(major(deviceNumber)) + ":" + std::to_string(minor(deviceNumber)));
+    for (std::string line; std::getline(in, line);) {
+        // E:KEY=VALUE
+        if (line.size() > key.size() + 3 && line.compare(0, 2, "E:") == 0 && line.compare(2, key.size(), key) == 0 &&
+            line[2 + key.size()] == '=')
+            return line.substr(3 + key.size());
+    }
+    return {};
+}
+
 std::optional<BlockDeviceDescription> describe(const std::string& name, const std::vector<MountEntry>& mounts) {
     // A name is one path component; anything else could reach outside sysfs.
     if (name.empty() || name.find('/') != std::string::npos || name == "." || name == "..") return std::nullopt;
@@ -180,13 +203,10 @@ std::optional<BlockDeviceDescription> describe(const std::string& name, const st
     d.deviceNumber = parseDeviceNumber(dev);
     d.size = numberAttribute(dir / "size") * 512;  // sysfs counts 512-byte sectors whatever the device's own
     d.readOnly = numberAttribute(dir / "ro") != 0;
-    std::error_code ec;
-    d.sysfsPath = fs::canonical(dir, ec).string();
+    addKernelAttributes(d);
 
     const std::string disk = wholeDiskName(name);
     const fs::path diskDir = kSysBlock / disk;
-    d.logicalBlockSize = static_cast<std::uint32_t>(numberAttribute(diskDir / "queue" / "logical_block_size"));
-    d.diskSeq = numberAttribute(diskDir / "diskseq");
     const bool removable = numberAttribute(diskDir / "removable") != 0;
 
     if (disk != name) {
@@ -215,7 +235,9 @@ std::optional<BlockDeviceDescription> describe(const std::string& name, const st
             while (!text->empty() && text->back() == ' ') text->pop_back();
         d.drive = std::move(drive);
     }
-    d.hintSystem = !removable && !d.loop && !(d.partition && disk.rfind("loop", 0) == 0);
+    // Loop devices count as the machine's own when root set them up, as the
+    // storage daemon counts them; the kernel does not record who did, so root it is.
+    d.hintSystem = !removable;
 
     if (d.hasMedium()) probeContent(d);
     if (d.partitionTable)

@@ -46,6 +46,16 @@ struct TableEntry {
 };
 std::vector<TableEntry> readPartitionEntries(const std::string& path);
 
+/// Sets what only the kernel's tables say about the device called d.name:
+/// its path under /sys/devices, and the whole disk's logical block size and
+/// disk sequence number. Left as they are when sysfs has no such device.
+void addKernelAttributes(BlockDeviceDescription& d);
+
+/// A property of the device's entry in the device manager's database
+/// (/run/udev/data, readable by everyone), e.g. "ID_PART_TABLE_UUID"; empty
+/// when there is none.
+std::string deviceDatabaseProperty(std::uint64_t deviceNumber, std::string_view key);
+
 /// The whole disk a partition belongs to, by name ("loop3" for "loop3p1"); name itself for a whole disk.
 std::string wholeDiskName(const std::string& name);
 

@@ -16,10 +16,12 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace qx {
@@ -136,6 +138,36 @@ UniqueFd openUeventSocket() {
     return socket;
 }
 
+// True when the device manager (udevd) answers on its control socket.
+bool deviceManagerRuns() {
+    UniqueFd control(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, "/run/udev/control", sizeof address.sun_path - 1);
+    return control && ::connect(control.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+// Waits (at most a second) for a "change" event of the device on the
+// kernel's event socket.
+void waitForChangeEvent(const std::string& deviceName, int events) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    std::vector<char> buffer(8192);
+    for (;;) {
+        ssize_t length;
+        while ((length = ::recv(events, buffer.data(), buffer.size(), 0)) > 0) {
+            bool change = false;
+            std::vector<std::string> names;
+            collectUeventName(buffer.data(), static_cast<std::size_t>(length), names);
+            for (std::size_t at = 0; at < static_cast<std::size_t>(length); at += strnlen(buffer.data() + at, length - at) + 1)
+                change = change || std::strcmp(buffer.data() + at, "ACTION=change") == 0;
+            if (change && std::find(names.begin(), names.end(), deviceName) != names.end()) return;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+        pollfd p{events, POLLIN, 0};
+        if (left <= 0 || (::poll(&p, 1, static_cast<int>(left)) < 0 && errno != EINTR)) return;
+    }
+}
+
 // True while the device still reports a medium; its size is the last thing
 // the kernel clears on a detach (after the loop attributes go).
 bool hasMedium(const std::string& deviceName) {
@@ -160,16 +192,6 @@ void waitForDetach(const std::string& deviceName, int events) {
 }
 
 } // namespace
-
-Ref<BlockDeviceProvider> BlockDeviceProvider::directProvider() {
-    static const Ref<BlockDeviceProvider> provider = std::make_shared<DirectBlockDeviceProvider>();
-    return provider;
-}
-
-// The one place that chooses a provider for the machine. The storage
-// daemon's provider goes first here once it exists (when its name is owned
-// on the system bus); the direct provider stays the fallback.
-Ref<BlockDeviceProvider> BlockDeviceProvider::systemProvider() { return directProvider(); }
 
 DirectBlockDeviceProvider::DirectBlockDeviceProvider() : stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -259,7 +281,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::eject(const std::string& deviceName
     return loopDelete(disk);
 }
 
-BlockDeviceAnswer DirectBlockDeviceProvider::addPartitions(const std::string& deviceName) {
+BlockDeviceAnswer DirectBlockDeviceProvider::announcePartitions(const std::string& deviceName) {
     const std::string path = "/dev/" + deviceName;
     const auto entries = blockprobe::readPartitionEntries(path);
     if (entries.empty()) return BlockDeviceAnswer::success();
@@ -310,17 +332,27 @@ BlockDeviceAnswer DirectBlockDeviceProvider::loopSetup(int fd, const LoopSetupOp
         const std::string deviceName = "loop" + std::to_string(number);
         UniqueFd loop(::open(("/dev/" + deviceName).c_str(), (options.readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
         if (!loop) return refusal(errno, "Error opening /dev/" + deviceName);
+        // The device manager re-reads a disk's table when a writer closes it,
+        // which on kernels without table parsers drops the partitions announced
+        // below; it leaves a disk alone while someone holds it locked, so the
+        // lock stays until it has seen our close.
+        UniqueFd lock(::open(("/dev/" + deviceName).c_str(), O_RDONLY | O_CLOEXEC));
+        if (lock) ::flock(lock.get(), LOCK_EX);
         if (::ioctl(loop.get(), LOOP_CONFIGURE, &config) != 0) {
             if (errno == EBUSY) continue;
             return refusal(errno, "Error setting up loop device /dev/" + deviceName);
         }
         // Kernels without table parsers leave the partitions to user space.
         if (!options.noPartScan) {
-            if (auto added = addPartitions(deviceName); !added.succeeded()) {
+            if (auto added = announcePartitions(deviceName); !added.succeeded()) {
                 ::ioctl(loop.get(), LOOP_CLR_FD, 0);
                 return added;
             }
         }
+        UniqueFd events = !options.noPartScan && !options.readOnly && deviceManagerRuns() ? openUeventSocket() : UniqueFd();
+        loop.reset();
+        if (events) waitForChangeEvent(deviceName, events.get());
+        lock.reset();
         announce({deviceName});
         return BlockDeviceAnswer::success(deviceName);
     }

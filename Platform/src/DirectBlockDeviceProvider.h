@@ -40,13 +40,15 @@ public:
 
     /// Where mounts without a mount point go: /run/media/USER.
     static std::string defaultMountRoot();
+    /// Announces the partitions of the table on the device called name that
+    /// the kernel has not (BLKPG, as root); those it has are left alone.
+    static BlockDeviceAnswer announcePartitions(const std::string& name);
 
     std::string className() const override { return "DirectBlockDeviceProvider"; }
 
 private:
     void watch();
     void announce(const std::vector<std::string>& names);
-    BlockDeviceAnswer addPartitions(const std::string& name);
 
     std::mutex mutex_;                                 // guards listeners_, nextToken_, watcher_
     std::recursive_mutex callMutex_;                   // held while listeners are called

@@ -6,6 +6,13 @@
 
 #include <qx/BlockDeviceService.h>
 
+#include "UDisksObjects.h"
+
+#include <nlohmann/json.hpp>
+
+#include <csignal>
+#include <sys/wait.h>
+
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 
@@ -22,15 +29,22 @@ std::string text(const qx::Ref<qx::String>& s) { return s ? s->utf8() : std::str
 std::string text(const qx::Ref<qx::UUID>& u) { return u ? qx::UUID::withString(u->UUIDString())->UUIDString() : "(nothing)"; }
 std::string uuidText(const std::string& s) { return qx::UUID::withString(s)->UUIDString(); }
 
-class DeviceTest : public ::testing::Test {
+// Every test runs through each provider: the kernel's tables ("direct")
+// and the storage daemon on the system bus ("udisks").
+class DeviceTest : public ::testing::TestWithParam<std::string> {
 protected:
-    void SetUp() override { QX_REQUIRE_LOOP_DEVICES(); }
+    void SetUp() override { QX_REQUIRE_DEVICE_PROVIDER(GetParam()); }
 
-    QXDeviceManager& manager() { return *QXDeviceManager::sharedInstance(); }
-    LoopDevices loops;
+    QXDeviceManager& manager() { return manager_; }
+    const qx::Ref<qx::BlockDeviceProvider> provider_ = providerNamed(GetParam());
+    QXDeviceManager manager_{provider_};
+    LoopDevices loops{provider_};
 };
 
-TEST_F(DeviceTest, EnumerationAndEverySearch) {
+INSTANTIATE_TEST_SUITE_P(Providers, DeviceTest, ::testing::Values("direct", "udisks"),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+TEST_P(DeviceTest, EnumerationAndEverySearch) {
     const std::string same = "QXS" + newUUID().substr(0, 8), label1 = "QXP" + newUUID().substr(0, 8);
     const std::string uuidA = newUUID(), table = newUUID(), parts[2] = {newUUID(), newUUID()}, volumes[2] = {newUUID(), newUUID()};
     const std::string a = loops.attach(loops.ext4Image("a.img", same, uuidA));
@@ -97,7 +111,7 @@ TEST_F(DeviceTest, EnumerationAndEverySearch) {
     EXPECT_FALSE(manager().deviceContainingURL(qx::URL::fileURLWithPath("/proc/self/status")));
 }
 
-TEST_F(DeviceTest, MountFindUnmount) {
+TEST_P(DeviceTest, MountFindUnmount) {
     const std::string label = "QXM" + newUUID().substr(0, 8);
     const std::string a = loops.attach(loops.ext4Image("a.img", label, newUUID()));
     auto device = manager().deviceWithBSDName(a);
@@ -108,7 +122,7 @@ TEST_F(DeviceTest, MountFindUnmount) {
     // The change comes with the answer: the device knows its mount point when the call returns.
     ASSERT_TRUE(device->mountPointURL());
     const std::string point = device->mountPointURL()->path();
-    EXPECT_EQ(point.substr(0, point.find_last_not_of('/') + 1), defaultMountRoot() + "/" + label);
+    EXPECT_EQ(std::filesystem::path(point.substr(0, point.find_last_not_of('/') + 1)).filename(), label);
     writeFile(std::filesystem::path(point) / "inside", "x");
 
     auto byPoint = manager().deviceWithMountPointURL(qx::URL::fileURLWithPath(point, true));
@@ -139,7 +153,7 @@ TEST_F(DeviceTest, MountFindUnmount) {
     EXPECT_EQ(error->code(), QXDiskArbitrationStatusNotMounted);
 }
 
-TEST_F(DeviceTest, WholeDiskMountsEveryVolumeAndEjectWaitsForThem) {
+TEST_P(DeviceTest, WholeDiskMountsEveryVolumeAndEjectWaitsForThem) {
     const std::string parts[2] = {newUUID(), newUUID()}, volumes[2] = {newUUID(), newUUID()};
     const std::string g = loops.attach(loops.gptImage("g.img", newUUID(), parts, {"QXW1", "QXW2"}, volumes));
     auto partition = manager().deviceWithBSDName(g + "p2");
@@ -151,7 +165,7 @@ TEST_F(DeviceTest, WholeDiskMountsEveryVolumeAndEjectWaitsForThem) {
 
     // A mounted volume holds the disk.
     auto whole = manager().deviceWithBSDName(g);
-    EXPECT_FALSE(whole->ejectAndReturnError(&error));
+    ASSERT_FALSE(whole->ejectAndReturnError(&error));
     EXPECT_EQ(error->code(), QXDiskArbitrationStatusBusy);
     ASSERT_TRUE(partition->unmountWholeDisk(true, false, &error)) << error->localizedDescription();
     EXPECT_FALSE(partition->mountPointURL());
@@ -161,7 +175,7 @@ TEST_F(DeviceTest, WholeDiskMountsEveryVolumeAndEjectWaitsForThem) {
     EXPECT_EQ(whole->mediaSize(), 0u);
 }
 
-TEST_F(DeviceTest, BusyUnmountIsRefusedWithTheServicesTextUntilForced) {
+TEST_P(DeviceTest, BusyUnmountIsRefusedWithTheServicesTextUntilForced) {
     const std::string a = loops.attach(loops.ext4Image("a.img", "QXBUSY", newUUID()));
     auto device = manager().deviceWithBSDName(a);
     ASSERT_TRUE(device);
@@ -169,8 +183,23 @@ TEST_F(DeviceTest, BusyUnmountIsRefusedWithTheServicesTextUntilForced) {
     ASSERT_TRUE(device->mountAndReturnError(&error));
     ASSERT_TRUE(device->mountPointURL());
     const std::string point = device->mountPointURL()->path();
-    const int open = ::open((point + "/held").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
-    ASSERT_GE(open, 0);
+    // Another process working inside the volume.
+    struct Child {
+        pid_t pid = -1;
+        ~Child() {
+            if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
+        }
+    } child;
+    int ready[2];
+    ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+    if ((child.pid = ::fork()) == 0) {
+        if (::chdir(point.c_str()) == 0 && ::write(ready[1], "x", 1) == 1) ::pause();
+        ::_exit(1);
+    }
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1) << "the child did not get inside";
+    ::close(ready[0]);
 
     EXPECT_FALSE(device->unmountAndReturnError(&error));
     ASSERT_TRUE(error);
@@ -181,10 +210,9 @@ TEST_F(DeviceTest, BusyUnmountIsRefusedWithTheServicesTextUntilForced) {
 
     EXPECT_TRUE(device->unmountWholeDisk(false, true, &error));
     EXPECT_FALSE(device->mountPointURL());
-    ::close(open);
 }
 
-TEST_F(DeviceTest, ChangesMadeElsewhereReachTheDeviceOnItsRunLoop) {
+TEST_P(DeviceTest, ChangesMadeElsewhereReachTheDeviceOnItsRunLoop) {
     const std::string a = loops.attach(loops.ext4Image("a.img", "QXOLD", newUUID()));
     const std::string other = loops.ext4Image("b.img", "QXNEW", newUUID());
     auto device = manager().deviceWithBSDName(a);
@@ -197,6 +225,11 @@ TEST_F(DeviceTest, ChangesMadeElsewhereReachTheDeviceOnItsRunLoop) {
     EXPECT_TRUE(runDeviceLoopUntil([&] { return device->mountPointURL() != nullptr; }));
     ASSERT_EQ(::umount2(folder.c_str(), 0), 0);
     EXPECT_TRUE(runDeviceLoopUntil([&] { return device->mountPointURL() == nullptr; }));
+
+    // A label written by another program; the change event is the one the device manager's watch sends.
+    ASSERT_EQ(std::system(("tune2fs -L QXRENAMED /dev/" + a + " >/dev/null").c_str()), 0);
+    writeFile("/sys/class/block/" + a + "/uevent", "change");
+    EXPECT_TRUE(runDeviceLoopUntil([&] { return text(device->volumeName()) == "QXRENAMED"; }));
 
     // The loop device detached, then attached to another image.
     LoopDevices::detach(a);
@@ -236,30 +269,50 @@ public:
     void removeChangeListener(std::uint64_t) override { listener = nullptr; }
 };
 
-// A USB stick's first partition, as the storage daemon described it.
-qx::BlockDeviceDescription recordedStick() {
-    qx::BlockDeviceDescription d;
-    d.name = "sdb1";
-    d.device = "/dev/sdb1";
-    d.deviceNumber = makedev(8, 17);
-    d.size = 15518924800;
-    d.logicalBlockSize = 512;
-    d.idUsage = "filesystem";
-    d.idType = "vfat";
-    d.idLabel = "STICK";
-    d.idUUID = "3A1B-2C4D";
-    d.filesystem = qx::BlockFilesystemPart{};
-    d.partition = qx::BlockPartitionPart{1, 1048576, 15518924800, "0x0c", "a1b2c3d4-01", "", "sdb"};
-    d.drive = qx::BlockDrivePart{"Kingston", "DataTraveler 3.0", "PMAP", "60A44C3FACC9", "", "usb", true, true, true};
-    return d;
+// The storage daemon's objects from a recorded answer of its object manager
+// (busctl --json), read as the provider reads a live one.
+qx::udisks::Objects recordedObjects(const std::string& name) {
+    const auto bytes = [](const nlohmann::json& data) {
+        std::string text;
+        for (const auto& byte : data) text += static_cast<char>(byte.get<int>());
+        return text.substr(0, text.find('\0'));
+    };
+    const std::string prefix = qx::udisks::kInterfacePrefix;
+    qx::udisks::Objects objects;
+    const auto reply = nlohmann::json::parse(readFile(std::string(QX_TESTDATA_DIR) + "/udisks/" + name));
+    for (const auto& [path, interfaces] : reply.at("data").at(0).items())
+        for (const auto& [interface, properties] : interfaces.items()) {
+            if (interface.rfind(prefix, 0) != 0) continue;
+            auto& target = objects[path][interface.substr(prefix.size())];
+            for (const auto& [property, value] : properties.items()) {
+                const std::string type = value.at("type");
+                const auto& data = value.at("data");
+                if (type == "b") target[property] = data.get<bool>();
+                else if (type == "s" || type == "o") target[property] = data.get<std::string>();
+                else if (type == "ay") target[property] = bytes(data);
+                else if (type == "as" || type == "ao") target[property] = data.get<std::vector<std::string>>();
+                else if (type == "t" || type == "u") target[property] = data.get<std::uint64_t>();
+                else if (type == "aay") {
+                    std::vector<std::string> list;
+                    for (const auto& item : data) list.push_back(bytes(item));
+                    target[property] = list;
+                }
+            }
+        }
+    return objects;
 }
 
 TEST(DeviceMapping, RecordedDriveKeysRequestsAndRefusals) {
+    // A USB stick with one FAT partition, mounted: drives are what these machines lack.
     auto provider = std::make_shared<RecordedProvider>();
-    provider->list = {recordedStick()};
+    provider->list = qx::udisks::describeObjects(recordedObjects("good-usb-stick-managed-objects.json"));
     QXDeviceManager manager(provider);
     auto stick = manager.deviceWithBSDName("sdb1");
     ASSERT_TRUE(stick);
+    EXPECT_EQ(stick->mountPointURL() ? stick->mountPointURL()->path() : "", "/media/user/STICK");
+    EXPECT_EQ(text(stick->volumeName()), "STICK");
+    EXPECT_EQ(stick->mediaSize(), 15518924800u);
+    EXPECT_EQ(provider->list[0].partitionTable->partitions, std::vector<std::string>{"sdb1"});
     EXPECT_EQ(text(stick->vendor()), "Kingston");
     EXPECT_EQ(text(stick->model()), "DataTraveler 3.0");
     EXPECT_EQ(text(stick->revision()), "PMAP");
@@ -286,16 +339,43 @@ TEST(DeviceMapping, RecordedDriveKeysRequestsAndRefusals) {
     EXPECT_EQ(provider->requests, (std::vector<std::string>{"mount sdb1 at '/mnt/x' with 'ro,noexec'", "unmount sdb1 force"}));
 
     // A change the provider reports reaches the device on the loop its session waits on.
-    provider->list[0].idLabel = "RENAMED";
+    provider->list[1].idLabel = "RENAMED";
     ASSERT_TRUE(provider->listener);
     provider->listener({"sdb1"});
     EXPECT_TRUE(runDeviceLoopUntil([&] { return text(stick->volumeName()) == "RENAMED"; }));
+
+    auto disk = manager.deviceWithBSDName("sdb");
+    ASSERT_TRUE(disk);
+    EXPECT_EQ(text(disk->mediaContent()), "dos");
+    EXPECT_EQ(text(disk->vendor()), "Kingston");
+    EXPECT_TRUE(disk->isWholeDisk() && disk->isEjectable() && !disk->mediaIsLeaf());
 
     // Without a disk: empty, and every request refused.
     auto empty = QXDevice::initWithDADisk(nullptr, qx::BlockDeviceService::create(provider));
     EXPECT_FALSE(empty->bsdName() || empty->isWritable() || empty->mediaSize());
     EXPECT_FALSE(empty->ejectAndReturnError(&error));
     EXPECT_FALSE(QXDevice::initWithIOMedia(qx::String::create("sdb1"), qx::BlockDeviceService::create(provider)));
+}
+
+// The two providers describe the same loop devices alike: attached through
+// the kernel, then seen by the daemon through the device manager's events.
+TEST(DeviceProviders, DescribeTheSameLoopDevicesAlike) {
+    QX_REQUIRE_DEVICE_PROVIDER("udisks");
+    LoopDevices loops(providerNamed("direct"));
+    const std::string parts[2] = {newUUID(), newUUID()}, volumes[2] = {newUUID(), newUUID()};
+    const std::string a = loops.attach(loops.ext4Image("a.img", "QXALIKE", newUUID()));
+    const std::string g = loops.attach(loops.gptImage("g.img", newUUID(), parts, {"QXALIKE1", "QXALIKE2"}, volumes));
+    ASSERT_FALSE(a.empty() || g.empty());
+    const std::string folder = loops.dir() / "mnt";
+    std::filesystem::create_directory(folder);
+    ASSERT_EQ(::mount(("/dev/" + g + "p2").c_str(), folder.c_str(), "ext4", MS_RDONLY, nullptr), 0) << std::strerror(errno);
+    for (const std::string& name : {a, g, g + "p1", g + "p2"}) {
+        const auto direct = providerNamed("direct")->device(name);
+        ASSERT_TRUE(direct && direct->hasMedium()) << name;
+        EXPECT_TRUE(waitForDescription(*providerNamed("udisks"), name, direct)) << name;
+        EXPECT_EQ(providerNamed("udisks")->device(name), direct);
+    }
+    ::umount2(folder.c_str(), 0);
 }
 
 TEST(DeviceMapping, RefusalStatusesAndTexts) {

@@ -1,8 +1,9 @@
 // LoopDevices.h - small ext4 images attached as loop devices, for the device tests.
 //
-// Needs root, /dev/loop-control, mkfs.ext4 and sfdisk. Tests call
-// QX_REQUIRE_LOOP_DEVICES() first: without them the test is skipped with the
-// reason, except when CI=true, where it fails. Everything attached through a
+// Needs root, /dev/loop-control, mkfs.ext4 and sfdisk, and for the storage
+// daemon's provider the daemon on the system bus. Tests call
+// QX_REQUIRE_LOOP_DEVICES() or QX_REQUIRE_DEVICE_PROVIDER() first: without
+// them the test is skipped with the reason, except when CI=true, where it fails. Everything attached through a
 // LoopDevices is unmounted and detached when it goes, by device.
 #pragma once
 
@@ -15,7 +16,10 @@
 
 #include <QXFoundation/QXDevice.h>
 
+#include <condition_variable>
 #include <fcntl.h>
+#include <mutex>
+#include <optional>
 #include <linux/loop.h>
 #include <pwd.h>
 #include <sys/ioctl.h>
@@ -31,9 +35,9 @@ inline std::string missingLoopPrerequisite() {
     return {};
 }
 
-#define QX_REQUIRE_LOOP_DEVICES()                                                                  \
+#define QX_SKIP_OR_FAIL_UNLESS_EMPTY(reason)                                                      \
     do {                                                                                           \
-        const std::string why = ::qxtest::missingLoopPrerequisite();                               \
+        const std::string why = (reason);                                                          \
         if (!why.empty()) {                                                                        \
             const char* ci = std::getenv("CI");                                                    \
             if (ci && std::string(ci) == "true") FAIL() << why;                                    \
@@ -41,11 +45,22 @@ inline std::string missingLoopPrerequisite() {
         }                                                                                          \
     } while (0)
 
-// Where mounts without a mount point go.
-inline std::string defaultMountRoot() {
-    const passwd* user = ::getpwuid(::geteuid());
-    return std::string("/run/media/") + (user ? user->pw_name : "root");
+#define QX_REQUIRE_LOOP_DEVICES() QX_SKIP_OR_FAIL_UNLESS_EMPTY(::qxtest::missingLoopPrerequisite())
+
+// The provider a device test runs through: "direct" or "udisks" (nothing
+// while the system bus has no storage daemon).
+inline qx::Ref<qx::BlockDeviceProvider> providerNamed(const std::string& name) {
+    return name == "udisks" ? qx::BlockDeviceProvider::udisksProvider() : qx::BlockDeviceProvider::directProvider();
 }
+
+inline std::string missingProviderPrerequisite(const std::string& name) {
+    std::string why = missingLoopPrerequisite();
+    if (why.empty() && !providerNamed(name))
+        why = "no storage daemon on the system bus (scripts/udisks-services.sh start; setup.sh installs udisks2)";
+    return why;
+}
+
+#define QX_REQUIRE_DEVICE_PROVIDER(name) QX_SKIP_OR_FAIL_UNLESS_EMPTY(::qxtest::missingProviderPrerequisite(name))
 
 inline std::string newUUID() {
     std::string text = qx::UUID::create()->UUIDString();
@@ -55,7 +70,8 @@ inline std::string newUUID() {
 
 class LoopDevices {
 public:
-    LoopDevices() = default;
+    explicit LoopDevices(qx::Ref<qx::BlockDeviceProvider> provider = qx::BlockDeviceProvider::directProvider())
+        : provider_(std::move(provider)) {}
     ~LoopDevices() {
         for (auto it = attached_.rbegin(); it != attached_.rend(); ++it) detach(*it);
     }
@@ -84,10 +100,11 @@ public:
         return path;
     }
 
-    // Attaches path through the direct provider (partitions announced); the device's name.
+    // Attaches path through the provider (partitions announced); the device's name.
     std::string attach(const std::string& path) {
         qx::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-        const auto answer = qx::BlockDeviceProvider::directProvider()->loopSetup(fd.get(), {});
+        if (!provider_) return {};
+        const auto answer = provider_->loopSetup(fd.get(), {});
         EXPECT_TRUE(answer.succeeded()) << answer.errorName << ": " << answer.message;
         if (answer.succeeded()) attached_.push_back(answer.result);
         return answer.result;
@@ -108,7 +125,8 @@ public:
         }
         for (auto it = points.rbegin(); it != points.rend(); ++it) {
             ::umount2(it->c_str(), MNT_DETACH);
-            if (it->rfind(defaultMountRoot() + "/", 0) == 0) ::rmdir(it->c_str());
+            // The folders the providers made for their mounts (the daemon's are under /media).
+            if (it->rfind("/run/media/", 0) == 0 || it->rfind("/media/", 0) == 0) ::rmdir(it->c_str());
         }
         qx::UniqueFd loop(::open(("/dev/" + name).c_str(), O_RDONLY | O_CLOEXEC));
         if (loop) ::ioctl(loop.get(), LOOP_CLR_FD, 0);
@@ -131,9 +149,36 @@ private:
 
     static void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
+    qx::Ref<qx::BlockDeviceProvider> provider_;
     TempDir dir_{"qx-devices"};
     std::vector<std::string> attached_;
 };
+
+// Waits (10 s at most) until provider describes the device called name as
+// expected, looking again on each change it reports; whether it came to that.
+inline bool waitForDescription(qx::BlockDeviceProvider& provider, const std::string& name,
+                               const std::optional<qx::BlockDeviceDescription>& expected) {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::uint64_t changes = 0;
+    const auto token = provider.addChangeListener([&](const std::vector<std::string>&) {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++changes;
+        changed.notify_all();
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    bool same = false;
+    for (;;) {
+        std::unique_lock<std::mutex> lock(mutex);
+        const std::uint64_t seen = changes;
+        lock.unlock();
+        if ((same = provider.device(name) == expected)) break;
+        lock.lock();
+        if (!changed.wait_until(lock, deadline, [&] { return changes != seen; })) break;
+    }
+    provider.removeChangeListener(token);
+    return same;
+}
 
 // Runs the calling thread's loop in the devices' private mode until done() or 10 s pass.
 inline bool runDeviceLoopUntil(const std::function<bool()>& done) {
@@ -146,3 +191,19 @@ inline bool runDeviceLoopUntil(const std::function<bool()>& done) {
 }
 
 } // namespace qxtest
+
+namespace qx {
+// What a failed comparison of descriptions prints.
+inline void PrintTo(const BlockDeviceDescription& d, std::ostream* os) {
+    *os << d.name << " " << d.device << " number " << d.deviceNumber << " size " << d.size << " block " << d.logicalBlockSize
+        << " seq " << d.diskSeq << " ro " << d.readOnly << " system " << d.hintSystem << " id " << d.idUsage << "/" << d.idType
+        << "/" << d.idLabel << "/" << d.idUUID << "/" << d.idVersion << " at " << d.sysfsPath;
+    for (const auto& point : d.filesystem ? d.filesystem->mountPoints : std::vector<std::string>{"(no file system)"}) *os << " on " << point;
+    if (d.partition)
+        *os << " partition " << d.partition->number << " " << d.partition->offset << "+" << d.partition->size << " " << d.partition->type
+            << " " << d.partition->uuid << " '" << d.partition->name << "' of " << d.partition->table;
+    if (d.partitionTable) *os << " table " << d.partitionTable->type << " " << d.partitionTable->uuid << " parts " << d.partitionTable->partitions.size();
+    if (d.loop) *os << " loop " << d.loop->backingFile << " autoclear " << d.loop->autoclear << " by " << d.loop->setupByUID;
+    if (d.drive) *os << " drive " << d.drive->vendor << " " << d.drive->model;
+}
+} // namespace qx

@@ -10,13 +10,20 @@ using namespace qxtest;
 
 namespace {
 
-class QxDevices : public QxProcessTest {
+// Through each provider, chosen for qx by its environment variable.
+class QxDevices : public QxProcessTest, public ::testing::WithParamInterface<std::string> {
 protected:
-    void SetUp() override { QX_REQUIRE_LOOP_DEVICES(); }
-    LoopDevices loops;
+    void SetUp() override { QX_REQUIRE_DEVICE_PROVIDER(GetParam()); }
+    QxRun runQx(const std::vector<std::string>& args) const {
+        return QxProcessTest::runQx(args, "/dev/null", "QX_BLOCK_DEVICE_PROVIDER=" + GetParam());
+    }
+    LoopDevices loops{providerNamed(GetParam())};
 };
 
-TEST_F(QxDevices, ListInfoMountUnmountEject) {
+INSTANTIATE_TEST_SUITE_P(Providers, QxDevices, ::testing::Values("direct", "udisks"),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+TEST_P(QxDevices, ListInfoMountUnmountEject) {
     const std::string label = "QXC" + newUUID().substr(0, 8), uuid = newUUID();
     const std::string a = loops.attach(loops.ext4Image("a.img", label, uuid));
     ASSERT_FALSE(a.empty());

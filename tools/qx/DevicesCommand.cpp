@@ -199,7 +199,7 @@ void addDevicesCommand(CLI::App& app, Action& selected) {
 
     auto* mount = devices->add_subcommand("mount", "Mount a volume and print where");
     mount->add_option("DEVICE", options->device, "A device node's name")->required();
-    mount->add_option("--at", options->at, "The folder to mount at (default: a new one under /run/media/USER)");
+    mount->add_option("--at", options->at, "The folder to mount at, as root (default: a new one where the system mounts volumes)");
     mount->add_option("-o", options->mountOptions, "Mount options, comma-separated (ro, noexec, ...)");
     mount->callback([&selected, options] { selected = [options] { return runMount(*options); }; });
 

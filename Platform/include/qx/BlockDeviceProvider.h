@@ -35,12 +35,16 @@ public:
     /// list means "any of them". Spurious calls are allowed: listeners compare.
     using ChangeListener = std::function<void(const std::vector<std::string>& names)>;
 
-    /// The provider this machine should use; made once. The storage daemon's
-    /// provider is to be preferred here when its name is on the system bus;
-    /// until it exists, the direct provider serves every machine.
+    /// The provider this machine should use, chosen once: the storage
+    /// daemon's when the system bus has it (running, or startable on demand),
+    /// else the direct one. The environment variable QX_BLOCK_DEVICE_PROVIDER
+    /// set to "udisks" or "direct" makes the choice instead.
     static Ref<BlockDeviceProvider> systemProvider();
-    /// The provider that reads the kernel's tables itself (see DirectBlockDeviceProvider.cpp).
+    /// The provider that reads the kernel's tables itself (see DirectBlockDeviceProvider.h).
     static Ref<BlockDeviceProvider> directProvider();
+    /// The storage daemon's provider (see UDisksBlockDeviceProvider.h), made
+    /// once; nothing while the system bus has no such daemon to offer.
+    static Ref<BlockDeviceProvider> udisksProvider();
 
     /// Every block object with a medium, in a stable order: whole disks by
     /// name (shorter names first, so loop2 comes before loop10), each followed
