@@ -45,6 +45,7 @@ const char* nameOf(const xmlNode& node) { return node.name ? cc(node.name) : "";
 void QXXMLPlistBuilder::openRoot(xmlNode& node) {
     frames_.push_back(Frame{Role::Plist, &node, nullptr, nullptr, {}, false, 0});
     doc_ = node.doc;
+    rootSeen_ = true;
     if (!nameIs(&node, "plist")) {
         failLogging(kPropertyListErrorCode, "not a plist");
         rootFailed_ = true;
@@ -262,8 +263,7 @@ void QXXMLPlistBuilder::release(xmlNode& node) {
 }
 
 qx::Ref<qx::Object> QXXMLPlistBuilder::finish(qx::Ref<qx::Error>* error) {
-    if (!failed_ && !frames_.empty()) failLogging(kPropertyListErrorCode, "the property list ended early");
-    if (!failed_ && !result_) fail(kPropertyListErrorCode);
+    if (!failed_ && (!complete() || !result_)) fail(kPropertyListErrorCode);
     if (!failed_) return std::move(result_);
     if (failure_.logs) qx::logLine(failure_.line);
     if (failure_.code != 0) setError(error, qx::NSCocoaErrorDomain, failure_.code);

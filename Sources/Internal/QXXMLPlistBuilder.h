@@ -47,8 +47,13 @@ public:
     /// node, the parser's current element until now, has just been closed.
     void elementClosed(_xmlNode& node);
 
-    /// After a parse without errors: the value of the plist element, or
-    /// nothing with the first failure logged and stored in *error.
+    /// True once the root element has closed. libxml2 can stop reporting
+    /// elements without calling the document malformed (a text node over its
+    /// size limit does that): the parse then did not complete.
+    bool complete() const { return rootSeen_ && frames_.empty(); }
+
+    /// After a complete parse without errors: the value of the plist
+    /// element, or nothing with the first failure logged and stored in *error.
     qx::Ref<qx::Object> finish(qx::Ref<qx::Error>* error);
 
 private:
@@ -91,6 +96,7 @@ private:
     std::size_t entityBudget_;
     const _xmlDoc* doc_ = nullptr;  // whose entities references name
     bool failed_ = false;
+    bool rootSeen_ = false;
     bool rootFailed_ = false;    // the root or its version failed: nothing outranks that
     Failure failure_;
     qx::Ref<qx::Object> result_;

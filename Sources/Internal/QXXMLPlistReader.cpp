@@ -131,7 +131,10 @@ qx::Ref<qx::Object> readXMLPropertyList(const qx::Ref<qx::Data>& data, qx::Ref<q
         QXXMLDocument doc(xmlCtxtReadMemory(context.get(), reinterpret_cast<const char*>(data->bytes()),
                                             static_cast<int>(data->length()), nullptr, nullptr, options));
         if (parse.broken) throw std::bad_alloc();
-        if (!doc) {
+        // A parse that stopped early without calling the document malformed
+        // (a text node over libxml2's size limit) fails with the parser's
+        // error too: its values would be cut short.
+        if (!doc || !builder.complete()) {
             auto failure = parserError(xmlCtxtGetLastError(context.get()));
             if (error) *error = failure;
             return nullptr;
