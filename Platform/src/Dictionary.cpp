@@ -41,7 +41,7 @@ std::string Dictionary::description() const {
 }
 
 bool Dictionary::isEqual(const Object& other) const {
-    const auto* d = dynamic_cast<const Dictionary*>(&other);
+    const auto* d = dyn_cast<Dictionary>(&other);
     if (!d || d->count() != count()) return false;
     for (const auto& [k, v] : table_.entries())
         if (!qx::isEqual(v.get(), d->objectForKey(*k).get())) return false;

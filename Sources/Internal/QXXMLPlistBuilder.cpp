@@ -18,6 +18,7 @@
 #include <libxml/entities.h>
 
 #include <cstring>
+#include <functional>
 #include <utility>
 
 using namespace QXBinaryPlistInternal;
@@ -135,10 +136,18 @@ void QXXMLPlistBuilder::attach(Frame& parent, qx::Ref<qx::Object> value) {
     case Role::Plist: result_ = std::move(value); break;
     case Role::Array: parent.array->addObject(std::move(value)); break;
     case Role::Dictionary:
-        parent.dictionary->setObject(std::move(value), qx::str(parent.key));
+        parent.dictionary->setObject(std::move(value), keyString(parent.key));
         parent.awaitingValue = false;
         break;
     }
+}
+
+qx::Ref<qx::String> QXXMLPlistBuilder::keyString(const std::string& text) {
+    constexpr std::size_t kSharedKeyLength = 64;
+    if (text.size() > kSharedKeyLength) return qx::str(text);
+    auto& slot = keys_[std::hash<std::string>()(text) % keys_.size()];
+    if (!slot || slot->utf8() != text) slot = qx::str(text);
+    return slot;
 }
 
 qx::Ref<qx::Object> QXXMLPlistBuilder::closeContainer(Frame& frame) {

@@ -26,7 +26,9 @@
 #include <qx/Array.h>
 #include <qx/Dictionary.h>
 #include <qx/Error.h>
+#include <qx/String.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -82,6 +84,7 @@ private:
     bool text(const _xmlNode& node, std::string& out);
     bool gather(const _xmlNode* child, std::string& out, unsigned entityDepth);
     static void release(_xmlNode& node);
+    qx::Ref<qx::String> keyString(const std::string& text);
 
     void fail(std::int64_t code) { failWith(code, false, {}); }
     void failLogging(std::int64_t code, std::string line) { failWith(code, true, std::move(line)); }
@@ -101,4 +104,8 @@ private:
     Failure failure_;
     qx::Ref<qx::Object> result_;
     std::string scratch_;
+    // Keys repeat from one dictionary to the next, and strings are immutable:
+    // recent short keys are shared, one per slot of their hash (a miss only
+    // costs a new string, so crafted keys cannot make it slow).
+    std::array<qx::Ref<qx::String>, 1024> keys_;
 };
