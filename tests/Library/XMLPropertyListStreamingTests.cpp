@@ -37,9 +37,9 @@ TEST(XMLPropertyListStreaming, EarlyFailuresGiveWayAsACheckOfTheWholeDocumentWou
     for (int i = 0; i < 251; ++i) deep += "<array>";
     const std::vector<Case> cases = {
         {kPlist + "<array><nope/></array><true/></plist>", cocoa, 3840, "more than one root element in plist"},
-        {kPlist + "<array><nope/></array>", parser, 77, "XML parser error 77 at line 2, column 43: Premature end of data in tag plist line 2"},
-        {kPlist + deep + "</plist>", parser, 76, ""},  // too deep for the reader, then malformed
-        {"<?xml version=\"1.0\"?><plist version=\"0.9\"><true/><x></plist>", parser, 76, ""},
+        {kPlist + "<array><nope/></array>", parser, 77, "XML parser error 77 at line 2, column 44: Premature end of data in tag plist line 2"},
+        {kPlist + deep + "</plist>", parser, 77, ""},  // too deep for the reader, then malformed
+        {"<?xml version=\"1.0\"?><plist version=\"0.9\"><true/><x></plist>", parser, 77, ""},
         {"<?xml version=\"1.0\"?><dict><true/><false/></dict>", cocoa, 3840, "not a plist"},
         {kPlist + "<dict><key>a</key><string>b</string><nope/></dict></plist>", cocoa, 3840, ""},
     };
