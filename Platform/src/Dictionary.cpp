@@ -20,7 +20,14 @@ void Dictionary::setObject(Ref<Object> value, Ref<Object> key) {
         table_.remove(*key);
         return;
     }
-    table_.set(key->copy(), std::move(value));
+    // Immutable values are their own copies: keep the reference already held.
+    switch (key->objectKind()) {
+    case ObjectKind::String:
+    case ObjectKind::Number:
+    case ObjectKind::Date:
+    case ObjectKind::Null: table_.set(std::move(key), std::move(value)); break;
+    default: table_.set(key->copy(), std::move(value)); break;
+    }
 }
 
 void Dictionary::addEntriesFromDictionary(const Dictionary& other) {
