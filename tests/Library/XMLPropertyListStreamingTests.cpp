@@ -48,8 +48,11 @@ TEST(XMLPropertyListStreaming, EarlyFailuresGiveWayAsACheckOfTheWholeDocumentWou
         EXPECT_FALSE(r.value) << c.text.substr(0, 120);
         EXPECT_QX_ERROR(r.error, c.domain, c.code) << c.text.substr(0, 120);
         ASSERT_EQ(r.log.size(), c.log.empty() && c.domain == cocoa ? 0u : 1u) << c.text.substr(0, 120);
-        if (!c.log.empty()) EXPECT_EQ(r.log[0], c.log);
-        else if (c.domain == parser) EXPECT_EQ(r.log[0].rfind("XML parser error " + std::to_string(c.code), 0), 0u);
+        if (!c.log.empty()) {
+            EXPECT_EQ(r.log[0], c.log);
+        } else if (c.domain == parser) {
+            EXPECT_EQ(r.log[0].rfind("XML parser error " + std::to_string(c.code), 0), 0u);
+        }
     }
 }
 
