@@ -16,9 +16,11 @@
 # Wall time with hyperfine (or /usr/bin/time when hyperfine is missing), peak
 # resident memory with /usr/bin/time; prints throughput, peak memory and the
 # ratios of qx to each peer. The in-process Google Benchmark cases follow
-# (binary and XML read and write), then run-xml-plist-bench.sh on the same
-# build: binary to XML and XML to binary against plistutil and plistlib, with
-# the peak memory of each (QX_BENCH_XML=0 leaves that part out).
+# (binary and XML read and write), with the binary read's objects per second
+# (by wall and by processor time) and heap bytes per object, then
+# run-xml-plist-bench.sh on the same build: binary to XML and XML to binary
+# against plistutil and plistlib, with the peak memory of each
+# (QX_BENCH_XML=0 leaves that part out).
 #
 # Environment: QX_BENCH_OBJECTS (default 1000000), QX_BENCH_SEED (1),
 # QX_BENCH_RUNS (at most this many timed runs per tool, at least 3; 10),
@@ -163,7 +165,16 @@ PYTHON
 
 echo
 echo "== in-process read and write (Google Benchmark)"
-"$build/bench/qx_plist_bench" --plist="$big" --benchmark_min_time=1
+"$build/bench/qx_plist_bench" --plist="$big" --benchmark_min_time=1 \
+    --benchmark_out="$out/inprocess.json" --benchmark_out_format=json
+python3 - "$out/inprocess.json" <<'PYTHON'
+import json, sys
+for b in json.load(open(sys.argv[1]))["benchmarks"]:
+    if b["name"].startswith("BM_BinaryRead"):
+        print(f"binary read: {b['objects/s'] / 1e6:.2f} M objects/s by wall time, "
+              f"{b['objects/cpu-s'] / 1e6:.2f} M objects/s by processor time, "
+              f"{b['heap bytes/object']:.1f} heap bytes per object")
+PYTHON
 
 if [ "${QX_BENCH_XML:-1}" != 0 ]; then
     echo

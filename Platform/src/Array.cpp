@@ -24,7 +24,7 @@ std::string Array::description() const {
 }
 
 bool Array::isEqual(const Object& other) const {
-    const auto* a = dynamic_cast<const Array*>(&other);
+    const auto* a = dyn_cast<Array>(&other);
     if (!a || a->items_.size() != items_.size()) return false;
     for (std::size_t i = 0; i < items_.size(); ++i)
         if (!qx::isEqual(items_[i].get(), a->items_[i].get())) return false;

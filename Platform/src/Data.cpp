@@ -6,7 +6,7 @@
 
 namespace qx {
 
-Data::Data(const void* bytes, std::size_t length) {
+Data::Data(const void* bytes, std::size_t length) : Object(kKind) {
     if (length) bytes_.assign(static_cast<const std::uint8_t*>(bytes), static_cast<const std::uint8_t*>(bytes) + length);
 }
 
@@ -35,7 +35,7 @@ std::string Data::description() const {
 }
 
 bool Data::isEqual(const Object& other) const {
-    const auto* d = dynamic_cast<const Data*>(&other);
+    const auto* d = dyn_cast<Data>(&other);
     return d && d->bytes_ == bytes_;
 }
 

@@ -25,7 +25,7 @@ std::string Date::description() const {
 }
 
 bool Date::isEqual(const Object& other) const {
-    const auto* d = dynamic_cast<const Date*>(&other);
+    const auto* d = dyn_cast<Date>(&other);
     return d && d->t_ == t_;
 }
 

@@ -20,7 +20,14 @@ void Dictionary::setObject(Ref<Object> value, Ref<Object> key) {
         table_.remove(*key);
         return;
     }
-    table_.set(key->copy(), std::move(value));
+    // Immutable values are their own copies: keep the reference already held.
+    switch (key->objectKind()) {
+    case ObjectKind::String:
+    case ObjectKind::Number:
+    case ObjectKind::Date:
+    case ObjectKind::Null: table_.set(std::move(key), std::move(value)); break;
+    default: table_.set(key->copy(), std::move(value)); break;
+    }
 }
 
 void Dictionary::addEntriesFromDictionary(const Dictionary& other) {
@@ -41,7 +48,7 @@ std::string Dictionary::description() const {
 }
 
 bool Dictionary::isEqual(const Object& other) const {
-    const auto* d = dynamic_cast<const Dictionary*>(&other);
+    const auto* d = dyn_cast<Dictionary>(&other);
     if (!d || d->count() != count()) return false;
     for (const auto& [k, v] : table_.entries())
         if (!qx::isEqual(v.get(), d->objectForKey(*k).get())) return false;

@@ -73,7 +73,7 @@ int Number::compare(const Number& o) const {
 }
 
 bool Number::isEqual(const Object& other) const {
-    const auto* n = dynamic_cast<const Number*>(&other);
+    const auto* n = dyn_cast<Number>(&other);
     return n && compare(*n) == 0;
 }
 

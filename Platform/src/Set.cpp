@@ -24,7 +24,7 @@ std::string Set::description() const {
 }
 
 bool Set::isEqual(const Object& other) const {
-    const auto* s = dynamic_cast<const Set*>(&other);
+    const auto* s = dyn_cast<Set>(&other);
     if (!s || s->count() != count()) return false;
     for (const auto& e : table_.entries())
         if (!s->containsObject(*e.first)) return false;

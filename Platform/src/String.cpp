@@ -123,7 +123,7 @@ int String::localizedStandardCompare(const String& other) const {
 }
 
 bool String::isEqual(const Object& other) const {
-    const auto* s = dynamic_cast<const String*>(&other);
+    const auto* s = dyn_cast<String>(&other);
     return s && s->utf8_ == utf8_;
 }
 

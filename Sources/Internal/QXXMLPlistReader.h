@@ -4,16 +4,15 @@
 // loading and without entity substitution; the few documents that use
 // entities of their own have them expanded here, within a budget, so that a
 // nest of entities cannot blow up (the classic exponential entity attack).
-// Each call parses and converts on the calling thread with state of its own.
+// Values are built while the document is parsed (QXXMLPlistBuilder): no
+// whole document tree is ever held. Each call works on the calling thread
+// with state of its own.
 #pragma once
 
 #include <qx/Data.h>
 #include <qx/Error.h>
 
 #include <cstddef>
-
-struct _xmlDoc;
-struct _xmlNode;
 
 namespace QXXMLPlistInternal {
 
@@ -24,12 +23,6 @@ std::size_t entityBudgetFor(std::size_t documentSize);
 /// Parses data and returns the value of its plist element; parser failures
 /// carry the parser's error (NSXMLParserErrorDomain), the rest 3840, 3841 or 256.
 qx::Ref<qx::Object> readXMLPropertyList(const qx::Ref<qx::Data>& data, qx::Ref<qx::Error>* error);
-
-/// The value of a parsed document whose root is a plist element.
-qx::Ref<qx::Object> convertDocument(const _xmlDoc& document, std::size_t entityBudget, qx::Ref<qx::Error>* error);
-
-/// The value of one element, with the entities of its document (if any).
-qx::Ref<qx::Object> convertNode(const _xmlNode& node, qx::Ref<qx::Error>* error);
 
 
 } // namespace QXXMLPlistInternal

@@ -1,4 +1,4 @@
-// QXXMLPlistTree.cpp - building, printing and reading libxml2 trees of property lists.
+// QXXMLPlistTree.cpp - building and printing libxml2 trees of property lists.
 #include "Internal/QXXMLPlistTree.h"
 
 #include <QXFoundation/QXPropertyListSerialization.h>
@@ -7,7 +7,6 @@
 #include "Internal/QXBinaryPlistInternal.h"
 #include "Internal/QXXMLLibrary.h"
 #include "Internal/QXXMLPlistPrinter.h"
-#include "Internal/QXXMLPlistReader.h"
 #include "Internal/QXXMLPlistValueText.h"
 
 #include <qx/Array.h>
@@ -204,12 +203,4 @@ QXXMLElement QXXMLPlistTree::elementWithPropertyList(const qx::Ref<qx::Object>& 
         setError(error);
         return nullptr;
     }
-}
-
-qx::Ref<qx::Object> QXXMLPlistTree::propertyListWithDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error) {
-    return convertDocument(document, entityBudgetFor(0), error);
-}
-
-qx::Ref<qx::Object> QXXMLPlistTree::propertyListFromNode(const _xmlNode& node, qx::Ref<qx::Error>* error) {
-    return convertNode(node, error);
 }

@@ -1,9 +1,10 @@
 // QXXMLPlistTree.h - XML property lists as libxml2 trees.
 //
 // Private to Sources/ (the installed headers name no libxml2 type). The
-// library writes and reads documents as text; these operations build and read
-// the equivalent libxml2 tree, for code that works on trees and for checking
+// library writes and reads documents as text; these operations build the
+// equivalent libxml2 tree, for code that works on trees and for checking
 // that the direct printer writes exactly what libxml2 prints of the tree.
+// (Reading builds values while parsing and holds no tree: QXXMLPlistReader.)
 // Each call works on its own tree; a tree may not be shared across threads
 // while one of them changes it.
 #pragma once
@@ -45,9 +46,4 @@ public:
                                                   qx::Ref<qx::Error>* error = nullptr);
     /// libxml2's pretty printing of a document, in UTF-8.
     static qx::Ref<qx::Data> dataWithDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error = nullptr);
-    /// The value of a parsed document whose root is a plist element.
-    static qx::Ref<qx::Object> propertyListWithDocument(const _xmlDoc& document, qx::Ref<qx::Error>* error = nullptr);
-    /// The value of one element (recursive), by the rules of
-    /// QXPropertyListSerialization::XMLPropertyListWithData.
-    static qx::Ref<qx::Object> propertyListFromNode(const _xmlNode& node, qx::Ref<qx::Error>* error = nullptr);
 };

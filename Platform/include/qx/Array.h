@@ -13,9 +13,11 @@ namespace qx {
 
 class Array final : public Object {
 public:
-    Array() = default;
-    explicit Array(std::vector<Ref<Object>> items) : items_(std::move(items)) {}
-    Array(std::initializer_list<Ref<Object>> items) : items_(items) {}
+    static constexpr ObjectKind kKind = ObjectKind::Array;
+
+    Array() : Object(kKind) {}
+    explicit Array(std::vector<Ref<Object>> items) : Object(kKind), items_(std::move(items)) {}
+    Array(std::initializer_list<Ref<Object>> items) : Object(kKind), items_(items) {}
 
     static Ref<Array> create() { return std::make_shared<Array>(); }
 

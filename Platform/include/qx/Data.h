@@ -11,8 +11,10 @@ namespace qx {
 
 class Data final : public Object {
 public:
-    Data() = default;
-    explicit Data(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) {}
+    static constexpr ObjectKind kKind = ObjectKind::Data;
+
+    Data() : Object(kKind) {}
+    explicit Data(std::vector<std::uint8_t> bytes) : Object(kKind), bytes_(std::move(bytes)) {}
     Data(const void* bytes, std::size_t length);
 
     static Ref<Data> create() { return std::make_shared<Data>(); }

@@ -10,7 +10,9 @@ public:
     /// Seconds between 1970-01-01 and 2001-01-01.
     static constexpr double kTimeIntervalSince1970 = 978307200.0;
 
-    explicit Date(double sinceReferenceDate = 0) : t_(sinceReferenceDate) {}
+    static constexpr ObjectKind kKind = ObjectKind::Date;
+
+    explicit Date(double sinceReferenceDate = 0) : Object(kKind), t_(sinceReferenceDate) {}
     static Ref<Date> withTimeIntervalSinceReferenceDate(double t) { return std::make_shared<Date>(t); }
     static Ref<Date> withTimeIntervalSince1970(double t) { return std::make_shared<Date>(t - kTimeIntervalSince1970); }
     static Ref<Date> now();

@@ -17,7 +17,9 @@ class Dictionary final : public Object {
 public:
     using Entry = detail::ObjectTable::Entry;
 
-    Dictionary() = default;
+    static constexpr ObjectKind kKind = ObjectKind::Dictionary;
+
+    Dictionary() : Object(kKind) {}
     static Ref<Dictionary> create() { return std::make_shared<Dictionary>(); }
 
     std::size_t count() const { return table_.count(); }

@@ -11,10 +11,12 @@ public:
 
     std::string className() const override { return "Null"; }
     std::string description() const override { return "<null>"; }
-    bool isEqual(const Object& other) const override { return dynamic_cast<const Null*>(&other) != nullptr; }
+    bool isEqual(const Object& other) const override { return other.objectKind() == kKind; }
     std::size_t hash() const override { return 0x6e756c6c; }
 
-    Null() = default;
+    static constexpr ObjectKind kKind = ObjectKind::Null;
+
+    Null() : Object(kKind) {}
 };
 
 } // namespace qx

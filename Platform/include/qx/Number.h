@@ -49,7 +49,13 @@ public:
     /// -1, 0 or 1 comparing the values (reals against integers by value).
     int compare(const Number& other) const;
 
-    Number(Kind kind, std::int64_t i, double d) : kind_(kind), i_(i), d_(d) {}
+    static constexpr ObjectKind kKind = ObjectKind::Number;
+
+    /// i is kept for the integer and boolean kinds, d for the real ones.
+    Number(Kind kind, std::int64_t i, double d) : Object(kKind), kind_(kind) {
+        if (kind == Kind::Float || kind == Kind::Double) d_ = d;
+        else i_ = i;
+    }
 
 private:
     static Ref<Number> make(Kind kind, std::int64_t v) { return std::make_shared<Number>(kind, v, 0.0); }
@@ -58,8 +64,11 @@ private:
     }
 
     Kind kind_;
-    std::int64_t i_;  // integers and booleans; unsigned kinds keep their bits
-    double d_;        // reals
+    // The kind says which member holds the value: one number's worth of room.
+    union {
+        std::int64_t i_;  // integers and booleans; unsigned kinds keep their bits
+        double d_;        // reals
+    };
 };
 
 } // namespace qx

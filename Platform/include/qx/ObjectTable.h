@@ -6,7 +6,7 @@
 
 #include <qx/Object.h>
 
-#include <unordered_map>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -30,21 +30,19 @@ public:
 
 private:
     // Most tables are small (property-list dictionaries hold a handful of
-    // keys); a linear scan beats hashing there and saves a node per entry.
-    // The hash index is built once a table grows past this size.
+    // keys); a linear scan beats hashing there. Past this size an index is
+    // kept: open addressing over entries_, with no allocation per entry.
     static constexpr std::size_t kIndexThreshold = 12;
     void buildIndex();
+    void indexEntry(std::size_t at);
+    // The key's hash mixed with a per-process secret, so that keys read from
+    // untrusted data cannot be chosen to collide in the index.
+    static std::size_t slotHash(const Object& key);
 
-    struct KeyHash {
-        // The key's hash mixed with a per-process secret, so that keys read
-        // from untrusted data cannot be chosen to share one bucket.
-        std::size_t operator()(const Object* k) const;
-    };
-    struct KeyEq {
-        bool operator()(const Object* a, const Object* b) const { return a->isEqual(*b); }
-    };
     std::vector<Entry> entries_;
-    std::unordered_map<const Object*, std::size_t, KeyHash, KeyEq> index_;
+    // Empty, or a power-of-two number of slots, at least twice the entries:
+    // 0 is a free slot, anything else an index into entries_ plus one.
+    std::vector<std::uint32_t> slots_;
 };
 
 } // namespace qx::detail

@@ -9,7 +9,9 @@ namespace qx {
 
 class Set final : public Object {
 public:
-    Set() = default;
+    static constexpr ObjectKind kKind = ObjectKind::Set;
+
+    Set() : Object(kKind) {}
     static Ref<Set> create() { return std::make_shared<Set>(); }
 
     std::size_t count() const { return table_.count(); }

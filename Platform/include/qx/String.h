@@ -13,8 +13,10 @@ namespace qx {
 
 class String final : public Object {
 public:
-    String() = default;
-    explicit String(std::string utf8) : utf8_(std::move(utf8)) {}
+    static constexpr ObjectKind kKind = ObjectKind::String;
+
+    String() : Object(kKind) {}
+    explicit String(std::string utf8) : Object(kKind), utf8_(std::move(utf8)) {}
 
     static Ref<String> create(std::string_view utf8) { return std::make_shared<String>(std::string(utf8)); }
     /// Decodes UTF-16 in machine order; unpaired surrogates become U+FFFD.
