@@ -31,7 +31,9 @@ packages=(
   gzip bzip2 xz-utils              # the compressor tests read its output back with the standard tools
   7zip dmg2img                     # read the disk images we write (tests) and peers for the image benchmark
   fdisk e2fsprogs                  # the disk-image tests partition and format small disks
-  fusefat fuseiso                  # FUSE helpers the disk-image tool mounts FAT and ISO 9660 with
+  fusefat fuseiso libfsapfs-utils  # FUSE helpers the disk-image tool mounts FAT, ISO 9660 and APFS with
+  squashfs-tools xorriso apfsprogs # the disk-image tests make squashfs, ISO 9660 and APFS file systems
+  shared-mime-info                 # the shared MIME database, where disk-image types are also recognised
   inotify-tools findutils          # peers for the file-system events benchmark
 )
 
