@@ -386,14 +386,21 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::loopSetup(int fd, const LoopSetupOp
     if (options.noPartScan) setup.emplace_back("no-part-scan", true);
     const auto appendOptions = withOptions(std::move(setup));
     sdbus::Message reply;
-    auto answer = call(
-        kManagerPath, kManager, "LoopSetup",
-        [&](sd_bus_message* m) {
-            // The bus passes the descriptor itself: the daemon opens nothing by name.
-            const int r = sd_bus_message_append_basic(m, 'h', &fd);
-            return r < 0 ? r : appendOptions(m);
-        },
-        &reply);
+    BlockDeviceAnswer answer;
+    // The daemon picks a free device and then binds it: another process may
+    // take that device in between, which it reports as busy. Ask again, as
+    // the direct provider does.
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        answer = call(
+            kManagerPath, kManager, "LoopSetup",
+            [&](sd_bus_message* m) {
+                // The bus passes the descriptor itself: the daemon opens nothing by name.
+                const int r = sd_bus_message_append_basic(m, 'h', &fd);
+                return r < 0 ? r : appendOptions(m);
+            },
+            &reply);
+        if (answer.succeeded() || answer.message.find("Device or resource busy") == std::string::npos) break;
+    }
     if (!answer.succeeded()) return answer;
     const char* path = nullptr;
     if (sd_bus_message_read_basic(reply.get(), 'o', &path) <= 0 || !path)

@@ -22,11 +22,13 @@ namespace hdiutil {
 
 namespace {
 
-// The image behind a block device operand; the operand itself otherwise.
+// The image behind a block device operand (a path or a file URL, the way the
+// mounter passes it); the operand itself otherwise.
 std::string imageOperand(const std::string& operand) {
+    const std::string path = operandPath(operand);
     struct stat status {};
-    if (::stat(operand.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return operand;
-    const std::string name = operand.substr(operand.find_last_of('/') + 1);
+    if (::stat(path.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return operand;
+    const std::string name = path.substr(path.find_last_of('/') + 1);
     const auto provider = qx::BlockDeviceProvider::systemProvider();
     auto device = provider->device(name);
     if (device && device->partition) device = provider->device(device->partition->table);

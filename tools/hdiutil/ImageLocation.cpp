@@ -18,6 +18,12 @@ bool hasScheme(const std::string& text, const char* scheme) {
 
 } // namespace
 
+std::string operandPath(const std::string& operand) {
+    if (!hasScheme(operand, "file")) return operand;
+    const auto url = qx::URL::URLWithString(operand);
+    return url ? url->path() : std::string();
+}
+
 std::optional<ImageLocation> locateImage(const std::string& operand, std::string& reason) {
     ImageLocation location;
     std::string path = operand;
@@ -29,13 +35,9 @@ std::optional<ImageLocation> locateImage(const std::string& operand, std::string
         }
         return location;
     }
-    if (hasScheme(operand, "file")) {
-        const auto url = qx::URL::URLWithString(operand);
-        if (!url || url->path().empty()) {
-            reason = "image not recognized";
-            return std::nullopt;
-        }
-        path = url->path();
+    if (hasScheme(operand, "file") && (path = operandPath(operand)).empty()) {
+        reason = "image not recognized";
+        return std::nullopt;
     }
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
     if (!real || ::stat(real.get(), &location.status) != 0) {

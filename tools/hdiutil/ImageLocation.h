@@ -29,4 +29,8 @@ struct ImageLocation {
 /// no path or URL this tool reads, or the local file is missing or no file.
 std::optional<ImageLocation> locateImage(const std::string& operand, std::string& reason);
 
+/// The path a file URL operand names (empty when it names none); any other
+/// operand as it is.
+std::string operandPath(const std::string& operand);
+
 } // namespace hdiutil
