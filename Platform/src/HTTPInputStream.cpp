@@ -21,6 +21,7 @@ struct HTTPInputStream::Buffer {
     bool done = false;                 // the transfer has completed
     bool closed = false;
     Ref<Error> error;
+    bool errorReported = false;        // the stream has been failed with error (readers wait for it)
     Ref<HTTPResponse> response;
 };
 
@@ -60,10 +61,14 @@ public:
         }
         buffer_->changed.notify_all();
         auto stream = stream_.lock();
-        if (!stream) return;
         if (error) {
-            if (stream->streamStatus() == StreamStatus::Open) fail(*stream, error);
-        } else if (ended) {
+            if (stream && stream->streamStatus() == StreamStatus::Open) fail(*stream, error);
+            {
+                std::lock_guard<std::mutex> lock(buffer_->mutex);
+                buffer_->errorReported = true;
+            }
+            buffer_->changed.notify_all();
+        } else if (stream && ended) {
             end(*stream);
         }
     }
@@ -139,7 +144,9 @@ std::int64_t HTTPInputStream::read(std::uint8_t* buffer, std::uint64_t maxLength
     if (status != StreamStatus::Open || !buffer || !buffer_) return -1;
     auto& b = *buffer_;
     std::unique_lock<std::mutex> lock(b.mutex);
-    b.changed.wait(lock, [&] { return b.buffered > 0 || b.done || b.closed; });
+    // A broken transfer is waited for until the stream carries its error, so
+    // that -1 never comes with the stream still open and no error to read.
+    b.changed.wait(lock, [&] { return b.buffered > 0 || b.closed || (b.done && (!b.error || b.errorReported)); });
     if (b.closed || (b.buffered == 0 && b.error)) return -1;
     std::uint64_t want = std::min<std::uint64_t>(maxLength, std::numeric_limits<std::int64_t>::max());
     std::uint64_t copied = 0;
