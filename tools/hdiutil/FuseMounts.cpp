@@ -1,6 +1,7 @@
 // FuseMounts.cpp - file systems the kernel cannot mount, served by an installed FUSE helper.
 #include "FuseMounts.h"
 
+#include "MountUsers.h"
 #include "ToolFolders.h"
 
 #include "Internal/QXSafeFileWriter.h"
@@ -30,13 +31,16 @@ struct Helper {
     const char* idType;
     const char* program;
     std::vector<std::string> options;  // before the device and the folder
+    std::vector<std::string> trailing; // after them
 };
 
+// Each is told read-only its own way, so the mount table says ro as the kernel's
+// mounts do. fuseiso keeps a list of its mounts in $HOME unless told not to.
 const std::vector<Helper>& helpers() {
     static const std::vector<Helper> table = {
-        {"apfs", "fsapfsmount", {}},
-        {"iso9660", "fuseiso", {}},
-        {"vfat", "fusefat", {"-o", "ro"}},
+        {"apfs", "fsapfsmount", {"-X", "ro"}, {}},
+        {"iso9660", "fuseiso", {"-n"}, {"-o", "ro"}},
+        {"vfat", "fusefat", {"-o", "ro"}, {}},
     };
     return table;
 }
@@ -133,6 +137,7 @@ std::string mountWithHelper(const qx::BlockDeviceDescription& d, const qx::Block
     auto arguments = helper->options;
     arguments.push_back(d.device);
     arguments.push_back(folder);
+    arguments.insert(arguments.end(), helper->trailing.begin(), helper->trailing.end());
     // The helpers serve from the background once the mount is in place.
     if (run(program, arguments) != 0 || !isMounted(folder)) {
         ::umount2(folder.c_str(), MNT_DETACH);
@@ -164,9 +169,17 @@ bool isHelperMount(const std::vector<qx::BlockDeviceDescription>& devices, const
     return false;
 }
 
-int unmountHelper(const std::string& mountPoint, bool force) {
+int unmountHelper(const std::string& device, const std::string& mountPoint, bool force) {
+    // The server is known only by the device it holds open; it must be found
+    // before the unmount, as it may close the device at any moment after.
+    const auto servers = deviceHolders(device);
     if (::umount2(mountPoint.c_str(), force ? MNT_DETACH : 0) != 0) return errno;
     ::rmdir(mountPoint.c_str());
+    // An unmount only tells the server to go. Waiting for it means the loop
+    // device is free when the detach reports success, instead of being
+    // detached later at the server's last close. A forced (lazy) unmount of a
+    // busy file system keeps its server until the last user leaves: no wait.
+    if (!force) waitForExit(servers, std::chrono::seconds(5));
     return 0;
 }
 
