@@ -55,7 +55,7 @@ int runDetach(const ToolArguments& arguments) {
         for (const auto& point : d->filesystem->mountPoints) {
             if (!isHelperMount(devices, point)) {
                 kernelMount = true;
-            } else if (const int code = unmountHelper(d->device, point, arguments.force)) {
+            } else if (const int code = unmountHelper(point, arguments.force)) {
                 return code == EBUSY ? busy(name) : fail(verb, point + ": " + std::strerror(code));
             }
         }

@@ -1,7 +1,6 @@
 // FuseMounts.cpp - file systems the kernel cannot mount, served by an installed FUSE helper.
 #include "FuseMounts.h"
 
-#include "MountUsers.h"
 #include "ToolFolders.h"
 
 #include "Internal/QXSafeFileWriter.h"
@@ -35,7 +34,7 @@ struct Helper {
 };
 
 // Each is told read-only its own way, so the mount table says ro as the kernel's
-// mounts do. fuseiso keeps a list of its mounts in $HOME unless told not to.
+// mounts do. fuseiso keeps a list of its mounts in the home folder unless told not to.
 const std::vector<Helper>& helpers() {
     static const std::vector<Helper> table = {
         {"apfs", "fsapfsmount", {"-X", "ro"}, {}},
@@ -169,17 +168,9 @@ bool isHelperMount(const std::vector<qx::BlockDeviceDescription>& devices, const
     return false;
 }
 
-int unmountHelper(const std::string& device, const std::string& mountPoint, bool force) {
-    // The server is known only by the device it holds open; it must be found
-    // before the unmount, as it may close the device at any moment after.
-    const auto servers = deviceHolders(device);
+int unmountHelper(const std::string& mountPoint, bool force) {
     if (::umount2(mountPoint.c_str(), force ? MNT_DETACH : 0) != 0) return errno;
     ::rmdir(mountPoint.c_str());
-    // An unmount only tells the server to go. Waiting for it means the loop
-    // device is free when the detach reports success, instead of being
-    // detached later at the server's last close. A forced (lazy) unmount of a
-    // busy file system keeps its server until the last user leaves: no wait.
-    if (!force) waitForExit(servers, std::chrono::seconds(5));
     return 0;
 }
 

@@ -74,7 +74,7 @@ std::string usageText() {
            "      ranges) as a read-only loop device and mounts each file system the\n"
            "      kernel can mount, read-only, under /run/media/USER (FAT, ISO 9660 and\n"
            "      APFS through fusefat, fuseiso and fsapfsmount where the kernel cannot and\n"
-           "      they are installed; detach waits for their servers to go). Raw images\n"
+           "      they are installed). Raw images\n"
            "      (.iso, .img, .cdr) are attached as they are. UDIF images (.dmg) and\n"
            "      remote images are decoded once into a sparse file in a cache folder\n"
            "      (/var/cache/qxfoundation/images as root, else\n"
