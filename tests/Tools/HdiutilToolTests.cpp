@@ -261,8 +261,12 @@ TEST_F(HdiutilTool, DecodedOnceWhileTheImageIsUnchanged) {
     };
     attachChanged("2001-01-01");
     const auto first = cacheFiles();
+    const auto decoded = dir() / "cache" / first.begin()->first;
+    ASSERT_EQ(std::system(("touch -d 2001-01-01 " + decoded.string()).c_str()), 0);
     ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
     EXPECT_EQ(cacheFiles(), first) << "the unchanged image was decoded again";
+    EXPECT_GT(std::filesystem::last_write_time(decoded), std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1))
+        << "a reuse left the decoded file looking unused since its decode";
     attachChanged("2002-02-02");
     EXPECT_EQ(cacheFiles().size(), 2u) << "a changed image reused the old decoded file, or dropped it in use";
     for (const auto& device : attached_) EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
@@ -386,6 +390,86 @@ INSTANTIATE_TEST_SUITE_P(FileSystems, HdiutilFuse,
                                            FuseCase{"UDZOISO9660", false, QXDiskImageFormat::UDZO, "cd9660", {"xorriso", "fuseiso"}},
                                            FuseCase{"RawAPFS", true, std::nullopt, "apfs", {"mkapfs", "fsapfsmount"}},
                                            FuseCase{"ServerLeavingLate", false, std::nullopt, "cd9660", {"xorriso", "fuseiso"}, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+struct TrimCase {
+    const char* name;
+    const char* limit;   // QXFOUNDATION_IMAGE_CACHE_LIMIT; "total" for the space a, b and d take
+    bool dUsedRecently;  // else d was last used long ago, like a and b
+    const char* removed; // the decoded files expected gone, by letter
+};
+
+class HdiutilCacheTrim : public HdiutilTool, public ::testing::WithParamInterface<TrimCase> {
+protected:
+    // Space the file takes on disk, which the budget counts.
+    static std::uint64_t allocated(const std::filesystem::path& path) {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+        return static_cast<std::uint64_t>(status.st_blocks) * 512;
+    }
+    static void age(const std::filesystem::path& path, const char* date) {
+        ASSERT_EQ(std::system(("touch -d '" + std::string(date) + "' " + shellQuote(path)).c_str()), 0) << path;
+    }
+    // The cache file an attach of image made, attaching it without mounting.
+    std::string attachNew(const std::string& image, const std::string& before = "") {
+        std::set<std::string> known;
+        for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache", ignored_)) known.insert(entry.path().filename());
+        EXPECT_EQ(entitiesOf(tool({"attach", "-plist", "-nomount", image}, "/dev/null", before))->count(), 1u);
+        for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache", ignored_))
+            if (!known.count(entry.path().filename()) && entry.path().filename().string().front() != '.') return entry.path().filename();
+        ADD_FAILURE() << image << " made no cache file";
+        return {};
+    }
+};
+
+// Four decoded images, least recently used first: b (attached all along), a,
+// d, then c, made by the attach that trims. c decodes to the same bytes as a,
+// so the "total" budget is met by removing a alone.
+TEST_P(HdiutilCacheTrim, LeastRecentlyUsedUnusedFilesGoFirst) {
+    const auto& c = GetParam();
+    std::map<char, std::string> images;
+    for (const char letter : {'a', 'b', 'd'})
+        images[letter] = udif(ext4Image(std::string(1, letter) + ".img", std::string(1, letter)), QXDiskImageFormat::UDZO);
+    images['c'] = dir() / "c.dmg";
+    std::filesystem::copy_file(images['a'], images['c']);
+
+    std::map<char, std::string> files;
+    files['b'] = attachNew(images['b']);
+    for (const char letter : {'a', 'd'}) {
+        files[letter] = attachNew(images[letter]);
+        EXPECT_EQ(tool({"detach", attached_.back()}).exitStatus, 0);
+    }
+    const auto cache = dir() / "cache";
+    age(cache / files['b'], "2000-01-01");
+    age(cache / files['a'], "2001-01-01");
+    if (!c.dUsedRecently) age(cache / files['d'], "2002-01-01");
+    // Leftovers of cut-off decodes, one long abandoned, one still being written; and a file not the cache's.
+    const auto staleTemporary = cache / ("." + files['a'] + ".qx-00000000000a"), liveTemporary = cache / ("." + files['d'] + ".qx-00000000000d");
+    writeFile(staleTemporary, "");
+    age(staleTemporary, "2001-01-01");
+    writeFile(liveTemporary, "");
+    writeFile(cache / "notes.txt", std::string(1 << 16, 'n'));
+    age(cache / "notes.txt", "1999-01-01");
+
+    const std::string limit =
+        c.limit == std::string("total") ? std::to_string(allocated(cache / files['a']) + allocated(cache / files['b']) + allocated(cache / files['d'])) : c.limit;
+    files['c'] = attachNew(images['c'], "QXFOUNDATION_IMAGE_CACHE_LIMIT=" + shellQuote(limit));
+
+    for (const auto& [letter, file] : files) {
+        const bool removed = std::string(c.removed).find(letter) != std::string::npos;
+        EXPECT_EQ(std::filesystem::exists(cache / file), !removed) << letter << (removed ? " stays" : " was removed");
+        EXPECT_EQ(std::filesystem::exists(dir() / "run" / (file + ".image")), !removed) << "the record of " << letter;
+    }
+    EXPECT_FALSE(std::filesystem::exists(staleTemporary)) << "an abandoned decode stays";
+    EXPECT_TRUE(std::filesystem::exists(liveTemporary)) << "a decode in progress lost its file";
+    EXPECT_TRUE(std::filesystem::exists(cache / "notes.txt")) << "a file the cache did not make was removed";
+}
+
+INSTANTIATE_TEST_SUITE_P(Budgets, HdiutilCacheTrim,
+                         ::testing::Values(TrimCase{"OldestUnusedGoesUntilWithinBudget", "total", false, "a"},
+                                           TrimCase{"ZeroLeavesWhatIsInUse", "0", false, "ad"},
+                                           TrimCase{"RecentlyUsedStays", "0", true, "a"},
+                                           TrimCase{"NotACountOfBytesMeansTheDefault", "4096x", false, ""}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HdiutilTool, RemoteImageReadByRanges) {
