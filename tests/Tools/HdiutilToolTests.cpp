@@ -68,7 +68,6 @@ protected:
     std::string environment() const {
         const char* tsan = std::getenv("TSAN_OPTIONS");
         return "QXFOUNDATION_IMAGE_CACHE=" + shellQuote(dir() / "cache") + " QXFOUNDATION_HDIUTIL_RUNTIME=" + shellQuote(dir() / "run") +
-
                " TSAN_OPTIONS=" + shellQuote(std::string(tsan ? tsan : "") + ":report_thread_leaks=0");
     }
     QxRun tool(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
