@@ -6,6 +6,7 @@
 #include "DiskImageFixtures.h"
 #include "HttpTestServer.h"
 #include "LoopDevices.h"
+#include "MountTable.h"
 #include "QxProcessTest.h"
 
 #include <QXFoundation/QXDiskImageWriter.h>
@@ -109,6 +110,27 @@ protected:
         auto source = QXDiskImage::imageWithContentsOfURL(qx::URL::fileURLWithPath(raw));
         EXPECT_TRUE(source && writer->writeImage(*source, raw + ".dmg"));
         return raw + ".dmg";
+    }
+    // An ISO 9660 image labelled label holding file.txt with these contents.
+    std::string isoImage(const std::string& name, const std::string& label, const std::string& contents) {
+        const std::filesystem::path source = dir() / ("tree-" + name);
+        std::filesystem::create_directories(source);
+        writeFile(source / "file.txt", contents);
+        const std::string path = dir() / name, command = "xorriso -as mkisofs -quiet -V " + label + " -o " + path + " " + source.string();
+        EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << command;
+        return path;
+    }
+    // An empty APFS container: 128 MiB is the least the maker accepts, sparse on disk.
+    std::string apfsImage(const std::string& name) {
+        const std::string path = dir() / name, command = "truncate -s 128M " + path + " && mkapfs " + path;
+        EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << command;
+        return path;
+    }
+    static std::string missingPrograms(const std::vector<const char*>& programs) {
+        for (const char* program : programs)
+            if (std::system(("command -v " + std::string(program) + " >/dev/null").c_str()) != 0)
+                return std::string(program) + " is missing (scripts/setup.sh installs it)";
+        return {};
     }
     std::vector<std::string> attached_;
     std::error_code ignored_;
@@ -238,8 +260,12 @@ TEST_F(HdiutilTool, DecodedOnceWhileTheImageIsUnchanged) {
     };
     attachChanged("2001-01-01");
     const auto first = cacheFiles();
+    const auto decoded = dir() / "cache" / first.begin()->first;
+    ASSERT_EQ(std::system(("touch -d 2001-01-01 " + decoded.string()).c_str()), 0);
     ASSERT_EQ(attach(image, {"-nomount"})->count(), 1u);
     EXPECT_EQ(cacheFiles(), first) << "the unchanged image was decoded again";
+    EXPECT_GT(std::filesystem::last_write_time(decoded), std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1))
+        << "a reuse left the decoded file looking unused since its decode";
     attachChanged("2002-02-02");
     EXPECT_EQ(cacheFiles().size(), 2u) << "a changed image reused the old decoded file, or dropped it in use";
     for (const auto& device : attached_) EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
@@ -265,10 +291,7 @@ TEST_F(HdiutilTool, FileSystemTheKernelCannotMount) {
 }
 
 TEST_F(HdiutilTool, FatPartitionsThroughTheFuseHelperWhereTheKernelHasNoDriver) {
-    if (std::system("command -v fusefat >/dev/null") != 0) {
-        if (const char* ci = std::getenv("CI"); ci && std::string(ci) == "true") FAIL() << "fusefat is missing";
-        GTEST_SKIP() << "fusefat is missing (scripts/setup.sh installs it)";
-    }
+    QX_SKIP_OR_FAIL_UNLESS_EMPTY(missingPrograms({"fusefat"}));
     const auto entities = attach(diskimage::fixturePath("nodeudif-compression-zlib.dmg"));
     ASSERT_EQ(entities->count(), 3u);
     const std::string points[] = {field(entities->objectAtIndex(1), "mount-point"), field(entities->objectAtIndex(2), "mount-point")};
@@ -285,6 +308,168 @@ TEST_F(HdiutilTool, FatPartitionsThroughTheFuseHelperWhereTheKernelHasNoDriver) 
     EXPECT_EQ(tool({"detach", device}).exitStatus, 0);
     for (const auto& point : points) EXPECT_FALSE(std::filesystem::exists(point)) << point << " stays";
 }
+
+// When the file name in the user's home folder (from the user database, as
+// helpers find it, not $HOME) was last changed, or -1 when it is not there.
+std::int64_t homeFileState(const std::string& name) {
+    const passwd* user = ::getpwuid(::geteuid());
+    struct stat status {};
+    if (!user || ::stat((std::string(user->pw_dir) + "/" + name).c_str(), &status) != 0) return -1;
+    return static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+}
+
+struct FuseCase {
+    const char* name;
+    bool apfs; // else ISO 9660 holding file.txt
+    std::optional<QXDiskImageFormat> format;
+    const char* volumeKind;
+    std::vector<const char*> programs; // the maker and the mounter
+    bool lingering = false;            // the mounter's server outlives its unmount for a while
+};
+
+class HdiutilFuse : public HdiutilTool, public ::testing::WithParamInterface<FuseCase> {};
+
+// Whichever mounts it (the kernel where it has the driver, else the helper):
+// read-only, readable, busy detach refused, and a detach leaves no mount,
+// folder, server or loop device behind.
+TEST_P(HdiutilFuse, MountsReadOnlyAndDetachLeavesNoServer) {
+    const auto& c = GetParam();
+    QX_SKIP_OR_FAIL_UNLESS_EMPTY(missingPrograms(c.programs));
+    const auto mtabBefore = homeFileState(".mtab.fuseiso");
+    std::string label = "QX" + newUUID().substr(0, 8), contents = "on a disc " + newUUID() + "\n";
+    std::transform(label.begin(), label.end(), label.begin(), [](unsigned char ch) { return static_cast<char>(std::toupper(ch)); });
+    std::string image = c.apfs ? apfsImage("volume.img") : isoImage("disc.iso", label, contents);
+    if (c.format) image = udif(image, *c.format);
+    std::string path;
+    if (c.lingering) {
+        std::filesystem::create_directories(dir() / "bin");
+        ASSERT_EQ(::symlink(QX_SOURCE_DIR "/tests/Support/lingering-fuse-helper.sh", (dir() / "bin" / c.programs.back()).c_str()), 0);
+        path = "PATH=" + shellQuote(dir() / "bin") + ":\"$PATH\"";
+    }
+    const auto entities = entitiesOf(tool({"attach", "-plist", image}, "/dev/null", path));
+    ASSERT_EQ(entities->count(), 1u);
+    const auto e = qx::dyn_cast<qx::Dictionary>(entities->objectAtIndex(0));
+    EXPECT_EQ(field(e, "volume-kind"), c.volumeKind);
+    const std::string device = field(e, "dev-entry"), point = field(e, "mount-point");
+    ASSERT_FALSE(point.empty()) << "not mounted";
+    const auto mount = mountAt(point);
+    ASSERT_TRUE(mount) << point << " is not in the mount table";
+    EXPECT_TRUE(hasOption(*mount, "ro")) << mount->options;
+    const auto readable = [&] {
+        if (!c.apfs) return readFile(std::filesystem::path(point) / "file.txt") == contents;
+        std::error_code ec;
+        std::filesystem::directory_iterator root(point, ec);
+        return !ec;
+    };
+    EXPECT_TRUE(readable()) << point;
+    if (c.apfs && readFile("/proc/filesystems").find("\tapfs\n") == std::string::npos) {
+        EXPECT_EQ(mount->type.rfind("fuse", 0), 0u) << mount->type;
+    }
+
+    auto inside = qx::Process::create("/bin/sleep", {"60"});
+    inside->setCurrentDirectory(point);
+    ASSERT_TRUE(inside->launch());
+    const auto busy = tool({"detach", device});
+    inside->terminate();
+    inside->waitUntilExit();
+    EXPECT_EQ(busy.exitStatus, 16) << busy.describe();
+    EXPECT_TRUE(mountAt(point) && readable()) << "a busy detach unmounted " << point;
+
+    const auto run = tool({"detach", device});
+    EXPECT_EQ(run.exitStatus, 0) << run.describe();
+    EXPECT_FALSE(mountAt(point)) << point << " stays mounted";
+    EXPECT_FALSE(std::filesystem::exists(point)) << point << " stays";
+    EXPECT_EQ(liveProcessesNaming(point), std::vector<pid_t>{}) << "the server of " << point << " outlived the detach";
+    EXPECT_FALSE(std::filesystem::exists("/sys/block/" + device.substr(5) + "/loop/backing_file")) << device << " outlived the detach";
+    EXPECT_EQ(homeFileState(".mtab.fuseiso"), mtabBefore) << "a helper wrote its own list of mounts in the home folder";
+}
+
+INSTANTIATE_TEST_SUITE_P(FileSystems, HdiutilFuse,
+                         ::testing::Values(FuseCase{"RawISO9660", false, std::nullopt, "cd9660", {"xorriso", "fuseiso"}},
+                                           FuseCase{"UDZOISO9660", false, QXDiskImageFormat::UDZO, "cd9660", {"xorriso", "fuseiso"}},
+                                           FuseCase{"RawAPFS", true, std::nullopt, "apfs", {"mkapfs", "fsapfsmount"}},
+                                           FuseCase{"ServerLeavingLate", false, std::nullopt, "cd9660", {"xorriso", "fuseiso"}, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+struct TrimCase {
+    const char* name;
+    const char* limit;   // QXFOUNDATION_IMAGE_CACHE_LIMIT; "total" for the space a, b and d take
+    bool dUsedRecently;  // else d was last used long ago, like a and b
+    const char* removed; // the decoded files expected gone, by letter
+};
+
+class HdiutilCacheTrim : public HdiutilTool, public ::testing::WithParamInterface<TrimCase> {
+protected:
+    // Space the file takes on disk, which the budget counts.
+    static std::uint64_t allocated(const std::filesystem::path& path) {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+        return static_cast<std::uint64_t>(status.st_blocks) * 512;
+    }
+    static void age(const std::filesystem::path& path, const char* date) {
+        ASSERT_EQ(std::system(("touch -d '" + std::string(date) + "' " + shellQuote(path)).c_str()), 0) << path;
+    }
+    // The cache file an attach of image made, attaching it without mounting.
+    std::string attachNew(const std::string& image, const std::string& before = "") {
+        std::set<std::string> known;
+        for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache", ignored_)) known.insert(entry.path().filename());
+        EXPECT_EQ(entitiesOf(tool({"attach", "-plist", "-nomount", image}, "/dev/null", before))->count(), 1u);
+        for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache", ignored_))
+            if (!known.count(entry.path().filename()) && entry.path().filename().string().front() != '.') return entry.path().filename();
+        ADD_FAILURE() << image << " made no cache file";
+        return {};
+    }
+};
+
+// Four decoded images, least recently used first: b (attached all along), a,
+// d, then c, made by the attach that trims. c decodes to the same bytes as a,
+// so the "total" budget is met by removing a alone.
+TEST_P(HdiutilCacheTrim, LeastRecentlyUsedUnusedFilesGoFirst) {
+    const auto& c = GetParam();
+    std::map<char, std::string> images;
+    for (const char letter : {'a', 'b', 'd'})
+        images[letter] = udif(ext4Image(std::string(1, letter) + ".img", std::string(1, letter)), QXDiskImageFormat::UDZO);
+    images['c'] = dir() / "c.dmg";
+    std::filesystem::copy_file(images['a'], images['c']);
+
+    std::map<char, std::string> files;
+    files['b'] = attachNew(images['b']);
+    for (const char letter : {'a', 'd'}) {
+        files[letter] = attachNew(images[letter]);
+        EXPECT_EQ(tool({"detach", attached_.back()}).exitStatus, 0);
+    }
+    const auto cache = dir() / "cache";
+    age(cache / files['b'], "2000-01-01");
+    age(cache / files['a'], "2001-01-01");
+    if (!c.dUsedRecently) age(cache / files['d'], "2002-01-01");
+    // Leftovers of cut-off decodes, one long abandoned, one still being written; and a file not the cache's.
+    const auto staleTemporary = cache / ("." + files['a'] + ".qx-00000000000a"), liveTemporary = cache / ("." + files['d'] + ".qx-00000000000d");
+    writeFile(staleTemporary, "");
+    age(staleTemporary, "2001-01-01");
+    writeFile(liveTemporary, "");
+    writeFile(cache / "notes.txt", std::string(1 << 16, 'n'));
+    age(cache / "notes.txt", "1999-01-01");
+
+    const std::string limit =
+        c.limit == std::string("total") ? std::to_string(allocated(cache / files['a']) + allocated(cache / files['b']) + allocated(cache / files['d'])) : c.limit;
+    files['c'] = attachNew(images['c'], "QXFOUNDATION_IMAGE_CACHE_LIMIT=" + shellQuote(limit));
+
+    for (const auto& [letter, file] : files) {
+        const bool removed = std::string(c.removed).find(letter) != std::string::npos;
+        EXPECT_EQ(std::filesystem::exists(cache / file), !removed) << letter << (removed ? " stays" : " was removed");
+        EXPECT_EQ(std::filesystem::exists(dir() / "run" / (file + ".image")), !removed) << "the record of " << letter;
+    }
+    EXPECT_FALSE(std::filesystem::exists(staleTemporary)) << "an abandoned decode stays";
+    EXPECT_TRUE(std::filesystem::exists(liveTemporary)) << "a decode in progress lost its file";
+    EXPECT_TRUE(std::filesystem::exists(cache / "notes.txt")) << "a file the cache did not make was removed";
+}
+
+INSTANTIATE_TEST_SUITE_P(Budgets, HdiutilCacheTrim,
+                         ::testing::Values(TrimCase{"OldestUnusedGoesUntilWithinBudget", "total", false, "a"},
+                                           TrimCase{"ZeroLeavesWhatIsInUse", "0", false, "ad"},
+                                           TrimCase{"RecentlyUsedStays", "0", true, "a"},
+                                           TrimCase{"NotACountOfBytesMeansTheDefault", "4096x", false, ""}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HdiutilTool, RemoteImageReadByRanges) {
     const std::string contents = "from afar\n";

@@ -30,13 +30,16 @@ struct Helper {
     const char* idType;
     const char* program;
     std::vector<std::string> options;  // before the device and the folder
+    std::vector<std::string> trailing; // after them
 };
 
+// Each is told read-only its own way, so the mount table says ro as the kernel's
+// mounts do. fuseiso keeps a list of its mounts in the home folder unless told not to.
 const std::vector<Helper>& helpers() {
     static const std::vector<Helper> table = {
-        {"apfs", "fsapfsmount", {}},
-        {"iso9660", "fuseiso", {}},
-        {"vfat", "fusefat", {"-o", "ro"}},
+        {"apfs", "fsapfsmount", {"-X", "ro"}, {}},
+        {"iso9660", "fuseiso", {"-n"}, {"-o", "ro"}},
+        {"vfat", "fusefat", {"-o", "ro"}, {}},
     };
     return table;
 }
@@ -133,6 +136,7 @@ std::string mountWithHelper(const qx::BlockDeviceDescription& d, const qx::Block
     auto arguments = helper->options;
     arguments.push_back(d.device);
     arguments.push_back(folder);
+    arguments.insert(arguments.end(), helper->trailing.begin(), helper->trailing.end());
     // The helpers serve from the background once the mount is in place.
     if (run(program, arguments) != 0 || !isMounted(folder)) {
         ::umount2(folder.c_str(), MNT_DETACH);

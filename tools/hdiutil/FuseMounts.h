@@ -26,7 +26,10 @@ void addHelperMounts(std::vector<qx::BlockDeviceDescription>& devices);
 /// The helper mounts among mountPoints of devices: they are unmounted by
 /// point, not through the device.
 bool isHelperMount(const std::vector<qx::BlockDeviceDescription>& devices, const std::string& mountPoint);
-/// Unmounts a helper mount and removes its folder; 0 or an errno value (EBUSY when in use).
+/// Unmounts a helper mount and removes its folder; 0 or an errno value (EBUSY
+/// when in use). The helper's server goes when it sees the unmount; it holds
+/// the device open until then, and both providers' loop detach waits for the
+/// device's last close, so a detach returns only once the server has gone.
 int unmountHelper(const std::string& mountPoint, bool force);
 /// Forgets the helper mounts of the disk (after its detach).
 void forgetHelperMounts(const qx::BlockDeviceDescription& disk);

@@ -1,6 +1,7 @@
 // ImageCache.cpp - decoded disks of UDIF and remote images.
 #include "ImageCache.h"
 
+#include "CacheTrimmer.h"
 #include "ToolFailure.h"
 #include "ToolFolders.h"
 
@@ -10,6 +11,7 @@
 #include <QXFoundation/QXDiskImage.h>
 
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 
@@ -53,8 +55,12 @@ std::string ImageCache::decodedFile(QXDiskImage& image, const ImageLocation& loc
     }
     const std::string path = folder + "/" + fileName(image, location);
     struct stat status {};
-    if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == image.size())
+    if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && static_cast<std::uint64_t>(status.st_size) == image.size()) {
+        // The time of last use, which trimming goes by; the atime alone would be lost on a noatime mount.
+        ::utimensat(AT_FDCWD, path.c_str(), nullptr, 0);
+        trimCache(folder, path, cacheLimit());
         return path;
+    }
 
     QXSafeFileWriter writer;
     if (const int code = writer.open(path)) {
@@ -75,6 +81,7 @@ std::string ImageCache::decodedFile(QXDiskImage& image, const ImageLocation& loc
         reason = path + ": " + std::strerror(code);
         return {};
     }
+    trimCache(folder, path, cacheLimit());
     return path;
 }
 

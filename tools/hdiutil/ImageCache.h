@@ -8,6 +8,8 @@
 // again finds its file and skips the decoding; an image changed since gets a
 // new one. Files are written through a temporary that is renamed into place
 // only when complete, so a cut-off decode never leaves a file that looks done.
+// After each attach through the cache the folder is trimmed to its budget
+// (CacheTrimmer.h), so many different images do not fill the disk.
 #pragma once
 
 #include "ImageLocation.h"
@@ -23,7 +25,8 @@ namespace hdiutil {
 class ImageCache {
 public:
     /// The decoded file for image, decoding it unless the cache has it; its
-    /// path, or empty with the reason. progress sees the decoding only.
+    /// path, or empty with the reason. progress sees the decoding only. A
+    /// reused file is marked used now; the cache is then trimmed.
     static std::string decodedFile(QXDiskImage& image, const ImageLocation& location,
                                    const QXDiskImageExport::Progress& progress, std::string& reason);
     /// Whether path names a file in the cache folder.

@@ -28,7 +28,8 @@ std::string contents(const fs::path& path) {
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
-// The backing files of every loop device, as the kernel names them.
+} // namespace
+
 std::set<std::string> loopBackingFiles() {
     std::set<std::string> files;
     std::error_code ec;
@@ -39,8 +40,6 @@ std::set<std::string> loopBackingFiles() {
     }
     return files;
 }
-
-} // namespace
 
 int rememberImage(const std::string& cachePath, const std::string& imageName) {
     if (const int code = makeFolder(runtimeFolder())) return code;
@@ -56,6 +55,8 @@ std::optional<std::string> recordedImage(const std::string& cachePath) {
     if (name.empty()) return std::nullopt;
     return name;
 }
+
+void forgetImage(const std::string& cachePath) { ::unlink(recordPath(cachePath).c_str()); }
 
 void dropStaleDecodings(const std::string& imageName, const std::string& keep) {
     std::error_code ec;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 
 namespace hdiutil {
@@ -17,9 +18,13 @@ namespace hdiutil {
 int rememberImage(const std::string& cachePath, const std::string& imageName);
 /// The image the cache file at cachePath stands for, when recorded.
 std::optional<std::string> recordedImage(const std::string& cachePath);
+/// Removes the record of the cache file at cachePath (once the file is gone).
+void forgetImage(const std::string& cachePath);
 /// Removes the cache files recorded for imageName other than keep, with
 /// their records, unless a loop device still reads them: an image that
 /// changed leaves one decoded file, not one per version.
 void dropStaleDecodings(const std::string& imageName, const std::string& keep);
+/// The backing files of every loop device, as the kernel names them (real paths).
+std::set<std::string> loopBackingFiles();
 
 } // namespace hdiutil
