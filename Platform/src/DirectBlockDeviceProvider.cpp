@@ -395,7 +395,11 @@ BlockDeviceAnswer DirectBlockDeviceProvider::loopDelete(const std::string& devic
     // A detach while someone else has the device open (a probe) happens at
     // their last close; the kernel's change event tells when.
     UniqueFd events = openUeventSocket();
-    if (::ioctl(loop.get(), LOOP_CLR_FD, 0) != 0) return refusal(errno, "Error deleting " + d->device);
+    if (::ioctl(loop.get(), LOOP_CLR_FD, 0) != 0) {
+        // ENXIO: another detach came first (the device is unbound, or goes
+        // at its last close): what was asked is happening; wait for it.
+        if (errno != ENXIO) return refusal(errno, "Error deleting " + d->device);
+    }
     loop.reset();
     waitForDetach(deviceName, events.get());
     announce({deviceName});

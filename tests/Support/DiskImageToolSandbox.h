@@ -13,17 +13,24 @@
 #include <QXFoundation/QXDiskImage.h>
 #include <QXFoundation/QXDiskImageWriter.h>
 
+#include <optional>
 #include <set>
 
 namespace qxtest {
 
 class DiskImageToolSandbox {
 public:
+    // In a folder of its own, removed with the sandbox.
+    DiskImageToolSandbox() : owned_(std::in_place, "qx-hdiutil"), dir_(owned_->path()) {}
+    // In folder, which the caller owns.
+    explicit DiskImageToolSandbox(std::filesystem::path folder) : dir_(std::move(folder)) {}
+    DiskImageToolSandbox(const DiskImageToolSandbox&) = delete;
+    DiskImageToolSandbox& operator=(const DiskImageToolSandbox&) = delete;
 
-    const TempDir& dir() const { return dir_; }
+    const std::filesystem::path& dir() const { return dir_; }
 
-    // KEY=value words for a command line: the tool's folders in the sandbox; a
-    // thread-sanitized tool exits with its decode workers still parked.
+    // The tool's variables: its folders in the sandbox; a thread-sanitized
+    // tool exits with its decode workers still parked.
     std::vector<std::pair<std::string, std::string>> environment() const {
         const char* tsan = std::getenv("TSAN_OPTIONS");
         return {{"QXFOUNDATION_IMAGE_CACHE", dir_ / "cache"},
@@ -53,6 +60,28 @@ public:
         return path;
     }
 
+    // An ISO 9660 image labelled label holding file.txt with these contents.
+    std::string isoImage(const std::string& name, const std::string& label, const std::string& contents) const {
+        const std::string path = dir_ / name;
+        run("xorriso -as mkisofs -quiet -V " + label + " -o " + path + " " + tree(contents) + " 2>&1");
+        return path;
+    }
+
+    // An empty APFS container: 128 MiB is the least the maker accepts, sparse on disk.
+    std::string apfsImage(const std::string& name) const {
+        const std::string path = dir_ / name;
+        run("truncate -s 128M " + path + " && mkapfs " + path + " 2>&1");
+        return path;
+    }
+
+    // The first of programs not on the path, as a reason to skip; empty when all are.
+    static std::string missingPrograms(const std::vector<const char*>& programs) {
+        for (const char* program : programs)
+            if (std::system(("command -v " + std::string(program) + " >/dev/null").c_str()) != 0)
+                return std::string(program) + " is missing (scripts/setup.sh installs it)";
+        return {};
+    }
+
     // raw written again as a UDIF image of that format, with a licence if given.
     static std::string udif(const std::string& raw, QXDiskImageFormat format, const std::optional<std::string>& license = {}) {
         auto writer = QXDiskImageWriter::writerWithFormat(format);
@@ -67,27 +96,37 @@ public:
         std::vector<std::string> devices;
         for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
             const std::string backing = readFile(entry.path() / "loop" / "backing_file");
-            if (backing.rfind(dir_.path().string(), 0) == 0) devices.push_back(entry.path().filename());
+            if (backing.rfind(dir_.string() + "/", 0) == 0) devices.push_back(entry.path().filename());
         }
         return devices;
     }
 
     // Everything the tool left: FUSE mounts it recorded, loop devices with
     // their mounts, and the folders of mountPoints (those the test saw). All
-    // of it is removed; what was found is returned, one per line.
-    std::string sweep(const std::set<std::string>& mountPoints = {}) const {
+    // of it is removed; what was found is returned, one per line, except the
+    // devices (and their FUSE mounts) the test left attached on purpose.
+    std::string sweep(const std::set<std::string>& mountPoints = {}, const std::vector<std::string>& leftOnPurpose = {}) const {
+        const auto onPurpose = [&leftOnPurpose](const std::string& device) {
+            return std::find(leftOnPurpose.begin(), leftOnPurpose.end(), device) != leftOnPurpose.end();
+        };
         std::string found;
         std::error_code ignored;
         for (const auto& record : std::filesystem::directory_iterator(dir_ / "run", ignored)) {
+            // fuse-DEVICE-SEQUENCE: one "name TAB mount point" line per FUSE mount.
+            const std::string name = record.path().filename();
+            const bool quiet = name.rfind("fuse-", 0) == 0 && onPurpose(name.substr(5, name.rfind('-') - 5));
             std::ifstream lines(record.path());
             for (std::string line; std::getline(lines, line);) {
                 const auto tab = line.find('\t');
                 if (tab == std::string::npos) continue;
                 const std::string point = line.substr(tab + 1);
-                if (::umount2(point.c_str(), MNT_DETACH) == 0) found += "FUSE mount " + point + "\n";
+                if (::umount2(point.c_str(), MNT_DETACH) == 0 && !quiet) found += "FUSE mount " + point + "\n";
                 ::rmdir(point.c_str());
             }
         }
+        // Only devices still on the sandbox's files: a number detached already may be someone else's now.
+        for (const auto& device : loopDevices())
+            if (onPurpose(device)) LoopDevices::detach(device);
         // A detach while a prober has the device open completes at its last close.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         std::vector<std::string> left;
@@ -116,7 +155,8 @@ private:
 
     static void run(const std::string& command) { EXPECT_EQ(std::system((command + " >/dev/null").c_str()), 0) << command; }
 
-    TempDir dir_{"qx-hdiutil"};
+    std::optional<TempDir> owned_;
+    std::filesystem::path dir_;
     mutable int trees_ = 0;
 };
 

@@ -17,6 +17,14 @@ inline std::string shellQuote(const std::string& text) {
     return quoted + "'";
 }
 
+// This process's environment, for a child given one of its own.
+inline std::map<std::string, std::string> processEnvironment() {
+    std::map<std::string, std::string> environment;
+    for (char** e = environ; *e; ++e)
+        if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
+    return environment;
+}
+
 // What a command left behind; exitStatus is -1 when it did not exit normally.
 struct QxRun {
     int exitStatus = -1;
@@ -66,9 +74,7 @@ protected:
     // An interrupted command leaves at once, without joining threads that may be
     // blocked on input; a thread sanitizer in the child would report those.
     static qx::Ref<qx::Process> launchQx(const std::vector<std::string>& args, bool inputPipe) {
-        std::map<std::string, std::string> environment;
-        for (char** e = environ; *e; ++e)
-            if (const char* equals = std::strchr(*e, '=')) environment[std::string(*e, static_cast<std::size_t>(equals - *e))] = equals + 1;
+        auto environment = processEnvironment();
         environment["TSAN_OPTIONS"] += (environment["TSAN_OPTIONS"].empty() ? "" : ":") + std::string("report_thread_leaks=0");
         auto process = qx::Process::create(QX_QX_BINARY, args);
         process->setEnvironment(environment);

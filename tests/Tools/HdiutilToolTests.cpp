@@ -4,8 +4,8 @@
 // cache and the records live in the test's own folder, and the fixture checks
 // at the end that no loop device is left on a file of that folder.
 #include "DiskImageFixtures.h"
+#include "DiskImageToolSandbox.h"
 #include "HttpTestServer.h"
-#include "LoopDevices.h"
 #include "MountTable.h"
 #include "QxProcessTest.h"
 
@@ -33,45 +33,16 @@ std::string field(const qx::Ref<qx::Object>& entity, const char* key) {
 class HdiutilTool : public QxProcessTest {
 protected:
     void SetUp() override { QX_REQUIRE_LOOP_DEVICES(); }
-    void TearDown() override {
-        // FUSE helper mounts of this test's attachments, by the tool's records.
-        for (const auto& record : std::filesystem::directory_iterator(dir() / "run", ignored_)) {
-            std::ifstream lines(record.path());
-            for (std::string line; std::getline(lines, line);)
-                if (line.find('\t') != std::string::npos && ::umount2(line.substr(line.find('\t') + 1).c_str(), MNT_DETACH) == 0)
-                    ::rmdir(line.substr(line.find('\t') + 1).c_str());
-        }
-        // Only devices still on this test's files: a number detached already may be someone else's now.
-        auto left = leftovers();
-        for (const auto& device : left)
-            if (std::find(attached_.begin(), attached_.end(), device) != attached_.end()) LoopDevices::detach(device);
-        // A detach while a prober has the device open completes at its last close.
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!(left = leftovers()).empty() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        for (const auto& device : left) {
-            ADD_FAILURE() << device << " left on a file of " << dir();
-            LoopDevices::detach(device);
-        }
-    }
-    // Loop devices on files of this test's folder.
-    std::vector<std::string> leftovers() const {
-        std::vector<std::string> devices;
-        for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
-            const std::string backing = readFile(entry.path() / "loop" / "backing_file");
-            if (backing.rfind(dir().string(), 0) == 0) devices.push_back(entry.path().filename());
-        }
-        return devices;
-    }
+    // Devices the test attached are detached quietly; anything else on its files fails it.
+    void TearDown() override { EXPECT_EQ(sandbox_.sweep({}, attached_), "") << "left on files of " << dir(); }
 
-    // The tool's own folders in the test's; a thread-sanitized tool exits with its decode workers still parked.
     std::string environment() const {
-        const char* tsan = std::getenv("TSAN_OPTIONS");
-        return "QXFOUNDATION_IMAGE_CACHE=" + shellQuote(dir() / "cache") + " QXFOUNDATION_HDIUTIL_RUNTIME=" + shellQuote(dir() / "run") +
-               " TSAN_OPTIONS=" + shellQuote(std::string(tsan ? tsan : "") + ":report_thread_leaks=0");
+        std::string words;
+        for (const auto& variable : sandbox_.environment()) words += " " + variable.first + "=" + shellQuote(variable.second);
+        return words;
     }
     QxRun tool(const std::vector<std::string>& args, const std::string& stdinPath = "/dev/null", const std::string& before = "") {
-        std::string command = before + " env " + environment() + " " + shellQuote(QX_HDIUTIL_BINARY);
+        std::string command = before + " env" + environment() + " " + shellQuote(QX_HDIUTIL_BINARY);
         for (const auto& arg : args) command += " " + shellQuote(arg);
         return runShell(command, stdinPath);
     }
@@ -89,49 +60,14 @@ protected:
         if (entities && entities->count() > 0) attached_.push_back(field(entities->objectAtIndex(0), "dev-entry").substr(5));
         return entities ? entities : qx::Array::create();
     }
-    // An 8 MiB ext4 image (or, with gpt, two ext4 partitions) holding a file "name" with these contents in each.
-    std::string ext4Image(const std::string& name, const std::string& contents, bool gpt = false) {
-        const std::string source = dir() / "tree", path = dir() / name;
-        std::filesystem::create_directories(source);
-        writeFile(std::filesystem::path(source) / "file.txt", contents);
-        std::string command = "truncate -s 8M " + path;
-        if (gpt)
-            command += " && printf 'label: gpt\\nstart=2048, size=6144\\nstart=8192, size=6144\\n' | sfdisk -q " + path +
-                       " && mkfs.ext4 -q -F -E offset=1048576 -d " + source + " " + path + " 3M && mkfs.ext4 -q -F -E offset=4194304 -d " +
-                       source + " " + path + " 3M";
-        else
-            command += " && mkfs.ext4 -q -F -d " + source + " " + path;
-        EXPECT_EQ(std::system((command + " >/dev/null").c_str()), 0) << command;
-        return path;
+    std::string ext4Image(const std::string& name, const std::string& contents, bool gpt = false) const {
+        return sandbox_.ext4Image(name, contents, gpt);
     }
-    std::string udif(const std::string& raw, QXDiskImageFormat format, const std::optional<std::string>& license = {}) {
-        auto writer = QXDiskImageWriter::writerWithFormat(format);
-        EXPECT_TRUE(writer->setLicenseAgreement(license));
-        auto source = QXDiskImage::imageWithContentsOfURL(qx::URL::fileURLWithPath(raw));
-        EXPECT_TRUE(source && writer->writeImage(*source, raw + ".dmg"));
-        return raw + ".dmg";
+    static std::string udif(const std::string& raw, QXDiskImageFormat format, const std::optional<std::string>& license = {}) {
+        return DiskImageToolSandbox::udif(raw, format, license);
     }
-    // An ISO 9660 image labelled label holding file.txt with these contents.
-    std::string isoImage(const std::string& name, const std::string& label, const std::string& contents) {
-        const std::filesystem::path source = dir() / ("tree-" + name);
-        std::filesystem::create_directories(source);
-        writeFile(source / "file.txt", contents);
-        const std::string path = dir() / name, command = "xorriso -as mkisofs -quiet -V " + label + " -o " + path + " " + source.string();
-        EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << command;
-        return path;
-    }
-    // An empty APFS container: 128 MiB is the least the maker accepts, sparse on disk.
-    std::string apfsImage(const std::string& name) {
-        const std::string path = dir() / name, command = "truncate -s 128M " + path + " && mkapfs " + path;
-        EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << command;
-        return path;
-    }
-    static std::string missingPrograms(const std::vector<const char*>& programs) {
-        for (const char* program : programs)
-            if (std::system(("command -v " + std::string(program) + " >/dev/null").c_str()) != 0)
-                return std::string(program) + " is missing (scripts/setup.sh installs it)";
-        return {};
-    }
+
+    DiskImageToolSandbox sandbox_{dir()};
     std::vector<std::string> attached_;
     std::error_code ignored_;
 };
@@ -176,7 +112,8 @@ TEST_P(HdiutilAttach, MountsReadsBackListsAndDetaches) {
 
     const auto run = tool({"detach", device});
     EXPECT_EQ(run.exitStatus, 0) << run.describe();
-    EXPECT_FALSE(std::filesystem::exists("/sys/block/" + device.substr(5) + "/loop/backing_file"));
+    // By backing file: the number may be another test's device by now.
+    EXPECT_EQ(sandbox_.loopDevices(), std::vector<std::string>{});
     for (const auto& point : points) EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(point) / "file.txt"));
     const auto cached = std::filesystem::exists(dir() / "cache") ? std::distance(std::filesystem::directory_iterator(dir() / "cache"), {}) : 0;
     EXPECT_EQ(cached, c.format ? 1 : 0) << "raw images are attached as they are, UDIF ones decoded once";
@@ -201,8 +138,11 @@ TEST_F(HdiutilTool, LicenseAnsweredOnTheConsole) {
 
     // Accepted on a pseudo-terminal, the way the mounter talks to the tool.
     auto process = qx::Process::create(QX_HDIUTIL_BINARY, {"attach", "-plist", image});
-    process->setEnvironment({{"QXFOUNDATION_IMAGE_CACHE", (dir() / "cache").string()}, {"QXFOUNDATION_HDIUTIL_RUNTIME", (dir() / "run").string()},
-                             {"PATH", std::getenv("PATH")}, {"TSAN_OPTIONS", "report_thread_leaks=0"}});
+    // Inherited too: the provider the suite runs with, so that the teardown
+    // detaches the way the tool attached.
+    auto variables = processEnvironment();
+    for (const auto& variable : sandbox_.environment()) variables[variable.first] = variable.second;
+    process->setEnvironment(variables);
     process->setStandardInput(qx::Process::Stdio::Terminal);
     process->setStandardError(qx::Process::Stdio::Terminal);
     process->setStandardOutput(qx::Process::Stdio::Pipe);
@@ -217,8 +157,10 @@ TEST_F(HdiutilTool, LicenseAnsweredOnTheConsole) {
     process->terminal()->writeBytes("y\n", 2);
     const std::string out = toString(process->standardOutput()->readDataToEndOfFile());
     process->waitUntilExit();
-    const auto entities = entitiesOf({process->terminationStatus(), out.substr(out.find("<?xml")), ""});
-    EXPECT_EQ(out.substr(0, out.find("<?xml")), "Use it kindly.\n");
+    const auto plist = out.find("<?xml");
+    ASSERT_NE(plist, std::string::npos) << out << toString(process->terminal()->availableData());
+    const auto entities = entitiesOf({process->terminationStatus(), out.substr(plist), ""});
+    EXPECT_EQ(out.substr(0, plist), "Use it kindly.\n");
     ASSERT_EQ(entities->count(), 1u);
     EXPECT_EQ(readFile(std::filesystem::path(field(entities->objectAtIndex(0), "mount-point")) / "file.txt"), "x");
 }
@@ -291,7 +233,7 @@ TEST_F(HdiutilTool, FileSystemTheKernelCannotMount) {
 }
 
 TEST_F(HdiutilTool, FatPartitionsThroughTheFuseHelperWhereTheKernelHasNoDriver) {
-    QX_SKIP_OR_FAIL_UNLESS_EMPTY(missingPrograms({"fusefat"}));
+    QX_SKIP_OR_FAIL_UNLESS_EMPTY(DiskImageToolSandbox::missingPrograms({"fusefat"}));
     const auto entities = attach(diskimage::fixturePath("nodeudif-compression-zlib.dmg"));
     ASSERT_EQ(entities->count(), 3u);
     const std::string points[] = {field(entities->objectAtIndex(1), "mount-point"), field(entities->objectAtIndex(2), "mount-point")};
@@ -334,11 +276,11 @@ class HdiutilFuse : public HdiutilTool, public ::testing::WithParamInterface<Fus
 // folder, server or loop device behind.
 TEST_P(HdiutilFuse, MountsReadOnlyAndDetachLeavesNoServer) {
     const auto& c = GetParam();
-    QX_SKIP_OR_FAIL_UNLESS_EMPTY(missingPrograms(c.programs));
+    QX_SKIP_OR_FAIL_UNLESS_EMPTY(DiskImageToolSandbox::missingPrograms(c.programs));
     const auto mtabBefore = homeFileState(".mtab.fuseiso");
     std::string label = "QX" + newUUID().substr(0, 8), contents = "on a disc " + newUUID() + "\n";
     std::transform(label.begin(), label.end(), label.begin(), [](unsigned char ch) { return static_cast<char>(std::toupper(ch)); });
-    std::string image = c.apfs ? apfsImage("volume.img") : isoImage("disc.iso", label, contents);
+    std::string image = c.apfs ? sandbox_.apfsImage("volume.img") : sandbox_.isoImage("disc.iso", label, contents);
     if (c.format) image = udif(image, *c.format);
     std::string path;
     if (c.lingering) {
