@@ -12,6 +12,9 @@
 # medians and the ratios against the targets: cold attach >= 1.5x faster than
 # by hand, warm attach < 0.5 s. Needs root (loop devices and mounts).
 #
+# QX_BLOCK_DEVICE_PROVIDER=udisks|direct times the storage daemon's path or the
+# kernel's (the default: the daemon when it is on the system bus).
+#
 # Environment: QX_BENCH_MIB (256), QX_BENCH_RUNS (5), QX_BENCH_BUILD
 # (build-bench), QX_BENCH_OUT (bench/out/attach), QX_BENCH_JOBS (2).
 set -euo pipefail
@@ -55,17 +58,20 @@ release() {
     esac
   done
 }
+# Attaches and reads the payload's first byte where the tool says it mounted it
+# (the storage daemon and the kernel path mount in different places).
+attach_and_read() { head -c1 "$("$HDIUTIL" attach "$1" | awk -F'\t' 'NF >= 3 && $3 != "" {point = $3} END {print point}')/payload.bin" > /dev/null; }
 attached() { "$HDIUTIL" info | awk '/^\/dev\/loop/ && $NF ~ /qxbench/ {print $1}' | head -1; }
-export -f release attached
+export -f release attached attach_and_read
 trap 'release; rm -rf "$out/cache" "$out/run" "$out/by-hand.raw"' EXIT
 
 hyperfine --shell=bash --runs "$runs" --export-json "$out/attach.json" \
   -n "hdiutil cold" -p 'release; rm -rf "$QXFOUNDATION_IMAGE_CACHE"' \
-  "\"\$HDIUTIL\" attach $image > /dev/null && head -c1 /run/media/\$(id -un)/qxbench/payload.bin > /dev/null" \
+  "attach_and_read $image" \
   -n "by hand" -p 'release; rm -f "$BENCH_OUT/by-hand.raw"' \
   "dmg2img -s $image $out/by-hand.raw > /dev/null && mount -o loop,ro $out/by-hand.raw $out/mnt && head -c1 $out/mnt/payload.bin > /dev/null" \
   -n "hdiutil warm" -p 'release; "$HDIUTIL" attach -nomount '"$image"' > /dev/null; release' \
-  "\"\$HDIUTIL\" attach $image > /dev/null && head -c1 /run/media/\$(id -un)/qxbench/payload.bin > /dev/null" > /dev/null
+  "attach_and_read $image" > /dev/null
 hyperfine --shell=bash --runs "$runs" --export-json "$out/detach.json" \
   -n "hdiutil detach" -p 'release; "$HDIUTIL" attach '"$image"' > /dev/null' '"$HDIUTIL" detach $(attached) > /dev/null' > /dev/null
 
