@@ -298,8 +298,11 @@ TEST(DiskImageMounter, RecognisesImagesByTheirMimeType) {
                    "50:text/x-vhdl:*.vhdl\n"
                    "50:application/vnd.squashfs:*.sqsh\n"
                    "50:application/x-apple-diskimage:*.dmg\n"
-                   "50:application/x-mine:*.mine\n");
-    database.write(qxtest::FakeMimeDatabase::System, "aliases", "application/x-virtualbox-vdi application/x-vdi-disk\n");
+                   "50:application/x-mine:*.mine\n"
+                   "50:application/x-renamed-vmdk:*.rvmdk\n");
+    database.write(qxtest::FakeMimeDatabase::System, "aliases",
+                   "application/x-virtualbox-vdi application/x-vdi-disk\n"
+                   "application/x-vmdk-disk application/x-renamed-vmdk\n");  // a database that renamed one
     database.write(qxtest::FakeMimeDatabase::System, "subclasses",
                    "application/x-iso9660-appimage application/x-cd-image\n"
                    "application/x-raw-floppy-disk-image application/x-raw-disk-image\n"
@@ -314,6 +317,7 @@ TEST(DiskImageMounter, RecognisesImagesByTheirMimeType) {
         {"file:///a/b.vhdl", false},          {"file:///a/disk.img.xz", false},
         {"file:///a/b.sqsh", false},          {"file:///a/.dmg", true},  // the database's glob takes it
         {"file:///a/b.qcow2.txt", false},     {"file:///a/", false},
+        {"file:///a/b.rvmdk", true},
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(mounter()->isDiskImageAtURL(qx::URL::URLWithString(text)), expected) << text;
