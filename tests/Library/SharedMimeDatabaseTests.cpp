@@ -58,7 +58,9 @@ TEST(SharedMimeDatabase, AliasesAndParentsResolveToCanonicalNames) {
     FakeMimeDatabase database;
     database.write(FakeMimeDatabase::System, "aliases",
                    "application/x-iso9660-image application/x-cd-image\n"
-                   "application/x-old-name application/x-iso9660-image\n");  // a chain is followed one step
+                   "application/x-old-name application/x-iso9660-image\n"  // a chain is followed one step
+                   "application/x-disputed application/x-system-choice\n");
+    database.write(FakeMimeDatabase::User, "aliases", "application/x-disputed application/x-user-choice\n");
     database.write(FakeMimeDatabase::System, "subclasses",
                    "application/x-iso9660-appimage application/x-cd-image\n"
                    "application/x-cd-image application/x-raw-disk-image\n"
@@ -71,6 +73,7 @@ TEST(SharedMimeDatabase, AliasesAndParentsResolveToCanonicalNames) {
     EXPECT_EQ(database.typesFor("a.iso9660"), Types{"application/x-cd-image"});
     EXPECT_EQ(shared->canonicalType("application/x-old-name"), "application/x-iso9660-image");
     EXPECT_EQ(shared->canonicalType("application/x-unknown"), "application/x-unknown");
+    EXPECT_EQ(shared->canonicalType("application/x-disputed"), "application/x-user-choice");
     const std::pair<const char*, Types> closures[] = {
         {"application/x-iso9660-appimage",
          {"application/x-iso9660-appimage", "application/x-cd-image", "application/x-executable",
