@@ -50,8 +50,6 @@ public:
     /// and folders are skipped.
     static std::shared_ptr<const QXSharedMimeDatabase> loadFolders(const std::vector<std::string>& folders);
 
-    bool empty() const { return literals_.empty() && suffixes_.empty() && globs_.empty(); }
-
     /// The canonical types whose patterns best match a file's name (see the
     /// top of this file); empty when nothing matches.
     std::vector<std::string> typesForFileName(std::string_view name) const;
