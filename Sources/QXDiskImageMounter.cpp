@@ -4,6 +4,7 @@
 
 #include "Internal/QXDiskImageToolConversation.h"
 #include "Internal/QXDiskImageToolProcess.h"
+#include "Internal/QXSharedMimeDatabase.h"
 
 #include <QXFoundation/QXError.h>
 #include <QXFoundation/QXPropertyListSerialization.h>
@@ -47,6 +48,35 @@ bool isDiskImageType(const std::string& extension) {
                        [&](const char* type) { return lower == type; });
 }
 
+// Types, as the shared MIME database names them, of files that hold a whole
+// disk or disc the tool can attach as a device: raw disks (floppies too, as
+// their subclass), optical discs (and ISO-based types through theirs), the
+// tool's own images, and the virtual machines' disks, under today's names and
+// the VirtualBox ones older databases use. Left out on purpose: compressed
+// wrappers of these (x-raw-disk-image-xz-compressed, x-compressed-iso), bare
+// file-system images (squashfs), and emulators' formats that are not a block
+// device's bytes (discjuggler, fds, amiga).
+const char* const kDiskImageMimeTypes[] = {
+    "application/x-apple-diskimage", "application/x-raw-disk-image", "application/x-cd-image",
+    "application/x-qemu-disk",       "application/x-qed-disk",       "application/x-vhd-disk",
+    "application/x-vhdx-disk",       "application/x-vmdk-disk",      "application/x-vdi-disk",
+    "application/x-virtualbox-vhd",  "application/x-virtualbox-vhdx", "application/x-virtualbox-vmdk",
+    "application/x-virtualbox-vdi"};
+
+// A name the database cannot settle without reading the file (".vhd" is also
+// VHDL source) counts when any of its candidates is an image: attaching a
+// file that is not one fails cleanly, and hiding an image from the user does
+// not.
+bool isDiskImageByMimeType(const std::string& name) {
+    if (name.empty()) return false;
+    const auto database = QXSharedMimeDatabase::shared();
+    for (const auto& candidate : database->typesForFileName(name))
+        for (const auto& type : database->typeAndAncestors(candidate))
+            for (const char* imageType : kDiskImageMimeTypes)
+                if (type == database->canonicalType(imageType)) return true;
+    return false;
+}
+
 // The extension of a file name as URL::pathExtension finds it.
 std::string extensionOf(const std::string& name) {
     const auto dot = name.rfind('.');
@@ -85,10 +115,10 @@ bool QXDiskImageMounter::isDiskImageAtURL(const qx::Ref<qx::URL>& url) const {
     if (!url) return false;
     const std::string extension = lowercased(url->pathExtension());
     if (isDiskImageType(extension)) return true;
-    if (extension != "bin") return false;
-    // "archive.dmg.bin": an image saved under a download's generic name.
     const std::string name = url->lastPathComponent();
-    return isDiskImageType(extensionOf(name.substr(0, name.size() - 4)));
+    // "archive.dmg.bin": an image saved under a download's generic name.
+    if (extension == "bin" && isDiskImageType(extensionOf(name.substr(0, name.size() - 4)))) return true;
+    return isDiskImageByMimeType(name);
 }
 
 // --- Attaching ----------------------------------------------------------------

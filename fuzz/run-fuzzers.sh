@@ -31,6 +31,13 @@ for t in "${targets[@]}"; do
                '1.5 KiB' '2 megabytes' '$FF' 'TEXT' '\x80\xa5\xdb\xf0' 'a.b\\c*?'; do
         printf "$s" > "$corpus/seed-$i"; i=$((i + 1))
       done ;;
+    SharedMimeDatabase*)
+      # The system's own files when installed, with names that meet each kind of pattern.
+      if [ -f /usr/share/mime/globs2 ]; then
+        { cat /usr/share/mime/globs2; printf '\0'; cat /usr/share/mime/aliases; printf '\0'
+          cat /usr/share/mime/subclasses; printf '\0'; printf 'disk.qcow2\nMakefile\nREADME.md\nx.tar.gz\nX.ISO'
+        } > "$corpus/system"
+      fi ;;
     ZipArchive*) find tests/fixtures/zip/archives -type f | while read -r f; do cp -n "$f" "$corpus/$(sha1sum "$f" | cut -c1-16)"; done ;;
     LZFSE*) for f in tests/fixtures/lzfse/*.lzfse; do cp -n "$f" "$corpus/$(basename "$f")"; done ;;
     DiskImageFuzzer)

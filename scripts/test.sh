@@ -50,7 +50,7 @@ run_tests() {
 # Suites that start threads (CTest names are Suite.Test): threads, queues,
 # run loops, streams, the decompressor and its operations, the remote file
 # handle, and the few others whose tests hand work to a second thread.
-TSAN_SUITES='(Thread|PropertyListSearch|Queue|Semaphore|Platform[A-Za-z]+|RunLoopSource|Observable|RingBuffer[A-Za-z]*|SlidingWindow|StoragePool|Stream|HTTPClientTest|FileHandle|Operation|Decompressor[A-Za-z]*|RemoteFileHandle[A-Za-z]*|Process|ErrorReporter|LocalizationLibrary|ObjectModelLog|Compressor[A-Za-z]*|ParallelCompressor|FSEvent[A-Za-z]*|QxWatch|DiskImage[A-Za-z]*|Device[A-Za-z]*|QxDevices|Hdiutil[A-Za-z]*)\.'
+TSAN_SUITES='(Thread|PropertyListSearch|Queue|Semaphore|Platform[A-Za-z]+|RunLoopSource|Observable|RingBuffer[A-Za-z]*|SlidingWindow|StoragePool|Stream|HTTPClientTest|FileHandle|Operation|Decompressor[A-Za-z]*|RemoteFileHandle[A-Za-z]*|Process|ErrorReporter|LocalizationLibrary|ObjectModelLog|Compressor[A-Za-z]*|ParallelCompressor|FSEvent[A-Za-z]*|QxWatch|DiskImage[A-Za-z]*|Device[A-Za-z]*|QxDevices|Hdiutil[A-Za-z]*|ChangeListenerRegistry|SharedMimeDatabase)\.'
 
 clang_set=""
 thread=no

@@ -75,7 +75,12 @@ public:
     /// Lower-case file extensions of disk images: "dmg", "img", "smi", ...
     qx::Ref<qx::Array> diskImageTypes() const;
     /// True when url's last extension, in any case, is a disk-image type, or
-    /// is "bin" after one ("archive.dmg.bin").
+    /// is "bin" after one ("archive.dmg.bin"); else, where the desktop's shared
+    /// MIME database is installed, when the type its globs give the name is a
+    /// disk or disc image, or a subclass of one (raw, CD/DVD, the tool's own,
+    /// and virtual machines' disks: qcow, qed, vhd, vhdx, vmdk, vdi). Only the
+    /// name is looked at: the file is not opened, and need not exist. The
+    /// database is read once per process, on the first call that needs it.
     bool isDiskImageAtURL(const qx::Ref<qx::URL>& url) const;
 
     // --- Attaching ----------------------------------------------------------

@@ -244,7 +244,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::mount(const std::string& deviceName
         if (madeFolder) ::rmdir(target.c_str());
         return refusal(error, "Error mounting " + d->device + " at " + target);
     }
-    announce({deviceName});
+    listeners_.announce({deviceName});
     return BlockDeviceAnswer::success(target);
 }
 
@@ -260,7 +260,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::unmount(const std::string& deviceNa
     for (const auto& point : points) {
         if (::umount2(point.c_str(), force ? MNT_FORCE | MNT_DETACH : 0) != 0) {
             const int error = errno;
-            announce({deviceName});
+            listeners_.announce({deviceName});
             // umount(8)'s words, which the storage daemon passes on as well.
             if (error == EBUSY)
                 return BlockDeviceAnswer::failure(name::DeviceBusy, "Error unmounting " + d->device + ": target is busy");
@@ -269,7 +269,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::unmount(const std::string& deviceNa
         // Folders this provider made for a mount go with it.
         if (point.rfind(root, 0) == 0) ::rmdir(point.c_str());
     }
-    announce({deviceName});
+    listeners_.announce({deviceName});
     return BlockDeviceAnswer::success();
 }
 
@@ -353,7 +353,7 @@ BlockDeviceAnswer DirectBlockDeviceProvider::loopSetup(int fd, const LoopSetupOp
         loop.reset();
         if (events) waitForChangeEvent(deviceName, events.get());
         lock.reset();
-        announce({deviceName});
+        listeners_.announce({deviceName});
         return BlockDeviceAnswer::success(deviceName);
     }
     return BlockDeviceAnswer::failure(name::DeviceBusy, "Error setting up loop device: every free device was taken meanwhile");
@@ -402,36 +402,18 @@ BlockDeviceAnswer DirectBlockDeviceProvider::loopDelete(const std::string& devic
     }
     loop.reset();
     waitForDetach(deviceName, events.get());
-    announce({deviceName});
+    listeners_.announce({deviceName});
     return BlockDeviceAnswer::success();
 }
 
 std::uint64_t DirectBlockDeviceProvider::addChangeListener(ChangeListener listener) {
+    const std::uint64_t token = listeners_.add(std::move(listener));
     std::lock_guard<std::mutex> lock(mutex_);
-    const std::uint64_t token = nextToken_++;
-    listeners_.emplace(token, std::move(listener));
     if (!watcher_.joinable()) watcher_ = std::thread([this] { watch(); });
     return token;
 }
 
-void DirectBlockDeviceProvider::removeChangeListener(std::uint64_t token) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        listeners_.erase(token);
-    }
-    // Waits for a call under way (a listener removing itself holds this already).
-    std::lock_guard<std::recursive_mutex> calls(callMutex_);
-}
-
-void DirectBlockDeviceProvider::announce(const std::vector<std::string>& names) {
-    std::lock_guard<std::recursive_mutex> calls(callMutex_);
-    std::vector<ChangeListener> listeners;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& entry : listeners_) listeners.push_back(entry.second);
-    }
-    for (const auto& listener : listeners) listener(names);
-}
+void DirectBlockDeviceProvider::removeChangeListener(std::uint64_t token) { listeners_.remove(token); }
 
 void DirectBlockDeviceProvider::watch() {
     UniqueFd mountinfo(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
@@ -460,7 +442,7 @@ void DirectBlockDeviceProvider::watch() {
             }
             changed = changed || !names.empty();
         }
-        if (changed) announce(fds[1].revents ? std::vector<std::string>{} : names);
+        if (changed) listeners_.announce(fds[1].revents ? std::vector<std::string>{} : names);
     }
 }
 

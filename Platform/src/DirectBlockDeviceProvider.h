@@ -12,10 +12,11 @@
 // requests, which announce their devices when they finish.
 #pragma once
 
+#include "ChangeListenerRegistry.h"
+
 #include <qx/BlockDeviceProvider.h>
 #include <qx/UniqueFd.h>
 
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -48,12 +49,9 @@ public:
 
 private:
     void watch();
-    void announce(const std::vector<std::string>& names);
 
-    std::mutex mutex_;                                 // guards listeners_, nextToken_, watcher_
-    std::recursive_mutex callMutex_;                   // held while listeners are called
-    std::map<std::uint64_t, ChangeListener> listeners_;
-    std::uint64_t nextToken_ = 1;
+    ChangeListenerRegistry listeners_;
+    std::mutex mutex_;                                 // guards watcher_
     UniqueFd stop_;                                    // an eventfd that ends the watch
     std::thread watcher_;
     std::mutex loopMutex_;                             // one loop attachment at a time in this process

@@ -316,7 +316,7 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::mount(const std::string& deviceName
         where = path;
     }
     waitUntil([&](const std::vector<BlockDeviceDescription>& all) { return isMounted(all, deviceName); }, kSettleLimit);
-    announce({deviceName});
+    listeners_.announce({deviceName});
     return BlockDeviceAnswer::success(where);
 }
 
@@ -324,11 +324,11 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::unmount(const std::string& deviceNa
     auto answer = call(udisks::blockObjectPath(deviceName), kFilesystem, "Unmount", withOptions({{"force", force}}));
     if (!answer.succeeded()) {
         // A refusal may still have changed something (a stacked mount gone): the listeners compare.
-        announce({deviceName});
+        listeners_.announce({deviceName});
         return missingInterface(deviceName, answer, true);
     }
     waitUntil([&](const std::vector<BlockDeviceDescription>& all) { return !isMounted(all, deviceName); }, kSettleLimit);
-    announce({deviceName});
+    listeners_.announce({deviceName});
     return answer;
 }
 
@@ -348,7 +348,7 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::deleteLoop(const BlockDeviceDescrip
             return !d || !d->hasMedium();
         },
         kSettleLimit);
-    announce(names);
+    listeners_.announce(names);
     return answer;
 }
 
@@ -374,7 +374,7 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::eject(const std::string& deviceName
     if (sd_bus_message_read(reply.get(), "v", "o", &drivePath) <= 0 || !drivePath)
         return BlockDeviceAnswer::failure(name::Failed, "The storage daemon named no drive for " + disk->device);
     answer = call(drivePath, kDrive, "Eject", withOptions({}));
-    if (answer.succeeded()) announce({disk->name});
+    if (answer.succeeded()) listeners_.announce({disk->name});
     return answer;
 }
 
@@ -421,7 +421,7 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::loopSetup(int fd, const LoopSetupOp
                 },
                 kSettleLimit);
     }
-    announce({deviceName});
+    listeners_.announce({deviceName});
     return BlockDeviceAnswer::success(deviceName);
 }
 
@@ -434,31 +434,13 @@ BlockDeviceAnswer UDisksBlockDeviceProvider::loopDelete(const std::string& devic
 }
 
 std::uint64_t UDisksBlockDeviceProvider::addChangeListener(ChangeListener listener) {
+    const std::uint64_t token = listeners_.add(std::move(listener));
     std::lock_guard<std::mutex> lock(mutex_);
-    const std::uint64_t token = nextToken_++;
-    listeners_.emplace(token, std::move(listener));
     if (!watcher_.joinable()) watcher_ = std::thread([this] { watch(); });
     return token;
 }
 
-void UDisksBlockDeviceProvider::removeChangeListener(std::uint64_t token) {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        listeners_.erase(token);
-    }
-    // Waits for a call under way (a listener removing itself holds this already).
-    std::lock_guard<std::recursive_mutex> calls(callMutex_);
-}
-
-void UDisksBlockDeviceProvider::announce(const std::vector<std::string>& names) {
-    std::lock_guard<std::recursive_mutex> calls(callMutex_);
-    std::vector<ChangeListener> listeners;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& entry : listeners_) listeners.push_back(entry.second);
-    }
-    for (const auto& listener : listeners) listener(names);
-}
+void UDisksBlockDeviceProvider::removeChangeListener(std::uint64_t token) { listeners_.remove(token); }
 
 void UDisksBlockDeviceProvider::watch() {
     bool lost = false;
@@ -475,14 +457,14 @@ void UDisksBlockDeviceProvider::watch() {
             continue;
         }
         // Whatever happened while there was no connection is unknown.
-        if (lost) announce({});
+        if (lost) listeners_.announce({});
         lost = false;
         for (;;) {
             int r;
             while ((r = sd_bus_process(bus.get(), nullptr)) > 0) {
             }
             if (seen.everything || !seen.names.empty()) {
-                announce(seen.everything ? std::vector<std::string>{} : std::vector<std::string>(seen.names.begin(), seen.names.end()));
+                listeners_.announce(seen.everything ? std::vector<std::string>{} : std::vector<std::string>(seen.names.begin(), seen.names.end()));
                 seen = {};
             }
             if (r < 0) break;

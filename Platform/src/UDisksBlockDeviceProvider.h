@@ -27,12 +27,13 @@
 #include "SdBus.h"
 #include "UDisksObjects.h"
 
+#include "ChangeListenerRegistry.h"
+
 #include <qx/BlockDeviceProvider.h>
 #include <qx/UniqueFd.h>
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -84,15 +85,12 @@ private:
     BlockDeviceAnswer deleteLoop(const BlockDeviceDescription& loop, const std::vector<BlockDeviceDescription>& all);
 
     void watch();
-    void announce(const std::vector<std::string>& names);
 
     std::mutex poolMutex_;                 // guards idle_
     std::vector<sdbus::Bus> idle_;         // connections no call is using
 
-    std::mutex mutex_;                                 // guards listeners_, nextToken_, watcher_
-    std::recursive_mutex callMutex_;                   // held while listeners are called
-    std::map<std::uint64_t, ChangeListener> listeners_;
-    std::uint64_t nextToken_ = 1;
+    ChangeListenerRegistry listeners_;
+    std::mutex mutex_;                                 // guards watcher_
     UniqueFd stop_;                                    // an eventfd that ends the watch
     std::thread watcher_;
 };

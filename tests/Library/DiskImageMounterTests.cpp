@@ -1,5 +1,6 @@
 // DiskImageMounterTests.cpp - the mounter against a scripted stand-in for the
 // disk-image tool (tests/Support/hdiutil-standin.sh) on a real pseudo-terminal.
+#include "SharedMimeTestSupport.h"
 #include "TestSupport.h"
 
 #include <QXFoundation/QXDiskImageMounter.h>
@@ -272,14 +273,67 @@ TEST_F(DiskImageMounterAttached, ImageInfoAndDetachGoThroughTheDevices) {
 // ---- recognising images and choosing the tool ---------------------------------------
 
 TEST(DiskImageMounter, RecognisesImagesByExtension) {
+    qxtest::FakeMimeDatabase noTypes;  // the extension rules alone
     const std::pair<const char*, bool> cases[] = {
         {"file:///a/x.dmg", true},     {"file:///a/X.SparseBundle/", true}, {"file:///a/x.dmg.bin", true},
         {"file:///a/x.Img.BIN", true}, {"file:///a/x.bin", false},          {"file:///a/x.txt.bin", false},
-        {"file:///a/.dmg", false},     {"file:///a/dmg", false},            {"https://h/x.iso?y=1", true}};
+        {"file:///a/.dmg", false},     {"file:///a/dmg", false},            {"https://h/x.iso?y=1", true},
+        {"file:///a/x.qcow2", false}};
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(mounter()->isDiskImageAtURL(qx::URL::URLWithString(text)), expected) << text;
     ASSERT_EQ(mounter()->diskImageTypes()->count(), 18u);
     EXPECT_EQ(mounter()->diskImageTypes()->objectAtIndex(17)->description(), "image");
+}
+
+TEST(DiskImageMounter, RecognisesImagesByTheirMimeType) {
+    qxtest::FakeMimeDatabase database;
+    database.write(qxtest::FakeMimeDatabase::System, "globs2",
+                   "50:application/x-qemu-disk:*.qcow2\n"
+                   "50:application/x-virtualbox-vdi:*.vdi\n"  // named by its alias
+                   "50:application/x-iso9660-appimage:*.appimage\n"
+                   "50:application/x-raw-floppy-disk-image:*.fd\n"
+                   "50:application/x-raw-disk-image-xz-compressed:*.img.xz\n"
+                   "50:text/x-vhdl:*.vhd\n"
+                   "50:application/x-vhd-disk:*.vhd\n"
+                   "50:text/x-vhdl:*.vhdl\n"
+                   "50:application/vnd.squashfs:*.sqsh\n"
+                   "50:application/x-apple-diskimage:*.dmg\n"
+                   "50:application/x-mine:*.mine\n"
+                   "50:application/x-renamed-vmdk:*.rvmdk\n");
+    database.write(qxtest::FakeMimeDatabase::System, "aliases",
+                   "application/x-virtualbox-vdi application/x-vdi-disk\n"
+                   "application/x-vmdk-disk application/x-renamed-vmdk\n");  // a database that renamed one
+    database.write(qxtest::FakeMimeDatabase::System, "subclasses",
+                   "application/x-iso9660-appimage application/x-cd-image\n"
+                   "application/x-raw-floppy-disk-image application/x-raw-disk-image\n"
+                   "application/x-raw-disk-image-xz-compressed application/x-xz\n");
+    // The user's own: a type of theirs made a kind of disc.
+    database.write(qxtest::FakeMimeDatabase::User, "subclasses", "application/x-mine application/x-cd-image\n");
+    const std::pair<const char*, bool> cases[] = {
+        {"file:///a/b.qcow2", true},          {"file:///a/B.QCOW2", true},
+        {"https://h/p/b.qcow2?x=1", true},    {"file:///a/b.vdi", true},
+        {"file:///a/b.AppImage", true},       {"file:///a/b.fd", true},
+        {"file:///a/b.mine", true},           {"file:///a/b.vhd", true},  // or VHDL: the name cannot tell
+        {"file:///a/b.vhdl", false},          {"file:///a/disk.img.xz", false},
+        {"file:///a/b.sqsh", false},          {"file:///a/.dmg", true},  // the database's glob takes it
+        {"file:///a/b.qcow2.txt", false},     {"file:///a/", false},
+        {"file:///a/b.rvmdk", true},
+    };
+    for (const auto& [text, expected] : cases)
+        EXPECT_EQ(mounter()->isDiskImageAtURL(qx::URL::URLWithString(text)), expected) << text;
+}
+
+TEST(DiskImageMounter, RecognisesImagesByTheSystemsMimeDatabase) {
+    qxtest::ScopedEnvironment systemFolders({{"XDG_DATA_HOME", nullptr}, {"XDG_DATA_DIRS", nullptr}});
+    QXSharedMimeDatabase::resetShared();
+    const std::string globs = qxtest::readFile("/usr/share/mime/globs2");
+    QX_SKIP_OR_FAIL_UNLESS_EMPTY(globs.find(":*.qcow2") != std::string::npos
+                                     ? ""
+                                     : "no shared MIME database naming *.qcow2 (scripts/setup.sh installs it)");
+    EXPECT_TRUE(mounter()->isDiskImageAtURL(at("/images/disk.qcow2")));
+    EXPECT_TRUE(mounter()->isDiskImageAtURL(at("/images/disk.vmdk")));
+    EXPECT_FALSE(mounter()->isDiskImageAtURL(at("/images/notes.txt")));
+    QXSharedMimeDatabase::resetShared();
 }
 
 TEST(DiskImageMounter, ToolPathPrecedence) {

@@ -35,14 +35,6 @@ const std::string kHeader = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                             "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
                             "<plist version=\"1.0\">\n";
 
-struct Read { Ref<Object> value; Ref<Error> error; Log log; };
-Read readXML(const std::string& text) {
-    ScopedLogCapture capture;
-    Read r;
-    r.value = PLS::XMLPropertyListWithData(Data::withString(text), &r.error);
-    r.log = capture.lines();
-    return r;
-}
 std::string doc(const std::string& body, const std::string& version = "version=\"1.0\"") {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist " + version + ">" + body + "</plist>";
 }

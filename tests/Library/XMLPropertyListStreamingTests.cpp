@@ -4,28 +4,21 @@
 
 #include <QXFoundation/QXPropertyListSerialization.h>
 
+#include "PlistFixtures.h"
 #include "TestSupport.h"
 
 #include <qx/Array.h>
 #include <qx/Dictionary.h>
-#include <qx/Log.h>
 #include <qx/Number.h>
 #include <qx/String.h>
 
 using namespace qx;
 using namespace qxtest;
+using namespace plisttest;
 using PLS = QXPropertyListSerialization;
 
 namespace {
 
-struct Read { Ref<Object> value; Ref<Error> error; std::vector<std::string> log; };
-Read readXML(const std::string& text) {
-    ScopedLogCapture capture;
-    Read r;
-    r.value = PLS::XMLPropertyListWithData(Data::withString(text), &r.error);
-    r.log = capture.lines();
-    return r;
-}
 const std::string kPlist = "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">";
 
 } // namespace

@@ -35,16 +35,6 @@ inline std::string missingLoopPrerequisite() {
     return {};
 }
 
-#define QX_SKIP_OR_FAIL_UNLESS_EMPTY(reason)                                                      \
-    do {                                                                                           \
-        const std::string why = (reason);                                                          \
-        if (!why.empty()) {                                                                        \
-            const char* ci = std::getenv("CI");                                                    \
-            if (ci && std::string(ci) == "true") FAIL() << why;                                    \
-            GTEST_SKIP() << why;                                                                   \
-        }                                                                                          \
-    } while (0)
-
 #define QX_REQUIRE_LOOP_DEVICES() QX_SKIP_OR_FAIL_UNLESS_EMPTY(::qxtest::missingLoopPrerequisite())
 
 // The provider a device test runs through: "direct" or "udisks" (nothing

@@ -5,8 +5,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include <QXFoundation/QXPropertyListSerialization.h>
+
 #include <qx/Array.h>
 #include <qx/Dictionary.h>
+#include <qx/Log.h>
 #include <qx/String.h>
 
 #include <ctime>
@@ -18,6 +21,14 @@ namespace plisttest {
 using qxtest::readFile;
 
 Ref<Data> fixture(const std::string& name) { return Data::withString(readFile(QX_PLIST_TESTDATA_DIR "/" + name)); }
+
+XMLRead readXML(const std::string& text) {
+    ScopedLogCapture capture;
+    XMLRead read;
+    read.value = QXPropertyListSerialization::XMLPropertyListWithData(Data::withString(text), &read.error);
+    read.log = capture.lines();
+    return read;
+}
 
 Ref<Dictionary> dict(std::initializer_list<std::pair<const char*, Ref<Object>>> entries) {
     auto d = Dictionary::create();

@@ -23,6 +23,15 @@ std::vector<FixtureEntry> fixtures(std::string_view format);
 /// its description string.
 qx::Ref<qx::Object> asText(const qx::Ref<qx::Object>& value);
 
+/// What one XML read gives: the value, the error, and the log lines it wrote.
+struct XMLRead {
+    qx::Ref<qx::Object> value;
+    qx::Ref<qx::Error> error;
+    std::vector<std::string> log;
+};
+/// Reads text as an XML property list, capturing the log lines of that read alone.
+XMLRead readXML(const std::string& text);
+
 /// A dictionary of the given entries.
 qx::Ref<qx::Dictionary> dict(std::initializer_list<std::pair<const char*, qx::Ref<qx::Object>>> entries);
 

@@ -206,3 +206,15 @@ inline ::testing::AssertionResult isError(const qx::Ref<qx::Error>& error, const
 } // namespace qxtest
 
 #define EXPECT_QX_ERROR(error, domain, code) EXPECT_TRUE(::qxtest::isError((error), (domain), (code)))
+
+// Skips the test with reason when reason is not empty, except when CI=true,
+// where what the machine lacks is a failure.
+#define QX_SKIP_OR_FAIL_UNLESS_EMPTY(reason)                                                      \
+    do {                                                                                           \
+        const std::string why = (reason);                                                          \
+        if (!why.empty()) {                                                                        \
+            const char* ci = std::getenv("CI");                                                    \
+            if (ci && std::string(ci) == "true") FAIL() << why;                                    \
+            GTEST_SKIP() << why;                                                                   \
+        }                                                                                          \
+    } while (0)
