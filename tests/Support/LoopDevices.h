@@ -90,6 +90,13 @@ public:
         return path;
     }
 
+    // Whether the device called name is still bound to a file of this
+    // folder. Not by its number alone: once detached, the number may be
+    // another test's device.
+    bool holds(const std::string& name) const {
+        return readFile("/sys/class/block/" + name + "/loop/backing_file").rfind(dir_.path().string() + "/", 0) == 0;
+    }
+
     // Attaches path through the provider (partitions announced); the device's name.
     std::string attach(const std::string& path) {
         qx::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
