@@ -7,6 +7,7 @@
 // LoopDevices is unmounted and detached when it goes, by device.
 #pragma once
 
+#include "MountTable.h"
 #include "TestSupport.h"
 
 #include <qx/BlockDeviceProvider.h>
@@ -109,17 +110,9 @@ public:
 
     // Unmounts whatever is mounted from the device or its partitions and detaches it.
     static void detach(const std::string& name) {
-        std::ifstream mountinfo("/proc/self/mountinfo");
         std::vector<std::string> points;
-        for (std::string line; std::getline(mountinfo, line);) {
-            std::istringstream fields(line);
-            std::string word, point, source;
-            for (int i = 0; i < 5 && fields >> word; ++i) point = word;
-            while (fields >> word && word != "-") {
-            }
-            fields >> word >> source;
-            if (source == "/dev/" + name || source.rfind("/dev/" + name + "p", 0) == 0) points.push_back(unescape(point));
-        }
+        for (const auto& mount : mountTable())
+            if (mount.source == "/dev/" + name || mount.source.rfind("/dev/" + name + "p", 0) == 0) points.push_back(mount.point);
         for (auto it = points.rbegin(); it != points.rend(); ++it) {
             ::umount2(it->c_str(), MNT_DETACH);
             // The folders the providers made for their mounts (the daemon's are under /media).
@@ -130,20 +123,6 @@ public:
     }
 
 private:
-    // The mount table writes space, tab, newline and backslash as \ooo.
-    static std::string unescape(const std::string& field) {
-        std::string out;
-        for (std::size_t i = 0; i < field.size(); ++i) {
-            if (field[i] == '\\' && i + 3 < field.size()) {
-                out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
-                i += 3;
-            } else {
-                out += field[i];
-            }
-        }
-        return out;
-    }
-
     static void run(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
     qx::Ref<qx::BlockDeviceProvider> provider_;

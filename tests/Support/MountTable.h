@@ -4,29 +4,55 @@
 
 #include "TestSupport.h"
 
+#include <optional>
 #include <sstream>
 #include <sys/types.h>
 
 namespace qxtest {
 
 struct MountEntry {
-    std::string type;    // "ext4", "fuse", "fuse.fuseiso"
+    std::string point;   // unescaped
     std::string options; // the mount's own: "ro,nosuid,..."
+    std::string type;    // "ext4", "fuse", "fuse.fuseiso"
+    std::string source;  // "/dev/loop3p1", "fuseiso"
 };
 
-// The mount at point in this process's mount table (mountinfo: id parent dev root point options ... - type source super).
-inline std::optional<MountEntry> mountAt(const std::string& point) {
+// The mount table writes space, tab, newline and backslash as \ooo.
+inline std::string unescapeMountField(const std::string& field) {
+    std::string out;
+    for (std::size_t i = 0; i < field.size(); ++i) {
+        if (field[i] == '\\' && i + 3 < field.size()) {
+            out += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+            i += 3;
+        } else {
+            out += field[i];
+        }
+    }
+    return out;
+}
+
+// This process's mount table, in its order (mountinfo: id parent dev root point options ... - type source super).
+inline std::vector<MountEntry> mountTable() {
+    std::vector<MountEntry> entries;
     std::ifstream mountinfo("/proc/self/mountinfo");
     for (std::string line; std::getline(mountinfo, line);) {
         std::istringstream fields(line);
-        std::string id, parent, device, root, at, options, word;
-        if (!(fields >> id >> parent >> device >> root >> at >> options) || at != point) continue;
+        std::string id, parent, device, root, point, word;
+        MountEntry entry;
+        if (!(fields >> id >> parent >> device >> root >> point >> entry.options)) continue;
         while (fields >> word && word != "-") {
         }
-        MountEntry entry{"", options};
-        fields >> entry.type;
-        return entry;
+        fields >> entry.type >> entry.source;
+        entry.point = unescapeMountField(point);
+        entries.push_back(std::move(entry));
     }
+    return entries;
+}
+
+// The mount at point, if any.
+inline std::optional<MountEntry> mountAt(const std::string& point) {
+    for (auto& entry : mountTable())
+        if (entry.point == point) return std::move(entry);
     return std::nullopt;
 }
 

@@ -60,13 +60,6 @@ protected:
         if (entities && entities->count() > 0) attached_.push_back(field(entities->objectAtIndex(0), "dev-entry").substr(5));
         return entities ? entities : qx::Array::create();
     }
-    std::string ext4Image(const std::string& name, const std::string& contents, bool gpt = false) const {
-        return sandbox_.ext4Image(name, contents, gpt);
-    }
-    static std::string udif(const std::string& raw, QXDiskImageFormat format, const std::optional<std::string>& license = {}) {
-        return DiskImageToolSandbox::udif(raw, format, license);
-    }
-
     DiskImageToolSandbox sandbox_{dir()};
     std::vector<std::string> attached_;
     std::error_code ignored_;
@@ -85,8 +78,8 @@ class HdiutilAttach : public HdiutilTool, public ::testing::WithParamInterface<A
 TEST_P(HdiutilAttach, MountsReadsBackListsAndDetaches) {
     const auto& c = GetParam();
     const std::string contents = "put in " + newUUID() + "\n";
-    std::string image = ext4Image("disk.img", contents, c.gpt);
-    if (c.format) image = udif(image, *c.format);
+    std::string image = sandbox_.ext4Image("disk.img", contents, c.gpt);
+    if (c.format) image = DiskImageToolSandbox::udif(image, *c.format);
     const auto entities = attach(image);
     ASSERT_EQ(entities->count(), c.gpt ? 3u : 1u);
     EXPECT_EQ(field(entities->objectAtIndex(0), "content-hint"), c.firstHint);
@@ -127,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(Images, HdiutilAttach,
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HdiutilTool, LicenseAnsweredOnTheConsole) {
-    const std::string image = udif(ext4Image("licensed.img", "x"), QXDiskImageFormat::UDZO, "Use it kindly.");
+    const std::string image = DiskImageToolSandbox::udif(sandbox_.ext4Image("licensed.img", "x"), QXDiskImageFormat::UDZO, "Use it kindly.");
     // Declined or unanswered (no console: standard error and standard input).
     for (const char* answer : {"n\n", "", "maybe\n"}) {
         const auto run = tool({"attach", "-plist", image}, input("answer", toBytes(std::string(answer))), "setsid -w");
@@ -168,7 +161,7 @@ TEST_F(HdiutilTool, LicenseAnsweredOnTheConsole) {
 
 TEST_F(HdiutilTool, BusyDetachLeavesEverythingAttached) {
     // The busy file system is the first partition, which a detach would unmount last.
-    const auto entities = attach(ext4Image("busy.img", "busy", true));
+    const auto entities = attach(sandbox_.ext4Image("busy.img", "busy", true));
     ASSERT_EQ(entities->count(), 3u);
     const std::string device = field(entities->objectAtIndex(0), "dev-entry");
     auto inside = qx::Process::create("/bin/sleep", {"60"});
@@ -187,7 +180,7 @@ TEST_F(HdiutilTool, BusyDetachLeavesEverythingAttached) {
 }
 
 TEST_F(HdiutilTool, DecodedOnceWhileTheImageIsUnchanged) {
-    const std::string image = udif(ext4Image("cached.img", "c"), QXDiskImageFormat::UDZO);
+    const std::string image = DiskImageToolSandbox::udif(sandbox_.ext4Image("cached.img", "c"), QXDiskImageFormat::UDZO);
     const auto cacheFiles = [&] {
         std::map<std::string, ino_t> files;
         for (const auto& entry : std::filesystem::directory_iterator(dir() / "cache")) {
@@ -283,7 +276,7 @@ TEST_P(HdiutilFuse, MountsReadOnlyAndDetachLeavesNoServer) {
     std::string label = "QX" + newUUID().substr(0, 8), contents = "on a disc " + newUUID() + "\n";
     std::transform(label.begin(), label.end(), label.begin(), [](unsigned char ch) { return static_cast<char>(std::toupper(ch)); });
     std::string image = c.apfs ? sandbox_.apfsImage("volume.img") : sandbox_.isoImage("disc.iso", label, contents);
-    if (c.format) image = udif(image, *c.format);
+    if (c.format) image = DiskImageToolSandbox::udif(image, *c.format);
     std::string path;
     if (c.lingering) {
         std::filesystem::create_directories(dir() / "bin");
@@ -374,7 +367,7 @@ TEST_P(HdiutilCacheTrim, LeastRecentlyUsedUnusedFilesGoFirst) {
     const auto& c = GetParam();
     std::map<char, std::string> images;
     for (const char letter : {'a', 'b', 'd'})
-        images[letter] = udif(ext4Image(std::string(1, letter) + ".img", std::string(1, letter)), QXDiskImageFormat::UDZO);
+        images[letter] = DiskImageToolSandbox::udif(sandbox_.ext4Image(std::string(1, letter) + ".img", std::string(1, letter)), QXDiskImageFormat::UDZO);
     images['c'] = dir() / "c.dmg";
     std::filesystem::copy_file(images['a'], images['c']);
 
@@ -419,7 +412,7 @@ INSTANTIATE_TEST_SUITE_P(Budgets, HdiutilCacheTrim,
 
 TEST_F(HdiutilTool, RemoteImageReadByRanges) {
     const std::string contents = "from afar\n";
-    HttpTestServer server(readBytes(udif(ext4Image("remote.img", contents), QXDiskImageFormat::UDZO)));
+    HttpTestServer server(readBytes(DiskImageToolSandbox::udif(sandbox_.ext4Image("remote.img", contents), QXDiskImageFormat::UDZO)));
     const auto entities = attach(server.url(HttpTestServer::RangesPath));
     ASSERT_EQ(entities->count(), 1u);
     EXPECT_EQ(readFile(std::filesystem::path(field(entities->objectAtIndex(0), "mount-point")) / "file.txt"), contents);
